@@ -59,12 +59,12 @@ extern "C" {
 #define ZEL_RESP_HDR_SIZE 268  /* the response header; a response body begins right after it */
 
 /* Where requests go, and how. */
-#define ZEL_KOB_DEST_NODE 0xfe000000u     /* destination node address */
-#define ZEL_KOB_SAP 487u                  /* destination service access point */
-#define ZEL_KOB_OPC_REQUEST 0x1cc02u      /* opcode of a plain message */
-#define ZEL_KOB_OPC_MP_REQUEST 0x1cc04u   /* opcode of a multi-part message */
-#define ZEL_KOB_MP_THRESHOLD 120832u      /* largest message that is sent plainly */
-#define ZEL_KOB_NO_TRANSPORT 1u           /* kob_handle of a caller that cannot send */
+#define ZEL_KOB_DEST_NODE 0xfe000000u   /* destination node address */
+#define ZEL_KOB_SAP 487u                /* destination service access point */
+#define ZEL_KOB_OPC_REQUEST 0x1cc02u    /* opcode of a plain message */
+#define ZEL_KOB_OPC_MP_REQUEST 0x1cc04u /* opcode of a multi-part message */
+#define ZEL_KOB_MP_THRESHOLD 120832u    /* largest message that is sent plainly */
+#define ZEL_KOB_NO_TRANSPORT 1u         /* kob_handle of a caller that cannot send */
 
 /* The library's space at the trace facility. */
 #define ZEL_TRACE_MODULE_ID 0x730000u
@@ -80,15 +80,15 @@ enum {
 
 /* What send_to_zel() returns. */
 enum {
-    ZEL_SEND_DONE = 1,             /* a send was attempted; the result slot tells how it went */
-    ZEL_SEND_ERR_NO_MEMORY = 7,    /* the message buffer could not be allocated */
-    ZEL_SEND_ERR_NO_TRANSPORT = 9  /* kob_handle is ZEL_KOB_NO_TRANSPORT */
+    ZEL_SEND_DONE = 1,            /* a send was attempted; the result slot tells how it went */
+    ZEL_SEND_ERR_NO_MEMORY = 7,   /* the message buffer could not be allocated */
+    ZEL_SEND_ERR_NO_TRANSPORT = 9 /* kob_handle is ZEL_KOB_NO_TRANSPORT */
 };
 
 /* What compress_mat() returns. */
 enum {
-    ZEL_COMPRESS_DONE = 0,  /* dealt with as a reference */
-    ZEL_COMPRESS_WHOLE = 3  /* the caller writes or counts the object whole */
+    ZEL_COMPRESS_DONE = 0, /* dealt with as a reference */
+    ZEL_COMPRESS_WHOLE = 3 /* the caller writes or counts the object whole */
 };
 
 /* ------------------------------------------------------------------------
@@ -441,10 +441,10 @@ typedef struct ravl_tree {
 
 /* The handle.  Filled by zel_api_init(); nothing has to be torn down. */
 typedef struct {
-    uint32_t app_type;     /* row of the platform's g_applications; sent in every header */
-    uint32_t kob_handle;   /* transport handle, or ZEL_KOB_NO_TRANSPORT */
-    uint32_t debug;        /* non-zero: reports also go to the trace facility */
-    zel_trace_cb_t err_cb; /* trace id 102; each of the three may be null */
+    uint32_t app_type;      /* row of the platform's g_applications; sent in every header */
+    uint32_t kob_handle;    /* transport handle, or ZEL_KOB_NO_TRANSPORT */
+    uint32_t debug;         /* non-zero: reports also go to the trace facility */
+    zel_trace_cb_t err_cb;  /* trace id 102; each of the three may be null */
     zel_trace_cb_t warn_cb; /* trace id 103 */
     zel_trace_cb_t dbg_cb;  /* trace ids 104 and 105 */
     ravl_tree_t mat_cache;  /* object cache; empty between messages */
@@ -458,9 +458,8 @@ ZEL_EXPORT extern zel_api_handle_t zel_api_handle;
  * application type, unlike in the record.  Stores what it is given, unchecked.
  * Returns what the platform's ravl_init() returns.
  */
-ZEL_EXPORT int32_t zel_api_init(zel_api_handle_t *handle, uint32_t debug, uint32_t app_type,
-                                uint32_t kob_handle, zel_trace_cb_t err_cb, zel_trace_cb_t warn_cb,
-                                zel_trace_cb_t dbg_cb);
+ZEL_EXPORT int32_t zel_api_init(zel_api_handle_t *handle, uint32_t debug, uint32_t app_type, uint32_t kob_handle,
+                                zel_trace_cb_t err_cb, zel_trace_cb_t warn_cb, zel_trace_cb_t dbg_cb);
 
 /* A hook for event loops; there is nothing to handle.  Returns 0. */
 ZEL_EXPORT int32_t zel_event_handling(void);
@@ -478,49 +477,41 @@ ZEL_EXPORT int32_t zel_event_handling(void);
  * is the caller's transport message record, passed to the transport.
  * ------------------------------------------------------------------------ */
 
-ZEL_EXPORT uint32_t zel_policy_list_update(zel_api_handle_t *handle, const zel_policy_list_t *list,
-                                           uint32_t op_code, void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_list_update(zel_api_handle_t *handle, const zel_policy_list_t *list, uint32_t op_code,
+                                           void *kob_msg);
 
 /* The header's policy id is the policy's own id. */
-ZEL_EXPORT uint32_t zel_policy_update(zel_api_handle_t *handle, const zel_policy_t *policy,
-                                      uint32_t op_code, void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_update(zel_api_handle_t *handle, const zel_policy_t *policy, uint32_t op_code,
+                                      void *kob_msg);
 
-ZEL_EXPORT uint32_t zel_policy_update_match_action_pair_group(
-    zel_api_handle_t *handle, uint16_t policy_id, const zel_match_action_pair_grp_t *group,
-    uint32_t op_code, void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_update_match_action_pair_group(zel_api_handle_t *handle, uint16_t policy_id,
+                                                              const zel_match_action_pair_grp_t *group,
+                                                              uint32_t op_code, void *kob_msg);
 
-ZEL_EXPORT uint32_t zel_policy_update_match_action_pair(zel_api_handle_t *handle,
-                                                        uint16_t policy_id,
-                                                        const zel_match_action_pair_t *pair,
-                                                        uint32_t op_code, void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_update_match_action_pair(zel_api_handle_t *handle, uint16_t policy_id,
+                                                        const zel_match_action_pair_t *pair, uint32_t op_code,
+                                                        void *kob_msg);
 
 ZEL_EXPORT uint32_t zel_policy_update_match_group(zel_api_handle_t *handle, uint16_t policy_id,
-                                                  const zel_match_grp_t *group, uint32_t op_code,
-                                                  void *kob_msg);
+                                                  const zel_match_grp_t *group, uint32_t op_code, void *kob_msg);
 
 ZEL_EXPORT uint32_t zel_policy_update_action_group(zel_api_handle_t *handle, uint16_t policy_id,
-                                                   const zel_action_grp_t *group, uint32_t op_code,
-                                                   void *kob_msg);
+                                                   const zel_action_grp_t *group, uint32_t op_code, void *kob_msg);
 
-ZEL_EXPORT uint32_t zel_policy_update_match(zel_api_handle_t *handle, uint16_t policy_id,
-                                            const zel_match_t *match, uint32_t op_code,
-                                            void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_update_match(zel_api_handle_t *handle, uint16_t policy_id, const zel_match_t *match,
+                                            uint32_t op_code, void *kob_msg);
 
-ZEL_EXPORT uint32_t zel_policy_update_action(zel_api_handle_t *handle, uint16_t policy_id,
-                                             const zel_action_t *action, uint32_t op_code,
-                                             void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_update_action(zel_api_handle_t *handle, uint16_t policy_id, const zel_action_t *action,
+                                             uint32_t op_code, void *kob_msg);
 
 ZEL_EXPORT uint32_t zel_policy_update_interface_group(zel_api_handle_t *handle, uint16_t policy_id,
-                                                      const zel_if_group_t *if_group,
-                                                      uint32_t op_code, void *kob_msg);
+                                                      const zel_if_group_t *if_group, uint32_t op_code, void *kob_msg);
 
 /* The message is the header alone: policy_id names the policy. */
-ZEL_EXPORT uint32_t zel_policy_delete(zel_api_handle_t *handle, uint16_t policy_id,
-                                      uint32_t op_code, void *kob_msg);
+ZEL_EXPORT uint32_t zel_policy_delete(zel_api_handle_t *handle, uint16_t policy_id, uint32_t op_code, void *kob_msg);
 
 /* Always sends policy id 0 and op_code 3. */
-ZEL_EXPORT uint32_t zel_stats_pull(zel_api_handle_t *handle, const zel_stat_request_t *stat_request,
-                                   void *kob_msg);
+ZEL_EXPORT uint32_t zel_stats_pull(zel_api_handle_t *handle, const zel_stat_request_t *stat_request, void *kob_msg);
 
 /* ------------------------------------------------------------------------
  * Message assembly
@@ -538,32 +529,30 @@ ZEL_EXPORT uint32_t zel_stats_pull(zel_api_handle_t *handle, const zel_stat_requ
  * ZEL_SEND_ERR_NO_TRANSPORT or ZEL_SEND_ERR_NO_MEMORY.  Elements that could not
  * be written and refusals by the transport are reported to err_cb.
  */
-ZEL_EXPORT uint32_t send_to_zel(uint32_t *result, uint32_t api_type, zel_api_handle_t *handle,
-                                uint16_t policy_id, const void *obj, uint32_t op_code,
-                                void *kob_msg);
+ZEL_EXPORT uint32_t send_to_zel(uint32_t *result, uint32_t api_type, zel_api_handle_t *handle, uint16_t policy_id,
+                                const void *obj, uint32_t op_code, void *kob_msg);
 
 /* The MAT type of the object that a request kind carries; ZEL_MAT_TYPE_NONE for unknown kinds. */
 ZEL_EXPORT uint32_t get_mat_obj_type(uint32_t api_type);
 
 /* Encoded size of a graph, without header.  Leaves the handle's cache empty. */
-ZEL_EXPORT uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type,
-                                             uint32_t mat_type, const void *obj);
+ZEL_EXPORT uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
+                                             const void *obj);
 
 /*
  * Appends a graph to the TLV array in buffer, whose capacity is given in bytes.
  * Returns what traverse_mat_obj() returns; failed writes are only reported.
  */
-ZEL_EXPORT uint32_t assemble_mat_obj_for_kob(zel_api_handle_t *handle, uint32_t app_type,
-                                             void *buffer, uint32_t capacity, uint32_t mat_type,
-                                             const void *obj);
+ZEL_EXPORT uint32_t assemble_mat_obj_for_kob(zel_api_handle_t *handle, uint32_t app_type, void *buffer,
+                                             uint32_t capacity, uint32_t mat_type, const void *obj);
 
 /*
  * Releases everything that a root record owns, bottom-up, and nulls the released
  * pointers.  The root itself stays the caller's; free() it if it was allocated.
  * This frees a client's graph and a graph that parse_mat_obj_from_kob() returned.
  */
-ZEL_EXPORT uint32_t free_contained_mat_obj_mem(zel_api_handle_t *handle, uint32_t app_type,
-                                               uint32_t mat_type, void *obj);
+ZEL_EXPORT uint32_t free_contained_mat_obj_mem(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
+                                               void *obj);
 
 /* ------------------------------------------------------------------------
  * Responses, and a first look at requests
@@ -609,13 +598,12 @@ ZEL_EXPORT uint32_t zel_get_api_type(void *kob_msg);
  * platform's status, reported to err_cb with field_name; the array is then as
  * the platform left it.
  */
-ZEL_EXPORT int32_t tlv_add_element(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                   uint16_t element_id, uint16_t length, const void *value,
-                                   const char *field_name);
+ZEL_EXPORT int32_t tlv_add_element(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size, uint16_t element_id,
+                                   uint16_t length, const void *value, const char *field_name);
 
 /* Append the start or end marker of a MAT type; types without markers are reported to err_cb. */
-ZEL_EXPORT void zel_add_tlv_struct_start(zel_api_handle_t *handle, uint32_t mat_type,
-                                         void *tlv_array, uint32_t array_size);
+ZEL_EXPORT void zel_add_tlv_struct_start(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array,
+                                         uint32_t array_size);
 ZEL_EXPORT void zel_add_tlv_struct_end(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array,
                                        uint32_t array_size);
 
@@ -640,15 +628,13 @@ ZEL_EXPORT extern uint32_t ddb_kobops_ix_t;
 
 ZEL_EXPORT uint32_t zel_kob_header_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_stat_request_entry_get_tlv_sz(void);
-ZEL_EXPORT uint32_t zel_stat_request_get_tlv_sz(const zel_stat_request_t *record,
-                                                uint32_t app_type);
+ZEL_EXPORT uint32_t zel_stat_request_get_tlv_sz(const zel_stat_request_t *record, uint32_t app_type);
 ZEL_EXPORT uint32_t zel_action_set_vrf_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_action_nat_rewrite_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_l3_redirect_ipv4_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_l2_redirect_ipv4_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_action_label_param_get_tlv_sz(void);
-ZEL_EXPORT uint32_t zel_action_param_redirect_get_tlv_sz(const zel_action_param_redirect_t *record,
-                                                         uint32_t app_type);
+ZEL_EXPORT uint32_t zel_action_param_redirect_get_tlv_sz(const zel_action_param_redirect_t *record, uint32_t app_type);
 ZEL_EXPORT uint32_t zel_action_lisp_decapsulation_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_if_element_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_if_group_get_tlv_sz(const zel_if_group_t *record, uint32_t app_type);
@@ -658,28 +644,22 @@ ZEL_EXPORT uint32_t zel_match_exp_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_match_arp_opcode_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_match_eth_proto_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_match_service_element_get_tlv_sz(void);
-ZEL_EXPORT uint32_t zel_match_service_get_tlv_sz(const zel_match_service_t *record,
-                                                 uint32_t app_type);
+ZEL_EXPORT uint32_t zel_match_service_get_tlv_sz(const zel_match_service_t *record, uint32_t app_type);
 ZEL_EXPORT uint32_t zel_match_label_get_tlv_sz(void);
 ZEL_EXPORT uint32_t zel_match_acl_get_tlv_sz(void);
-ZEL_EXPORT uint32_t zel_action_get_tlv_sz(zel_api_handle_t *handle, const zel_action_t *record,
-                                          uint32_t app_type);
-ZEL_EXPORT uint32_t zel_action_grp_get_tlv_sz(zel_api_handle_t *handle,
-                                              const zel_action_grp_t *record, uint32_t app_type);
-ZEL_EXPORT uint32_t zel_match_get_tlv_sz(zel_api_handle_t *handle, const zel_match_t *record,
-                                         uint32_t app_type);
-ZEL_EXPORT uint32_t zel_match_grp_get_tlv_sz(zel_api_handle_t *handle,
-                                             const zel_match_grp_t *record, uint32_t app_type);
-ZEL_EXPORT uint32_t zel_match_action_pair_get_tlv_sz(zel_api_handle_t *handle,
-                                                     const zel_match_action_pair_t *record,
+ZEL_EXPORT uint32_t zel_action_get_tlv_sz(zel_api_handle_t *handle, const zel_action_t *record, uint32_t app_type);
+ZEL_EXPORT uint32_t zel_action_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_action_grp_t *record,
+                                              uint32_t app_type);
+ZEL_EXPORT uint32_t zel_match_get_tlv_sz(zel_api_handle_t *handle, const zel_match_t *record, uint32_t app_type);
+ZEL_EXPORT uint32_t zel_match_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_match_grp_t *record,
+                                             uint32_t app_type);
+ZEL_EXPORT uint32_t zel_match_action_pair_get_tlv_sz(zel_api_handle_t *handle, const zel_match_action_pair_t *record,
                                                      uint32_t app_type);
 ZEL_EXPORT uint32_t zel_match_action_pair_grp_get_tlv_sz(zel_api_handle_t *handle,
-                                                         const zel_match_action_pair_grp_t *record,
-                                                         uint32_t app_type);
-ZEL_EXPORT uint32_t zel_policy_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_t *record,
-                                          uint32_t app_type);
-ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle,
-                                               const zel_policy_list_t *record, uint32_t app_type);
+                                                         const zel_match_action_pair_grp_t *record, uint32_t app_type);
+ZEL_EXPORT uint32_t zel_policy_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_t *record, uint32_t app_type);
+ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_list_t *record,
+                                               uint32_t app_type);
 
 /* ------------------------------------------------------------------------
  * Encoders
@@ -694,96 +674,69 @@ ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle,
  * not synchronised.
  * ------------------------------------------------------------------------ */
 
-ZEL_EXPORT int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                             uint32_t array_size, const zel_kob_header_t *record);
-ZEL_EXPORT int32_t zel_add_stat_request_entry_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                     uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                             const zel_kob_header_t *record);
+ZEL_EXPORT int32_t zel_add_stat_request_entry_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                      const zel_stat_request_entry_t *record);
 /* app_type is accepted and not used here, nor by the three below that say so. */
-ZEL_EXPORT int32_t zel_add_stat_request_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                               uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_stat_request_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                const zel_stat_request_t *record, uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_action_set_vrf_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                 uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_action_set_vrf_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                  const zel_action_set_vrf_t *record);
-ZEL_EXPORT int32_t zel_add_action_nat_rewrite_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                     uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_action_nat_rewrite_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                      const zel_action_nat_rewrite_t *record);
-ZEL_EXPORT int32_t zel_add_l3_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                   uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_l3_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_l3_redirect_ipv4_t *record);
-ZEL_EXPORT int32_t zel_add_l2_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                   uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_l2_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_l2_redirect_ipv4_t *record);
-ZEL_EXPORT int32_t zel_add_action_label_param_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                     uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_action_label_param_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                      const zel_action_label_param_t *record);
 /* app_type is not used. */
-ZEL_EXPORT int32_t zel_add_action_param_redirect_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                        uint32_t array_size,
-                                                        const zel_action_param_redirect_t *record,
-                                                        uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_action_lisp_decapsulation_to_tlv(
-    zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-    const zel_action_lisp_decapsulation_t *record);
-ZEL_EXPORT int32_t zel_add_action_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                         uint32_t array_size, const zel_action_t *record,
-                                         uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_action_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                             uint32_t array_size, const zel_action_grp_t *record,
-                                             uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_if_element_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                             uint32_t array_size, const zel_if_element_t *record);
+ZEL_EXPORT int32_t zel_add_action_param_redirect_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                        const zel_action_param_redirect_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_action_lisp_decapsulation_to_tlv(zel_api_handle_t *handle, void *tlv_array,
+                                                            uint32_t array_size,
+                                                            const zel_action_lisp_decapsulation_t *record);
+ZEL_EXPORT int32_t zel_add_action_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                         const zel_action_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_action_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                             const zel_action_grp_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_if_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                             const zel_if_element_t *record);
 /* app_type is not used. */
-ZEL_EXPORT int32_t zel_add_if_group_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                           uint32_t array_size, const zel_if_group_t *record,
-                                           uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_match_lisp_inst_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                  uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_if_group_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                           const zel_if_group_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_match_lisp_inst_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                   const zel_match_lisp_inst_t *record);
-ZEL_EXPORT int32_t zel_add_match_lisp_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                   uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_match_lisp_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_match_lisp_proto_t *record);
-ZEL_EXPORT int32_t zel_add_match_exp_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                            uint32_t array_size, const zel_match_exp_t *record);
-ZEL_EXPORT int32_t zel_add_match_arp_opcode_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                   uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_match_exp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                            const zel_match_exp_t *record);
+ZEL_EXPORT int32_t zel_add_match_arp_opcode_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_match_arp_opcode_t *record);
-ZEL_EXPORT int32_t zel_add_match_eth_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                  uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_match_eth_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                   const zel_match_eth_proto_t *record);
-ZEL_EXPORT int32_t zel_add_match_service_element_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                        uint32_t array_size,
+ZEL_EXPORT int32_t zel_add_match_service_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                         const zel_match_service_element_t *record);
 /* app_type is not used. */
-ZEL_EXPORT int32_t zel_add_match_service_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                uint32_t array_size,
-                                                const zel_match_service_t *record,
-                                                uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_match_label_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                              uint32_t array_size, const zel_match_label_t *record);
-ZEL_EXPORT int32_t zel_add_match_acl_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                            uint32_t array_size, const zel_match_acl_t *record);
-ZEL_EXPORT int32_t zel_add_match_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                        uint32_t array_size, const zel_match_t *record,
-                                        uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_match_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                            uint32_t array_size, const zel_match_grp_t *record,
-                                            uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_match_action_pair_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                    uint32_t array_size,
-                                                    const zel_match_action_pair_t *record,
-                                                    uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_match_action_pair_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                        uint32_t array_size,
-                                                        const zel_match_action_pair_grp_t *record,
-                                                        uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_policy_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                         uint32_t array_size, const zel_policy_t *record,
-                                         uint32_t app_type);
-ZEL_EXPORT int32_t zel_add_policy_list_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                              uint32_t array_size, const zel_policy_list_t *record,
-                                              uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_match_service_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                const zel_match_service_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_match_label_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                              const zel_match_label_t *record);
+ZEL_EXPORT int32_t zel_add_match_acl_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                            const zel_match_acl_t *record);
+ZEL_EXPORT int32_t zel_add_match_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                        const zel_match_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_match_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                            const zel_match_grp_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_match_action_pair_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                    const zel_match_action_pair_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_match_action_pair_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                        const zel_match_action_pair_grp_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_policy_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                         const zel_policy_t *record, uint32_t app_type);
+ZEL_EXPORT int32_t zel_add_policy_list_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                              const zel_policy_list_t *record, uint32_t app_type);
 
 /*
  * Decides whether a match or action is written whole or as a reference, and in
@@ -794,9 +747,8 @@ ZEL_EXPORT int32_t zel_add_policy_list_to_tlv(zel_api_handle_t *handle, void *tl
  * ZEL_COMPRESS_DONE or ZEL_COMPRESS_WHOLE; unknown MAT types, and unknown modes
  * for a repeated object, are reported to err_cb and give the latter.
  */
-ZEL_EXPORT uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size,
-                                 uint32_t mat_type, const void *record, uint32_t mode,
-                                 uint32_t app_type);
+ZEL_EXPORT uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size, uint32_t mat_type,
+                                 const void *record, uint32_t mode, uint32_t app_type);
 
 /* ------------------------------------------------------------------------
  * Traversal
@@ -814,43 +766,34 @@ ZEL_EXPORT uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint
  * or 1 for a MAT type that cannot be traversed as a root (1, 2, 4, 6, 15 and
  * above), silently.
  */
-ZEL_EXPORT uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                     uint32_t mat_type, void *obj, uint32_t app, uint32_t mode);
+ZEL_EXPORT uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, uint32_t mat_type,
+                                     void *obj, uint32_t app, uint32_t mode);
 
 /*
  * The same for one type, without emptying the cache.  Return 0.  An unknown mode
  * is reported to err_cb, except by the match and the action.
  */
-ZEL_EXPORT uint32_t traverse_mat_policy_list_obj(zel_api_handle_t *handle, void *buffer,
-                                                 uint32_t *value, zel_policy_list_t *obj,
-                                                 uint32_t mode, uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_policy_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                            zel_policy_t *obj, uint32_t mode, uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_match_action_pair_grp_obj(zel_api_handle_t *handle, void *buffer,
-                                                           uint32_t *value,
-                                                           zel_match_action_pair_grp_t *obj,
-                                                           uint32_t mode, uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_match_action_pair_obj(zel_api_handle_t *handle, void *buffer,
-                                                       uint32_t *value,
-                                                       zel_match_action_pair_t *obj, uint32_t mode,
-                                                       uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_match_grp_obj(zel_api_handle_t *handle, void *buffer,
-                                               uint32_t *value, zel_match_grp_t *obj, uint32_t mode,
-                                               uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_action_grp_obj(zel_api_handle_t *handle, void *buffer,
-                                                uint32_t *value, zel_action_grp_t *obj,
-                                                uint32_t mode, uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_match_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                           zel_match_t *obj, uint32_t mode, uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_action_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                            zel_action_t *obj, uint32_t mode, uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_if_group_obj(zel_api_handle_t *handle, void *buffer,
-                                              uint32_t *value, zel_if_group_t *obj, uint32_t mode,
-                                              uint32_t app);
-ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, void *buffer,
-                                                     uint32_t *value,
-                                                     zel_action_param_redirect_t *obj,
-                                                     uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_policy_list_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                 zel_policy_list_t *obj, uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_policy_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_policy_t *obj,
+                                            uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_match_action_pair_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                           zel_match_action_pair_grp_t *obj, uint32_t mode,
+                                                           uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_match_action_pair_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                       zel_match_action_pair_t *obj, uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_match_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                               zel_match_grp_t *obj, uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_action_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                zel_action_grp_t *obj, uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_match_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_match_t *obj,
+                                           uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_action_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_action_t *obj,
+                                            uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_if_group_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                              zel_if_group_t *obj, uint32_t mode, uint32_t app);
+ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                     zel_action_param_redirect_t *obj, uint32_t mode, uint32_t app);
 
 /* ------------------------------------------------------------------------
  * Decoders
@@ -880,119 +823,89 @@ ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, v
  * calls these decoders directly empties the cache before the records go.
  * ------------------------------------------------------------------------ */
 
-ZEL_EXPORT int32_t zel_parse_kob_header_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                 uint32_t *cursor, zel_kob_header_t *record,
-                                                 uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_stat_request_entry_from_tlv(zel_api_handle_t *handle,
-                                                         const void *tlv_array, uint32_t *cursor,
-                                                         zel_stat_request_entry_t *record,
+ZEL_EXPORT int32_t zel_parse_kob_header_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                 zel_kob_header_t *record, uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_stat_request_entry_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                         uint32_t *cursor, zel_stat_request_entry_t *record,
                                                          uint32_t *tlv_subtotal);
 /*
  * A num_requests above 131,072 that no message of this many elements can satisfy
  * is lowered to the number of the message's elements.  app_type is not used.
  */
-ZEL_EXPORT int32_t zel_parse_stat_request_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                   uint32_t *cursor, zel_stat_request_t *record,
-                                                   uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_action_set_vrf_from_tlv(zel_api_handle_t *handle,
-                                                     const void *tlv_array, uint32_t *cursor,
-                                                     zel_action_set_vrf_t *record,
-                                                     uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_action_nat_rewrite_from_tlv(zel_api_handle_t *handle,
-                                                         const void *tlv_array, uint32_t *cursor,
-                                                         zel_action_nat_rewrite_t *record,
+ZEL_EXPORT int32_t zel_parse_stat_request_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                   zel_stat_request_t *record, uint32_t *tlv_subtotal,
+                                                   uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_action_set_vrf_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                     zel_action_set_vrf_t *record, uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_action_nat_rewrite_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                         uint32_t *cursor, zel_action_nat_rewrite_t *record,
                                                          uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_l3_redirect_ipv4_from_tlv(zel_api_handle_t *handle,
-                                                       const void *tlv_array, uint32_t *cursor,
-                                                       zel_l3_redirect_ipv4_t *record,
+ZEL_EXPORT int32_t zel_parse_l3_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_l3_redirect_ipv4_t *record,
                                                        uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_l2_redirect_ipv4_from_tlv(zel_api_handle_t *handle,
-                                                       const void *tlv_array, uint32_t *cursor,
-                                                       zel_l2_redirect_ipv4_t *record,
+ZEL_EXPORT int32_t zel_parse_l2_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_l2_redirect_ipv4_t *record,
                                                        uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_action_label_param_from_tlv(zel_api_handle_t *handle,
-                                                         const void *tlv_array, uint32_t *cursor,
-                                                         zel_action_label_param_t *record,
+ZEL_EXPORT int32_t zel_parse_action_label_param_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                         uint32_t *cursor, zel_action_label_param_t *record,
                                                          uint32_t *tlv_subtotal);
 /* The address record is chosen by the element that arrives, not by type.  app_type is not used. */
-ZEL_EXPORT int32_t zel_parse_action_param_redirect_from_tlv(zel_api_handle_t *handle,
-                                                            const void *tlv_array, uint32_t *cursor,
-                                                            zel_action_param_redirect_t *record,
-                                                            uint32_t *tlv_subtotal,
-                                                            uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_action_lisp_decapsulation_from_tlv(
-    zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-    zel_action_lisp_decapsulation_t *record, uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_if_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                 uint32_t *cursor, zel_if_element_t *record,
-                                                 uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_action_param_redirect_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                            uint32_t *cursor, zel_action_param_redirect_t *record,
+                                                            uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_action_lisp_decapsulation_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                                uint32_t *cursor,
+                                                                zel_action_lisp_decapsulation_t *record,
+                                                                uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_if_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                 zel_if_element_t *record, uint32_t *tlv_subtotal);
 /* app_type is not used. */
-ZEL_EXPORT int32_t zel_parse_if_group_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                               uint32_t *cursor, zel_if_group_t *record,
-                                               uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_match_lisp_inst_from_tlv(zel_api_handle_t *handle,
-                                                      const void *tlv_array, uint32_t *cursor,
-                                                      zel_match_lisp_inst_t *record,
-                                                      uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_match_lisp_proto_from_tlv(zel_api_handle_t *handle,
-                                                       const void *tlv_array, uint32_t *cursor,
-                                                       zel_match_lisp_proto_t *record,
+ZEL_EXPORT int32_t zel_parse_if_group_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                               zel_if_group_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_match_lisp_inst_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                      zel_match_lisp_inst_t *record, uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_match_lisp_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_match_lisp_proto_t *record,
                                                        uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_match_exp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                uint32_t *cursor, zel_match_exp_t *record,
-                                                uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_match_arp_opcode_from_tlv(zel_api_handle_t *handle,
-                                                       const void *tlv_array, uint32_t *cursor,
-                                                       zel_match_arp_opcode_t *record,
+ZEL_EXPORT int32_t zel_parse_match_exp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                zel_match_exp_t *record, uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_match_arp_opcode_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_match_arp_opcode_t *record,
                                                        uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_match_eth_proto_from_tlv(zel_api_handle_t *handle,
-                                                      const void *tlv_array, uint32_t *cursor,
-                                                      zel_match_eth_proto_t *record,
-                                                      uint32_t *tlv_subtotal);
-ZEL_EXPORT int32_t zel_parse_match_service_element_from_tlv(zel_api_handle_t *handle,
-                                                            const void *tlv_array, uint32_t *cursor,
-                                                            zel_match_service_element_t *record,
+ZEL_EXPORT int32_t zel_parse_match_eth_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                      zel_match_eth_proto_t *record, uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_match_service_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                            uint32_t *cursor, zel_match_service_element_t *record,
                                                             uint32_t *tlv_subtotal);
 /* app_type is not used. */
-ZEL_EXPORT int32_t zel_parse_match_service_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                    uint32_t *cursor, zel_match_service_t *record,
-                                                    uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_match_label_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                  uint32_t *cursor, zel_match_label_t *record,
-                                                  uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_match_service_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                    zel_match_service_t *record, uint32_t *tlv_subtotal,
+                                                    uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_match_label_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                  zel_match_label_t *record, uint32_t *tlv_subtotal);
 /* Fills the first 64 bytes of the ACL only: the last one stays the caller's zero. */
-ZEL_EXPORT int32_t zel_parse_match_acl_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                uint32_t *cursor, zel_match_acl_t *record,
-                                                uint32_t *tlv_subtotal);
+ZEL_EXPORT int32_t zel_parse_match_acl_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                zel_match_acl_t *record, uint32_t *tlv_subtotal);
 /* A reference that the cache cannot resolve is reported to err_cb and fills nothing. */
-ZEL_EXPORT int32_t zel_parse_action_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                             uint32_t *cursor, zel_action_t *record,
-                                             uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_action_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                 uint32_t *cursor, zel_action_grp_t *record,
-                                                 uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_action_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                             zel_action_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_action_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                 zel_action_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
 /* As for the action; the parameter is chosen by the element that arrives, not by type. */
-ZEL_EXPORT int32_t zel_parse_match_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                            uint32_t *cursor, zel_match_t *record,
-                                            uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_match_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                uint32_t *cursor, zel_match_grp_t *record,
-                                                uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_match_action_pair_from_tlv(zel_api_handle_t *handle,
-                                                        const void *tlv_array, uint32_t *cursor,
-                                                        zel_match_action_pair_t *record,
+ZEL_EXPORT int32_t zel_parse_match_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                            zel_match_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_match_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                zel_match_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_match_action_pair_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                        uint32_t *cursor, zel_match_action_pair_t *record,
                                                         uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_match_action_pair_grp_from_tlv(zel_api_handle_t *handle,
-                                                            const void *tlv_array, uint32_t *cursor,
-                                                            zel_match_action_pair_grp_t *record,
-                                                            uint32_t *tlv_subtotal,
-                                                            uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_policy_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                             uint32_t *cursor, zel_policy_t *record,
-                                             uint32_t *tlv_subtotal, uint32_t app_type);
-ZEL_EXPORT int32_t zel_parse_policy_list_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                  uint32_t *cursor, zel_policy_list_t *record,
-                                                  uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_match_action_pair_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                            uint32_t *cursor, zel_match_action_pair_grp_t *record,
+                                                            uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_policy_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                             zel_policy_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+ZEL_EXPORT int32_t zel_parse_policy_list_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                  zel_policy_list_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
 
 /* ------------------------------------------------------------------------
  * Object cache
@@ -1019,16 +932,16 @@ typedef struct {
 ZEL_EXPORT uint32_t zel_mat_cache_comp_func(const void *a, const void *b);
 
 /* The entry of a key, or null.  It stays valid until it is deleted or the cache is emptied. */
-ZEL_EXPORT zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type,
-                                                      uint32_t mat_type, uint16_t mat_id);
+ZEL_EXPORT zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
+                                                      uint16_t mat_id);
 
 /*
  * Enters an object.  When memory is short (reported to err_cb) it is not
  * entered; when the tree refuses the key (dbg_cb) the earlier object stands and
  * the refused entry's memory is not reclaimed.
  */
-ZEL_EXPORT void zel_store_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
-                                    uint16_t mat_id, void *obj);
+ZEL_EXPORT void zel_store_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, uint16_t mat_id,
+                                    void *obj);
 
 /* Removes and frees one entry that zel_found_mat_cache() returned.  Returns 0. */
 ZEL_EXPORT int32_t zel_del_mat_cache_entry(zel_api_handle_t *handle, zel_mat_cache_entry_t *entry);
@@ -1061,8 +974,8 @@ ZEL_EXPORT int32_t zel_empty_mat_cache(zel_api_handle_t *handle);
  * The handle's cache is left empty.
  */
 ZEL_EXPORT void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *handle, void *kob_msg,
-                                        uint32_t *mat_type_out, uint32_t *api_type_out,
-                                        uint16_t *policy_id_out, uint32_t *app_type_inout);
+                                        uint32_t *mat_type_out, uint32_t *api_type_out, uint16_t *policy_id_out,
+                                        uint32_t *app_type_inout);
 
 /* ------------------------------------------------------------------------
  * Statistics records
@@ -1093,10 +1006,10 @@ typedef struct {
 
 /* How a field row of a description table is converted. */
 enum {
-    ZEL_FIELD_BYTE = 0,         /* one byte */
-    ZEL_FIELD_UNSIGNED = 1,     /* an integer of 4 or 8 bytes */
-    ZEL_FIELD_FIXED_ARRAY = 3,  /* a fixed number of values */
-    ZEL_FIELD_RECORD_ARRAY = 4  /* as many records as count() says */
+    ZEL_FIELD_BYTE = 0,        /* one byte */
+    ZEL_FIELD_UNSIGNED = 1,    /* an integer of 4 or 8 bytes */
+    ZEL_FIELD_FIXED_ARRAY = 3, /* a fixed number of values */
+    ZEL_FIELD_RECORD_ARRAY = 4 /* as many records as count() says */
 };
 
 #define ZEL_FIELD_NONE 0xffffffffu /* no value in this column */
@@ -1110,16 +1023,16 @@ typedef struct {
 
 /* Row of a description table: one field.  The last row has ZEL_FIELD_NONE as its element. */
 typedef struct {
-    uint32_t element;                      /* TLV type of the field */
-    uint32_t width;                        /* bytes of the value, of one value in arrays */
-    uint32_t offset;                       /* of the field in the record */
-    uint32_t kind;                         /* ZEL_FIELD_* */
-    uint32_t reserved[3];                  /* 0 */
-    int32_t (*count)(const void *record);  /* number of records; null unless a record array */
-    uint32_t terminator;                   /* 0; ZEL_FIELD_NONE in the last row */
-    uint32_t size;                         /* bytes of the field in the record */
-    uint32_t unused;                       /* ZEL_FIELD_NONE */
-    const void *nested;                    /* table of the records; null unless a record array */
+    uint32_t element;                     /* TLV type of the field */
+    uint32_t width;                       /* bytes of the value, of one value in arrays */
+    uint32_t offset;                      /* of the field in the record */
+    uint32_t kind;                        /* ZEL_FIELD_* */
+    uint32_t reserved[3];                 /* 0 */
+    int32_t (*count)(const void *record); /* number of records; null unless a record array */
+    uint32_t terminator;                  /* 0; ZEL_FIELD_NONE in the last row */
+    uint32_t size;                        /* bytes of the field in the record */
+    uint32_t unused;                      /* ZEL_FIELD_NONE */
+    const void *nested;                   /* table of the records; null unless a record array */
 } zel_table_row_t;
 
 typedef struct {
@@ -1161,41 +1074,37 @@ ZEL_EXPORT extern const zel_stat_results_tbl_t zel_stat_results_tbl;
  *                    record pointer
  */
 ZEL_EXPORT int32_t zel_stats_field_get_next(void *itr, void *field);
-ZEL_EXPORT int32_t zel_stats_field_itr_init(void *itr, const void *tlv, uintptr_t size,
-                                            uintptr_t flags, uint16_t element);
-ZEL_EXPORT int32_t zel_stats_get_field(const void *tlv, uintptr_t size, uintptr_t element,
-                                       void *value, uintptr_t capacity);
+ZEL_EXPORT int32_t zel_stats_field_itr_init(void *itr, const void *tlv, uintptr_t size, uintptr_t flags,
+                                            uint16_t element);
+ZEL_EXPORT int32_t zel_stats_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value,
+                                       uintptr_t capacity);
 ZEL_EXPORT int32_t zel_stats_get_struct_sz(const void *tlv);
 ZEL_EXPORT uint32_t zel_stats_get_tlv_sz(const zel_stats_t *record);
-ZEL_EXPORT int32_t zel_stats_to_tlv(const zel_stats_t *record, void *tlv, uintptr_t capacity,
-                                    void *written, uintptr_t flags, uintptr_t reserved);
-ZEL_EXPORT int32_t zel_stats_to_struct(void *record_slot, const void *tlv, uintptr_t size,
-                                       uintptr_t caller_owned);
+ZEL_EXPORT int32_t zel_stats_to_tlv(const zel_stats_t *record, void *tlv, uintptr_t capacity, void *written,
+                                    uintptr_t flags, uintptr_t reserved);
+ZEL_EXPORT int32_t zel_stats_to_struct(void *record_slot, const void *tlv, uintptr_t size, uintptr_t caller_owned);
 
 ZEL_EXPORT int32_t zel_stat_result_entry_field_get_next(void *itr, void *field);
-ZEL_EXPORT int32_t zel_stat_result_entry_field_itr_init(void *itr, const void *tlv, uintptr_t size,
-                                                        uintptr_t flags, uint16_t element);
-ZEL_EXPORT int32_t zel_stat_result_entry_get_field(const void *tlv, uintptr_t size,
-                                                   uintptr_t element, void *value,
+ZEL_EXPORT int32_t zel_stat_result_entry_field_itr_init(void *itr, const void *tlv, uintptr_t size, uintptr_t flags,
+                                                        uint16_t element);
+ZEL_EXPORT int32_t zel_stat_result_entry_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value,
                                                    uintptr_t capacity);
 ZEL_EXPORT int32_t zel_stat_result_entry_get_struct_sz(const void *tlv);
 ZEL_EXPORT uint32_t zel_stat_result_entry_get_tlv_sz(const zel_stat_result_entry_t *record);
-ZEL_EXPORT int32_t zel_stat_result_entry_to_tlv(const zel_stat_result_entry_t *record, void *tlv,
-                                                uintptr_t capacity, void *written, uintptr_t flags,
-                                                uintptr_t reserved);
-ZEL_EXPORT int32_t zel_stat_result_entry_to_struct(void *record_slot, const void *tlv,
-                                                   uintptr_t size, uintptr_t caller_owned);
+ZEL_EXPORT int32_t zel_stat_result_entry_to_tlv(const zel_stat_result_entry_t *record, void *tlv, uintptr_t capacity,
+                                                void *written, uintptr_t flags, uintptr_t reserved);
+ZEL_EXPORT int32_t zel_stat_result_entry_to_struct(void *record_slot, const void *tlv, uintptr_t size,
+                                                   uintptr_t caller_owned);
 
 ZEL_EXPORT int32_t zel_stat_results_field_get_next(void *itr, void *field);
-ZEL_EXPORT int32_t zel_stat_results_field_itr_init(void *itr, const void *tlv, uintptr_t size,
-                                                   uintptr_t flags, uint16_t element);
-ZEL_EXPORT int32_t zel_stat_results_get_field(const void *tlv, uintptr_t size, uintptr_t element,
-                                              void *value, uintptr_t capacity);
+ZEL_EXPORT int32_t zel_stat_results_field_itr_init(void *itr, const void *tlv, uintptr_t size, uintptr_t flags,
+                                                   uint16_t element);
+ZEL_EXPORT int32_t zel_stat_results_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value,
+                                              uintptr_t capacity);
 ZEL_EXPORT int32_t zel_stat_results_get_struct_sz(const void *tlv);
 ZEL_EXPORT uint32_t zel_stat_results_get_tlv_sz(const zel_stat_results_t *record);
-ZEL_EXPORT int32_t zel_stat_results_to_tlv(const zel_stat_results_t *record, void *tlv,
-                                           uintptr_t capacity, void *written, uintptr_t flags,
-                                           uintptr_t reserved);
+ZEL_EXPORT int32_t zel_stat_results_to_tlv(const zel_stat_results_t *record, void *tlv, uintptr_t capacity,
+                                           void *written, uintptr_t flags, uintptr_t reserved);
 ZEL_EXPORT int32_t zel_stat_results_to_struct(void *record_slot, const void *tlv, uintptr_t size,
                                               uintptr_t caller_owned);
 

@@ -30,8 +30,7 @@ typedef uint32_t (*ravl_compare_t)(const void *a, const void *b);
  * position in an entry; the library gives 12 and 16.  The result is passed to
  * the caller of zel_api_init(); 0 by convention.
  */
-int32_t ravl_init(struct ravl_tree *tree, uint32_t key_size, uint32_t key_offset,
-                  ravl_compare_t compare);
+int32_t ravl_init(struct ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare);
 
 /* Links an entry.  Non-zero when it did, 0 when an entry with this key is there already. */
 int32_t ravl_insert(struct ravl_tree *tree, void *entry);

@@ -27,8 +27,8 @@ extern "C" {
  * a non-zero status when it does not fit or the array is damaged, and then the
  * array is unchanged.  Called once per element of a message: make it O(1).
  */
-int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length,
-                          const void *value, uintptr_t reserved);
+int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value,
+                          uintptr_t reserved);
 
 /*
  * Bytes that an element with a value of this length takes in an array, header
@@ -42,8 +42,8 @@ uint32_t tlv_size_get(uint32_t length);
  * the status means is the platform's, the library passes it on.  The value is
  * not aligned.  A cursor of one array is only ever used with that array.
  */
-int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length,
-                               const void **value, uintptr_t reserved, uint32_t *cursor);
+int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
+                               uintptr_t reserved, uint32_t *cursor);
 
 /* Number of elements in the array; reading that many must terminate. */
 uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t reserved);

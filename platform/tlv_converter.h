@@ -25,9 +25,8 @@ extern "C" {
 #endif
 
 /* Converts a record into elements appended in a buffer; bytes used go to *(uint32_t *)written. */
-int32_t tlvu_table_convert_struct_to_tlv(void *tlv, uintptr_t capacity, const void *table,
-                                         const void *record, void *written, uintptr_t flags,
-                                         uintptr_t reserved);
+int32_t tlvu_table_convert_struct_to_tlv(void *tlv, uintptr_t capacity, const void *table, const void *record,
+                                         void *written, uintptr_t flags, uintptr_t reserved);
 
 /*
  * Converts elements into a record.  record_slot is the address of a record
@@ -37,23 +36,22 @@ int32_t tlvu_table_convert_struct_to_tlv(void *tlv, uintptr_t capacity, const vo
  * to size bytes to fill.  On a non-zero code nothing stays allocated and a slot
  * that the converter was to fill is left null.
  */
-int32_t tlvu_table_convert_tlv_to_struct(void *record_slot, const void *tlv, uintptr_t size,
-                                         const void *table, uintptr_t caller_owned);
+int32_t tlvu_table_convert_tlv_to_struct(void *record_slot, const void *tlv, uintptr_t size, const void *table,
+                                         uintptr_t caller_owned);
 
 /* Bytes of the elements that a record converts to. */
 uint32_t tlvu_table_size(const void *table, const void *record);
 
 /* Bytes of the block, nested records included, that elements convert to. */
-int32_t tlvu_table_get_struct_size_from_tlv(int32_t *size, const void *tlv, uintptr_t reserved,
-                                            const void *table);
+int32_t tlvu_table_get_struct_size_from_tlv(int32_t *size, const void *tlv, uintptr_t reserved, const void *table);
 
 /* Reads the field of one element out of tlv into value, which has room for capacity bytes. */
-int32_t tlvu_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value,
-                       uintptr_t capacity, const void *table);
+int32_t tlvu_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value, uintptr_t capacity,
+                       const void *table);
 
 /* Starts an iteration over the elements of tlv that the table knows; element 0: all of them. */
-int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const void *table,
-                            uintptr_t flags, uint16_t element);
+int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const void *table, uintptr_t flags,
+                            uint16_t element);
 
 /* Steps an iteration and describes the element reached in *field; non-zero at the end. */
 int32_t tlvu_field_itr_get_next(void *itr, void *field);

@@ -37,8 +37,8 @@ int32_t trc_chk_int(uint32_t trace_id, uint32_t reserved1, uint32_t reserved2, u
 void dbgout(uint32_t level, const void *module_name, uint32_t reserved, const char *format, ...);
 
 /* Appends to the history log.  log is 648; instance 1, or 2 from the message parser. */
-void trc_his_log_event_for_uuid_inst(uint32_t log, uint32_t module, uint32_t instance,
-                                     uint32_t reserved, uint32_t length, const void *record);
+void trc_his_log_event_for_uuid_inst(uint32_t log, uint32_t module, uint32_t instance, uint32_t reserved,
+                                     uint32_t length, const void *record);
 
 #ifdef __cplusplus
 }

@@ -39,14 +39,12 @@ typedef struct {
  * it, and then kob_rr_token_get(kob_msg) identifies the exchange.  The buffer is
  * freed as soon as the call returns, so the transport copies what it keeps.
  */
-int32_t fu_kob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode,
-                    const void *buffer, uint32_t size, void *kob_msg, uintptr_t reserved1,
-                    uintptr_t reserved2);
+int32_t fu_kob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *buffer,
+                    uint32_t size, void *kob_msg, uintptr_t reserved1, uintptr_t reserved2);
 
 /* The same for a larger message, given as a list of segments.  The library gives one. */
-int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode,
-                   const mpkob_segment_t *segments, uint32_t num_segments, void *kob_msg,
-                   uintptr_t reserved);
+int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode, const mpkob_segment_t *segments,
+                   uint32_t num_segments, void *kob_msg, uintptr_t reserved);
 
 /* The token that pairs a request with its response; never 0 for a message that was sent. */
 uint32_t kob_rr_token_get(void *kob_msg);

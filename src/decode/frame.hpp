@@ -1,0 +1,248 @@
+// The decoder frame: one loop, derived for every record from its description.
+// It pulls an element, counts it, and offers it to the record's members until
+// the end marker; what no member knows is skipped with a warning.
+#pragma once
+
+#include "decode/peculiarities.hpp"
+#include "model/mat_objects.hpp"
+#include "model/trace.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace zel {
+
+// What all decoders of a message share.
+struct Source {
+    zel_api_handle_t &handle;
+    const void *array;
+    uint32_t &cursor;
+    uint32_t app_type;
+};
+
+struct TlvElement {
+    uint16_t type;
+    uint16_t length; // never looked at: a field is read at its own width
+    const void *value;
+};
+
+// One record being decoded.
+template <class R> struct Frame {
+    const Source &in;
+    R &record;
+    uint32_t &subtotal;
+
+    // The record's sequence: whether this call allocated its array, and whether
+    // members were read into it.  An array that was there before is never used.
+    bool array_is_ours = false;
+    bool array_is_filled = false;
+
+    // The MAT type that a reference named; 0 until it does.
+    uint32_t reference_mat_type = 0;
+};
+
+template <class R>
+inline constexpr const char *decoder_name = c_str<FixedString("zel_parse_") + Wire<R>::name + FixedString("_from_tlv")>;
+
+template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtotal);
+
+template <class R, class C> void decode_child(Frame<R> &frame, C &child)
+{
+    uint32_t count = 0;
+    decode(frame.in, child, count);
+    frame.subtotal += count;
+}
+
+template <class T> T load(const TlvElement &element)
+{
+    T value;
+    std::memcpy(&value, element.value, sizeof value);
+    return value;
+}
+
+template <class R, uint16_t Id, auto Member, FixedString Text>
+bool accept(Frame<R> &frame, const TlvElement &element, Field<Id, Member, Text>)
+{
+    if (element.type != Id)
+        return false;
+    auto &field = frame.record.*Member;
+    constexpr std::size_t width = shortened_width<Member> != 0 ? shortened_width<Member> : sizeof field;
+    std::memcpy(&field, element.value, width);
+    if constexpr (value_report<Member> != nullptr)
+        trace(frame.in.handle, Severity::detail, decoder_name<R>, value_report<Member>, field & reported_bits<Member>);
+    return true;
+}
+
+template <class R, auto Member> bool accept(Frame<R> &frame, const TlvElement &element, Embedded<Member>)
+{
+    if (element.type != Wire<Value<Member>>::start)
+        return false;
+    decode_child(frame, frame.record.*Member);
+    return true;
+}
+
+template <class R, uint32_t Value, auto... Path>
+bool accept_option(Frame<R> &frame, const TlvElement &element, Option<Value, Path...>)
+{
+    if (element.type != Wire<Target<Path...>>::start)
+        return false;
+    decode_child(frame, follow<Path...>(frame.record));
+    return true;
+}
+
+// The element that arrives decides, not the selector: the last one stands.
+template <class R, auto Selector, class... O>
+bool accept(Frame<R> &frame, const TlvElement &element, Choice<Selector, O...>)
+{
+    return (accept_option(frame, element, O{}) || ...);
+}
+
+template <class R> void report_no_memory(const Frame<R> &frame, std::size_t count, std::size_t size)
+{
+    trace(frame.in.handle, Severity::error, decoder_name<R>, "cannot allocate, count: %d, size: %d"_trace,
+          static_cast<uint32_t>(count), static_cast<uint32_t>(size));
+}
+
+template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, const TlvElement &element)
+{
+    auto &count = frame.record.*Count;
+    auto &array = frame.record.*Array;
+    if (frame.array_is_ours && !frame.array_is_filled)
+        std::free(static_cast<void *>(array));
+    frame.array_is_ours = false;
+    frame.array_is_filled = false;
+    array = nullptr;
+    count = plausible_count(frame.in.array, load<Value<Count>>(element));
+    if (count == 0)
+        return;
+    array = static_cast<Value<Array>>(std::calloc(count, sizeof *array));
+    if (array == nullptr) {
+        report_no_memory(frame, count, sizeof *array);
+        count = 0;
+        return;
+    }
+    frame.array_is_ours = true;
+}
+
+// All members at the first one's start marker.  When memory runs out, the count
+// shrinks to the members that are there, and further ones are left to be skipped.
+template <auto Count, auto Array, class R> void decode_members(Frame<R> &frame)
+{
+    auto &count = frame.record.*Count;
+    if (!frame.array_is_ours)
+        return;
+    frame.array_is_filled = true;
+    for (uint32_t i = 0; i < count; ++i) {
+        auto *const member = static_cast<Element<Array> *>(std::calloc(1, sizeof(Element<Array>)));
+        if (member == nullptr) {
+            report_no_memory(frame, 1, sizeof(Element<Array>));
+            count = static_cast<Value<Count>>(i);
+            frame.array_is_ours = false;
+            return;
+        }
+        (frame.record.*Array)[i] = member;
+        decode_child(frame, *member);
+    }
+}
+
+template <class R, uint16_t Id, auto Count, auto Array, FixedString Text>
+bool accept(Frame<R> &frame, const TlvElement &element, Sequence<Id, Count, Array, Text>)
+{
+    if (element.type == Id)
+        allocate_array<Count, Array>(frame, element);
+    else if (element.type == Wire<Element<Array>>::start)
+        decode_members<Count, Array>(frame);
+    else
+        return false;
+    return true;
+}
+
+inline constexpr const char *unresolved_text(const zel_action_t &)
+{
+    return "a non-exisitng mat, app: %d, mat_type: %d, mat_id: %d"_trace;
+}
+
+inline constexpr const char *unresolved_text(const zel_match_t &)
+{
+    return "non-exisitng mat, app: %d, mat_type: %d, mat_id: %d"_trace;
+}
+
+// Fills the record with a copy of the object that the cache holds.  A reference
+// may name the other kind of object: then no more is copied than that one holds.
+template <class R> void resolve(Frame<R> &frame, uint16_t mat_id)
+{
+    const uint32_t mat_type = frame.reference_mat_type;
+    const zel_mat_cache_entry_t *const entry =
+        zel_found_mat_cache(&frame.in.handle, frame.in.app_type, mat_type, mat_id);
+    if (entry == nullptr) {
+        trace(frame.in.handle, Severity::error, decoder_name<R>, unresolved_text(frame.record), frame.in.app_type,
+              mat_type, mat_id);
+        return;
+    }
+    const std::size_t held = facts_of(mat_type).record_size;
+    std::memmove(&frame.record, entry->obj, held != 0 ? std::min(held, sizeof(R)) : sizeof(R));
+    frame.record.cached = 1;
+}
+
+template <class R> bool accept_reference(Frame<R> &frame, const TlvElement &element)
+{
+    if (element.type == reference_mat_type_id)
+        frame.reference_mat_type = load<uint32_t>(element);
+    else if (element.type == reference_mat_id_id)
+        resolve(frame, load<uint16_t>(element));
+    else
+        return false;
+    return true;
+}
+
+template <class R, class... M> bool accept_any(Frame<R> &frame, const TlvElement &element, Members<M...>)
+{
+    if constexpr (is_shareable<R>) {
+        if (accept_reference(frame, element))
+            return true;
+    }
+    return (accept(frame, element, M{}) || ...);
+}
+
+// An object that came in full is remembered for the references to come.
+template <class R> void finish(Frame<R> &frame)
+{
+    if constexpr (is_shareable<R>) {
+        if (frame.record.cached == 0)
+            zel_store_mat_cache(&frame.in.handle, frame.in.app_type, MatObjectOf<R>::type, frame.record.id,
+                                &frame.record);
+    }
+}
+
+template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtotal)
+{
+    Frame<R> frame{in, record, subtotal};
+    subtotal = 0;
+    if constexpr (is_shareable<R>)
+        record.cached = 0;
+    for (;;) {
+        TlvElement element{};
+        const int32_t status =
+            tlv_array_get_next_tlv(in.array, &element.type, &element.length, &element.value, 0, &in.cursor);
+        if (status != 0) {
+            trace(in.handle, Severity::error, decoder_name<R>, "tlv-get failed, tlv_subtotal: %d\n"_trace, subtotal);
+            return status;
+        }
+        trace(in.handle, Severity::detail, decoder_name<R>, "tlv type: %d, tlv_subtotal: %d"_trace, element.type,
+              subtotal);
+        ++subtotal;
+        if (element.type == Wire<R>::end) {
+            finish(frame);
+            return 0;
+        }
+        // A member of a sequence finds its own start marker here, unless it is the first.
+        if (element.type == Wire<R>::start)
+            continue;
+        if (!accept_any(frame, element, typename Wire<R>::members{}))
+            trace(in.handle, Severity::warning, decoder_name<R>, "unsupported TLV type: %d, ok if in ISSU"_trace,
+                  element.type);
+    }
+}
+
+} // namespace zel

@@ -1,0 +1,74 @@
+// The vocabulary of the wire description: a record is its markers and a list of
+// members, and four kinds of member are all that occur.  The descriptions
+// themselves are in records.hpp; sizes, encoders and decoders are derived from
+// them by overloading on the kind of member.
+#pragma once
+
+#include "model/fixed_string.hpp"
+
+#include <stdint.h>
+#include <type_traits>
+#include <utility>
+
+namespace zel {
+
+template <class... M> struct Members {};
+
+// A record: the middle part of its exported functions' names, the ids of its
+// markers, and its members in the order in which they are written.
+template <FixedString Name, uint16_t Start, uint16_t End, class... M> struct Record {
+    static constexpr auto name = Name;
+    static constexpr uint16_t start = Start;
+    static constexpr uint16_t end = End;
+    using members = Members<M...>;
+};
+
+// Specialised, in records.hpp, for every record that has a wire form.
+template <class R> struct Wire;
+
+// A value: one element with the bytes of a member, as they lie in memory.  The
+// text names the field in failure reports.
+template <uint16_t Id, auto Member, FixedString Text> struct Field {};
+
+// A record held by value.
+template <auto Member> struct Embedded {};
+
+// A count element, then that many records, each reached by a pointer.
+template <uint16_t Id, auto Count, auto Array, FixedString Text> struct Sequence {};
+
+// At most one record out of several that share an area.  The selector picks it
+// when writing, the start marker that arrives when reading.
+template <auto Selector, class... O> struct Choice {};
+
+// A record of a choice: the selector's value, and the path of members to it.
+template <uint32_t Value, auto... Path> struct Option {};
+
+template <auto... Path, class R> constexpr auto &follow(R &record)
+{
+    // clang-format off
+    return (record .* ... .* Path);
+    // clang-format on
+}
+
+template <class T> struct MemberPointer;
+template <class R, class V> struct MemberPointer<V R::*> {
+    using record = R;
+    using value = V;
+};
+
+// What a member pointer points to.
+template <auto Member> using Value = typename MemberPointer<decltype(Member)>::value;
+
+// The record type of a sequence's members.
+template <auto Array> using Element = std::remove_pointer_t<std::remove_pointer_t<Value<Array>>>;
+
+// The record type at the end of a path.
+template <auto First, auto... Rest> struct PathEnd {
+    using type = typename PathEnd<Rest...>::type;
+};
+template <auto Last> struct PathEnd<Last> {
+    using type = Value<Last>;
+};
+template <auto... Path> using Target = typename PathEnd<Path...>::type;
+
+} // namespace zel

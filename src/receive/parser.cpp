@@ -1,0 +1,206 @@
+// The message parser: the service's side of send_to_zel().
+#include "model/mat_objects.hpp"
+#include "model/trace.hpp"
+#include "platform/tlv_array.h"
+#include "platform/transport.h"
+
+#include <array>
+#include <cstdlib>
+#include <type_traits>
+#include <unistd.h>
+
+namespace zel {
+namespace {
+
+// The parser's lines in the history log are told apart by this instance.
+constexpr uint32_t history_log_instance = 2;
+
+constexpr auto process_id = [] { return getpid(); };
+
+struct Parse {
+    zel_api_handle_t &handle;
+    const void *payload;
+    uint32_t &app_type;
+    uint32_t *api_type_out;
+    uint16_t *policy_id_out;
+
+    uint32_t num_tlvs = 0;
+    uint32_t consumed = 0;
+    uint32_t cursor = 0;
+    zel_kob_header_t header{};
+    std::array<void *, num_mat_types> last_objects{}; // by MAT type
+};
+
+template <class... Args> void report(const Parse &parse, Severity severity, int line, const char *text, Args... args)
+{
+    trace(parse.handle, severity, {"parse_mat_obj_from_kob", line, history_log_instance}, text, args...);
+}
+
+template <class... Args> void report(const Parse &parse, int line, const char *text, Args... args)
+{
+    report(parse, Severity::detail, line, text, args...);
+}
+
+// What is worth a line of its own when it has been decoded.
+template <class R> void describe(const Parse &, const R &) {}
+
+void describe(const Parse &parse, const zel_match_t &match)
+{
+    report(parse, 4243, "PID %d: type: TLV_ZEL_MATCH, id: %d type: %d\n"_trace, process_id, match.id, match.type);
+}
+
+void describe(const Parse &parse, const zel_action_grp_t &group)
+{
+    report(parse, 4271, "PID %d: type: TLV_ZEL_ACTION_GROUP, id: %d\n"_trace, process_id, group.id);
+}
+
+void describe(const Parse &parse, const zel_action_t &action)
+{
+    report(parse, 4286, "PID %d: type: TLV_ZEL_ACTION, id: %d, a_type: %d\n"_trace, process_id, action.id, action.type);
+}
+
+void describe(const Parse &parse, const zel_match_grp_t &group)
+{
+    report(parse, 4229, "PID %d: type: TLV_ZEL_MATCH_GROUP, mg id: %d, num_matches: %d\n"_trace, process_id, group.id,
+           group.num_match);
+}
+
+// A policy also answers for the groups that it embeds.
+template <class R> void publish(Parse &parse, R &record)
+{
+    parse.last_objects[MatObjectOf<R>::type] = &record;
+}
+
+void publish(Parse &parse, zel_policy_t &policy)
+{
+    parse.last_objects[ZEL_MAT_TYPE_MATCH_ACTION_PAIR_GROUP] = &policy.match_action_pair_group;
+    parse.last_objects[ZEL_MAT_TYPE_IF_GROUP] = &policy.if_group;
+    parse.last_objects[ZEL_MAT_TYPE_POLICY] = &policy;
+}
+
+// Builds the object whose start marker has just been read.  False: out of memory.
+template <class R, auto Decoder> bool build(Parse &parse)
+{
+    auto *const record = static_cast<R *>(std::calloc(1, sizeof(R)));
+    if (record == nullptr) {
+        report(parse, Severity::error, __builtin_LINE(), "cannot allocate, count: %d, size: %d"_trace, 1,
+               static_cast<uint32_t>(sizeof(R)));
+        return false;
+    }
+    uint32_t subtotal = 0;
+    if constexpr (std::is_invocable_v<decltype(Decoder), zel_api_handle_t *, const void *, uint32_t *, R *, uint32_t *,
+                                      uint32_t>)
+        Decoder(&parse.handle, parse.payload, &parse.cursor, record, &subtotal, parse.app_type);
+    else
+        Decoder(&parse.handle, parse.payload, &parse.cursor, record, &subtotal);
+    describe(parse, *record);
+    parse.consumed += subtotal;
+    publish(parse, *record);
+    return true;
+}
+
+bool build_header(Parse &parse)
+{
+    uint32_t subtotal = 0;
+    const zel_kob_header_t &header = parse.header;
+    zel_parse_kob_header_from_tlv(&parse.handle, parse.payload, &parse.cursor, &parse.header, &subtotal);
+    *parse.api_type_out = header.api_type;
+    parse.app_type = header.app_type;
+    *parse.policy_id_out = header.policy_id;
+    report(parse, 4136,
+           "PID %d: type: TLV_ZEL_KOB_HEADER, api_type: %d, app_type: %d, policy_id: %d, op_code: %d"_trace, process_id,
+           header.api_type, header.app_type, header.policy_id, header.op_code);
+    parse.consumed += subtotal;
+    return true;
+}
+
+// An object that may stand at the top of a message.
+struct Row {
+    uint16_t start;
+    const char *name;
+    int line; // of the report of the name
+    bool (*build)(Parse &);
+};
+
+template <class R, auto Decoder> consteval Row row(int line)
+{
+    return {Wire<R>::start, c_str<trace_prefix + MatObjectOf<R>::tlv_name + FixedString("\n")>, line,
+            build<R, Decoder>};
+}
+
+constexpr Row rows[] = {
+    {Wire<zel_kob_header_t>::start, "TLV_ZEL_KOB_HEADER\n"_trace, 4123, build_header},
+    row<zel_policy_list_t, zel_parse_policy_list_from_tlv>(4142),
+    row<zel_policy_t, zel_parse_policy_from_tlv>(4155),
+    row<zel_if_group_t, zel_parse_if_group_from_tlv>(4171),
+    row<zel_if_element_t, zel_parse_if_element_from_tlv>(4182),
+    row<zel_match_action_pair_grp_t, zel_parse_match_action_pair_grp_from_tlv>(4194),
+    row<zel_match_action_pair_t, zel_parse_match_action_pair_from_tlv>(4206),
+    row<zel_match_grp_t, zel_parse_match_grp_from_tlv>(4219),
+    row<zel_match_t, zel_parse_match_from_tlv>(4234),
+    row<zel_match_service_element_t, zel_parse_match_service_element_from_tlv>(4249),
+    row<zel_action_grp_t, zel_parse_action_grp_from_tlv>(4261),
+    row<zel_action_t, zel_parse_action_from_tlv>(4277),
+    row<zel_stat_request_t, zel_parse_stat_request_from_tlv>(4291),
+    row<zel_stat_request_entry_t, zel_parse_stat_request_entry_from_tlv>(4303),
+};
+
+const Row *find_row(uint16_t type)
+{
+    for (const Row &row : rows)
+        if (row.start == type)
+            return &row;
+    return nullptr;
+}
+
+void read_objects(Parse &parse)
+{
+    while (parse.consumed < parse.num_tlvs) {
+        uint16_t type = 0;
+        uint16_t length = 0;
+        const void *value = nullptr;
+        const int32_t status = tlv_array_get_next_tlv(parse.payload, &type, &length, &value, 0, &parse.cursor);
+        ++parse.consumed;
+        if (status != 0) {
+            report(parse, 4117, "tlv-get failed, i: %d, num_tlvs: %d\n"_trace, parse.consumed, parse.num_tlvs);
+            return;
+        }
+        const Row *const row = find_row(type);
+        if (row == nullptr) {
+            report(parse, 4317, "Unsupported TLV type: %d, length: %d. Ok if ISSU\n"_trace, type, length);
+            continue;
+        }
+        report(parse, row->line, row->name);
+        if (!row->build(parse))
+            return;
+    }
+}
+
+const void *payload_of(uint32_t kob_ctx, void *kob_msg)
+{
+    return mpkob_is_mpkob(kob_ctx, kob_msg) != 0 ? mpkob_payload_get(kob_ctx, kob_msg) : kob_payload_get(kob_msg);
+}
+
+} // namespace
+} // namespace zel
+
+using namespace zel;
+
+void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *handle, void *kob_msg, uint32_t *mat_type_out,
+                             uint32_t *api_type_out, uint16_t *policy_id_out, uint32_t *app_type_inout)
+{
+    Parse parse{*handle, nullptr, *app_type_inout, api_type_out, policy_id_out};
+    report(parse, 4092, "parse_mat_obj_from_kob() begins.\n"_trace);
+    parse.payload = payload_of(kob_ctx, kob_msg);
+    if (parse.payload != nullptr)
+        parse.num_tlvs = tlv_array_get_num_tlvs(parse.payload, 0);
+    report(parse, 4104, "num_tlvs: %d\n"_trace, parse.num_tlvs);
+
+    read_objects(parse);
+
+    const uint32_t mat_type = get_mat_obj_type(parse.header.api_type);
+    *mat_type_out = mat_type;
+    zel_empty_mat_cache(handle);
+    report(parse, 4372, "parse_mat_obj_from_kob() ends.\n"_trace);
+    return parse.last_objects[mat_type];
+}

@@ -61,16 +61,16 @@ template <class T> T load(const TlvElement &element)
     return value;
 }
 
-template <class R, uint16_t Id, auto Member, FixedString Text>
-bool accept(Frame<R> &frame, const TlvElement &element, Field<Id, Member, Text>)
+template <class R, uint16_t Id, auto Member> bool accept(Frame<R> &frame, const TlvElement &element, Field<Id, Member>)
 {
     if (element.type != Id)
         return false;
     auto &field = frame.record.*Member;
     constexpr std::size_t width = shortened_width<Member> != 0 ? shortened_width<Member> : sizeof field;
     std::memcpy(&field, element.value, width);
-    if constexpr (value_report<Member> != nullptr)
-        trace(frame.in.handle, Severity::detail, decoder_name<R>, value_report<Member>, field & reported_bits<Member>);
+    constexpr ValueReport report = value_report<Member>;
+    if constexpr (report.wanted)
+        trace(frame.in.handle, Severity::detail, decoder_name<R>, report.format, field & report.bits);
     return true;
 }
 
@@ -146,8 +146,8 @@ template <auto Count, auto Array, class R> void decode_members(Frame<R> &frame)
     }
 }
 
-template <class R, uint16_t Id, auto Count, auto Array, FixedString Text>
-bool accept(Frame<R> &frame, const TlvElement &element, Sequence<Id, Count, Array, Text>)
+template <class R, uint16_t Id, auto Count, auto Array>
+bool accept(Frame<R> &frame, const TlvElement &element, Sequence<Id, Count, Array>)
 {
     if (element.type == Id)
         allocate_array<Count, Array>(frame, element);
@@ -196,13 +196,13 @@ template <class R> bool accept_reference(Frame<R> &frame, const TlvElement &elem
     return true;
 }
 
-template <class R, class... M> bool accept_any(Frame<R> &frame, const TlvElement &element, Members<M...>)
+template <class R> bool accept_any(Frame<R> &frame, const TlvElement &element)
 {
     if constexpr (is_shareable<R>) {
         if (accept_reference(frame, element))
             return true;
     }
-    return (accept(frame, element, M{}) || ...);
+    return std::apply([&](auto... member) { return (accept(frame, element, member) || ...); }, Wire<R>::members);
 }
 
 // An object that came in full is remembered for the references to come.
@@ -239,7 +239,7 @@ template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtota
         // A member of a sequence finds its own start marker here, unless it is the first.
         if (element.type == Wire<R>::start)
             continue;
-        if (!accept_any(frame, element, typename Wire<R>::members{}))
+        if (!accept_any(frame, element))
             trace(in.handle, Severity::warning, decoder_name<R>, "unsupported TLV type: %d, ok if in ISSU"_trace,
                   element.type);
     }

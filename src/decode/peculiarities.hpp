@@ -16,23 +16,29 @@ namespace zel {
 template <auto Member> inline constexpr std::size_t shortened_width = 0;
 template <> inline constexpr std::size_t shortened_width<&zel_match_acl_t::acl> = ZEL_ACL_SIZE - 1;
 
-// Fields whose decoded value is reported.  An EXP value goes out under the ARP
-// opcode's text, and with its low three bits only; field tooling expects both.
-template <auto Member> inline constexpr const char *value_report = nullptr;
-template <> inline constexpr const char *value_report<&zel_match_lisp_inst_t::inst_id> = "Match Lisp inst : %d\n"_trace;
-template <>
-inline constexpr const char *value_report<&zel_match_lisp_proto_t::udp_port> = "Match Lisp proto dport: 0x%x\n"_trace;
-template <>
-inline constexpr const char *value_report<&zel_match_lisp_proto_t::destination_rloc> =
-    "Match Lisp proto drloc: 0x%x\n"_trace;
-template <> inline constexpr const char *value_report<&zel_match_exp_t::exp> = "Match ARP Opcode: 0x%x\n"_trace;
-template <>
-inline constexpr const char *value_report<&zel_match_arp_opcode_t::opcode> = "Match ARP Opcode: 0x%x\n"_trace;
-template <>
-inline constexpr const char *value_report<&zel_match_eth_proto_t::type> = "Match Eth proto type: 0x%x\n"_trace;
+// Fields whose decoded value is reported, with the bits that show.  An EXP value
+// goes out under the ARP opcode's text; field tooling expects it there.
+struct ValueReport {
+    bool wanted = false;
+    const char *format = nullptr;
+    uint32_t bits = 0xffffffff;
+};
 
-template <auto Member> inline constexpr uint32_t reported_bits = 0xffffffff;
-template <> inline constexpr uint32_t reported_bits<&zel_match_exp_t::exp> = 0x7;
+template <auto Member> inline constexpr ValueReport value_report{};
+template <>
+inline constexpr ValueReport value_report<&zel_match_lisp_inst_t::inst_id>{true, "Match Lisp inst : %d\n"_trace};
+template <>
+inline constexpr ValueReport value_report<&zel_match_lisp_proto_t::udp_port>{true,
+                                                                             "Match Lisp proto dport: 0x%x\n"_trace};
+template <>
+inline constexpr ValueReport value_report<&zel_match_lisp_proto_t::destination_rloc>{
+    true, "Match Lisp proto drloc: 0x%x\n"_trace};
+template <>
+inline constexpr ValueReport value_report<&zel_match_exp_t::exp>{true, "Match ARP Opcode: 0x%x\n"_trace, 0x7};
+template <>
+inline constexpr ValueReport value_report<&zel_match_arp_opcode_t::opcode>{true, "Match ARP Opcode: 0x%x\n"_trace};
+template <>
+inline constexpr ValueReport value_report<&zel_match_eth_proto_t::type>{true, "Match Eth proto type: 0x%x\n"_trace};
 
 // A 16-bit count is taken as it comes.  The 32-bit count of a statistics request
 // could ask for gigabytes: above a limit that a 16-bit reader of counts would

@@ -17,10 +17,10 @@ namespace zel {
 
 template <class Sink, class R> int32_t walk(Sink &sink, const R &record);
 
-template <class Sink, class R, uint16_t Id, auto Member, FixedString Text>
-void walk_member(Sink &sink, const R &record, Field<Id, Member, Text>)
+template <class Sink, class R, uint16_t Id, auto Member>
+void walk_member(Sink &sink, const R &record, Field<Id, Member> field)
 {
-    sink.value(Id, record.*Member, c_str<Text>);
+    sink.value(Id, record.*Member, field.text);
 }
 
 template <class Sink, class R, auto Member> void walk_member(Sink &sink, const R &record, Embedded<Member>)
@@ -28,10 +28,10 @@ template <class Sink, class R, auto Member> void walk_member(Sink &sink, const R
     walk(sink, record.*Member);
 }
 
-template <class Sink, class R, uint16_t Id, auto Count, auto Array, FixedString Text>
-void walk_member(Sink &sink, const R &record, Sequence<Id, Count, Array, Text>)
+template <class Sink, class R, uint16_t Id, auto Count, auto Array>
+void walk_member(Sink &sink, const R &record, Sequence<Id, Count, Array> sequence)
 {
-    sink.value(Id, record.*Count, c_str<Text>);
+    sink.value(Id, record.*Count, sequence.text);
     for (uint32_t i = 0; i < record.*Count; ++i) {
         walk(sink, *(record.*Array)[i]);
         sink.member_done(record, i);
@@ -54,11 +54,6 @@ void walk_member(Sink &sink, const R &record, Choice<Selector, O...>)
         sink.no_parameter(record);
 }
 
-template <class Sink, class R, class... M> void walk_members(Sink &sink, const R &record, Members<M...>)
-{
-    (walk_member(sink, record, M{}), ...);
-}
-
 template <class Sink, class R> int32_t walk(Sink &sink, const R &record)
 {
     if constexpr (is_shareable<R>) {
@@ -66,7 +61,7 @@ template <class Sink, class R> int32_t walk(Sink &sink, const R &record)
             return 0;
     }
     sink.start(Wire<R>::start);
-    walk_members(sink, record, typename Wire<R>::members{});
+    std::apply([&](auto... member) { (walk_member(sink, record, member), ...); }, Wire<R>::members);
     return sink.end(Wire<R>::end);
 }
 

@@ -12,29 +12,29 @@
 
 namespace zel {
 
-template <class... M> struct Members {};
-
-// A record: the middle part of its exported functions' names, the ids of its
-// markers, and its members in the order in which they are written.
-template <FixedString Name, uint16_t Start, uint16_t End, class... M> struct Record {
-    static constexpr auto name = Name;
+// The markers of a record.
+template <uint16_t Start, uint16_t End> struct Record {
     static constexpr uint16_t start = Start;
     static constexpr uint16_t end = End;
-    using members = Members<M...>;
 };
 
-// Specialised, in records.hpp, for every record that has a wire form.
+// The description of a record: a Record with the middle part of its exported
+// functions' names, and its members in the order in which they are written.
 template <class R> struct Wire;
 
 // A value: one element with the bytes of a member, as they lie in memory.  The
 // text names the field in failure reports.
-template <uint16_t Id, auto Member, FixedString Text> struct Field {};
+template <uint16_t Id, auto Member> struct Field {
+    const char *text;
+};
 
 // A record held by value.
 template <auto Member> struct Embedded {};
 
 // A count element, then that many records, each reached by a pointer.
-template <uint16_t Id, auto Count, auto Array, FixedString Text> struct Sequence {};
+template <uint16_t Id, auto Count, auto Array> struct Sequence {
+    const char *text;
+};
 
 // At most one record out of several that share an area.  The selector picks it
 // when writing, the start marker that arrives when reading.

@@ -1,0 +1,414 @@
+#include "recording_platform.hpp"
+
+#include "platform/avl_tree.h"
+#include "platform/heartbeat.h"
+#include "platform/tlv_array.h"
+#include "platform/tlv_converter.h"
+#include "platform/trace.h"
+#include "platform/transport.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace test {
+
+Platform platform;
+Heap heap;
+
+namespace {
+
+std::string format_text(const char *format, va_list args)
+{
+    char text[2048];
+    std::vsnprintf(text, sizeof text, format, args);
+    return text;
+}
+
+std::string record_text(uint32_t length, const void *record)
+{
+    uint32_t id = 0;
+    std::memcpy(&id, record, sizeof id);
+    const auto *text = static_cast<const char *>(record) + sizeof id;
+    // The length counts id, text and NUL: a wrong one shows in the text.
+    const bool terminated = text[length - 5] == '\0' && std::strlen(text) == length - 5;
+    return std::to_string(id) + (terminated ? " " : " bad length ") + std::string(text, length - 5);
+}
+
+uint32_t padded(uint32_t length)
+{
+    return (length + 4 + platform.padding - 1) / platform.padding * platform.padding;
+}
+
+uint32_t used(const void *array)
+{
+    uint32_t n = 0;
+    std::memcpy(&n, array, sizeof n);
+    return n;
+}
+
+// A sorted list behind the tree's interface; what the library may rely on is order,
+// refusal of duplicates, and a root that is an entry while there is one.
+struct Tree {
+    std::vector<void *> entries;
+    uint32_t key_offset = 0;
+    ravl_compare_t compare = nullptr;
+};
+std::vector<Tree> trees;
+
+// A tree knows its list by number, so that a handle can be copied while it is empty.
+Tree &list_of(const ravl_tree *tree)
+{
+    return trees[tree->own[0]];
+}
+
+const char *key_of(const Tree &tree, const void *entry)
+{
+    return static_cast<const char *>(entry) + tree.key_offset;
+}
+
+auto position(Tree &tree, const void *key)
+{
+    return std::lower_bound(tree.entries.begin(), tree.entries.end(), key, [&](const void *entry, const void *k) {
+        return tree.compare(key_of(tree, entry), k) == 2;
+    });
+}
+
+void set_root(ravl_tree *tree, const Tree &list)
+{
+    tree->root = list.entries.empty() ? nullptr : list.entries[list.entries.size() / 2];
+}
+
+} // namespace
+
+std::vector<std::string> Platform::reported(const std::string &severity) const
+{
+    std::vector<std::string> texts;
+    for (const auto &report : reports)
+        if (report.rfind(severity + ": ", 0) == 0)
+            texts.push_back(report.substr(severity.size() + 2));
+    return texts;
+}
+
+zel_api_handle_t fresh_handle(uint32_t debug)
+{
+    platform = {};
+    zel_api_handle_t handle{};
+    zel_api_init(&handle, debug, 1, 7, err_cb, warn_cb, dbg_cb);
+    platform.log.clear();
+    heap = {};
+    return handle;
+}
+
+#define CALLBACK(severity)                                                                                             \
+    void severity##_cb(const char *format, ...)                                                                        \
+    {                                                                                                                  \
+        va_list args;                                                                                                  \
+        va_start(args, format);                                                                                        \
+        platform.reports.push_back(#severity ": " + format_text(format, args));                                        \
+        va_end(args);                                                                                                  \
+    }
+CALLBACK(err)
+CALLBACK(warn)
+CALLBACK(dbg)
+
+Array &Array::add(uint16_t id, const Bytes &value)
+{
+    bytes_.resize(
+        std::max<size_t>(bytes_.size(), 4 + used(bytes_.data()) + padded(static_cast<uint32_t>(value.size()))));
+    const int fail = std::exchange(platform.fail_write, 0);
+    tlv_array_add_tlv(bytes_.data(), static_cast<uint32_t>(bytes_.size()), id, static_cast<uint16_t>(value.size()),
+                      value.data(), 0);
+    platform.writes.pop_back();
+    platform.fail_write = fail;
+    return *this;
+}
+
+const Bytes &Array::bytes()
+{
+    bytes_.resize(4 + used(bytes_.data()) + 64);
+    return bytes_;
+}
+
+std::vector<ReadElement> elements_of(const Bytes &array)
+{
+    std::vector<ReadElement> elements;
+    uint16_t id = 0;
+    uint16_t length = 0;
+    const void *value = nullptr;
+    uint32_t cursor = 0;
+    while (tlv_array_get_next_tlv(array.data(), &id, &length, &value, 0, &cursor) == 0) {
+        const auto *p = static_cast<const uint8_t *>(value);
+        elements.push_back({id, Bytes(p, p + length)});
+    }
+    return elements;
+}
+
+} // namespace test
+
+using namespace test;
+
+const char *const g_applications[] = {"none", "tester", "other"};
+const char trc_dbg_modname[] = "zel";
+
+// The converter only remembers its arguments, as words, in order.
+template <class... A> static int32_t converter(A... arguments)
+{
+    platform.converter_arguments = {(uintptr_t)arguments...};
+    return platform.converter_result;
+}
+
+extern "C" {
+
+void *__real_calloc(size_t, size_t);
+void __real_free(void *);
+
+void *__wrap_calloc(size_t n, size_t size)
+{
+    heap.callocs.emplace_back(n, size);
+    if (heap.fail_calloc > 0 && --heap.fail_calloc == 0)
+        return nullptr;
+    void *p = __real_calloc(n, size);
+    heap.live[p] = n * size;
+    return p;
+}
+
+void __wrap_free(void *p)
+{
+    if (heap.order && p != nullptr)
+        heap.freed.push_back(p);
+    heap.live.erase(p);
+    __real_free(p);
+}
+
+int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value,
+                          uintptr_t reserved)
+{
+    const auto *bytes = static_cast<const uint8_t *>(value);
+    platform.writes.push_back({type, Bytes(bytes, bytes + length), capacity});
+    if (reserved != 0 || platform.fail_write == -1 || (platform.fail_write > 0 && --platform.fail_write == 0))
+        return -28;
+    const uint32_t at = 4 + used(array);
+    const uint32_t now = used(array) + padded(length);
+    if (now + 4 > capacity)
+        return -27;
+    auto *to = static_cast<uint8_t *>(array) + at;
+    std::memcpy(to, &type, 2);
+    std::memcpy(to + 2, &length, 2);
+    std::memcpy(to + 4, value, length);
+    std::memcpy(array, &now, 4);
+    return 0;
+}
+
+uint32_t tlv_size_get(uint32_t length)
+{
+    return padded(length) | platform.size_noise;
+}
+
+int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
+                               uintptr_t reserved, uint32_t *cursor)
+{
+    const uint32_t left = used(array) - *cursor;
+    const auto *from = static_cast<const uint8_t *>(array) + 4 + *cursor;
+    if (reserved != 0 || left < 4)
+        return 61;
+    std::memcpy(type, from, 2);
+    std::memcpy(length, from + 2, 2);
+    if (padded(*length) > left)
+        return 62;
+    *value = from + 4;
+    *cursor += padded(*length);
+    return 0;
+}
+
+uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
+{
+    uint16_t type = 0;
+    uint16_t length = 0;
+    const void *value = nullptr;
+    uint32_t cursor = 0;
+    uint32_t count = 0;
+    while (tlv_array_get_next_tlv(array, &type, &length, &value, 0, &cursor) == 0)
+        ++count;
+    return count;
+}
+
+int32_t ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
+{
+    platform.log.push_back("init " + std::to_string(key_size) + " " + std::to_string(key_offset));
+    tree->own[0] = trees.size();
+    trees.push_back({{}, key_offset, compare});
+    tree->root = nullptr;
+    return 1234;
+}
+
+int32_t ravl_insert(ravl_tree *tree, void *entry)
+{
+    Tree &list = list_of(tree);
+    const auto at = position(list, key_of(list, entry));
+    if (at != list.entries.end() && list.compare(key_of(list, *at), key_of(list, entry)) == 0)
+        return 0;
+    list.entries.insert(at, entry);
+    set_root(tree, list);
+    return 5;
+}
+
+void *ravl_lookup(ravl_tree *tree, const void *key)
+{
+    Tree &list = list_of(tree);
+    const auto at = position(list, key);
+    return at != list.entries.end() && list.compare(key_of(list, *at), key) == 0 ? *at : nullptr;
+}
+
+void ravl_delete(ravl_tree *tree, void *entry)
+{
+    Tree &list = list_of(tree);
+    platform.log.push_back("delete");
+    list.entries.erase(std::find(list.entries.begin(), list.entries.end(), entry));
+    set_root(tree, list);
+}
+
+int32_t ravl_is_empty(ravl_tree *tree)
+{
+    return list_of(tree).entries.empty() ? 9 : 0;
+}
+
+void fu_keeper_update_and_send_heartbeat(int32_t reserved)
+{
+    platform.heartbeats += reserved == 0 ? 1 : 1000;
+}
+
+int32_t trc_hist_event_subtype_check(uint32_t module, uint32_t trace_id)
+{
+    platform.log.push_back("subtype " + std::to_string(module) + " " + std::to_string(trace_id));
+    return platform.history_check;
+}
+
+void trc_hist_event(uint32_t module, uint32_t length, const void *record)
+{
+    platform.log.push_back("history " + std::to_string(module) + " " + record_text(length, record));
+}
+
+int32_t trc_chk_int(uint32_t trace_id, uint32_t a, uint32_t b, uint32_t c)
+{
+    platform.log.push_back("check " + std::to_string(trace_id) + " " + std::to_string(a) + std::to_string(b) +
+                           std::to_string(c));
+    return platform.console_check;
+}
+
+void dbgout(uint32_t level, const void *module_name, uint32_t reserved, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    platform.log.push_back("console " + std::to_string(level) + (module_name == trc_dbg_modname ? "" : "?") +
+                           std::to_string(reserved) + " " + format_text(format, args));
+    va_end(args);
+}
+
+void trc_his_log_event_for_uuid_inst(uint32_t log, uint32_t module, uint32_t instance, uint32_t reserved,
+                                     uint32_t length, const void *record)
+{
+    platform.log.push_back("log " + std::to_string(log) + " " + std::to_string(module) + " " +
+                           std::to_string(instance) + std::to_string(reserved) + " " + record_text(length, record));
+}
+
+int32_t fu_kob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *buffer,
+                    uint32_t size, void *kob_msg, uintptr_t, uintptr_t)
+{
+    const auto *bytes = static_cast<const uint8_t *>(buffer);
+    platform.sends.push_back({false, kob_handle, node, sap, opcode, Bytes(bytes, bytes + size), 0, kob_msg});
+    return platform.send_result;
+}
+
+int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode, const mpkob_segment_t *segments,
+                   uint32_t num_segments, void *kob_msg, uintptr_t)
+{
+    const auto *bytes = static_cast<const uint8_t *>(segments[0].address);
+    platform.sends.push_back(
+        {true, kob_handle, node, sap, opcode, Bytes(bytes, bytes + segments[0].length), num_segments, kob_msg});
+    return platform.send_result;
+}
+
+uint32_t kob_rr_token_get(void *kob_msg)
+{
+    return static_cast<Message *>(kob_msg)->token;
+}
+
+int32_t kob_errno_get(uint32_t)
+{
+    return platform.transport_errno++;
+}
+
+void *kob_payload_get(void *kob_msg)
+{
+    auto *message = static_cast<Message *>(kob_msg);
+    return message->empty || message->multi_part ? nullptr : message->payload.data();
+}
+
+int32_t mpkob_is_mpkob(uint32_t kob_ctx, void *kob_msg)
+{
+    auto *message = static_cast<Message *>(kob_msg);
+    return message->multi_part && message->context == kob_ctx ? 3 : 0;
+}
+
+void *mpkob_payload_get(uint32_t kob_ctx, void *kob_msg)
+{
+    auto *message = static_cast<Message *>(kob_msg);
+    return message->context == kob_ctx ? message->payload.data() : nullptr;
+}
+
+int32_t tlvu_table_convert_struct_to_tlv(void *tlv, uintptr_t capacity, const void *table, const void *record,
+                                         void *written, uintptr_t flags, uintptr_t reserved)
+{
+    return converter(tlv, capacity, table, record, written, flags, reserved);
+}
+
+int32_t tlvu_table_convert_tlv_to_struct(void *record_slot, const void *tlv, uintptr_t size, const void *table,
+                                         uintptr_t caller_owned)
+{
+    if (platform.converted != nullptr)
+        std::memcpy(record_slot, &platform.converted, sizeof platform.converted);
+    return converter(record_slot, tlv, size, table, caller_owned);
+}
+
+uint32_t tlvu_table_size(const void *table, const void *record)
+{
+    return static_cast<uint32_t>(converter(table, record));
+}
+
+int32_t tlvu_table_get_struct_size_from_tlv(int32_t *size, const void *tlv, uintptr_t reserved, const void *table)
+{
+    const bool starts_at_zero = *size == 0;
+    *size = 77;
+    return converter(starts_at_zero, tlv, reserved, table);
+}
+
+int32_t tlvu_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value, uintptr_t capacity,
+                       const void *table)
+{
+    return converter(tlv, size, element, value, capacity, table);
+}
+
+int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const void *table, uintptr_t flags,
+                            uint16_t element)
+{
+    return converter(itr, tlv, size, table, flags, element);
+}
+
+int32_t tlvu_field_itr_get_next(void *itr, void *field)
+{
+    return converter(itr, field);
+}
+
+void tlvu_error_print(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    platform.converter_errors.push_back(format_text(format, args));
+    va_end(args);
+}
+
+} // extern "C"

@@ -1,0 +1,104 @@
+// A platform that does what the library asks, remembers every call, and fails on request.
+#pragma once
+
+#include "zel.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace test {
+
+using Bytes = std::vector<uint8_t>;
+
+struct ElementWrite {
+    uint16_t id;
+    Bytes value;
+    uint32_t capacity;
+};
+
+struct Send {
+    bool multi_part;
+    uint32_t kob_handle, node, sap, opcode;
+    Bytes message;
+    uint32_t num_segments;
+    void *kob_msg;
+};
+
+// A received message, and the record that sends are given.
+struct Message {
+    Bytes payload;
+    bool multi_part = false;
+    bool empty = false;
+    uint32_t token = 0;
+    uint32_t context = 0; // that the multi-part accessors must be given
+};
+
+struct Platform {
+    // How it behaves.
+    uint32_t padding = 1;    // elements are padded to a multiple of this
+    uint32_t size_noise = 0; // or-ed into the results of tlv_size_get()
+    int fail_write = 0;      // the n-th element write from now fails; -1: all do
+    int32_t send_result = 0;
+    int32_t transport_errno = 100; // raised by one whenever it is asked for
+    int32_t history_check = 1;     // of the event history: 0 records
+    int32_t console_check = 0;     // of the console: non-zero prints
+    int32_t converter_result = 0;
+    zel_stat_results_t *converted = nullptr; // block that the converter hands out
+
+    // What it saw.
+    std::vector<ElementWrite> writes;
+    std::vector<Send> sends;
+    std::vector<std::string> log;     // trace facility, tree and heartbeat calls, in order
+    std::vector<std::string> reports; // "err: ", "warn: " or "dbg: " and the text
+    std::vector<uintptr_t> converter_arguments;
+    std::vector<std::string> converter_errors;
+    int heartbeats = 0;
+
+    std::vector<std::string> reported(const std::string &severity) const;
+};
+
+// The heap as the library sees it: calloc and free are wrapped by the linker.
+struct Heap {
+    int fail_calloc = 0; // the n-th calloc from now fails
+    bool order = false;  // remember what is freed, in order
+    std::vector<void *> freed;
+    std::vector<std::pair<size_t, size_t>> callocs;
+    std::map<const void *, size_t> live;
+};
+
+extern Platform platform;
+extern Heap heap;
+
+// A handle whose callbacks report to the platform above.  Resets platform and heap.
+zel_api_handle_t fresh_handle(uint32_t debug = 0);
+
+void err_cb(const char *format, ...);
+void warn_cb(const char *format, ...);
+void dbg_cb(const char *format, ...);
+
+// Builds arrays by hand.
+class Array {
+public:
+    Array &add(uint16_t id, const Bytes &value = {0});
+    template <class T> Array &field(uint16_t id, T value)
+    {
+        const auto *p = reinterpret_cast<const uint8_t *>(&value);
+        return add(id, Bytes(p, p + sizeof value));
+    }
+    Array &marker(uint16_t id) { return add(id); }
+    // With the readable bytes behind it that every received payload has.
+    const Bytes &bytes();
+
+private:
+    Bytes bytes_ = Bytes(4);
+};
+
+struct ReadElement {
+    uint16_t id;
+    Bytes value;
+};
+std::vector<ReadElement> elements_of(const Bytes &array);
+
+} // namespace test

@@ -1,0 +1,81 @@
+// The trace procedure, seen through one site of each kind.
+#include "support/recording_platform.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace test;
+
+namespace {
+
+// A report with two arguments: the cache's notice of a stored object.
+void store(zel_api_handle_t &handle)
+{
+    static int object;
+    zel_store_mat_cache(&handle, 1, 8, 5, &object);
+}
+
+} // namespace
+
+TEST(Trace, DestinationsForEverySetting)
+{
+    const std::string text = "zel_store_mat_cache(216)[tester]: insert successful: type: 8, id: 5.";
+    for (int setting = 0; setting < 16; ++setting) {
+        const bool debug = setting & 1, history = setting & 2, console = setting & 4, callback = setting & 8;
+        auto handle = fresh_handle(debug);
+        platform.history_check = history ? 0 : 4;
+        platform.console_check = console ? 1 : 0;
+        if (!callback)
+            handle.dbg_cb = nullptr;
+        store(handle);
+
+        std::vector<std::string> expected;
+        if (debug) {
+            expected.push_back("subtype 7536640 104");
+            if (history)
+                expected.push_back("history 7536640 104 " + text);
+            expected.push_back("check 104 001");
+            if (console)
+                expected.push_back("console 10 " + text);
+            expected.push_back("log 648 7536640 10 104 " + text);
+        }
+        EXPECT_EQ(platform.log, expected) << setting;
+        const std::vector<std::string> reports = {"dbg: insert successful: type: 8, id: 5."};
+        EXPECT_EQ(platform.reports, callback ? reports : std::vector<std::string>{}) << setting;
+        zel_empty_mat_cache(&handle);
+    }
+}
+
+// The record holds 511 characters; the callback formats for itself and gets them all.
+TEST(Trace, LongTextsAreCutInTheRecord)
+{
+    auto handle = fresh_handle(1);
+    platform.fail_write = -1;
+    const std::string name(600, 'x');
+    const uint8_t value = 0;
+    tlv_add_element(&handle, nullptr, 0, 1, 1, &value, name.c_str());
+    ASSERT_EQ(platform.log.size(), 3u);
+    const std::string head = "log 648 7536640 10 102 ";
+    EXPECT_EQ(platform.log[2].size(), head.size() + 511);
+    EXPECT_EQ(platform.log[2].find(head + "tlv_add_element(126)[tester]: Failed to encode xxx"), 0u);
+    EXPECT_EQ(platform.reports[0], "err: Failed to encode " + name + "  tlv element: -28");
+}
+
+// The transport's errno is asked for once per destination.
+TEST(Trace, SideEffectsOncePerDestination)
+{
+    auto handle = fresh_handle(1);
+    platform.history_check = 0;
+    platform.console_check = 1;
+    platform.send_result = -5;
+    Message message;
+    zel_policy_delete(&handle, 1, 2, &message);
+    const std::string text = "fu_kob_send() fails. kob_retval: -5, errno: ";
+    const std::string line = "send_to_zel(4023)[tester]: " + text;
+    const std::vector<std::string> expected = {
+        "subtype 7536640 102",         "history 7536640 102 " + line + "100 ",    "check 102 001",
+        "console 10 " + line + "101 ", "log 648 7536640 10 102 " + line + "102 ",
+    };
+    ASSERT_GE(platform.log.size(), expected.size());
+    EXPECT_EQ(std::vector<std::string>(platform.log.end() - 5, platform.log.end()), expected);
+    EXPECT_EQ(platform.reported("err"), std::vector<std::string>{text + "103 "});
+}

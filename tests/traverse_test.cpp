@@ -1,0 +1,112 @@
+// Traversal: what is freed and in which order, and what unknown modes and types do.
+#include "support/graphs.hpp"
+#include "support/recording_platform.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace test;
+
+TEST(Traversal, FreesBottomUpInOrder)
+{
+    auto handle = fresh_handle();
+    auto *service = make_match(ZEL_MATCH_TYPE_SERVICE, 2);
+    auto *plain = make_match(ZEL_MATCH_TYPE_EXP, 9);
+    auto *redirect = make_action(ZEL_ACTION_TYPE_REDIRECT, 1, 1);
+    auto *pair =
+        make(zel_match_action_pair_t{1, 0, 0, make_match_group({service, plain}), make_action_group({redirect})});
+    auto *interface = make(zel_if_element_t{});
+    auto *policy =
+        make(zel_policy_t{1, 2, 3, 4, {1, array_of(std::vector{pair})}, {1, array_of(std::vector{interface})}});
+    const zel_match_service_t elements = service->param.service;
+    const std::vector<void *> expected = {
+        interface,
+        policy->if_group.if_elements,
+        elements.elements[0],
+        elements.elements[1],
+        elements.elements,
+        service,
+        plain,
+        redirect,
+        pair->match_group.matches,
+        pair->action_group.actions,
+        pair,
+        policy->match_action_pair_group.pairs,
+    };
+    heap.order = true;
+    EXPECT_EQ(free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_POLICY, policy), 0u);
+    EXPECT_EQ(heap.freed, expected);
+    EXPECT_EQ(policy->match_action_pair_group.pairs, nullptr);
+    EXPECT_EQ(policy->if_group.if_elements, nullptr);
+    EXPECT_EQ(policy->match_action_pair_group.num_pair, 1);
+    // Freed twice is freed once.
+    EXPECT_EQ(free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_POLICY, policy), 0u);
+    EXPECT_EQ(heap.freed, expected);
+    std::free(policy);
+    EXPECT_TRUE(heap.live.empty());
+}
+
+TEST(Traversal, CachedObjectsKeepTheirParameter)
+{
+    auto handle = fresh_handle();
+    auto *owner = make_match(ZEL_MATCH_TYPE_SERVICE, 3);
+    auto *copy = make(*owner);
+    copy->cached = 1;
+    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, copy);
+    EXPECT_EQ(copy->param.service.elements, owner->param.service.elements);
+    // Neither does a match of another kind own what its parameter happens to hold.
+    copy->cached = 0;
+    copy->type = ZEL_MATCH_TYPE_ACL;
+    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, copy);
+    std::free(copy);
+    free_graph(ZEL_MAT_TYPE_MATCH, owner);
+    EXPECT_TRUE(heap.live.empty());
+}
+
+TEST(Traversal, CountOfZero)
+{
+    auto handle = fresh_handle();
+    auto **array = array_of(std::vector<zel_match_action_pair_t *>{});
+    zel_match_action_pair_grp_t group{0, array};
+    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH_ACTION_PAIR_GROUP, &group);
+    EXPECT_EQ(group.pairs, nullptr);
+    EXPECT_TRUE(heap.live.empty());
+
+    auto **entries = array_of(std::vector<zel_stat_request_entry_t *>{});
+    zel_stat_request_t request{0, entries};
+    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_STAT_REQUEST, &request);
+    EXPECT_EQ(request.requests, entries);
+    std::free(entries);
+}
+
+TEST(Traversal, UnknownTypesAndModes)
+{
+    auto handle = fresh_handle();
+    uint32_t value = 5;
+    zel_match_t match{};
+    for (const uint32_t type : {0u, 1u, 2u, 4u, 6u, 15u, UINT32_MAX}) {
+        zel_store_mat_cache(&handle, 1, 8, 1, &match);
+        EXPECT_EQ(traverse_mat_obj(&handle, nullptr, &value, type, &match, 1, MAT_TRAVERSE_FREE), type == 0 ? 0u : 1u);
+        EXPECT_EQ(zel_found_mat_cache(&handle, 1, 8, 1), nullptr);
+    }
+    EXPECT_TRUE(platform.reported("err").empty());
+
+    zel_match_grp_t group{};
+    handle.debug = 1;
+    EXPECT_EQ(traverse_mat_match_grp_obj(&handle, nullptr, &value, &group, 4, 1), 0u);
+    EXPECT_NE(platform.log.back().find("traverse_mat_match_grp_obj("), std::string::npos);
+    EXPECT_EQ(traverse_mat_action_redirect_obj(&handle, nullptr, &value, nullptr, 0, 1), 0u);
+    EXPECT_EQ(platform.reported("err"), (std::vector<std::string>{"unsurported mode: 4", "unsurported mode: 0"}));
+    EXPECT_EQ(traverse_mat_match_obj(&handle, nullptr, &value, &match, 4, 1), 0u);
+    EXPECT_EQ(traverse_mat_action_obj(&handle, nullptr, &value, nullptr, 4, 1), 0u);
+    EXPECT_EQ(platform.reported("err").size(), 2u);
+    EXPECT_EQ(value, 5u);
+    // The accumulator is added to, except by a statistics request.
+    EXPECT_EQ(traverse_mat_match_grp_obj(&handle, nullptr, &value, &group, MAT_TRAVERSE_SIZE, 1), 0u);
+    EXPECT_EQ(value, 5u + 10 + 6 + 8 + 8 + 6);
+    zel_stat_request_t request{};
+    EXPECT_EQ(traverse_mat_obj(&handle, nullptr, &value, 3, &request, 1, MAT_TRAVERSE_SIZE), 0u);
+    EXPECT_EQ(value, 10u + 8);
+    for (const uint32_t mode : {MAT_TRAVERSE_SIZE, MAT_TRAVERSE_ENCODE, MAT_TRAVERSE_FREE})
+        EXPECT_EQ(traverse_mat_obj(&handle, nullptr, &value, 13, nullptr, 1, mode), 0u);
+    EXPECT_EQ(value, 10u + 8);
+}

@@ -1,0 +1,265 @@
+// What goes onto the wire: elements, texts, sizes, and what a failed write changes.
+#include "support/graphs.hpp"
+#include "support/recording_platform.hpp"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+
+using namespace test;
+
+namespace {
+
+std::string line_of(const ElementWrite &write, const std::string &report)
+{
+    std::ostringstream line;
+    const std::string before = "Failed to encode ";
+    line << write.id << ' ' << write.value.size() << ' ' << std::hex;
+    for (const uint8_t byte : write.value)
+        line << (byte >> 4) << (byte & 15);
+    line << ' ' << report.substr(before.size(), report.find("  tlv element: -28") - before.size());
+    return line.str();
+}
+
+// All elements of a request, with the texts that name them when their write fails.
+std::vector<std::string> dump(uint32_t api_type, const void *root)
+{
+    auto handle = fresh_handle();
+    platform.fail_write = -1;
+    Message message;
+    uint32_t token = 0;
+    send_to_zel(&token, api_type, &handle, 0x0102, root, 0x03040506, &message);
+
+    std::vector<std::string> reports;
+    for (const auto &report : platform.reported("err"))
+        if (report.find("Failed") == 0)
+            reports.push_back(report);
+    std::vector<std::string> lines;
+    for (size_t i = 0; i < platform.writes.size() && i < reports.size(); ++i)
+        lines.push_back(line_of(platform.writes[i], reports[i]));
+    EXPECT_EQ(reports.size(), platform.writes.size());
+    return lines;
+}
+
+// A golden file has one element a line: id, length, value, text.  # starts a comment.
+std::vector<std::string> golden(const char *name)
+{
+    std::ifstream file(std::string(GOLDEN_DIR "/") + name);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        if (!line.empty() && line[0] != '#')
+            lines.push_back(line);
+    return lines;
+}
+
+} // namespace
+
+TEST(Wire, GoldenPolicyList)
+{
+    auto *list = full_policy_list();
+    EXPECT_EQ(dump(ZEL_API_POLICY_LIST_UPDATE, list), golden("policy_list.elements"));
+    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
+}
+
+TEST(Wire, GoldenStatRequest)
+{
+    auto *request = full_stat_request();
+    EXPECT_EQ(dump(ZEL_API_STATS_PULL, request), golden("stat_request.elements"));
+    free_graph(ZEL_MAT_TYPE_STAT_REQUEST, request);
+}
+
+namespace {
+
+struct Sized {
+    uint32_t promised;
+    uint32_t written;
+};
+
+// Calls a size function and its encoder, whatever arguments they take.
+template <class Size, class Encode, class R> Sized measure(Size size, Encode encode, const R *record, uint32_t padding)
+{
+    auto handle = fresh_handle();
+    platform.padding = padding;
+    platform.size_noise = 0x7650000;
+    Sized sized{};
+    if constexpr (std::is_invocable_v<Size>)
+        sized.promised = size();
+    else if constexpr (std::is_invocable_v<Size, const R *, uint32_t>)
+        sized.promised = size(record, 1);
+    else
+        sized.promised = size(&handle, record, 1);
+    zel_empty_mat_cache(&handle);
+    Bytes array(4 + sized.promised);
+    const auto capacity = static_cast<uint32_t>(array.size());
+    int32_t status = 0;
+    if constexpr (std::is_invocable_v<Encode, zel_api_handle_t *, void *, uint32_t, const R *, uint32_t>)
+        status = encode(&handle, array.data(), capacity, record, 1);
+    else
+        status = encode(&handle, array.data(), capacity, record);
+    zel_empty_mat_cache(&handle);
+    EXPECT_EQ(status, 0);
+    memcpy(&sized.written, array.data(), 4);
+    return sized;
+}
+
+} // namespace
+
+TEST(Wire, SizeFunctionsPromiseWhatEncodersWrite)
+{
+    auto *list = full_policy_list();
+    auto *request = full_stat_request();
+    const zel_policy_t &policy = *list->policies[0];
+    const zel_match_action_pair_t &pair = *policy.match_action_pair_group.pairs[0];
+    auto match = [&](uint32_t type) { return pair.match_group.matches[type - 1]; };
+    auto action = [&](int i) { return pair.action_group.actions[i]; };
+    const zel_kob_header_t header{};
+#define EXPECT_SIZED(object, record)                                                                                   \
+    for (const uint32_t padding : {1u, 4u}) {                                                                          \
+        const Sized sized = measure(zel_##object##_get_tlv_sz, zel_add_##object##_to_tlv, record, padding);            \
+        EXPECT_EQ(sized.promised, sized.written) << #object;                                                           \
+        EXPECT_GT(sized.written, 0u) << #object;                                                                       \
+    }
+    EXPECT_SIZED(kob_header, &header);
+    EXPECT_SIZED(stat_request_entry, request->requests[0]);
+    EXPECT_SIZED(stat_request, request);
+    EXPECT_SIZED(action_param_redirect, &action(0)->param.redirect);
+    EXPECT_SIZED(action_label_param, &action(1)->param.redirect.label_param);
+    EXPECT_SIZED(l2_redirect_ipv4, &action(1)->param.redirect.l2_ipv4);
+    EXPECT_SIZED(l3_redirect_ipv4, &action(2)->param.redirect.l3_ipv4);
+    EXPECT_SIZED(action_nat_rewrite, &action(3)->param.nat_rewrite);
+    EXPECT_SIZED(action_set_vrf, &action(4)->param.set_vrf);
+    EXPECT_SIZED(action_lisp_decapsulation, &action(5)->param.lisp_decapsulation);
+    EXPECT_SIZED(match_acl, &match(1)->param.acl);
+    EXPECT_SIZED(match_label, &match(3)->param.label);
+    EXPECT_SIZED(match_service, &match(4)->param.service);
+    EXPECT_SIZED(match_service_element, &match(5)->param.service_element);
+    EXPECT_SIZED(match_eth_proto, &match(6)->param.eth_proto);
+    EXPECT_SIZED(match_arp_opcode, &match(7)->param.arp_opcode);
+    EXPECT_SIZED(match_exp, &match(8)->param.exp);
+    EXPECT_SIZED(match_lisp_proto, &match(9)->param.lisp_proto);
+    EXPECT_SIZED(match_lisp_inst, &match(10)->param.lisp_inst);
+    for (uint32_t type = 1; type <= 12; ++type)
+        EXPECT_SIZED(match, match(type));
+    for (int i = 0; i < 7; ++i)
+        EXPECT_SIZED(action, action(i));
+    EXPECT_SIZED(match_grp, &pair.match_group);
+    EXPECT_SIZED(action_grp, &pair.action_group);
+    EXPECT_SIZED(match_action_pair, &pair);
+    EXPECT_SIZED(match_action_pair_grp, &policy.match_action_pair_group);
+    EXPECT_SIZED(if_element, policy.if_group.if_elements[0]);
+    EXPECT_SIZED(if_group, &policy.if_group);
+    EXPECT_SIZED(policy, &policy);
+    EXPECT_SIZED(policy_list, list);
+    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
+    free_graph(ZEL_MAT_TYPE_STAT_REQUEST, request);
+}
+
+TEST(Wire, SizingAndEncodingReportUnsupportedMatches)
+{
+    auto handle = fresh_handle();
+    Bytes array(1000);
+    const struct {
+        uint32_t type;
+        std::vector<std::string> sizing, encoding;
+    } cases[] = {{2, {"acl_ipv6 unsupported."}, {"acl_ipv6 unsupported."}},
+                 {11, {}, {}},
+                 {12, {"match type unsupported: 12, id: 9"}, {"unknown match type: 12"}},
+                 {0, {"match type unsupported: 0, id: 9"}, {"unknown match type: 0"}}};
+    for (const auto &c : cases) {
+        zel_match_t match{1, 9, 2, c.type, {}, 0};
+        platform.reports.clear();
+        EXPECT_EQ(zel_match_get_tlv_sz(&handle, &match, 1), 5u + 8 + 6 + 6 + 8 + 5);
+        EXPECT_EQ(platform.reported("err"), c.sizing);
+        zel_empty_mat_cache(&handle);
+        platform.reports.clear();
+        platform.writes.clear();
+        zel_add_match_to_tlv(&handle, array.data(), 1000, &match, 1);
+        EXPECT_EQ(platform.reported("err"), c.encoding);
+        EXPECT_EQ(platform.writes.size(), 6u);
+        zel_empty_mat_cache(&handle);
+    }
+}
+
+// Whichever element fails, all others are written, and only the last one's status shows.
+TEST(Wire, EncodingGoesOnAfterAFailedElement)
+{
+    auto *list = full_policy_list();
+    const zel_policy_t *policy = list->policies[0];
+    size_t total = 1;
+    for (int n = 1; n <= static_cast<int>(total); ++n) {
+        auto handle = fresh_handle();
+        Bytes array(10000);
+        platform.fail_write = n;
+        const int32_t status = zel_add_policy_to_tlv(&handle, array.data(), 10000, policy, 1);
+        zel_empty_mat_cache(&handle);
+        total = platform.writes.size();
+        ASSERT_EQ(status, n == static_cast<int>(total) ? -28 : 0) << n;
+        ASSERT_EQ(elements_of(array).size(), total - 1) << n;
+        size_t failures = 0;
+        for (const auto &report : platform.reported("err"))
+            failures += report.find("Failed to encode ") == 0;
+        ASSERT_EQ(failures, 1u) << n;
+    }
+    EXPECT_GT(total, 200u);
+    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
+}
+
+TEST(Wire, MarkersOfMatTypes)
+{
+    auto handle = fresh_handle();
+    Bytes array(100);
+    const uint16_t starts[] = {0, 0, 138, 135, 128, 125, 9, 96, 23, 60, 101, 107, 113, 116, 122};
+    for (uint32_t type = 0; type <= 16; ++type) {
+        platform.writes.clear();
+        platform.reports.clear();
+        zel_add_tlv_struct_start(&handle, type, array.data(), 77);
+        zel_add_tlv_struct_end(&handle, type, array.data(), 77);
+        if (type < 2 || type > 14) {
+            const std::string text = "unkown type: " + std::to_string(type);
+            EXPECT_EQ(platform.reported("err"), (std::vector<std::string>{text, text}));
+            EXPECT_TRUE(platform.writes.empty());
+            continue;
+        }
+        ASSERT_EQ(platform.writes.size(), 2u);
+        EXPECT_EQ(platform.writes[0].id, starts[type]);
+        EXPECT_EQ(platform.writes[1].id, starts[type] + 1);
+        EXPECT_EQ(platform.writes[1].value, Bytes{0});
+        EXPECT_EQ(platform.writes[1].capacity, 77u);
+    }
+}
+
+// Matches count over the whole process, policies by index.
+TEST(Wire, Heartbeats)
+{
+    auto handle = fresh_handle();
+    Bytes array(1 << 16);
+    std::vector<zel_match_t *> matches(64, make_match(ZEL_MATCH_TYPE_EXP, 1));
+    auto group = make_match_group(matches);
+    const auto beats = [&](uint16_t count) {
+        platform.heartbeats = 0;
+        group.num_match = count;
+        zel_add_match_grp_to_tlv(&handle, array.data(), 1 << 16, &group, 1);
+        return platform.heartbeats;
+    };
+    EXPECT_EQ(beats(0), 0);
+    // Other tests of this process have encoded matches: find where the counter stands.
+    int before = 0;
+    while (beats(1) == 0)
+        ASSERT_LT(++before, 32);
+    EXPECT_EQ(beats(31), 0);
+    EXPECT_EQ(beats(1), 1);
+    EXPECT_EQ(beats(64), 2);
+
+    zel_policy_t policy{};
+    std::vector<zel_policy_t *> policies(66, &policy);
+    zel_policy_list_t list{0, policies.data()};
+    for (const auto &[count, expected] : {std::pair<uint16_t, int>{32, 0}, {33, 1}, {64, 1}, {65, 2}}) {
+        platform.heartbeats = 0;
+        list.num_policy = count;
+        zel_add_policy_list_to_tlv(&handle, array.data(), 1 << 16, &list, 1);
+        EXPECT_EQ(platform.heartbeats, expected) << count;
+    }
+    zel_empty_mat_cache(&handle);
+    std::free(matches[0]);
+    std::free(group.matches);
+}

@@ -1,5 +1,4 @@
 // The object cache, and the compression that it serves.
-#include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
 
 #include <gtest/gtest.h>
@@ -92,8 +91,9 @@ TEST(Compression, VerdictsAndReferences)
 // What the cache cannot hold is written whole again.
 TEST(Compression, WholeWhenTheCacheCannotGrow)
 {
-    auto *match = make_match(ZEL_MATCH_TYPE_EXP, 1);
-    auto group = make_match_group({match, match, match});
+    zel_match_t match{0, 1, 0, ZEL_MATCH_TYPE_EXP, {}, 0};
+    zel_match_t *matches[] = {&match, &match, &match};
+    const zel_match_grp_t group{0, 0, 0, 3, matches};
     for (const int fail : {0, 1}) {
         auto handle = fresh_handle();
         Bytes array(1000);
@@ -105,6 +105,4 @@ TEST(Compression, WholeWhenTheCacheCannotGrow)
         EXPECT_EQ(exps, fail ? 2u : 1u);
         zel_empty_mat_cache(&handle);
     }
-    std::free(match);
-    std::free(group.matches);
 }

@@ -32,6 +32,17 @@ bool operator==(const Decoded &a, const Decoded &b)
     return a.status == b.status && a.subtotal == b.subtotal;
 }
 
+// A policy list with two members of everything.
+Bytes encoded_list(zel_api_handle_t &handle, Number ids)
+{
+    auto *list = Graphs([] { return 2; }, std::move(ids)).make<zel_policy_list_t>();
+    Bytes array(20000);
+    zel_add_policy_list_to_tlv(&handle, array.data(), 19000, list, 1);
+    zel_empty_mat_cache(&handle);
+    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
+    return array;
+}
+
 void add_match(Array &array, uint16_t id)
 {
     array.marker(23)
@@ -72,11 +83,8 @@ TEST(Decode, FieldsInAnyOrderRepeatedMissingAndUnknown)
 // An array that ends anywhere: the status comes up, counts are right, nothing leaks.
 TEST(Decode, TruncatedAtEveryElement)
 {
-    auto *list = full_policy_list();
     auto handle = fresh_handle();
-    Bytes array(20000);
-    zel_add_policy_list_to_tlv(&handle, array.data(), 19000, list, 1);
-    zel_empty_mat_cache(&handle);
+    const Bytes array = encoded_list(handle, [n = 2u]() mutable { return ++n % 13; });
     const auto elements = elements_of(array);
     const auto total = static_cast<uint32_t>(elements.size());
     uint32_t used = 0;
@@ -84,7 +92,7 @@ TEST(Decode, TruncatedAtEveryElement)
         handle = fresh_handle();
         Bytes cut(array);
         memcpy(cut.data(), &used, 4);
-        auto *record = make(zel_policy_list_t{});
+        auto *record = zeroed<zel_policy_list_t>();
         const Decoded expected{kept == total ? 0 : 61, kept};
         ASSERT_EQ(decode(zel_parse_policy_list_from_tlv, handle, cut, *record), expected) << kept;
         zel_empty_mat_cache(&handle);
@@ -93,7 +101,6 @@ TEST(Decode, TruncatedAtEveryElement)
         if (kept < total)
             used += 4 + static_cast<uint32_t>(elements[kept].value.size());
     }
-    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
 }
 
 TEST(Decode, ArrayParents)
@@ -226,10 +233,8 @@ TEST(Decode, PeculiarFields)
 TEST(Decode, References)
 {
     auto handle = fresh_handle();
-    zel_match_t *owner = make_match(ZEL_MATCH_TYPE_SERVICE, 5);
-    zel_action_t *action = make_action(ZEL_ACTION_TYPE_REDIRECT, 5, 1);
+    auto *owner = Graphs(scripted({3}), scripted({3})).make<zel_match_t>(); // a service
     zel_store_mat_cache(&handle, 1, ZEL_MAT_TYPE_MATCH, 5, owner);
-    zel_store_mat_cache(&handle, 1, ZEL_MAT_TYPE_ACTION, 5, action);
     const size_t stored = heap.callocs.size();
 
     zel_match_t copy{};
@@ -261,7 +266,6 @@ TEST(Decode, References)
     EXPECT_EQ(zel_found_mat_cache(&handle, 1, ZEL_MAT_TYPE_ACTION, 0)->obj, &other);
     zel_empty_mat_cache(&handle);
     free_graph(ZEL_MAT_TYPE_MATCH, owner);
-    std::free(action);
 }
 
 // A service after another parameter finds its bytes, not a count and an array.
@@ -287,15 +291,12 @@ TEST(Decode, ServiceWithoutCountReadsNothing)
 // Whatever allocation fails, the rest stays consistent and can be freed.
 TEST(Decode, AnyAllocationFails)
 {
-    auto *list = full_policy_list();
     auto handle = fresh_handle();
-    Bytes array(20000);
-    zel_add_policy_list_to_tlv(&handle, array.data(), 19000, list, 1);
-    zel_empty_mat_cache(&handle);
+    const Bytes array = encoded_list(handle, counted());
     size_t allocations = 0; // of a decoding in which none fails, the first one
     for (size_t n = 0; n <= allocations; ++n) {
         handle = fresh_handle();
-        auto *record = make(zel_policy_list_t{});
+        auto *record = zeroed<zel_policy_list_t>();
         const size_t before = heap.callocs.size();
         heap.fail_calloc = static_cast<int>(n);
         decode(zel_parse_policy_list_from_tlv, handle, array, *record);
@@ -311,5 +312,4 @@ TEST(Decode, AnyAllocationFails)
         ASSERT_TRUE(heap.live.empty()) << n;
     }
     EXPECT_GT(allocations, 40u);
-    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
 }

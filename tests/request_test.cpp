@@ -1,5 +1,4 @@
 // Request calls, from their arguments to the transport and back to the heap.
-#include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
 
 #include <functional>
@@ -91,61 +90,37 @@ TEST(Requests, KindsMapToMatTypes)
     EXPECT_EQ(get_mat_obj_type(UINT32_MAX), 0u);
 }
 
-namespace {
-
-// A match group whose message has exactly this size: labels, then whole matches of
-// 38, 53 and 54 bytes, which add up to any number that is not small.
-zel_match_grp_t *group_with_message_of(uint32_t size)
-{
-    auto handle = fresh_handle();
-    auto *group = make(zel_match_grp_t{0, 0, 0, 0, array_of(std::vector<zel_match_t *>(2000, nullptr))});
-    const auto room = [&] { return size - 44 - get_mat_obj_size_for_kob(&handle, 1, ZEL_MAT_TYPE_MATCH_GROUP, group); };
-    const auto add = [&](uint32_t type, uint32_t count) {
-        for (; count > 0; --count, ++group->num_match)
-            group->matches[group->num_match] = make_match(type, group->num_match);
-    };
-    while (room() > 2000)
-        add(ZEL_MATCH_TYPE_LABEL, 1);
-    const uint32_t rest = room();
-    for (uint32_t exps = 0; room() > 0 && exps < 38; ++exps)
-        for (uint32_t protos = 0; room() > 0 && protos < 38; ++protos)
-            if (53 * exps + 54 * protos <= rest && (rest - 53 * exps - 54 * protos) % 38 == 0) {
-                add(ZEL_MATCH_TYPE_EXP, exps);
-                add(ZEL_MATCH_TYPE_ETH_PROTO, protos);
-                add(ZEL_MATCH_TYPE_NO_PARAM, room() / 38);
-            }
-    EXPECT_EQ(room(), 0u);
-    return group;
-}
-
-} // namespace
-
 TEST(Requests, PlainUpToTheThresholdAndMultiPartAbove)
 {
-    for (const uint32_t size : {120832u, 120833u}) {
-        auto *group = group_with_message_of(size);
+    zel_match_t acl{0, 1, 0, ZEL_MATCH_TYPE_ACL, {}, 0};
+    zel_match_t label{0, 2, 0, ZEL_MATCH_TYPE_LABEL, {}, 0};
+    zel_match_t *matches[] = {&acl, &label};
+    const zel_match_grp_t group{0, 0, 0, 2, matches};
+    for (const uint32_t size : {120832u, 120833u})
         for (const int32_t refused : {0, 3}) {
+            // Elements of these two widths are said to take so much that the message has this size.
             auto handle = fresh_handle();
+            platform.element_sizes = {{65, 60000}, {64, 0}};
+            const uint32_t rest = 44 + get_mat_obj_size_for_kob(&handle, 1, ZEL_MAT_TYPE_MATCH_GROUP, &group);
+            platform.element_sizes[64] = size - rest;
             platform.send_result = refused;
             Message msg;
             msg.token = 5;
             uint32_t result = 99;
-            EXPECT_EQ(send_to_zel(&result, ZEL_API_MATCH_GROUP_UPDATE, &handle, 1, group, 2, &msg),
+            EXPECT_EQ(send_to_zel(&result, ZEL_API_MATCH_GROUP_UPDATE, &handle, 1, &group, 2, &msg),
                       static_cast<uint32_t>(ZEL_SEND_DONE));
             EXPECT_EQ(result, refused ? 0u : 5u);
             ASSERT_EQ(platform.sends.size(), 1u);
+            const Send &send = platform.sends[0];
             const bool multi_part = size > 120832;
-            EXPECT_EQ(platform.sends[0].multi_part, multi_part);
-            EXPECT_EQ(platform.sends[0].opcode, multi_part ? 0x1cc04u : 0x1cc02u);
-            EXPECT_EQ(platform.sends[0].num_segments, multi_part ? 1u : 0u);
-            EXPECT_EQ(platform.sends[0].message.size(), size);
-            EXPECT_EQ(heap.live.size(), 0u);
+            EXPECT_EQ(std::tie(send.multi_part, send.opcode, send.num_segments),
+                      std::make_tuple(multi_part, multi_part ? 0x1cc04u : 0x1cc02u, multi_part ? 1u : 0u));
+            EXPECT_EQ(send.message.size(), size);
+            EXPECT_TRUE(heap.live.empty());
             const std::string text = multi_part ? "mpkob_send() fails , kob_retval: 3, errno: 100 "
                                                 : "fu_kob_send() fails. kob_retval: 3, errno: 100 ";
             EXPECT_EQ(platform.reported("err"), refused ? std::vector{text} : std::vector<std::string>{});
         }
-        free_graph(ZEL_MAT_TYPE_MATCH_GROUP, group);
-    }
 }
 
 TEST(Requests, RefusedBeforeSending)

@@ -9,25 +9,23 @@ using namespace test;
 TEST(Traversal, FreesBottomUpInOrder)
 {
     auto handle = fresh_handle();
-    auto *service = make_match(ZEL_MATCH_TYPE_SERVICE, 2);
-    auto *plain = make_match(ZEL_MATCH_TYPE_EXP, 9);
-    auto *redirect = make_action(ZEL_ACTION_TYPE_REDIRECT, 1, 1);
-    auto *pair =
-        make(zel_match_action_pair_t{1, 0, 0, make_match_group({service, plain}), make_action_group({redirect})});
-    auto *interface = make(zel_if_element_t{});
-    auto *policy =
-        make(zel_policy_t{1, 2, 3, 4, {1, array_of(std::vector{pair})}, {1, array_of(std::vector{interface})}});
-    const zel_match_service_t elements = service->param.service;
+    // A pair of a service with two elements (type 4), another match, a redirect; an interface.
+    Graphs graphs(scripted({1, 2, 2, 1, 1}), scripted({3, 7, 2}));
+    auto *policy = graphs.make<zel_policy_t>();
+    auto *pair = policy->match_action_pair_group.pairs[0];
+    auto **matches = pair->match_group.matches;
+    const zel_match_service_t service = matches[0]->param.service;
+    ASSERT_EQ(matches[0]->type, static_cast<uint32_t>(ZEL_MATCH_TYPE_SERVICE));
     const std::vector<void *> expected = {
-        interface,
+        policy->if_group.if_elements[0],
         policy->if_group.if_elements,
-        elements.elements[0],
-        elements.elements[1],
-        elements.elements,
-        service,
-        plain,
-        redirect,
-        pair->match_group.matches,
+        service.elements[0],
+        service.elements[1],
+        service.elements,
+        matches[0],
+        matches[1],
+        pair->action_group.actions[0],
+        matches,
         pair->action_group.actions,
         pair,
         policy->match_action_pair_group.pairs,
@@ -45,33 +43,31 @@ TEST(Traversal, FreesBottomUpInOrder)
     EXPECT_TRUE(heap.live.empty());
 }
 
-TEST(Traversal, CachedObjectsKeepTheirParameter)
+TEST(Traversal, OnlyAServiceThatIsNoCopyOwnsItsElements)
 {
     auto handle = fresh_handle();
-    auto *owner = make_match(ZEL_MATCH_TYPE_SERVICE, 3);
-    auto *copy = make(*owner);
-    copy->cached = 1;
-    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, copy);
-    EXPECT_EQ(copy->param.service.elements, owner->param.service.elements);
-    // Neither does a match of another kind own what its parameter happens to hold.
-    copy->cached = 0;
-    copy->type = ZEL_MATCH_TYPE_ACL;
-    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, copy);
-    std::free(copy);
-    free_graph(ZEL_MAT_TYPE_MATCH, owner);
+    auto *match = Graphs(scripted({3}), scripted({3})).make<zel_match_t>();
+    const zel_match_service_t service = match->param.service;
+    match->cached = 1;
+    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, match);
+    match->cached = 0;
+    match->type = ZEL_MATCH_TYPE_ACL;
+    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, match);
+    EXPECT_EQ(match->param.service.elements, service.elements);
+    match->type = ZEL_MATCH_TYPE_SERVICE;
+    free_graph(ZEL_MAT_TYPE_MATCH, match);
     EXPECT_TRUE(heap.live.empty());
 }
 
 TEST(Traversal, CountOfZero)
 {
     auto handle = fresh_handle();
-    auto **array = array_of(std::vector<zel_match_action_pair_t *>{});
-    zel_match_action_pair_grp_t group{0, array};
+    zel_match_action_pair_grp_t group{0, zeroed<zel_match_action_pair_t *>()};
     free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH_ACTION_PAIR_GROUP, &group);
     EXPECT_EQ(group.pairs, nullptr);
     EXPECT_TRUE(heap.live.empty());
 
-    auto **entries = array_of(std::vector<zel_stat_request_entry_t *>{});
+    auto **entries = zeroed<zel_stat_request_entry_t *>();
     zel_stat_request_t request{0, entries};
     free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_STAT_REQUEST, &request);
     EXPECT_EQ(request.requests, entries);

@@ -205,7 +205,8 @@ int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_
 
 uint32_t tlv_size_get(uint32_t length)
 {
-    return padded(length) | platform.size_noise;
+    const auto size = platform.element_sizes.find(length);
+    return (size != platform.element_sizes.end() ? size->second : padded(length)) | platform.size_noise;
 }
 
 int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,

@@ -37,9 +37,10 @@ struct Message {
 
 struct Platform {
     // How it behaves.
-    uint32_t padding = 1;    // elements are padded to a multiple of this
-    uint32_t size_noise = 0; // or-ed into the results of tlv_size_get()
-    int fail_write = 0;      // the n-th element write from now fails; -1: all do
+    uint32_t padding = 1;                       // elements are padded to a multiple of this
+    std::map<uint32_t, uint32_t> element_sizes; // what tlv_size_get() says instead
+    uint32_t size_noise = 0;                    // or-ed into the results of tlv_size_get()
+    int fail_write = 0;                         // the n-th element write from now fails; -1: all do
     int32_t send_result = 0;
     int32_t transport_errno = 100; // raised by one whenever it is asked for
     int32_t history_check = 1;     // of the event history: 0 records

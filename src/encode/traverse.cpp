@@ -178,31 +178,34 @@ void traverse_stat_request(const Call &call, zel_stat_request_t *obj)
     }
 }
 
+template <class R> using Traversal = uint32_t (*)(zel_api_handle_t *, void *, uint32_t *, R *, uint32_t, uint32_t);
+
+template <class R> uint32_t traverse_as(Traversal<R> traverse_one, const Call &call, void *obj)
+{
+    return traverse_one(call.handle, call.buffer, call.value, static_cast<R *>(obj), call.mode, call.app);
+}
+
 uint32_t traverse_root(const Call &call, uint32_t mat_type, void *obj)
 {
-    const auto as =
-        [&]<class R>(uint32_t (*traverse_one)(zel_api_handle_t *, void *, uint32_t *, R *, uint32_t, uint32_t)) {
-            return traverse_one(call.handle, call.buffer, call.value, static_cast<R *>(obj), call.mode, call.app);
-        };
     switch (mat_type) {
     case ZEL_MAT_TYPE_POLICY_LIST:
-        return as(traverse_mat_policy_list_obj);
+        return traverse_as(traverse_mat_policy_list_obj, call, obj);
     case ZEL_MAT_TYPE_POLICY:
-        return as(traverse_mat_policy_obj);
+        return traverse_as(traverse_mat_policy_obj, call, obj);
     case ZEL_MAT_TYPE_MATCH_ACTION_PAIR_GROUP:
-        return as(traverse_mat_match_action_pair_grp_obj);
+        return traverse_as(traverse_mat_match_action_pair_grp_obj, call, obj);
     case ZEL_MAT_TYPE_MATCH_ACTION_PAIR:
-        return as(traverse_mat_match_action_pair_obj);
+        return traverse_as(traverse_mat_match_action_pair_obj, call, obj);
     case ZEL_MAT_TYPE_MATCH_GROUP:
-        return as(traverse_mat_match_grp_obj);
+        return traverse_as(traverse_mat_match_grp_obj, call, obj);
     case ZEL_MAT_TYPE_ACTION_GROUP:
-        return as(traverse_mat_action_grp_obj);
+        return traverse_as(traverse_mat_action_grp_obj, call, obj);
     case ZEL_MAT_TYPE_MATCH:
-        return as(traverse_mat_match_obj);
+        return traverse_as(traverse_mat_match_obj, call, obj);
     case ZEL_MAT_TYPE_ACTION:
-        return as(traverse_mat_action_obj);
+        return traverse_as(traverse_mat_action_obj, call, obj);
     case ZEL_MAT_TYPE_IF_GROUP:
-        return as(traverse_mat_if_group_obj);
+        return traverse_as(traverse_mat_if_group_obj, call, obj);
     case ZEL_MAT_TYPE_STAT_REQUEST:
         traverse_stat_request(call, static_cast<zel_stat_request_t *>(obj));
         return 0;

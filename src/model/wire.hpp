@@ -43,11 +43,12 @@ template <auto Selector, class... O> struct Choice {};
 // A record of a choice: the selector's value, and the path of members to it.
 template <uint32_t Value, auto... Path> struct Option {};
 
-template <auto... Path, class R> constexpr auto &follow(R &record)
+template <auto First, auto... Rest, class R> constexpr auto &follow(R &record)
 {
-    // clang-format off
-    return (record .* ... .* Path);
-    // clang-format on
+    if constexpr (sizeof...(Rest) == 0)
+        return record.*First;
+    else
+        return follow<Rest...>(record.*First);
 }
 
 template <class T> struct MemberPointer;

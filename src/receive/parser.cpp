@@ -116,20 +116,20 @@ bool build_header(Parse &parse)
 
 // An object that may stand at the top of a message.
 struct Row {
-    uint16_t start;
     const char *name;
     int line; // of the report of the name
+    uint16_t start;
     bool (*build)(Parse &);
 };
 
 template <class R, auto Decoder> consteval Row row(int line)
 {
-    return {Wire<R>::start, c_str<trace_prefix + MatObjectOf<R>::tlv_name + FixedString("\n")>, line,
+    return {c_str<trace_prefix + MatObjectOf<R>::tlv_name + FixedString("\n")>, line, Wire<R>::start,
             build<R, Decoder>};
 }
 
 constexpr Row rows[] = {
-    {Wire<zel_kob_header_t>::start, "TLV_ZEL_KOB_HEADER\n"_trace, 4123, build_header},
+    {"TLV_ZEL_KOB_HEADER\n"_trace, 4123, Wire<zel_kob_header_t>::start, build_header},
     row<zel_policy_list_t, zel_parse_policy_list_from_tlv>(4142),
     row<zel_policy_t, zel_parse_policy_from_tlv>(4155),
     row<zel_if_group_t, zel_parse_if_group_from_tlv>(4171),

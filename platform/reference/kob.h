@@ -15,7 +15,9 @@
 #ifndef ZEL_PLATFORM_REFERENCE_KOB_H
 #define ZEL_PLATFORM_REFERENCE_KOB_H
 
+#pragma GCC visibility push(default)
 #include "platform/transport.h"
+#pragma GCC visibility pop
 
 #include <stdint.h>
 

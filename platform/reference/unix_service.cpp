@@ -137,9 +137,8 @@ void admit(ServiceEndpoint &service, int socket)
         cut_off(service, index, "too many clients for the system");
 }
 
-// Memory for one client at the cost of the one that holds most, unless that is
-// the same.  Returns whether another try is worthwhile.
-bool make_room(ServiceEndpoint &service, const Connection &for_whom)
+// Cuts off the client that holds most of the memory.  False when none holds any.
+bool make_room(ServiceEndpoint &service)
 {
     uint32_t largest = 0;
     uint64_t held = 0;
@@ -149,7 +148,7 @@ bool make_room(ServiceEndpoint &service, const Connection &for_whom)
             held = service.connections[i]->held();
         }
     }
-    if (held == 0 || service.connections[largest] == &for_whom)
+    if (held == 0)
         return false;
     cut_off(service, largest, "holds most of the memory, which ran out");
     return true;
@@ -197,7 +196,7 @@ int32_t enqueue(ServiceEndpoint &service, uint32_t index, Reply *reply)
         return KOB_ERR_BUSY;
     }
     while (!service.budget.take(cost(reply))) {
-        if (!make_room(service, connection)) {
+        if (!make_room(service) || service.connections[index] == nullptr) {
             std::free(reply);
             return KOB_ERR_BUSY;
         }
@@ -243,9 +242,9 @@ bool read_packet(ServiceEndpoint &service, uint32_t index, kob_msg &msg)
         service.next_sweep_ms = std::min(service.next_sweep_ms, connection.last_part_ms + service.options.idle_ms);
         return false;
     case Step::refused:
-        if (fault.error == KOB_ERR_BUSY) // too late for this message, but the sender may try again
-            make_room(service, connection);
         refuse(service, index, fault);
+        if (fault.error == KOB_ERR_BUSY) // too late for this message, but its sender may try again
+            make_room(service);
         return false;
     case Step::hostile:
         cut_off(service, index, fault.reason);

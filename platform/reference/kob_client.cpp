@@ -198,9 +198,9 @@ int32_t await_response(Client &client, uint32_t token, kob_msg &response, const 
 }
 
 // All segments in one piece; null when out of memory.  Freed by the caller.
-char *gather(const mpkob_segment_t *segments, uint32_t num_segments, uint64_t total)
+char *gather(const mpkob_segment_t *segments, uint32_t num_segments, uint32_t total)
 {
-    auto *const bytes = static_cast<char *>(std::malloc(total + 1));
+    auto *const bytes = static_cast<char *>(std::malloc(std::size_t{total} + 1));
     if (bytes == nullptr)
         return nullptr;
     char *end = bytes;
@@ -308,7 +308,7 @@ int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t op
     auto *const msg = static_cast<kob_msg_t *>(kob_msg);
     if (num_segments == 1)
         return send_request(*client, frame, segments[0].address, msg);
-    char *const bytes = gather(segments, num_segments, total);
+    char *const bytes = gather(segments, num_segments, frame.total);
     if (bytes == nullptr)
         return keep_error(*client, KOB_ERR_MEMORY);
     const int32_t error = send_request(*client, frame, bytes, msg);

@@ -71,20 +71,14 @@ struct Line {
     char text[text_size + 128];
     std::size_t length = 0;
 
-    void append(const char *format, ...) __attribute__((format(printf, 2, 3)))
+    template <class... Args> void append(const char *format, Args... arguments)
     {
-        va_list arguments;
-        va_start(arguments, format);
-        append_list(format, arguments);
-        va_end(arguments);
+        grow(std::snprintf(text + length, room(), format, arguments...));
     }
 
     void append_list(const char *format, va_list arguments)
     {
-        const std::size_t room = sizeof text - 1 - length;
-        const int wanted = std::vsnprintf(text + length, room, format, arguments);
-        if (wanted > 0)
-            length += std::min(static_cast<std::size_t>(wanted), room - 1);
+        grow(std::vsnprintf(text + length, room(), format, arguments));
     }
 
     // In one piece, so that lines of several processes do not mix.
@@ -95,6 +89,16 @@ struct Line {
         text[length] = '\n';
         return write(fd, text, length + 1) == static_cast<ssize_t>(length + 1);
     }
+
+private:
+    // The last byte stays free for the newline.
+    std::size_t room() const { return sizeof text - 1 - length; }
+
+    void grow(int wanted)
+    {
+        if (wanted > 0)
+            length += std::min(static_cast<std::size_t>(wanted), room() - 1);
+    }
 };
 
 void append_time(Line &line, const timespec &time)
@@ -102,7 +106,7 @@ void append_time(Line &line, const timespec &time)
     tm date{};
     char text[32];
     gmtime_r(&time.tv_sec, &date);
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &date);
+    (void)strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &date);
     line.append("%s.%06ldZ ", text, time.tv_nsec / 1000);
 }
 

@@ -25,9 +25,8 @@ struct Results {
         for (uint32_t i = 0; i < count; ++i) {
             entries[i].tag = static_cast<uint8_t>(i);
             entries[i].key = 1000 + i;
-            for (uint16_t k = 0; k < 5; ++k) {
+            for (uint16_t k = 0; k < 5; ++k)
                 entries[i].ids[k] = static_cast<uint16_t>(10 * i + k);
-            }
             for (uint32_t k = 0; k < 3; ++k) {
                 entries[i].stats[k] = {uint64_t{i} << 40 | k, ~uint64_t{i}};
             }
@@ -107,14 +106,13 @@ TEST(Converter, TruncationAtEveryByteIsRefused)
 {
     const Body whole = Results(3).encode();
     for (uint32_t size = 0; size < whole.size(); ++size) {
-        const Body cut(whole.begin(), whole.begin() + size);
+        const Body cut(whole.data(), whole.data() + size);
         Body value(64);
         EXPECT_EQ(tlvu_get_field(cut.data(), std::max(size, 1U), 154, value.data(), 1, &zel_stat_results_tbl),
                   cut.empty() ? TLVU_ARGUMENT : TLVU_DAMAGED)
             << size;
-        if (size < TLV_ARRAY_OVERHEAD) {
+        if (size < TLV_ARRAY_OVERHEAD)
             continue;
-        }
         Body shorter = cut; // the same bytes, with a length that is honest
         const uint32_t used = size - TLV_ARRAY_OVERHEAD;
         std::memcpy(shorter.data(), &used, sizeof used);

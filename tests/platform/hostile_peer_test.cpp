@@ -1,10 +1,10 @@
 // Peers that break the rules: the other side says so, and goes on with the rest.
 #include "platform/reference/kob_frame.hpp"
+#include "random.hpp"
 #include "transport_support.hpp"
 
 #include <functional>
 #include <poll.h>
-#include <random>
 
 using zel::platform::Frame;
 using zel::platform::frame_magic;
@@ -22,9 +22,8 @@ public:
 
     void close()
     {
-        if (socket_ >= 0) {
+        if (socket_ >= 0)
             ::close(socket_);
-        }
         socket_ = -1;
     }
 
@@ -53,9 +52,8 @@ public:
     int32_t refusal() const
     {
         Frame frame{};
-        if (recv(socket_, &frame, sizeof frame, MSG_DONTWAIT) != sizeof frame || frame.kind != FrameKind::refusal) {
+        if (recv(socket_, &frame, sizeof frame, MSG_DONTWAIT) != sizeof frame || frame.kind != FrameKind::refusal)
             return -1;
-        }
         return static_cast<int32_t>(frame.opcode);
     }
 
@@ -89,9 +87,8 @@ protected:
     void serve()
     {
         pollfd entry{kob_service_fd(service), POLLIN, 0};
-        while (poll(&entry, 1, 0) > 0) {
+        while (poll(&entry, 1, 0) > 0)
             EXPECT_EQ(kob_service_receive(service, spare.get(), 0), KOB_ERR_TIMEOUT);
-        }
     }
 
     void expect_service_is_well()
@@ -158,7 +155,7 @@ TEST_F(HostilePeerTest, PacketsThatNoClientSendsAreRefusedByName)
 
 TEST_F(HostilePeerTest, RandomPacketsDoNoHarm)
 {
-    std::mt19937 random(4); // NOLINT(cert-msc51-cpp): a failure has to come back
+    Random random(4);
     for (int round = 0; round < 300; ++round) {
         const auto peer = connect_peer();
         for (int packet = 0; packet < 10; ++packet) {
@@ -166,17 +163,14 @@ TEST_F(HostilePeerTest, RandomPacketsDoNoHarm)
                                static_cast<uint32_t>(random() % 3));
             frame.in_parts = static_cast<uint16_t>(random() % 8 == 0 ? 0 : 1);
             Bytes content(random() % 32);
-            for (auto &byte : content) {
+            for (auto &byte : content)
                 byte = static_cast<unsigned char>(random() % 4);
-            }
-            if (!peer->send(frame, content)) {
+            if (!peer->send(frame, content))
                 break;
-            }
         }
         pollfd entry{kob_service_fd(service), POLLIN, 0};
-        while (poll(&entry, 1, 0) > 0) {
+        while (poll(&entry, 1, 0) > 0)
             kob_service_receive(service, spare.get(), 0);
-        }
     }
     EXPECT_GT(refusals.size(), 100U);
     expect_service_is_well();
@@ -189,9 +183,8 @@ TEST_F(HostilePeerTest, ClientsThatLeaveInTheMiddleAreForgotten)
     for (int i = 0; i < 50; ++i) {
         const auto peer = connect_peer();
         peer->send(part(1000000, 0), array_of(50000));
-        if (i % 2 == 0) {
+        if (i % 2 == 0)
             serve();
-        }
         peer->close();
         serve();
     }
@@ -205,9 +198,8 @@ TEST_F(HostilePeerTest, HalfMessageIsGivenUpAndItsSenderToo)
     open_service();
     const auto peer = connect_peer();
     ASSERT_TRUE(peer->send(part(100, 0), array_of(8)));
-    while (refusals.empty()) {
+    while (refusals.empty())
         ASSERT_EQ(kob_service_receive(service, received.get(), patience / 100), KOB_ERR_TIMEOUT);
-    }
     EXPECT_NE(refusals[0].find("half sent"), std::string::npos);
     EXPECT_TRUE(peer->is_cut_off());
     expect_service_is_well();
@@ -218,9 +210,8 @@ TEST_F(HostilePeerTest, TooLargeIsToldOnceWhateverFollows)
     options.max_message = 1000;
     open_service();
     const auto peer = connect_peer();
-    for (uint32_t offset = 0; offset < 2000; offset += 500) {
+    for (uint32_t offset = 0; offset < 2000; offset += 500)
         ASSERT_TRUE(peer->send(part(2000, offset), array_of(500)));
-    }
     ASSERT_TRUE(peer->send(part(8, 0, 9), array_of(8)));
     ASSERT_EQ(kob_service_receive(service, received.get(), patience), KOB_OK);
     EXPECT_EQ(kob_rr_token_get(received.get()), 9U);

@@ -1,11 +1,11 @@
 // TLV arrays: what goes in comes out, and no array, whatever it claims, is left.
 #include "platform/reference/tlv_check.h"
 #include "platform/tlv_array.h"
+#include "random.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -129,7 +129,7 @@ TEST(TlvArray, CursorBeyondTheArrayIsTheEnd)
 // Of any bytes, every value lies within the array and the reading comes to an end.
 TEST(TlvArray, NoBytesLeadOutside)
 {
-    std::mt19937 random(1);
+    Random random(1);
     for (int round = 0; round < 20000; ++round) {
         std::vector<unsigned char> bytes(random() % 64);
         for (auto &byte : bytes)

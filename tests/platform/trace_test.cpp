@@ -51,7 +51,7 @@ protected:
         std::rewind(file);
         std::string text(1 << 20, '\0');
         text.resize(std::fread(text.data(), 1, text.size(), file));
-        std::fclose(file);
+        EXPECT_EQ(std::fclose(file), 0);
         return text;
     }
 

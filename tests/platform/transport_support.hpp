@@ -32,9 +32,8 @@ inline Bytes payload(kob_msg_t &msg)
 inline Bytes array_of(uint32_t size)
 {
     Bytes bytes(size);
-    for (uint32_t i = 0; i < size; ++i) {
+    for (uint32_t i = 0; i < size; ++i)
         bytes[i] = static_cast<unsigned char>(i * 31 + i / 251);
-    }
     const uint32_t used = size - 4;
     std::memcpy(bytes.data(), &used, sizeof used);
     return bytes;

@@ -86,9 +86,8 @@ TEST_F(TransportTest, ResponsesMayComeInAnyOrder)
         requests.emplace_back(kob_msg_alloc());
         ASSERT_EQ(kob_service_receive(service, requests[i].get(), patience), KOB_OK);
     }
-    for (const uint32_t i : {3U, 0U, 4U, 1U, 2U}) {
+    for (const uint32_t i : {3U, 0U, 4U, 1U, 2U})
         ASSERT_EQ(reply(response_of(268 + 4 + i), requests[i].get()), KOB_OK);
-    }
     for (const uint32_t i : {2U, 4U, 0U}) {
         ASSERT_EQ(kob_receive(kob, tokens[i], message.get(), patience), KOB_OK);
         EXPECT_EQ(kob_msg_size(message.get()), 268 + 4 + i);
@@ -109,9 +108,8 @@ TEST_F(TransportTest, ResponsesThatNobodyFetchesAreBounded)
         EXPECT_EQ(kob_receive(kob, first + 1, message.get(), 0), KOB_ERR_TIMEOUT);
     }
     int fetched = 0;
-    while (kob_receive(kob, 0, message.get(), 0) == KOB_OK) {
+    while (kob_receive(kob, 0, message.get(), 0) == KOB_OK)
         ++fetched;
-    }
     EXPECT_EQ(fetched, 64);
 }
 
@@ -142,9 +140,8 @@ TEST_F(TransportTest, SendingToAServiceThatDoesNotReadTimesOut)
 {
     open_client({50, 0});
     uint32_t accepted = 0;
-    while (send(array_of(100000)) != 0) {
+    while (send(array_of(100000)) != 0)
         ASSERT_LT(++accepted, 100U);
-    }
     EXPECT_EQ(kob_errno_get(kob), KOB_ERR_TIMEOUT);
     EXPECT_EQ(send_in_parts(array_of(4000000)), 0U);
     EXPECT_EQ(kob_errno_get(kob), KOB_ERR_TIMEOUT);
@@ -224,9 +221,8 @@ TEST_F(TransportTest, PayloadThatClaimsMoreThanArrivedIsRefused)
 
     for (const uint32_t size : {267U, 271U, 300U}) {
         Bytes answer = response_of(size);
-        if (size == 300) {
+        if (size == 300)
             ++answer[268];
-        }
         token = send(array_of(4));
         ASSERT_EQ(kob_service_receive(service, received.get(), patience), KOB_OK);
         ASSERT_EQ(reply(answer), KOB_OK);
@@ -264,9 +260,8 @@ TEST_F(TransportTest, HandlesAndAddressesAreChecked)
     }
     EXPECT_EQ(error, KOB_ERR_MEMORY);
     EXPECT_EQ(handles.size(), 63U);
-    for (const uint32_t handle : handles) {
+    for (const uint32_t handle : handles)
         kob_close(handle);
-    }
 }
 
 TEST_F(TransportTest, SocketFileIsPrivateReplacedWhenStaleAndRemoved)
@@ -298,9 +293,8 @@ TEST_F(TransportTest, SocketFileIsPrivateReplacedWhenStaleAndRemoved)
 TEST(TransportErrors, EveryCodeHasItsOwnText)
 {
     for (int32_t a = KOB_OK; a <= KOB_ERR_SYSTEM; ++a) {
-        for (int32_t b = a + 1; b <= KOB_ERR_SYSTEM + 1; ++b) {
+        for (int32_t b = a + 1; b <= KOB_ERR_SYSTEM + 1; ++b)
             EXPECT_STRNE(kob_error_text(a), kob_error_text(b));
-        }
     }
     EXPECT_STREQ(kob_error_text(-1), kob_error_text(99));
 }

@@ -182,9 +182,9 @@ bool Classifier::applies_to(const PacketHeader &packet) const
 {
     const auto is_any_or = [](auto wanted, auto value) { return wanted == 0 || wanted == value; };
     return !is_bound_ || std::any_of(bindings_.begin(), bindings_.end(), [&](const Binding &binding) {
-               return is_any_or(binding.interface, packet.interface) && is_any_or(binding.vlan, packet.vlan) &&
-                      is_any_or(binding.vrf, packet.vrf);
-           });
+        return is_any_or(binding.interface, packet.interface) && is_any_or(binding.vlan, packet.vlan) &&
+               is_any_or(binding.vrf, packet.vrf);
+    });
 }
 
 bool Classifier::has(const PacketHeader &packet, const Words &words, const Clause &clause) const

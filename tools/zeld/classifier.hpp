@@ -23,8 +23,8 @@ public:
     // Place of the first matching pair in the policy's pair group.
     std::optional<uint32_t> classify(const service::PacketHeader &packet, const Words &words) const;
 
-    // Patterns that a packet is held against in the worst case.
-    std::size_t cost() const { return patterns_.size(); }
+    // Steps that a packet takes in the worst case.
+    std::size_t cost() const { return bindings_.size() + rules_.size() + clauses_.size() + patterns_.size(); }
 
 private:
     friend class Compiler;

@@ -105,8 +105,7 @@ template <class R> void replace(R &old, const R &with)
 
 template <class R> bool is_equal(const R &a, const R &b);
 
-template <class R, uint16_t Id, auto Member>
-bool is_equal_member(const R &a, const R &b, zel::Field<Id, Member>)
+template <class R, uint16_t Id, auto Member> bool is_equal_member(const R &a, const R &b, zel::Field<Id, Member>)
 {
     return std::memcmp(&(a.*Member), &(b.*Member), sizeof(a.*Member)) == 0;
 }
@@ -130,8 +129,7 @@ bool is_equal_option(const R &a, const R &b, uint32_t selector, zel::Option<Valu
 }
 
 // The selector is a field before, so both have the same one.
-template <class R, auto Selector, class... O>
-bool is_equal_member(const R &a, const R &b, zel::Choice<Selector, O...>)
+template <class R, auto Selector, class... O> bool is_equal_member(const R &a, const R &b, zel::Choice<Selector, O...>)
 {
     return (is_equal_option(a, b, a.*Selector, O{}) && ...);
 }
@@ -151,8 +149,8 @@ template <uint16_t Id, auto Count, auto Array> struct SequenceMembers<zel::Seque
 };
 
 template <class G>
-using GroupOf = SequenceMembers<
-    std::remove_cvref_t<decltype(std::get<std::tuple_size_v<decltype(zel::Wire<G>::members)> - 1>(
+using GroupOf =
+    SequenceMembers<std::remove_cvref_t<decltype(std::get<std::tuple_size_v<decltype(zel::Wire<G>::members)> - 1>(
         zel::Wire<G>::members))>>;
 
 template <class G> using MemberOf = typename GroupOf<G>::Member;

@@ -112,12 +112,17 @@ template <class R> Bytes write_message(const zel_kob_header_t &header, const R &
 
 } // namespace
 
+const void *payload_of(kob_msg_t *msg)
+{
+    return mpkob_is_mpkob(0, msg) != 0 ? mpkob_payload_get(0, msg) : kob_payload_get(msg);
+}
+
 Request read_request(kob_msg_t *msg)
 {
-    const void *const array = mpkob_is_mpkob(0, msg) != 0 ? mpkob_payload_get(0, msg) : kob_payload_get(msg);
+    const void *const array = payload_of(msg);
     if (array == nullptr)
         throw Refusal(service::error_malformed, "the message is empty");
-    const zel_kob_header_t header = check_message(array);
+    const zel_kob_header_t header = check_message(array); // nothing is built from what does not pass
 
     zel_api_handle_t handle = make_handle();
     uint32_t mat_type = 0;

@@ -15,6 +15,9 @@ struct Request {
     AnyGraph object; // of the request kind's type; null for a delete
 };
 
+// The array that a received message carries, in one part or several; null when it has none.
+const void *payload_of(kob_msg_t *msg);
+
 // Both throw Refusal for anything that is not a complete message.
 Request read_request(kob_msg_t *msg);
 Owned<zel_policy_t> read_policy(const Bytes &message);

@@ -68,7 +68,7 @@ private:
             if (place.position != 0)
                 where += fmt::format(" {}", place.position);
         }
-        throw Refusal(error_malformed, "element {}{}: {}", index_, where, 
+        throw Refusal(error_malformed, "element {}{}: {}", index_, where,
                       fmt::vformat(what, fmt::make_format_args(args...)));
     }
 

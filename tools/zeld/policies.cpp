@@ -18,15 +18,25 @@ using service::error_unsupported;
 // the markers and count of a list.
 constexpr std::size_t show_overhead = ZEL_RESP_HDR_SIZE + 64;
 
-// Packets times patterns that one request may cost, which is a few seconds at
-// worst: other clients wait for as long.
+// Steps that classifying the packets of one request may take at worst, which is
+// a few seconds: other clients wait for as long.
 constexpr std::size_t max_work = std::size_t{1} << 31;
 
-std::string describe(const PolicyKey &key, const Policy *policy)
+std::string describe(const Policies::Map &changes)
 {
+    if (changes.size() != 1)
+        return fmt::format("{} policies changed", changes.size());
+    const auto &[key, policy] = *changes.begin();
     if (policy == nullptr)
         return fmt::format("policy {} removed", key.id);
-    return fmt::format("policy {}: {} pairs", key.id, policy->graph().match_action_pair_group.num_pair);
+    return fmt::format("policy {} has {} pairs", key.id, policy->graph().match_action_pair_group.num_pair);
+}
+
+void check_op_code(const zel_kob_header_t &header)
+{
+    if (header.op_code != service::op_code_set && header.op_code != service::op_code_remove)
+        throw Refusal(error_unsupported, "op_code {} is not known for request kind {}", header.op_code,
+                      header.api_type);
 }
 
 } // namespace
@@ -42,8 +52,8 @@ Policies::Policies(std::unique_ptr<Store> store, const Limits &limits) : store_(
             policies_[key] = std::make_unique<Policy>(std::move(policy), message.size());
             total_size_ += message.size();
         } catch (const Refusal &refusal) {
-            throw StoreError(fmt::format("policy {} of application {} is damaged: {}", key.id, key.app_type,
-                                         refusal.what()));
+            throw StoreError(
+                fmt::format("policy {} of application {} is damaged: {}", key.id, key.app_type, refusal.what()));
         }
     });
 }
@@ -65,22 +75,22 @@ std::vector<Policy *> Policies::of_application(uint32_t app_type) const
     return found;
 }
 
-// ---- Changes are staged: new policies by key, null for those that go
-
+// On disk first, then here, where nothing can fail any more.
 std::string Policies::apply(const Request &request)
 {
-    Map staged;
+    Staged staged;
     stage(staged, request);
-    std::string text = staged.size() == 1 ? describe(staged.begin()->first, staged.begin()->second.get())
-                                          : fmt::format("{} policies", staged.size());
     check_total(staged);
+    std::string text = describe(staged.policies);
     if (store_ != nullptr)
         keep(staged);
-    commit(std::move(staged));
+    commit(std::move(staged.policies));
     return text;
 }
 
-void Policies::stage(Map &staged, const Request &request) const
+// ---- What a request asks for
+
+void Policies::stage(Staged &staged, const Request &request) const
 {
     const zel_kob_header_t &header = request.header;
     const PolicyKey key{header.app_type, header.policy_id};
@@ -107,17 +117,10 @@ void Policies::stage(Map &staged, const Request &request) const
     }
 }
 
-void Policies::check_op_code(const zel_kob_header_t &header) const
-{
-    if (header.op_code != service::op_code_set && header.op_code != service::op_code_remove)
-        throw Refusal(error_unsupported, "op_code {} is not known for request kind {}", header.op_code,
-                      header.api_type);
-}
-
-void Policies::stage_whole(Map &staged, const zel_kob_header_t &header, const zel_policy_t &policy) const
+void Policies::stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &policy) const
 {
     const PolicyKey key{header.app_type, policy.id};
-    if (staged.contains(key))
+    if (staged.policies.contains(key))
         throw Refusal(error_conflict, "the list has more than one policy {}", policy.id);
     if (header.op_code == service::op_code_remove)
         stage_removal(staged, key);
@@ -125,31 +128,33 @@ void Policies::stage_whole(Map &staged, const zel_kob_header_t &header, const ze
         stage_set(staged, key, clone(policy));
 }
 
-void Policies::stage_set(Map &staged, const PolicyKey &key, Owned<zel_policy_t> policy) const
+void Policies::stage_set(Staged &staged, const PolicyKey &key, Owned<zel_policy_t> policy) const
 {
     check_policy(*policy);
-    const std::size_t size = write_policy(key.app_type, *policy).size();
+    Bytes message = write_policy(key.app_type, *policy);
+    const std::size_t size = message.size();
     if (size + show_overhead > limits_.max_message)
         throw Refusal(error_limit, "policy {} would take {} bytes, and a message carries {}", key.id, size,
                       limits_.max_message - show_overhead);
     auto changed = std::make_unique<Policy>(std::move(policy), size);
     if (const auto old = policies_.find(key); old != policies_.end())
         changed->inherit_counters(*old->second);
-    staged.emplace(key, std::move(changed));
+    staged.policies.emplace(key, std::move(changed));
+    staged.messages.emplace(key, std::move(message));
 }
 
-void Policies::stage_removal(Map &staged, const PolicyKey &key) const
+void Policies::stage_removal(Staged &staged, const PolicyKey &key) const
 {
     get(key);
-    staged.emplace(key, nullptr);
+    staged.policies.emplace(key, nullptr);
 }
 
-// ---- What is staged takes effect: on disk first, then here, where nothing can fail any more
+// ---- How what is staged takes effect
 
-void Policies::check_total(const Map &staged) const
+void Policies::check_total(const Staged &staged) const
 {
     std::size_t total = total_size_;
-    for (const auto &[key, policy] : staged) {
+    for (const auto &[key, policy] : staged.policies) {
         if (const auto old = policies_.find(key); old != policies_.end())
             total -= old->second->message_size();
         if (policy != nullptr)
@@ -160,16 +165,11 @@ void Policies::check_total(const Map &staged) const
                       limits_.max_state);
 }
 
-void Policies::keep(const Map &staged) const
+void Policies::keep(const Staged &staged) const
 {
-    std::vector<Bytes> messages;
     std::vector<Store::Change> changes;
-    messages.reserve(staged.size());
-    for (const auto &[key, policy] : staged) {
-        if (policy != nullptr)
-            messages.push_back(write_policy(key.app_type, policy->graph()));
-        changes.push_back({key, policy != nullptr ? &messages.back() : nullptr});
-    }
+    for (const auto &[key, policy] : staged.policies)
+        changes.push_back({key, policy != nullptr ? &staged.messages.at(key) : nullptr});
     try {
         store_->apply(changes);
     } catch (const StoreError &error) {
@@ -177,7 +177,7 @@ void Policies::keep(const Map &staged) const
     }
 }
 
-void Policies::commit(Map staged)
+void Policies::commit(Map staged) noexcept
 {
     while (!staged.empty()) {
         auto node = staged.extract(staged.begin());
@@ -196,12 +196,12 @@ void Policies::commit(Map staged)
 
 std::size_t Policies::count(const std::vector<service::PacketHeader> &packets)
 {
-    const std::size_t cost = std::accumulate(
-        policies_.begin(), policies_.end(), std::size_t{1},
-        [](std::size_t sum, const auto &entry) { return sum + 1 + entry.second->classifier().cost(); });
+    const std::size_t cost =
+        std::accumulate(policies_.begin(), policies_.end(), std::size_t{1},
+                        [](std::size_t sum, const auto &entry) { return sum + 1 + entry.second->classifier().cost(); });
     if (packets.size() > max_work / cost)
-        throw Refusal(error_limit, "{} packets are too many at once for policies with {} patterns; send up to {}",
-                      packets.size(), cost, max_work / cost);
+        throw Refusal(error_limit, "{} packets are too many at once for the policies there are; send up to {}",
+                      packets.size(), max_work / cost);
     std::size_t num_matched = 0;
     for (const service::PacketHeader &packet : packets) {
         const Words words = words_of(packet);

@@ -34,14 +34,19 @@ public:
     const Map &all() const { return policies_; }
 
 private:
-    void check_op_code(const zel_kob_header_t &header) const;
-    void stage_whole(Map &staged, const zel_kob_header_t &header, const zel_policy_t &policy) const;
-    void stage_set(Map &staged, const PolicyKey &key, Owned<zel_policy_t> policy) const;
-    void stage_removal(Map &staged, const PolicyKey &key) const;
-    void stage(Map &staged, const Request &request) const;
-    void check_total(const Map &staged) const;
-    void keep(const Map &staged) const;
-    void commit(Map staged);
+    // Changes that wait to be made: new policies by key, null for those that go.
+    struct Staged {
+        Map policies;
+        std::map<PolicyKey, Bytes> messages; // of the new ones
+    };
+
+    void stage(Staged &staged, const Request &request) const;
+    void stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &policy) const;
+    void stage_set(Staged &staged, const PolicyKey &key, Owned<zel_policy_t> policy) const;
+    void stage_removal(Staged &staged, const PolicyKey &key) const;
+    void check_total(const Staged &staged) const;
+    void keep(const Staged &staged) const;
+    void commit(Map staged) noexcept;
 
     std::unique_ptr<Store> store_;
     Limits limits_;

@@ -58,8 +58,8 @@ void Store::claim_file() const
     if (query_number("PRAGMA application_id") != application_id)
         throw StoreError("not a state file of this service");
     if (const int64_t version = query_number("PRAGMA user_version"); version != format_version)
-        throw StoreError(fmt::format("state file of version {}; this service reads version {}", version,
-                                     format_version));
+        throw StoreError(
+            fmt::format("state file of version {}; this service reads version {}", version, format_version));
 }
 
 void Store::load(const std::function<void(const PolicyKey &, const Bytes &)> &take)

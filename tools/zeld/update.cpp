@@ -85,9 +85,8 @@ template <auto Group> void remove_group(zel_policy_t &policy, const zel::Value<G
     edit_groups<Group>(policy, given, [](auto &) {}); // the group has to be there even if it names nothing
     for (const Member *const member : members(given)) {
         std::size_t num_removed = 0;
-        edit_groups<Group>(policy, given, [&](auto &group) {
-            num_removed += erase_members(group, has_id<Member>(member->id));
-        });
+        edit_groups<Group>(policy, given,
+                           [&](auto &group) { num_removed += erase_members(group, has_id<Member>(member->id)); });
         if (num_removed == 0)
             throw Refusal(error_not_found, "{} {} of policy {} has no {} {}", name_of<zel::Value<Group>>, given.id,
                           policy.id, name_of<Member>, member->id);

@@ -27,10 +27,7 @@ Decoded decode(Decoder decoder, zel_api_handle_t &handle, const Bytes &array, R 
     return decoded;
 }
 
-bool operator==(const Decoded &a, const Decoded &b)
-{
-    return a.status == b.status && a.subtotal == b.subtotal;
-}
+bool operator==(const Decoded &a, const Decoded &b) { return a.status == b.status && a.subtotal == b.subtotal; }
 
 // A policy list with two members of everything.
 Bytes encoded_list(zel_api_handle_t &handle, Number ids)

@@ -32,10 +32,7 @@ Array header(uint32_t api_type)
     return Array().marker(1).field(4, api_type).field(5, 4u).field(6, uint16_t{6}).field(7, 7u).marker(2);
 }
 
-std::string pid_line(const std::string &text)
-{
-    return "PID " + std::to_string(getpid()) + ": type: " + text;
-}
+std::string pid_line(const std::string &text) { return "PID " + std::to_string(getpid()) + ": type: " + text; }
 
 } // namespace
 

@@ -28,10 +28,7 @@ template <class Table> std::vector<uintptr_t> words(const Table &table)
     return words;
 }
 
-uintptr_t word(const void *pointer)
-{
-    return reinterpret_cast<uintptr_t>(pointer);
-}
+uintptr_t word(const void *pointer) { return reinterpret_cast<uintptr_t>(pointer); }
 
 constexpr uintptr_t none = 0xffffffff;
 const std::vector<uintptr_t> last_row = {none, none, none, 0, 0, 0, 0, 0, none, none, none, 0};

@@ -38,10 +38,7 @@ std::string record_text(uint32_t length, const void *record)
     return std::to_string(id) + (terminated ? " " : " bad length ") + std::string(text, length - 5);
 }
 
-uint32_t padded(uint32_t length)
-{
-    return (length + 4 + platform.padding - 1) / platform.padding * platform.padding;
-}
+uint32_t padded(uint32_t length) { return (length + 4 + platform.padding - 1) / platform.padding * platform.padding; }
 
 uint32_t used(const void *array)
 {
@@ -60,15 +57,9 @@ struct Tree {
 std::vector<Tree> trees;
 
 // A tree knows its list by number, so that a handle can be copied while it is empty.
-Tree &list_of(const ravl_tree *tree)
-{
-    return trees[tree->own[0]];
-}
+Tree &list_of(const ravl_tree *tree) { return trees[tree->own[0]]; }
 
-const char *key_of(const Tree &tree, const void *entry)
-{
-    return static_cast<const char *>(entry) + tree.key_offset;
-}
+const char *key_of(const Tree &tree, const void *entry) { return static_cast<const char *>(entry) + tree.key_offset; }
 
 auto position(Tree &tree, const void *key)
 {
@@ -272,15 +263,9 @@ void ravl_delete(ravl_tree *tree, void *entry)
     set_root(tree, list);
 }
 
-int32_t ravl_is_empty(ravl_tree *tree)
-{
-    return list_of(tree).entries.empty() ? 9 : 0;
-}
+int32_t ravl_is_empty(ravl_tree *tree) { return list_of(tree).entries.empty() ? 9 : 0; }
 
-void fu_keeper_update_and_send_heartbeat(int32_t reserved)
-{
-    platform.heartbeats += reserved == 0 ? 1 : 1000;
-}
+void fu_keeper_update_and_send_heartbeat(int32_t reserved) { platform.heartbeats += reserved == 0 ? 1 : 1000; }
 
 int32_t trc_hist_event_subtype_check(uint32_t module, uint32_t trace_id)
 {
@@ -333,15 +318,9 @@ int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t op
     return platform.send_result;
 }
 
-uint32_t kob_rr_token_get(void *kob_msg)
-{
-    return static_cast<Message *>(kob_msg)->token;
-}
+uint32_t kob_rr_token_get(void *kob_msg) { return static_cast<Message *>(kob_msg)->token; }
 
-int32_t kob_errno_get(uint32_t)
-{
-    return platform.transport_errno++;
-}
+int32_t kob_errno_get(uint32_t) { return platform.transport_errno++; }
 
 void *kob_payload_get(void *kob_msg)
 {
@@ -399,10 +378,7 @@ int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const vo
     return converter(itr, tlv, size, table, flags, element);
 }
 
-int32_t tlvu_field_itr_get_next(void *itr, void *field)
-{
-    return converter(itr, field);
-}
+int32_t tlvu_field_itr_get_next(void *itr, void *field) { return converter(itr, field); }
 
 void tlvu_error_print(const char *format, ...)
 {

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <utility>
 
 namespace test {
@@ -75,9 +76,9 @@ void set_root(ravl_tree *tree, const Tree &list)
 
 } // namespace
 
-std::vector<std::string> Platform::reported(const std::string &severity) const
+Strings Platform::reported(const std::string &severity) const
 {
-    std::vector<std::string> texts;
+    Strings texts;
     for (const auto &report : reports)
         if (report.rfind(severity + ": ", 0) == 0)
             texts.push_back(report.substr(severity.size() + 2));
@@ -106,22 +107,24 @@ CALLBACK(err)
 CALLBACK(warn)
 CALLBACK(dbg)
 
-Array &Array::add(uint16_t id, const Bytes &value)
+Bytes array(const std::string &elements)
 {
-    bytes_.resize(
-        std::max<size_t>(bytes_.size(), 4 + used(bytes_.data()) + padded(static_cast<uint32_t>(value.size()))));
+    Bytes bytes(4 + elements.size() * 4 + 64);
     const int fail = std::exchange(platform.fail_write, 0);
-    tlv_array_add_tlv(bytes_.data(), static_cast<uint32_t>(bytes_.size()), id, static_cast<uint16_t>(value.size()),
-                      value.data(), 0);
-    platform.writes.pop_back();
+    std::istringstream tokens(elements);
+    for (std::string token; tokens >> token;) {
+        Bytes value;
+        const size_t colon = token.find(':');
+        for (size_t at = colon; at != std::string::npos && at + 2 < token.size(); at += 2)
+            value.push_back(static_cast<uint8_t>(std::stoi(token.substr(at + 1, 2), nullptr, 16)));
+        if (colon == std::string::npos)
+            value.push_back(0);
+        tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(bytes.size()), static_cast<uint16_t>(std::stoi(token)),
+                          static_cast<uint16_t>(value.size()), value.data(), 0);
+        platform.writes.pop_back();
+    }
     platform.fail_write = fail;
-    return *this;
-}
-
-const Bytes &Array::bytes()
-{
-    bytes_.resize(4 + used(bytes_.data()) + 64);
-    return bytes_;
+    return bytes;
 }
 
 std::vector<ReadElement> elements_of(const Bytes &array)
@@ -222,7 +225,7 @@ uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
     uint16_t length = 0;
     const void *value = nullptr;
     uint32_t cursor = 0;
-    uint32_t count = 0;
+    uint32_t count = platform.extra_elements;
     while (tlv_array_get_next_tlv(array, &type, &length, &value, 0, &cursor) == 0)
         ++count;
     return count;

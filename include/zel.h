@@ -477,40 +477,48 @@ ZEL_EXPORT int32_t zel_event_handling(void);
  * is the caller's transport message record, passed to the transport.
  * ------------------------------------------------------------------------ */
 
+/* A policy list; the header's policy id is 0. */
 ZEL_EXPORT uint32_t zel_policy_list_update(zel_api_handle_t *handle, const zel_policy_list_t *list, uint32_t op_code,
                                            void *kob_msg);
 
-/* The header's policy id is the policy's own id. */
+/* A policy; the header's policy id is the policy's own id. */
 ZEL_EXPORT uint32_t zel_policy_update(zel_api_handle_t *handle, const zel_policy_t *policy, uint32_t op_code,
                                       void *kob_msg);
 
+/* The pair group of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_match_action_pair_group(zel_api_handle_t *handle, uint16_t policy_id,
                                                               const zel_match_action_pair_grp_t *group,
                                                               uint32_t op_code, void *kob_msg);
 
+/* One pair of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_match_action_pair(zel_api_handle_t *handle, uint16_t policy_id,
                                                         const zel_match_action_pair_t *pair, uint32_t op_code,
                                                         void *kob_msg);
 
+/* A match group of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_match_group(zel_api_handle_t *handle, uint16_t policy_id,
                                                   const zel_match_grp_t *group, uint32_t op_code, void *kob_msg);
 
+/* An action group of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_action_group(zel_api_handle_t *handle, uint16_t policy_id,
                                                    const zel_action_grp_t *group, uint32_t op_code, void *kob_msg);
 
+/* A match of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_match(zel_api_handle_t *handle, uint16_t policy_id, const zel_match_t *match,
                                             uint32_t op_code, void *kob_msg);
 
+/* An action of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_action(zel_api_handle_t *handle, uint16_t policy_id, const zel_action_t *action,
                                              uint32_t op_code, void *kob_msg);
 
+/* The interface group of a policy. */
 ZEL_EXPORT uint32_t zel_policy_update_interface_group(zel_api_handle_t *handle, uint16_t policy_id,
                                                       const zel_if_group_t *if_group, uint32_t op_code, void *kob_msg);
 
-/* The message is the header alone: policy_id names the policy. */
+/* Deletes a policy.  The message is the header alone: policy_id names the policy. */
 ZEL_EXPORT uint32_t zel_policy_delete(zel_api_handle_t *handle, uint16_t policy_id, uint32_t op_code, void *kob_msg);
 
-/* Always sends policy id 0 and op_code 3. */
+/* Asks for statistics.  Always sends policy id 0 and op_code 3. */
 ZEL_EXPORT uint32_t zel_stats_pull(zel_api_handle_t *handle, const zel_stat_request_t *stat_request, void *kob_msg);
 
 /* ------------------------------------------------------------------------
@@ -626,38 +634,67 @@ ZEL_EXPORT extern uint32_t ddb_kobops_ix_t;
  * cannot carry a parameter are reported to err_cb.
  * ------------------------------------------------------------------------ */
 
+/* The message header. */
 ZEL_EXPORT uint32_t zel_kob_header_get_tlv_sz(void);
+/* One statistics query. */
 ZEL_EXPORT uint32_t zel_stat_request_entry_get_tlv_sz(void);
+/* Statistics queries, with a 32-bit count. */
 ZEL_EXPORT uint32_t zel_stat_request_get_tlv_sz(const zel_stat_request_t *record, uint32_t app_type);
+/* A VRF setting. */
 ZEL_EXPORT uint32_t zel_action_set_vrf_get_tlv_sz(void);
+/* A NAT rewrite. */
 ZEL_EXPORT uint32_t zel_action_nat_rewrite_get_tlv_sz(void);
+/* The layer-3 address record of a redirect. */
 ZEL_EXPORT uint32_t zel_l3_redirect_ipv4_get_tlv_sz(void);
+/* The layer-2 address record of a redirect. */
 ZEL_EXPORT uint32_t zel_l2_redirect_ipv4_get_tlv_sz(void);
+/* The label of a redirect. */
 ZEL_EXPORT uint32_t zel_action_label_param_get_tlv_sz(void);
+/* A redirect: label always, address record by type. */
 ZEL_EXPORT uint32_t zel_action_param_redirect_get_tlv_sz(const zel_action_param_redirect_t *record, uint32_t app_type);
+/* A LISP decapsulation. */
 ZEL_EXPORT uint32_t zel_action_lisp_decapsulation_get_tlv_sz(void);
+/* One interface. */
 ZEL_EXPORT uint32_t zel_if_element_get_tlv_sz(void);
+/* An interface group with its interfaces. */
 ZEL_EXPORT uint32_t zel_if_group_get_tlv_sz(const zel_if_group_t *record, uint32_t app_type);
+/* A LISP instance. */
 ZEL_EXPORT uint32_t zel_match_lisp_inst_get_tlv_sz(void);
+/* A LISP protocol. */
 ZEL_EXPORT uint32_t zel_match_lisp_proto_get_tlv_sz(void);
+/* An EXP value. */
 ZEL_EXPORT uint32_t zel_match_exp_get_tlv_sz(void);
+/* An ARP opcode. */
 ZEL_EXPORT uint32_t zel_match_arp_opcode_get_tlv_sz(void);
+/* An Ethernet type. */
 ZEL_EXPORT uint32_t zel_match_eth_proto_get_tlv_sz(void);
+/* One five-tuple. */
 ZEL_EXPORT uint32_t zel_match_service_element_get_tlv_sz(void);
+/* A service with its five-tuples. */
 ZEL_EXPORT uint32_t zel_match_service_get_tlv_sz(const zel_match_service_t *record, uint32_t app_type);
+/* A label to match. */
 ZEL_EXPORT uint32_t zel_match_label_get_tlv_sz(void);
+/* An ACL reference. */
 ZEL_EXPORT uint32_t zel_match_acl_get_tlv_sz(void);
+/* An action with the parameter of its type, or a reference. */
 ZEL_EXPORT uint32_t zel_action_get_tlv_sz(zel_api_handle_t *handle, const zel_action_t *record, uint32_t app_type);
+/* An action group with its actions. */
 ZEL_EXPORT uint32_t zel_action_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_action_grp_t *record,
                                               uint32_t app_type);
+/* A match with the parameter of its type, or a reference. */
 ZEL_EXPORT uint32_t zel_match_get_tlv_sz(zel_api_handle_t *handle, const zel_match_t *record, uint32_t app_type);
+/* A match group with its matches. */
 ZEL_EXPORT uint32_t zel_match_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_match_grp_t *record,
                                              uint32_t app_type);
+/* A pair with both its groups. */
 ZEL_EXPORT uint32_t zel_match_action_pair_get_tlv_sz(zel_api_handle_t *handle, const zel_match_action_pair_t *record,
                                                      uint32_t app_type);
+/* A pair group with its pairs. */
 ZEL_EXPORT uint32_t zel_match_action_pair_grp_get_tlv_sz(zel_api_handle_t *handle,
                                                          const zel_match_action_pair_grp_t *record, uint32_t app_type);
+/* A policy with pair group and interface group. */
 ZEL_EXPORT uint32_t zel_policy_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_t *record, uint32_t app_type);
+/* A policy list with its policies. */
 ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_list_t *record,
                                                uint32_t app_type);
 
@@ -674,67 +711,92 @@ ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle, const z
  * not synchronised.
  * ------------------------------------------------------------------------ */
 
+/* 1 to 2: the message header. */
 ZEL_EXPORT int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                              const zel_kob_header_t *record);
+/* 138 to 139: one statistics query. */
 ZEL_EXPORT int32_t zel_add_stat_request_entry_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                      const zel_stat_request_entry_t *record);
-/* app_type is accepted and not used here, nor by the three below that say so. */
+/* 135 to 136: statistics queries, with a 32-bit count.  app_type is not used. */
 ZEL_EXPORT int32_t zel_add_stat_request_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                const zel_stat_request_t *record, uint32_t app_type);
+/* 159 to 160: a VRF setting. */
 ZEL_EXPORT int32_t zel_add_action_set_vrf_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                  const zel_action_set_vrf_t *record);
+/* 85 to 86: a NAT rewrite. */
 ZEL_EXPORT int32_t zel_add_action_nat_rewrite_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                      const zel_action_nat_rewrite_t *record);
+/* 73 to 74: the layer-3 address record of a redirect. */
 ZEL_EXPORT int32_t zel_add_l3_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_l3_redirect_ipv4_t *record);
+/* 65 to 66: the layer-2 address record of a redirect. */
 ZEL_EXPORT int32_t zel_add_l2_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_l2_redirect_ipv4_t *record);
+/* 56 to 57: the label of a redirect. */
 ZEL_EXPORT int32_t zel_add_action_label_param_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                      const zel_action_label_param_t *record);
-/* app_type is not used. */
+/* 79 to 80: a redirect: label always, address record by type.  app_type is not used. */
 ZEL_EXPORT int32_t zel_add_action_param_redirect_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                         const zel_action_param_redirect_t *record, uint32_t app_type);
+/* 91 to 92: a LISP decapsulation. */
 ZEL_EXPORT int32_t zel_add_action_lisp_decapsulation_to_tlv(zel_api_handle_t *handle, void *tlv_array,
                                                             uint32_t array_size,
                                                             const zel_action_lisp_decapsulation_t *record);
+/* 96 to 97: an action with the parameter of its type, or a reference. */
 ZEL_EXPORT int32_t zel_add_action_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                          const zel_action_t *record, uint32_t app_type);
+/* 60 to 61: an action group with its actions. */
 ZEL_EXPORT int32_t zel_add_action_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                              const zel_action_grp_t *record, uint32_t app_type);
+/* 128 to 129: one interface. */
 ZEL_EXPORT int32_t zel_add_if_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                              const zel_if_element_t *record);
-/* app_type is not used. */
+/* 125 to 126: an interface group with its interfaces.  app_type is not used. */
 ZEL_EXPORT int32_t zel_add_if_group_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                            const zel_if_group_t *record, uint32_t app_type);
+/* 53 to 54: a LISP instance. */
 ZEL_EXPORT int32_t zel_add_match_lisp_inst_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                   const zel_match_lisp_inst_t *record);
+/* 49 to 50: a LISP protocol. */
 ZEL_EXPORT int32_t zel_add_match_lisp_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_match_lisp_proto_t *record);
+/* 46 to 47: an EXP value. */
 ZEL_EXPORT int32_t zel_add_match_exp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                             const zel_match_exp_t *record);
+/* 43 to 44: an ARP opcode. */
 ZEL_EXPORT int32_t zel_add_match_arp_opcode_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                    const zel_match_arp_opcode_t *record);
+/* 40 to 41: an Ethernet type. */
 ZEL_EXPORT int32_t zel_add_match_eth_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                   const zel_match_eth_proto_t *record);
+/* 9 to 10: one five-tuple. */
 ZEL_EXPORT int32_t zel_add_match_service_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                         const zel_match_service_element_t *record);
-/* app_type is not used. */
+/* 20 to 21: a service with its five-tuples.  app_type is not used. */
 ZEL_EXPORT int32_t zel_add_match_service_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                 const zel_match_service_t *record, uint32_t app_type);
+/* 32 to 33: a label to match. */
 ZEL_EXPORT int32_t zel_add_match_label_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                               const zel_match_label_t *record);
+/* 29 to 30: an ACL reference. */
 ZEL_EXPORT int32_t zel_add_match_acl_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                             const zel_match_acl_t *record);
+/* 23 to 24: a match with the parameter of its type, or a reference.  Unsupported types are reported. */
 ZEL_EXPORT int32_t zel_add_match_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                         const zel_match_t *record, uint32_t app_type);
+/* 101 to 102: a match group with its matches.  Heartbeats by count of matches. */
 ZEL_EXPORT int32_t zel_add_match_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                             const zel_match_grp_t *record, uint32_t app_type);
+/* 107 to 108: a pair with both its groups. */
 ZEL_EXPORT int32_t zel_add_match_action_pair_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                     const zel_match_action_pair_t *record, uint32_t app_type);
+/* 113 to 114: a pair group with its pairs. */
 ZEL_EXPORT int32_t zel_add_match_action_pair_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                                         const zel_match_action_pair_grp_t *record, uint32_t app_type);
+/* 116 to 117: a policy with pair group and interface group. */
 ZEL_EXPORT int32_t zel_add_policy_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                          const zel_policy_t *record, uint32_t app_type);
+/* 122 to 123: a policy list with its policies.  Heartbeats by index. */
 ZEL_EXPORT int32_t zel_add_policy_list_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                               const zel_policy_list_t *record, uint32_t app_type);
 
@@ -773,25 +835,35 @@ ZEL_EXPORT uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uin
  * The same for one type, without emptying the cache.  Return 0.  An unknown mode
  * is reported to err_cb, except by the match and the action.
  */
+/* Frees the policies with what they own. */
 ZEL_EXPORT uint32_t traverse_mat_policy_list_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                                  zel_policy_list_t *obj, uint32_t mode, uint32_t app);
+/* Frees the interface group's interfaces, then the pair group's pairs. */
 ZEL_EXPORT uint32_t traverse_mat_policy_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_policy_t *obj,
                                             uint32_t mode, uint32_t app);
+/* Frees the pairs with what they own. */
 ZEL_EXPORT uint32_t traverse_mat_match_action_pair_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                                            zel_match_action_pair_grp_t *obj, uint32_t mode,
                                                            uint32_t app);
+/* Frees matches, then actions, then the array of each. */
 ZEL_EXPORT uint32_t traverse_mat_match_action_pair_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                                        zel_match_action_pair_t *obj, uint32_t mode, uint32_t app);
+/* Frees the matches with what they own. */
 ZEL_EXPORT uint32_t traverse_mat_match_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                                zel_match_grp_t *obj, uint32_t mode, uint32_t app);
+/* Frees the actions. */
 ZEL_EXPORT uint32_t traverse_mat_action_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                                 zel_action_grp_t *obj, uint32_t mode, uint32_t app);
+/* Frees the service elements of a service that is not cached. */
 ZEL_EXPORT uint32_t traverse_mat_match_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_match_t *obj,
                                            uint32_t mode, uint32_t app);
+/* An action owns nothing. */
 ZEL_EXPORT uint32_t traverse_mat_action_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_action_t *obj,
                                             uint32_t mode, uint32_t app);
+/* Frees the interfaces. */
 ZEL_EXPORT uint32_t traverse_mat_if_group_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                               zel_if_group_t *obj, uint32_t mode, uint32_t app);
+/* A redirect owns nothing. */
 ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
                                                      zel_action_param_redirect_t *obj, uint32_t mode, uint32_t app);
 
@@ -823,87 +895,112 @@ ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, v
  * calls these decoders directly empties the cache before the records go.
  * ------------------------------------------------------------------------ */
 
+/* 1 to 2: the message header. */
 ZEL_EXPORT int32_t zel_parse_kob_header_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                  zel_kob_header_t *record, uint32_t *tlv_subtotal);
+/* 138 to 139: one statistics query. */
 ZEL_EXPORT int32_t zel_parse_stat_request_entry_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                          uint32_t *cursor, zel_stat_request_entry_t *record,
                                                          uint32_t *tlv_subtotal);
 /*
- * A num_requests above 131,072 that no message of this many elements can satisfy
- * is lowered to the number of the message's elements.  app_type is not used.
+ * 135 to 136: statistics queries.  A num_requests above 131,072 that no message of this many
+ * elements can satisfy is lowered to the number of the message's elements.  app_type is not used.
  */
 ZEL_EXPORT int32_t zel_parse_stat_request_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                    zel_stat_request_t *record, uint32_t *tlv_subtotal,
                                                    uint32_t app_type);
+/* 159 to 160: a VRF setting. */
 ZEL_EXPORT int32_t zel_parse_action_set_vrf_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                      zel_action_set_vrf_t *record, uint32_t *tlv_subtotal);
+/* 85 to 86: a NAT rewrite. */
 ZEL_EXPORT int32_t zel_parse_action_nat_rewrite_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                          uint32_t *cursor, zel_action_nat_rewrite_t *record,
                                                          uint32_t *tlv_subtotal);
+/* 73 to 74: the layer-3 address record of a redirect. */
 ZEL_EXPORT int32_t zel_parse_l3_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                        uint32_t *cursor, zel_l3_redirect_ipv4_t *record,
                                                        uint32_t *tlv_subtotal);
+/* 65 to 66: the layer-2 address record of a redirect. */
 ZEL_EXPORT int32_t zel_parse_l2_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                        uint32_t *cursor, zel_l2_redirect_ipv4_t *record,
                                                        uint32_t *tlv_subtotal);
+/* 56 to 57: the label of a redirect. */
 ZEL_EXPORT int32_t zel_parse_action_label_param_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                          uint32_t *cursor, zel_action_label_param_t *record,
                                                          uint32_t *tlv_subtotal);
-/* The address record is chosen by the element that arrives, not by type.  app_type is not used. */
+/* 79 to 80: a redirect; the address record that arrives last stands.  app_type is not used. */
 ZEL_EXPORT int32_t zel_parse_action_param_redirect_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                             uint32_t *cursor, zel_action_param_redirect_t *record,
                                                             uint32_t *tlv_subtotal, uint32_t app_type);
+/* 91 to 92: a LISP decapsulation. */
 ZEL_EXPORT int32_t zel_parse_action_lisp_decapsulation_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                                 uint32_t *cursor,
                                                                 zel_action_lisp_decapsulation_t *record,
                                                                 uint32_t *tlv_subtotal);
+/* 128 to 129: one interface. */
 ZEL_EXPORT int32_t zel_parse_if_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                  zel_if_element_t *record, uint32_t *tlv_subtotal);
-/* app_type is not used. */
+/* 125 to 126: an interface group with its interfaces.  app_type is not used. */
 ZEL_EXPORT int32_t zel_parse_if_group_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                zel_if_group_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* 53 to 54: a LISP instance. */
 ZEL_EXPORT int32_t zel_parse_match_lisp_inst_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                       zel_match_lisp_inst_t *record, uint32_t *tlv_subtotal);
+/* 49 to 50: a LISP protocol. */
 ZEL_EXPORT int32_t zel_parse_match_lisp_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                        uint32_t *cursor, zel_match_lisp_proto_t *record,
                                                        uint32_t *tlv_subtotal);
+/* 46 to 47: an EXP value. */
 ZEL_EXPORT int32_t zel_parse_match_exp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                 zel_match_exp_t *record, uint32_t *tlv_subtotal);
+/* 43 to 44: an ARP opcode. */
 ZEL_EXPORT int32_t zel_parse_match_arp_opcode_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                        uint32_t *cursor, zel_match_arp_opcode_t *record,
                                                        uint32_t *tlv_subtotal);
+/* 40 to 41: an Ethernet type. */
 ZEL_EXPORT int32_t zel_parse_match_eth_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                       zel_match_eth_proto_t *record, uint32_t *tlv_subtotal);
+/* 9 to 10: one five-tuple. */
 ZEL_EXPORT int32_t zel_parse_match_service_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                             uint32_t *cursor, zel_match_service_element_t *record,
                                                             uint32_t *tlv_subtotal);
-/* app_type is not used. */
+/* 20 to 21: a service with its five-tuples.  app_type is not used. */
 ZEL_EXPORT int32_t zel_parse_match_service_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                     zel_match_service_t *record, uint32_t *tlv_subtotal,
                                                     uint32_t app_type);
+/* 32 to 33: a label to match. */
 ZEL_EXPORT int32_t zel_parse_match_label_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                   zel_match_label_t *record, uint32_t *tlv_subtotal);
-/* Fills the first 64 bytes of the ACL only: the last one stays the caller's zero. */
+/* 29 to 30: an ACL reference; its last byte stays the caller's zero. */
 ZEL_EXPORT int32_t zel_parse_match_acl_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                 zel_match_acl_t *record, uint32_t *tlv_subtotal);
-/* A reference that the cache cannot resolve is reported to err_cb and fills nothing. */
+/*
+ * 96 to 97: an action.  The parameter that arrives last stands, whatever type says.  A reference
+ * that the cache cannot resolve is reported to err_cb and fills nothing.
+ */
 ZEL_EXPORT int32_t zel_parse_action_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                              zel_action_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* 60 to 61: an action group with its actions. */
 ZEL_EXPORT int32_t zel_parse_action_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                  zel_action_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* As for the action; the parameter is chosen by the element that arrives, not by type. */
+/* 23 to 24: a match, like an action. */
 ZEL_EXPORT int32_t zel_parse_match_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                             zel_match_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* 101 to 102: a match group with its matches. */
 ZEL_EXPORT int32_t zel_parse_match_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                 zel_match_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* 107 to 108: a pair with both its groups. */
 ZEL_EXPORT int32_t zel_parse_match_action_pair_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                         uint32_t *cursor, zel_match_action_pair_t *record,
                                                         uint32_t *tlv_subtotal, uint32_t app_type);
+/* 113 to 114: a pair group with its pairs. */
 ZEL_EXPORT int32_t zel_parse_match_action_pair_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
                                                             uint32_t *cursor, zel_match_action_pair_grp_t *record,
                                                             uint32_t *tlv_subtotal, uint32_t app_type);
+/* 116 to 117: a policy with pair group and interface group. */
 ZEL_EXPORT int32_t zel_parse_policy_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                              zel_policy_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* 122 to 123: a policy list with its policies. */
 ZEL_EXPORT int32_t zel_parse_policy_list_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
                                                   zel_policy_list_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
 

@@ -24,8 +24,8 @@ TEST(Cache, StoreFindDeleteEmpty)
     zel_store_mat_cache(&handle, 1, 8, 5, &second);
     zel_store_mat_cache(&handle, 1, 7, 5, &second);
     EXPECT_EQ(platform.reported("dbg"),
-              (std::vector<std::string>{"insert successful: type: 7, id: 5.", "insert successful: type: 8, id: 5.",
-                                        "insert failed: type: 7, id: 5."}));
+              (Strings{"insert successful: type: 7, id: 5.", "insert successful: type: 8, id: 5.",
+                       "insert failed: type: 7, id: 5."}));
     ASSERT_NE(zel_found_mat_cache(&handle, 1, 7, 5), nullptr);
     EXPECT_EQ(zel_found_mat_cache(&handle, 1, 7, 5)->obj, &first);
     EXPECT_EQ(zel_found_mat_cache(&handle, 2, 7, 5), nullptr);
@@ -38,7 +38,7 @@ TEST(Cache, StoreFindDeleteEmpty)
     EXPECT_EQ(zel_empty_mat_cache(&handle), 9);
     EXPECT_EQ(zel_empty_mat_cache(&handle), 9);
     EXPECT_TRUE(platform.reports.empty());
-    EXPECT_EQ(platform.log, (std::vector<std::string>{"delete", "delete"}));
+    EXPECT_EQ(platform.log, (Strings{"delete", "delete"}));
     ASSERT_EQ(heap.live.size(), 1u);
     std::free(const_cast<void *>(heap.live.begin()->first));
 
@@ -47,7 +47,7 @@ TEST(Cache, StoreFindDeleteEmpty)
     zel_store_mat_cache(&handle, 1, 7, 5, &first);
     EXPECT_EQ(platform.log.back(),
               "log 648 7536640 10 102 zel_store_mat_cache(203)[tester]: cannot allocate mat cache new_entry");
-    EXPECT_EQ(platform.reported("err"), std::vector<std::string>{"cannot allocate mat cache new_entry"});
+    EXPECT_EQ(platform.reported("err"), Strings{"cannot allocate mat cache new_entry"});
 }
 
 TEST(Compression, VerdictsAndReferences)
@@ -66,7 +66,7 @@ TEST(Compression, VerdictsAndReferences)
     EXPECT_EQ(compress(7, &action, MAT_TRAVERSE_ENCODE), 3u);
     EXPECT_TRUE(platform.reported("err").empty());
     EXPECT_EQ(compress(8, &match, 77), 3u);
-    EXPECT_EQ(platform.reported("err"), std::vector<std::string>{"unknown mode: 77"});
+    EXPECT_EQ(platform.reported("err"), Strings{"unknown mode: 77"});
 
     EXPECT_EQ(compress(8, &match, MAT_TRAVERSE_ENCODE), 0u);
     EXPECT_EQ(compress(7, &action, MAT_TRAVERSE_ENCODE), 0u);
@@ -84,7 +84,7 @@ TEST(Compression, VerdictsAndReferences)
     for (const uint32_t type : {0u, 2u, 6u, 9u, 14u, 1u, 15u, UINT32_MAX})
         EXPECT_EQ(compress(type, nullptr, MAT_TRAVERSE_ENCODE), 3u);
     EXPECT_EQ(platform.reported("err"),
-              (std::vector<std::string>{"unknown mat type: 1", "unknown mat type: 15", "unknown mat type: -1"}));
+              (Strings{"unknown mat type: 1", "unknown mat type: 15", "unknown mat type: -1"}));
     zel_empty_mat_cache(&handle);
 }
 

@@ -119,7 +119,7 @@ TEST(Requests, PlainUpToTheThresholdAndMultiPartAbove)
             EXPECT_TRUE(heap.live.empty());
             const std::string text = multi_part ? "mpkob_send() fails , kob_retval: 3, errno: 100 "
                                                 : "fu_kob_send() fails. kob_retval: 3, errno: 100 ";
-            EXPECT_EQ(platform.reported("err"), refused ? std::vector{text} : std::vector<std::string>{});
+            EXPECT_EQ(platform.reported("err"), refused ? std::vector{text} : Strings{});
         }
 }
 
@@ -132,7 +132,7 @@ TEST(Requests, RefusedBeforeSending)
     EXPECT_EQ(send_to_zel(&result, ZEL_API_POLICY_DELETE, &handle, 1, nullptr, 2, &msg),
               static_cast<uint32_t>(ZEL_SEND_ERR_NO_MEMORY));
     EXPECT_EQ(result, 0u);
-    EXPECT_EQ(platform.reports, std::vector<std::string>{"dbg: size_tlv_arr_4_hdr: 44, size_tlv_arr_4_data: 0\n"});
+    EXPECT_EQ(platform.reports, Strings{"dbg: size_tlv_arr_4_hdr: 44, size_tlv_arr_4_data: 0\n"});
 
     handle = fresh_handle(1);
     handle.kob_handle = 1;
@@ -148,7 +148,7 @@ TEST(Requests, HandleAndSmallCalls)
     platform = {};
     zel_api_handle_t handle{};
     EXPECT_EQ(zel_api_init(&handle, 11, 12, 13, err_cb, warn_cb, nullptr), 1234);
-    EXPECT_EQ(platform.log, std::vector<std::string>{"init 12 16"});
+    EXPECT_EQ(platform.log, Strings{"init 12 16"});
     EXPECT_EQ(std::tie(handle.debug, handle.app_type, handle.kob_handle), std::make_tuple(11u, 12u, 13u));
     EXPECT_TRUE(handle.err_cb == err_cb && handle.warn_cb == warn_cb && handle.dbg_cb == nullptr);
     EXPECT_EQ(zel_event_handling(), 0);
@@ -181,15 +181,15 @@ TEST(Responses, HeaderTextAndToken)
 
 TEST(Responses, KindOfAMessageWithAWholeHeader)
 {
-    Message whole{Array().add(3, {1, 0, 0, 0, 2, 0, 0, 0, 9}).bytes()};
+    Message whole{array("3:010000000200000009")};
     EXPECT_EQ(zel_get_api_type(&whole), 1u);
     EXPECT_EQ(zel_get_app_type(0, &whole), 2u);
     whole.multi_part = true;
     whole.context = 6;
     EXPECT_EQ(zel_get_app_type(6, &whole), 2u);
     EXPECT_EQ(zel_get_api_type(&whole), 0u);
-    Message other{Array().add(1, {1, 0, 0, 0, 2, 0, 0, 0}).bytes()};
-    Message none{Array().bytes()};
+    Message other{array("1:0100000002000000")};
+    Message none{array("")};
     for (Message *msg : {&other, &none}) {
         EXPECT_EQ(zel_get_api_type(msg), 0u);
         EXPECT_EQ(zel_get_app_type(0, msg), 0u);

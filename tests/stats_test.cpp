@@ -28,10 +28,7 @@ template <class Table> std::vector<uintptr_t> words(const Table &table)
     return words;
 }
 
-uintptr_t word(const void *pointer)
-{
-    return reinterpret_cast<uintptr_t>(pointer);
-}
+uintptr_t word(const void *pointer) { return reinterpret_cast<uintptr_t>(pointer); }
 
 constexpr uintptr_t none = 0xffffffff;
 const std::vector<uintptr_t> last_row = {none, none, none, 0, 0, 0, 0, 0, none, none, none, 0};
@@ -100,8 +97,8 @@ TEST(Statistics, Tables)
         EXPECT_EQ(record##_to_struct(a, b, 3, 4), 0x2a);                                                               \
         EXPECT_EQ(record##_get_field(a, 2, 3, b, 5), 0x2a);                                                            \
         EXPECT_EQ(platform.converter_errors,                                                                           \
-                  (std::vector<std::string>{#record "_get_struct_sz: ERR 0x2a\n", #record "_to_tlv: ERR 0x2a\n",       \
-                                            #record "_to_struct: ERR 0x2a\n"}));                                       \
+                  (Strings{#record "_get_struct_sz: ERR 0x2a\n", #record "_to_tlv: ERR 0x2a\n",                        \
+                           #record "_to_struct: ERR 0x2a\n"}));                                                        \
     }
 TEST_ACCESSORS(zel_stats)
 TEST_ACCESSORS(zel_stat_result_entry)

@@ -28,7 +28,7 @@ TEST(Trace, DestinationsForEverySetting)
             handle.dbg_cb = nullptr;
         store(handle);
 
-        std::vector<std::string> expected;
+        Strings expected;
         if (debug) {
             expected.push_back("subtype 7536640 104");
             if (history)
@@ -39,8 +39,8 @@ TEST(Trace, DestinationsForEverySetting)
             expected.push_back("log 648 7536640 10 104 " + text);
         }
         EXPECT_EQ(platform.log, expected) << setting;
-        const std::vector<std::string> reports = {"dbg: insert successful: type: 8, id: 5."};
-        EXPECT_EQ(platform.reports, callback ? reports : std::vector<std::string>{}) << setting;
+        const Strings reports = {"dbg: insert successful: type: 8, id: 5."};
+        EXPECT_EQ(platform.reports, callback ? reports : Strings{}) << setting;
         zel_empty_mat_cache(&handle);
     }
 }
@@ -71,11 +71,11 @@ TEST(Trace, SideEffectsOncePerDestination)
     zel_policy_delete(&handle, 1, 2, &message);
     const std::string text = "fu_kob_send() fails. kob_retval: -5, errno: ";
     const std::string line = "send_to_zel(4023)[tester]: " + text;
-    const std::vector<std::string> expected = {
+    const Strings expected = {
         "subtype 7536640 102",         "history 7536640 102 " + line + "100 ",    "check 102 001",
         "console 10 " + line + "101 ", "log 648 7536640 10 102 " + line + "102 ",
     };
     ASSERT_GE(platform.log.size(), expected.size());
-    EXPECT_EQ(std::vector<std::string>(platform.log.end() - 5, platform.log.end()), expected);
-    EXPECT_EQ(platform.reported("err"), std::vector<std::string>{text + "103 "});
+    EXPECT_EQ(Strings(platform.log.end() - 5, platform.log.end()), expected);
+    EXPECT_EQ(platform.reported("err"), Strings{text + "103 "});
 }

@@ -91,7 +91,7 @@ TEST(Traversal, UnknownTypesAndModes)
     EXPECT_EQ(traverse_mat_match_grp_obj(&handle, nullptr, &value, &group, 4, 1), 0u);
     EXPECT_NE(platform.log.back().find("traverse_mat_match_grp_obj("), std::string::npos);
     EXPECT_EQ(traverse_mat_action_redirect_obj(&handle, nullptr, &value, nullptr, 0, 1), 0u);
-    EXPECT_EQ(platform.reported("err"), (std::vector<std::string>{"unsurported mode: 4", "unsurported mode: 0"}));
+    EXPECT_EQ(platform.reported("err"), (Strings{"unsurported mode: 4", "unsurported mode: 0"}));
     EXPECT_EQ(traverse_mat_match_obj(&handle, nullptr, &value, &match, 4, 1), 0u);
     EXPECT_EQ(traverse_mat_action_obj(&handle, nullptr, &value, nullptr, 4, 1), 0u);
     EXPECT_EQ(platform.reported("err").size(), 2u);

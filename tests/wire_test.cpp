@@ -22,7 +22,7 @@ std::string line_of(const ElementWrite &write, const std::string &report)
 }
 
 // All elements of a request, with the texts that name them when their write fails.
-std::vector<std::string> dump(uint32_t api_type, const void *root)
+Strings dump(uint32_t api_type, const void *root)
 {
     auto handle = fresh_handle();
     platform.fail_write = -1;
@@ -30,11 +30,11 @@ std::vector<std::string> dump(uint32_t api_type, const void *root)
     uint32_t token = 0;
     send_to_zel(&token, api_type, &handle, 0x0102, root, 0x03040506, &message);
 
-    std::vector<std::string> reports;
+    Strings reports;
     for (const auto &report : platform.reported("err"))
         if (report.find("Failed") == 0)
             reports.push_back(report);
-    std::vector<std::string> lines;
+    Strings lines;
     for (size_t i = 0; i < platform.writes.size() && i < reports.size(); ++i)
         lines.push_back(line_of(platform.writes[i], reports[i]));
     EXPECT_EQ(reports.size(), platform.writes.size());
@@ -42,10 +42,10 @@ std::vector<std::string> dump(uint32_t api_type, const void *root)
 }
 
 // A golden file has one element a line, indented by nesting: id, length, value, text.
-std::vector<std::string> golden(const char *name)
+Strings golden(const char *name)
 {
     std::ifstream file(std::string(GOLDEN_DIR "/") + name);
-    std::vector<std::string> lines;
+    Strings lines;
     for (std::string line; std::getline(file, line);)
         if (line.find('#') != 0)
             lines.push_back(line.substr(line.find_first_not_of(' ')));
@@ -75,7 +75,7 @@ TEST(Wire, SizingAndEncodingReportUnsupportedMatches)
     Bytes array(1000);
     const struct {
         uint32_t type;
-        std::vector<std::string> sizing, encoding;
+        Strings sizing, encoding;
     } cases[] = {{2, {"acl_ipv6 unsupported."}, {"acl_ipv6 unsupported."}},
                  {11, {}, {}},
                  {12, {"match type unsupported: 12, id: 9"}, {"unknown match type: 12"}},
@@ -130,7 +130,7 @@ TEST(Wire, MarkersOfMatTypes)
         zel_add_tlv_struct_end(&handle, type, array.data(), 77);
         if (type < 2 || type > 14) {
             const std::string text = "unkown type: " + std::to_string(type);
-            EXPECT_EQ(platform.reported("err"), (std::vector<std::string>{text, text}));
+            EXPECT_EQ(platform.reported("err"), (Strings{text, text}));
             EXPECT_TRUE(platform.writes.empty());
             continue;
         }

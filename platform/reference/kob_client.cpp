@@ -216,12 +216,10 @@ char *gather(const mpkob_segment_t *segments, uint32_t num_segments, uint32_t to
 
 uint32_t kob_open(const char *address, const kob_client_options_t *options, int32_t *error)
 {
-    int32_t ignored = 0;
-    int32_t &result = error != nullptr ? *error : ignored;
     const char *place = nullptr;
     const Endpoint *const endpoint = find_endpoint(address, place);
     if (endpoint == nullptr) {
-        result = KOB_ERR_ADDRESS;
+        set_error(error, KOB_ERR_ADDRESS);
         return 0;
     }
     kob_client_options_t complete = options != nullptr ? *options : kob_client_options_t{};
@@ -231,20 +229,17 @@ uint32_t kob_open(const char *address, const kob_client_options_t *options, int3
         complete.max_message = default_max_message;
     complete.max_message = std::min(complete.max_message, KOB_MESSAGE_LIMIT);
 
-    result = KOB_ERR_MEMORY;
+    uint32_t handle = 0;
     void *const storage = std::malloc(sizeof(Client));
     char *const own_place = strdup(place);
-    if (storage != nullptr && own_place != nullptr) {
-        auto *const client =
-            new (storage) Client{endpoint, own_place, complete, Inbox(uint64_t{2} * complete.max_message)};
-        if (const uint32_t handle = enter(client)) {
-            result = KOB_OK;
-            return handle;
-        }
+    if (storage != nullptr && own_place != nullptr)
+        handle = enter(new (storage) Client{endpoint, own_place, complete, Inbox(uint64_t{2} * complete.max_message)});
+    set_error(error, handle != 0 ? KOB_OK : KOB_ERR_MEMORY);
+    if (handle == 0) {
+        std::free(own_place);
+        std::free(storage);
     }
-    std::free(own_place);
-    std::free(storage);
-    return 0;
+    return handle;
 }
 
 void kob_close(uint32_t kob_handle)

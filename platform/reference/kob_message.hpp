@@ -21,6 +21,13 @@ namespace zel::platform {
 // Gives a record another message.  The record takes over from's payload.
 void replace(kob_msg &msg, const kob_msg &from);
 
+// Sets an error that the caller may not want to know.
+inline void set_error(int32_t *error, int32_t value)
+{
+    if (error != nullptr)
+        *error = value;
+}
+
 // What is wrong with a whole payload, or null.  Requests are a TLV array;
 // responses a header, after which a TLV array may follow.  Its used length is
 // held against the bytes that are there: no reader of the array could do that.

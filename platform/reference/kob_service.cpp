@@ -41,28 +41,26 @@ kob_service_options_t completed(const kob_service_options_t *given)
 
 kob_service_t *kob_service_open(const char *address, const kob_service_options_t *options, int32_t *error)
 {
-    int32_t ignored = 0;
-    int32_t &result = error != nullptr ? *error : ignored;
     const char *place = nullptr;
     const Endpoint *const endpoint = find_endpoint(address, place);
     if (endpoint == nullptr) {
-        result = KOB_ERR_ADDRESS;
+        set_error(error, KOB_ERR_ADDRESS);
         return nullptr;
     }
     auto *const service = static_cast<kob_service_t *>(std::calloc(1, sizeof(kob_service_t)));
     if (service == nullptr) {
-        result = KOB_ERR_MEMORY;
+        set_error(error, KOB_ERR_MEMORY);
         return nullptr;
     }
     const kob_service_options_t complete = completed(options);
     service->endpoint = endpoint;
     service->max_message = complete.max_message;
-    result = endpoint->listen(place, complete, service->clients);
-    if (result != KOB_OK) {
-        std::free(service);
-        return nullptr;
-    }
-    return service;
+    const int32_t code = endpoint->listen(place, complete, service->clients);
+    set_error(error, code);
+    if (code == KOB_OK)
+        return service;
+    std::free(service);
+    return nullptr;
 }
 
 int kob_service_fd(const kob_service_t *service)

@@ -380,6 +380,7 @@ void tlvu_error_print(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    (void)std::vfprintf(stderr, format, arguments);
+    // The analyzer does not see that the list was started.
+    (void)std::vfprintf(stderr, format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
 }

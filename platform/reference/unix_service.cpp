@@ -302,7 +302,9 @@ bool serve(ServiceEndpoint &service, const epoll_event &event, kob_msg &msg)
 int32_t unix_listen(const char *place, const kob_service_options_t &options, ServiceEndpoint *&service)
 {
     void *const storage = std::malloc(sizeof(ServiceEndpoint));
-    auto *const connections = static_cast<Connection **>(std::calloc(options.max_clients, sizeof(Connection *)));
+    // An array of pointers, so the size of one is meant.
+    auto *const connections = static_cast<Connection **>(
+        std::calloc(options.max_clients, sizeof(Connection *))); // NOLINT(bugprone-sizeof-expression)
     if (storage == nullptr || connections == nullptr) {
         std::free(connections);
         std::free(storage);

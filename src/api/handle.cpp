@@ -20,7 +20,4 @@ int32_t zel_api_init(zel_api_handle_t *handle, uint32_t debug, uint32_t app_type
                      zel_mat_cache_comp_func);
 }
 
-int32_t zel_event_handling()
-{
-    return 0;
-}
+int32_t zel_event_handling() { return 0; }

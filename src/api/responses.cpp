@@ -28,15 +28,9 @@ uint32_t whole_header_word(const void *array, std::size_t index)
 
 } // namespace
 
-zel_resp_hdr_t *zel_get_resp_hdr(void *kob_msg)
-{
-    return static_cast<zel_resp_hdr_t *>(kob_payload_get(kob_msg));
-}
+zel_resp_hdr_t *zel_get_resp_hdr(void *kob_msg) { return static_cast<zel_resp_hdr_t *>(kob_payload_get(kob_msg)); }
 
-uint32_t zel_req_id_get(void *kob_msg)
-{
-    return kob_rr_token_get(kob_msg);
-}
+uint32_t zel_req_id_get(void *kob_msg) { return kob_rr_token_get(kob_msg); }
 
 int32_t zel_parse_response(void *kob_msg, uint32_t *status, uint32_t *error, char *text)
 {
@@ -58,7 +52,4 @@ uint32_t zel_get_app_type(uint32_t mp_ctx, void *kob_msg)
     return whole_header_word(in_parts ? mpkob_payload_get(mp_ctx, kob_msg) : kob_payload_get(kob_msg), 1);
 }
 
-uint32_t zel_get_api_type(void *kob_msg)
-{
-    return whole_header_word(kob_payload_get(kob_msg), 0);
-}
+uint32_t zel_get_api_type(void *kob_msg) { return whole_header_word(kob_payload_get(kob_msg), 0); }

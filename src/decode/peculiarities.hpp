@@ -43,10 +43,7 @@ inline constexpr ValueReport value_report<&zel_match_eth_proto_t::type>{true, "M
 // A 16-bit count is taken as it comes.  The 32-bit count of a statistics request
 // could ask for gigabytes: above a limit that a 16-bit reader of counts would
 // never reach, it is held to what the message can contain.
-inline uint16_t plausible_count(const void *, uint16_t count)
-{
-    return count;
-}
+inline uint16_t plausible_count(const void *, uint16_t count) { return count; }
 
 inline uint32_t plausible_count(const void *array, uint32_t count)
 {

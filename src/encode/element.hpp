@@ -9,10 +9,7 @@
 namespace zel {
 
 // Encoded size of an element; the platform's result is a 16-bit quantity.
-inline uint32_t element_size(uint32_t value_length)
-{
-    return static_cast<uint16_t>(tlv_size_get(value_length));
-}
+inline uint32_t element_size(uint32_t value_length) { return static_cast<uint16_t>(tlv_size_get(value_length)); }
 
 // Reports an element that the platform did not take.
 void report_failed_element(const zel_api_handle_t &handle, const char *field_name, int32_t status);

@@ -95,10 +95,7 @@ using namespace zel;
 // C names cannot come from a template, so these make them: one macro per shape
 // of signature.
 #define LEAF_SIZE(object)                                                                                              \
-    uint32_t zel_##object##_get_tlv_sz()                                                                               \
-    {                                                                                                                  \
-        return size_of_leaf<zel_##object##_t>();                                                                       \
-    }
+    uint32_t zel_##object##_get_tlv_sz() { return size_of_leaf<zel_##object##_t>(); }
 #define SIZE(object)                                                                                                   \
     uint32_t zel_##object##_get_tlv_sz(const zel_##object##_t *record, uint32_t app_type)                              \
     {                                                                                                                  \

@@ -61,20 +61,11 @@ void release(zel_match_t &match)
         release_group(match.param.service.num_elements, match.param.service.elements);
 }
 
-void release(zel_match_grp_t &group)
-{
-    release_group(group.num_match, group.matches);
-}
+void release(zel_match_grp_t &group) { release_group(group.num_match, group.matches); }
 
-void release(zel_action_grp_t &group)
-{
-    release_group(group.num_action, group.actions);
-}
+void release(zel_action_grp_t &group) { release_group(group.num_action, group.actions); }
 
-void release(zel_if_group_t &group)
-{
-    release_group(group.num_if, group.if_elements);
-}
+void release(zel_if_group_t &group) { release_group(group.num_if, group.if_elements); }
 
 // Both groups' members before either array.
 void release(zel_match_action_pair_t &pair)
@@ -85,10 +76,7 @@ void release(zel_match_action_pair_t &pair)
     release_array(pair.action_group.actions);
 }
 
-void release(zel_match_action_pair_grp_t &group)
-{
-    release_group(group.num_pair, group.pairs);
-}
+void release(zel_match_action_pair_grp_t &group) { release_group(group.num_pair, group.pairs); }
 
 void release(zel_policy_t &policy)
 {
@@ -96,10 +84,7 @@ void release(zel_policy_t &policy)
     release(policy.match_action_pair_group);
 }
 
-void release(zel_policy_list_t &list)
-{
-    release_group(list.num_policy, list.policies);
-}
+void release(zel_policy_list_t &list) { release_group(list.num_policy, list.policies); }
 
 struct Call {
     const char *function;

@@ -36,10 +36,7 @@ inline constexpr FixedString trace_prefix{"%s(%d)[%s]: "};
 inline constexpr std::size_t trace_prefix_length = sizeof trace_prefix.text - 1;
 
 // "text"_trace is the text's format with the prefix in front.
-template <FixedString Text> constexpr const char *operator""_trace()
-{
-    return c_str<trace_prefix + Text>;
-}
+template <FixedString Text> constexpr const char *operator""_trace() { return c_str<trace_prefix + Text>; }
 
 struct TraceRecord {
     uint32_t id;

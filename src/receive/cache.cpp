@@ -11,10 +11,7 @@ namespace {
 
 enum Order : uint32_t { equal = 0, after = 1, before = 2 };
 
-template <class T> Order compare(T a, T b)
-{
-    return a > b ? after : a < b ? before : equal;
-}
+template <class T> Order compare(T a, T b) { return a > b ? after : a < b ? before : equal; }
 
 } // namespace
 

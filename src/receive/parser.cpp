@@ -66,10 +66,7 @@ void describe(const Parse &parse, const zel_match_grp_t &group)
 }
 
 // A policy also answers for the groups that it embeds.
-template <class R> void publish(Parse &parse, R &record)
-{
-    parse.last_objects[MatObjectOf<R>::type] = &record;
-}
+template <class R> void publish(Parse &parse, R &record) { parse.last_objects[MatObjectOf<R>::type] = &record; }
 
 void publish(Parse &parse, zel_policy_t &policy)
 {

@@ -21,10 +21,7 @@ int32_t record_size(const char *function, const void *tlv, const void *table)
 
 // C names cannot come from a template, so this makes them.
 #define ACCESSORS(record_name)                                                                                         \
-    int32_t record_name##_field_get_next(void *itr, void *field)                                                       \
-    {                                                                                                                  \
-        return tlvu_field_itr_get_next(itr, field);                                                                    \
-    }                                                                                                                  \
+    int32_t record_name##_field_get_next(void *itr, void *field) { return tlvu_field_itr_get_next(itr, field); }       \
     int32_t record_name##_field_itr_init(void *itr, const void *tlv, uintptr_t size, uintptr_t flags,                  \
                                          uint16_t element)                                                             \
     {                                                                                                                  \
@@ -35,10 +32,7 @@ int32_t record_size(const char *function, const void *tlv, const void *table)
     {                                                                                                                  \
         return tlvu_get_field(tlv, size, element, value, capacity, &record_name##_tbl);                                \
     }                                                                                                                  \
-    int32_t record_name##_get_struct_sz(const void *tlv)                                                               \
-    {                                                                                                                  \
-        return record_size(__func__, tlv, &record_name##_tbl);                                                         \
-    }                                                                                                                  \
+    int32_t record_name##_get_struct_sz(const void *tlv) { return record_size(__func__, tlv, &record_name##_tbl); }    \
     uint32_t record_name##_get_tlv_sz(const record_name##_t *record)                                                   \
     {                                                                                                                  \
         return tlvu_table_size(&record_name##_tbl, record);                                                            \

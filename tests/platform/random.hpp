@@ -2,9 +2,7 @@
 #pragma once
 
 #include <random>
-#include <stdint.h>
 
-class Random : public std::mt19937 {
-public:
-    explicit Random(uint32_t seed) : std::mt19937(seed) {}
+struct Random : std::mt19937 {
+    explicit Random(unsigned seed) : std::mt19937(seed) {}
 };

@@ -24,10 +24,7 @@ inline Number scripted(std::vector<uint32_t> script)
     return [n = size_t{0}, script = std::move(script)]() mutable { return script.at(n++); };
 }
 
-template <class R> R *zeroed()
-{
-    return static_cast<R *>(std::calloc(1, sizeof(R)));
-}
+template <class R> R *zeroed() { return static_cast<R *>(std::calloc(1, sizeof(R))); }
 
 class Graphs {
 public:

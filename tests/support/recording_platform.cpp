@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <utility>
 
 namespace test {
@@ -38,10 +39,7 @@ std::string record_text(uint32_t length, const void *record)
     return std::to_string(id) + (terminated ? " " : " bad length ") + std::string(text, length - 5);
 }
 
-uint32_t padded(uint32_t length)
-{
-    return (length + 4 + platform.padding - 1) / platform.padding * platform.padding;
-}
+uint32_t padded(uint32_t length) { return (length + 4 + platform.padding - 1) / platform.padding * platform.padding; }
 
 uint32_t used(const void *array)
 {
@@ -60,15 +58,9 @@ struct Tree {
 std::vector<Tree> trees;
 
 // A tree knows its list by number, so that a handle can be copied while it is empty.
-Tree &list_of(const ravl_tree *tree)
-{
-    return trees[tree->own[0]];
-}
+Tree &list_of(const ravl_tree *tree) { return trees[tree->own[0]]; }
 
-const char *key_of(const Tree &tree, const void *entry)
-{
-    return static_cast<const char *>(entry) + tree.key_offset;
-}
+const char *key_of(const Tree &tree, const void *entry) { return static_cast<const char *>(entry) + tree.key_offset; }
 
 auto position(Tree &tree, const void *key)
 {
@@ -84,9 +76,9 @@ void set_root(ravl_tree *tree, const Tree &list)
 
 } // namespace
 
-std::vector<std::string> Platform::reported(const std::string &severity) const
+Strings Platform::reported(const std::string &severity) const
 {
-    std::vector<std::string> texts;
+    Strings texts;
     for (const auto &report : reports)
         if (report.rfind(severity + ": ", 0) == 0)
             texts.push_back(report.substr(severity.size() + 2));
@@ -115,22 +107,24 @@ CALLBACK(err)
 CALLBACK(warn)
 CALLBACK(dbg)
 
-Array &Array::add(uint16_t id, const Bytes &value)
+Bytes array(const std::string &elements)
 {
-    bytes_.resize(
-        std::max<size_t>(bytes_.size(), 4 + used(bytes_.data()) + padded(static_cast<uint32_t>(value.size()))));
+    Bytes bytes(4 + elements.size() * 4 + 64);
     const int fail = std::exchange(platform.fail_write, 0);
-    tlv_array_add_tlv(bytes_.data(), static_cast<uint32_t>(bytes_.size()), id, static_cast<uint16_t>(value.size()),
-                      value.data(), 0);
-    platform.writes.pop_back();
+    std::istringstream tokens(elements);
+    for (std::string token; tokens >> token;) {
+        Bytes value;
+        const size_t colon = token.find(':');
+        for (size_t at = colon; at != std::string::npos && at + 2 < token.size(); at += 2)
+            value.push_back(static_cast<uint8_t>(std::stoi(token.substr(at + 1, 2), nullptr, 16)));
+        if (colon == std::string::npos)
+            value.push_back(0);
+        tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(bytes.size()), static_cast<uint16_t>(std::stoi(token)),
+                          static_cast<uint16_t>(value.size()), value.data(), 0);
+        platform.writes.pop_back();
+    }
     platform.fail_write = fail;
-    return *this;
-}
-
-const Bytes &Array::bytes()
-{
-    bytes_.resize(4 + used(bytes_.data()) + 64);
-    return bytes_;
+    return bytes;
 }
 
 std::vector<ReadElement> elements_of(const Bytes &array)
@@ -231,7 +225,7 @@ uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
     uint16_t length = 0;
     const void *value = nullptr;
     uint32_t cursor = 0;
-    uint32_t count = 0;
+    uint32_t count = platform.extra_elements;
     while (tlv_array_get_next_tlv(array, &type, &length, &value, 0, &cursor) == 0)
         ++count;
     return count;
@@ -272,15 +266,9 @@ void ravl_delete(ravl_tree *tree, void *entry)
     set_root(tree, list);
 }
 
-int32_t ravl_is_empty(ravl_tree *tree)
-{
-    return list_of(tree).entries.empty() ? 9 : 0;
-}
+int32_t ravl_is_empty(ravl_tree *tree) { return list_of(tree).entries.empty() ? 9 : 0; }
 
-void fu_keeper_update_and_send_heartbeat(int32_t reserved)
-{
-    platform.heartbeats += reserved == 0 ? 1 : 1000;
-}
+void fu_keeper_update_and_send_heartbeat(int32_t reserved) { platform.heartbeats += reserved == 0 ? 1 : 1000; }
 
 int32_t trc_hist_event_subtype_check(uint32_t module, uint32_t trace_id)
 {
@@ -333,15 +321,9 @@ int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t op
     return platform.send_result;
 }
 
-uint32_t kob_rr_token_get(void *kob_msg)
-{
-    return static_cast<Message *>(kob_msg)->token;
-}
+uint32_t kob_rr_token_get(void *kob_msg) { return static_cast<Message *>(kob_msg)->token; }
 
-int32_t kob_errno_get(uint32_t)
-{
-    return platform.transport_errno++;
-}
+int32_t kob_errno_get(uint32_t) { return platform.transport_errno++; }
 
 void *kob_payload_get(void *kob_msg)
 {
@@ -399,10 +381,7 @@ int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const vo
     return converter(itr, tlv, size, table, flags, element);
 }
 
-int32_t tlvu_field_itr_get_next(void *itr, void *field)
-{
-    return converter(itr, field);
-}
+int32_t tlvu_field_itr_get_next(void *itr, void *field) { return converter(itr, field); }
 
 void tlvu_error_print(const char *format, ...)
 {

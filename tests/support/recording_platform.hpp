@@ -11,6 +11,7 @@
 namespace test {
 
 using Bytes = std::vector<uint8_t>;
+using Strings = std::vector<std::string>;
 
 struct ElementWrite {
     uint16_t id;
@@ -40,6 +41,7 @@ struct Platform {
     uint32_t padding = 1;                       // elements are padded to a multiple of this
     std::map<uint32_t, uint32_t> element_sizes; // what tlv_size_get() says instead
     uint32_t size_noise = 0;                    // or-ed into the results of tlv_size_get()
+    uint32_t extra_elements = 0;                // that tlv_array_get_num_tlvs() counts and nobody can read
     int fail_write = 0;                         // the n-th element write from now fails; -1: all do
     int32_t send_result = 0;
     int32_t transport_errno = 100; // raised by one whenever it is asked for
@@ -51,13 +53,13 @@ struct Platform {
     // What it saw.
     std::vector<ElementWrite> writes;
     std::vector<Send> sends;
-    std::vector<std::string> log;     // trace facility, tree and heartbeat calls, in order
-    std::vector<std::string> reports; // "err: ", "warn: " or "dbg: " and the text
+    Strings log;     // trace facility, tree and heartbeat calls, in order
+    Strings reports; // "err: ", "warn: " or "dbg: " and the text
     std::vector<uintptr_t> converter_arguments;
-    std::vector<std::string> converter_errors;
+    Strings converter_errors;
     int heartbeats = 0;
 
-    std::vector<std::string> reported(const std::string &severity) const;
+    Strings reported(const std::string &severity) const;
 };
 
 // The heap as the library sees it: calloc and free are wrapped by the linker.
@@ -79,22 +81,9 @@ void err_cb(const char *format, ...);
 void warn_cb(const char *format, ...);
 void dbg_cb(const char *format, ...);
 
-// Builds arrays by hand.
-class Array {
-public:
-    Array &add(uint16_t id, const Bytes &value = {0});
-    template <class T> Array &field(uint16_t id, T value)
-    {
-        const auto *p = reinterpret_cast<const uint8_t *>(&value);
-        return add(id, Bytes(p, p + sizeof value));
-    }
-    Array &marker(uint16_t id) { return add(id); }
-    // With the readable bytes behind it that every received payload has.
-    const Bytes &bytes();
-
-private:
-    Bytes bytes_ = Bytes(4);
-};
+// An array by hand, with the readable bytes behind it that every payload has:
+// "23 26:0500 24" is a marker, an element of two bytes, a marker.
+Bytes array(const std::string &elements);
 
 struct ReadElement {
     uint16_t id;

@@ -12,28 +12,19 @@ using service::PacketHeader;
 
 constexpr uint8_t protocol_udp = 17;
 
-uint64_t addresses(uint32_t sip, uint32_t dip)
-{
-    return uint64_t{sip} << 32 | dip;
-}
+uint64_t addresses(uint32_t sip, uint32_t dip) { return uint64_t{sip} << 32 | dip; }
 
 uint64_t transport(uint16_t sport, uint16_t dport, uint8_t protocol, uint8_t exp, uint16_t ether_type)
 {
     return uint64_t{sport} << 48 | uint64_t{dport} << 32 | uint64_t{protocol} << 24 | uint64_t{exp} << 16 | ether_type;
 }
 
-uint64_t overlay(uint32_t arp_opcode, uint32_t lisp_instance)
-{
-    return uint64_t{arp_opcode} << 32 | lisp_instance;
-}
+uint64_t overlay(uint32_t arp_opcode, uint32_t lisp_instance) { return uint64_t{arp_opcode} << 32 | lisp_instance; }
 
 // All of a field, for the mask of a pattern that wants a value.
 template <class V> constexpr V all = static_cast<V>(~V{0});
 
-template <class R> bool is_active(const R &record)
-{
-    return record.op_mode == service::op_mode_active;
-}
+template <class R> bool is_active(const R &record) { return record.op_mode == service::op_mode_active; }
 
 } // namespace
 
@@ -173,10 +164,7 @@ private:
     Classifier &out_;
 };
 
-Classifier::Classifier(const zel_policy_t &policy)
-{
-    Compiler(*this, policy);
-}
+Classifier::Classifier(const zel_policy_t &policy) { Compiler(*this, policy); }
 
 bool Classifier::applies_to(const PacketHeader &packet) const
 {

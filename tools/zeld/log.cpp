@@ -15,15 +15,9 @@ constexpr const char *names[] = {"error", "warn", "info", "debug", "trace"};
 
 } // namespace
 
-void set_log_level(LogLevel level)
-{
-    threshold = level;
-}
+void set_log_level(LogLevel level) { threshold = level; }
 
-bool is_logged(LogLevel level)
-{
-    return level <= threshold;
-}
+bool is_logged(LogLevel level) { return level <= threshold; }
 
 // One write per line, so that lines of several processes do not mix.  Texts may
 // quote what a client sent, which must not be able to make up lines of its own.

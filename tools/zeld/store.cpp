@@ -21,15 +21,9 @@ constexpr const char *settings = "PRAGMA locking_mode = EXCLUSIVE;"
 
 } // namespace
 
-void Store::Close::operator()(sqlite3 *database) const
-{
-    sqlite3_close(database);
-}
+void Store::Close::operator()(sqlite3 *database) const { sqlite3_close(database); }
 
-void Store::Finalize::operator()(sqlite3_stmt *statement) const
-{
-    sqlite3_finalize(statement);
-}
+void Store::Finalize::operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 
 Store::Store(const std::string &path)
 {

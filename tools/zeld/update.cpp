@@ -128,10 +128,7 @@ template <auto Group> void remove_object(zel_policy_t &policy, const MemberIn<Gr
 
 // ---- Interfaces
 
-void set_if_group(zel_policy_t &policy, const zel_if_group_t &group)
-{
-    replace(policy.if_group, group);
-}
+void set_if_group(zel_policy_t &policy, const zel_if_group_t &group) { replace(policy.if_group, group); }
 
 void remove_if_group(zel_policy_t &policy, const zel_if_group_t &group)
 {
@@ -155,10 +152,7 @@ void apply(zel_policy_t &policy, uint32_t op_code, const void *object, void (*se
     (op_code == service::op_code_set ? set : remove)(policy, *static_cast<const R *>(object));
 }
 
-void remove_pair_by_id(zel_policy_t &policy, const zel_match_action_pair_t &pair)
-{
-    remove_pair(policy, pair.id);
-}
+void remove_pair_by_id(zel_policy_t &policy, const zel_match_action_pair_t &pair) { remove_pair(policy, pair.id); }
 
 // ---- Ids
 

@@ -11,6 +11,12 @@ nm -u "$library" | awk '$1 == "U" {print $2}' | sort -u | comm -23 - "$work/defi
 printf '%s\n' calloc free getpid memcpy memmove memset snprintf strncpy _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
 comm -23 "$work/needed" "$work/libc" >"$work/platform"
 
+# Nothing runs before main().
+if readelf -SW "$library" | grep -E 'init_array|ctors'; then
+    echo "the library has static constructors" >&2
+    exit 1
+fi
+
 echo 'extern int zel_event_handling(void);' >"$work/program.c"
 while read -r name; do
     if ! grep -qw -- "$name" "$root"/platform/*.h; then

@@ -46,7 +46,7 @@ TEST(Cache, StoreFindDeleteEmpty)
     handle.debug = 1;
     zel_store_mat_cache(&handle, 1, 7, 5, &first);
     EXPECT_EQ(platform.log.back(),
-              "log 648 7536640 10 102 zel_store_mat_cache(203)[tester]: cannot allocate mat cache new_entry");
+              "log 648 7536640 1 0 102 zel_store_mat_cache(203)[tester]: cannot allocate mat cache new_entry");
     EXPECT_EQ(platform.reported("err"), Strings{"cannot allocate mat cache new_entry"});
 }
 

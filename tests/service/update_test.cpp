@@ -1,4 +1,5 @@
 // What each kind of update makes of the policies.
+#include "platform/tlv_array.h"
 #include "policy_notation.hpp"
 #include "tools/zeld/policies.hpp"
 
@@ -167,4 +168,23 @@ TEST(Update, CountersStayWithPairs)
     EXPECT_EQ(now.counters(1).packets, 2u);
     EXPECT_EQ(now.counters(1).bytes, 20u);
     EXPECT_EQ(now.position_of(1), std::nullopt);
+}
+
+// An object is referred to by its id when it is equal to the first one with the
+// id, and written in full when policies disagree about what the id means.
+TEST(Update, ListsOfPoliciesThatShareIds)
+{
+    const auto one = policy(1, "1@1:5=80/ 2@2:5=80/");
+    const auto two = policy(2, "1@1:5=90/ 2@2:5=90,6=91/ 3@3:6=91/");
+    const auto three = policy(3, "1@1:5=80/");
+    const Bytes message = write_policy_list(1, {one.get(), two.get(), three.get()});
+    std::string matches;
+    uint16_t type = 0, length = 0, number = 0;
+    const void *value = nullptr;
+    for (uint32_t cursor = 0; tlv_array_get_next_tlv(message.data(), &type, &length, &value, 0, &cursor) == 0;) {
+        memcpy(&number, value, std::min<size_t>(length, sizeof number));
+        if (type == 42 || type == 157) // the Ethernet type of a match, and a reference
+            matches += fmt::format("{}{} ", type == 42 ? "=" : "->", number);
+    }
+    EXPECT_EQ(matches, "=80 ->5 =90 =90 =91 ->6 ->5 ");
 }

@@ -38,7 +38,7 @@ public:
     // The object that a request kind carries, by its MAT type.
     template <class... O> void object(uint32_t mat_type, zel::MatObjectList<O...>)
     {
-        ((mat_type == O::type && (record_of<typename O::record>(), true)) || ...);
+        (void)((mat_type == O::type && (record_of<typename O::record>(), true)) || ...);
     }
 
     void end() const

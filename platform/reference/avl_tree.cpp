@@ -25,8 +25,9 @@ struct [[gnu::may_alias]] Node {
 };
 static_assert(sizeof(Node) <= 16);
 
-// How the tree uses the words of ravl_tree_t.  Whoever holds the tree may copy
-// it while it is empty, so nothing here points into the tree itself.
+// How the tree uses the words of ravl_tree_t.  Whoever holds the tree may copy it
+// while it is empty: leaning may then point into the old one, but it is not
+// followed for the place behind the last entry, and an empty tree has no other.
 struct [[gnu::may_alias]] Tree {
     uintptr_t root;
     ravl_compare_t compare;
@@ -35,7 +36,7 @@ struct [[gnu::may_alias]] Tree {
     uintptr_t remembered; // non-zero: the words below describe the last failed lookup
     Node *before;         // its neighbours in order, null at either end
     Node *after;
-    Word *leaning; // link to the deepest leaning node of its path, or null for the root
+    Word *leaning; // link to the deepest leaning node of its path, or to the root
 };
 static_assert(sizeof(Tree) == sizeof(ravl_tree_t));
 
@@ -125,7 +126,7 @@ void remember(Tree &tree, Node *before, Node *after, Word *leaning)
     tree.remembered = 1;
     tree.before = before;
     tree.after = after;
-    tree.leaning = leaning == &tree.root ? nullptr : leaning;
+    tree.leaning = leaning;
 }
 
 // The node with a key, or null, and then the tree remembers where it is missing.
@@ -218,8 +219,7 @@ void hang(Tree &tree, Node *entry)
 void rebalance_above(Tree &tree, Node *entry)
 {
     const void *const key = key_of(tree, entry);
-    Word *const link = tree.after == nullptr ? leaning_towards_end(tree) : tree.leaning;
-    Word *const top_link = link == nullptr ? &tree.root : link;
+    Word *const top_link = tree.after == nullptr ? leaning_towards_end(tree) : tree.leaning;
     Node *const top = target(*top_link);
     if (top == entry)
         return;

@@ -40,10 +40,7 @@ struct [[gnu::may_alias]] Tree {
 };
 static_assert(sizeof(Tree) == sizeof(ravl_tree_t));
 
-Tree &as_tree(ravl_tree *tree)
-{
-    return *reinterpret_cast<Tree *>(tree);
-}
+Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
 
 Node *target(uintptr_t link)
 {
@@ -51,36 +48,18 @@ Node *target(uintptr_t link)
     return reinterpret_cast<Node *>(link & ~lean_bit); // NOLINT(performance-no-int-to-ptr)
 }
 
-Side other(Side side)
-{
-    return side == left ? right : left;
-}
+Side other(Side side) { return side == left ? right : left; }
 
 // Makes a link lead elsewhere.  Its lean bit belongs to the node that it is in.
-void redirect(Word *link, const Node *node)
-{
-    *link = reinterpret_cast<uintptr_t>(node) | (*link & lean_bit);
-}
+void redirect(Word *link, const Node *node) { *link = reinterpret_cast<uintptr_t>(node) | (*link & lean_bit); }
 
-bool leans(const Node *node, Side side)
-{
-    return (node->link[side] & lean_bit) != 0;
-}
+bool leans(const Node *node, Side side) { return (node->link[side] & lean_bit) != 0; }
 
-bool is_even(const Node *node)
-{
-    return ((node->link[left] | node->link[right]) & lean_bit) == 0;
-}
+bool is_even(const Node *node) { return ((node->link[left] | node->link[right]) & lean_bit) == 0; }
 
-void lean(Node *node, Side side)
-{
-    node->link[side] |= lean_bit;
-}
+void lean(Node *node, Side side) { node->link[side] |= lean_bit; }
 
-void straighten(Node *node, Side side)
-{
-    node->link[side] &= ~lean_bit;
-}
+void straighten(Node *node, Side side) { node->link[side] &= ~lean_bit; }
 
 const void *key_of(const Tree &tree, const Node *node)
 {
@@ -187,10 +166,7 @@ bool is_remembered(const Tree &tree, const void *key)
            (tree.after == nullptr || compare(tree, key, tree.after) == sorts_before);
 }
 
-void forget(Tree &tree)
-{
-    tree.remembered = 0;
-}
+void forget(Tree &tree) { tree.remembered = 0; }
 
 // ---- Inserting
 
@@ -336,10 +312,7 @@ int32_t ravl_insert(ravl_tree *tree, void *entry)
     return 1;
 }
 
-void *ravl_lookup(ravl_tree *tree, const void *key)
-{
-    return find(as_tree(tree), key);
-}
+void *ravl_lookup(ravl_tree *tree, const void *key) { return find(as_tree(tree), key); }
 
 void ravl_delete(ravl_tree *tree, void *entry)
 {
@@ -361,7 +334,4 @@ void ravl_delete(ravl_tree *tree, void *entry)
     forget(t);
 }
 
-int32_t ravl_is_empty(ravl_tree *tree)
-{
-    return tree->root == nullptr ? 1 : 0;
-}
+int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

@@ -12,10 +12,7 @@ namespace zel::platform {
 
 namespace {
 
-bool would_block(int error)
-{
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
+bool would_block(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
 // Takes a packet off the socket without looking at it.
 void discard(int socket)

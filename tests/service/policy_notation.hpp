@@ -1,0 +1,127 @@
+// Policies in a line of text, for tests that say what becomes of them:
+//
+//     1@3:5=80,6=443/7=100 2@4:5=80/ |1 2
+//
+// is pair 1 with match group and action group 3, whose matches 5 and 6 are for
+// Ethernet types 80 and 443 and whose action 7 sets VRF 100, and pair 2; bound to
+// interfaces 1 and 2.
+#pragma once
+
+#include "tools/zeld/graph.hpp"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
+
+namespace test {
+
+using namespace zeld;
+
+inline std::vector<std::string> split(const std::string &text, char separator)
+{
+    std::vector<std::string> parts;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, separator);)
+        if (!part.empty())
+            parts.push_back(part);
+    return parts;
+}
+
+inline uint16_t number(const std::string &text) { return static_cast<uint16_t>(std::stoul(text)); }
+
+// Before and behind the first separator.
+inline std::pair<std::string, std::string> halves(const std::string &text, char separator)
+{
+    const size_t place = text.find(separator);
+    return place == std::string::npos ? std::pair(text, std::string())
+                                      : std::pair(text.substr(0, place), text.substr(place + 1));
+}
+
+template <class G, class Fill> void fill_group(G &group, uint16_t id, const std::string &text, Fill fill)
+{
+    group.id = id;
+    for (const std::string &part : split(text, ',')) {
+        const auto [member_id, value] = halves(part, '=');
+        Owned<MemberOf<G>> member(allocate<MemberOf<G>>(1));
+        member->id = number(member_id);
+        fill(*member, number(value));
+        append(group, std::move(member));
+    }
+}
+
+inline Owned<zel_policy_t> policy(uint16_t id, const std::string &text)
+{
+    Owned<zel_policy_t> result(allocate<zel_policy_t>(1));
+    result->id = id;
+    const auto [pairs, interfaces] = halves(text, '|');
+    for (const std::string &part : split(pairs, ' ')) {
+        Owned<zel_match_action_pair_t> pair(allocate<zel_match_action_pair_t>(1));
+        const auto [ids, content] = halves(part, ':');
+        const auto [pair_id, group_id] = halves(ids, '@');
+        const auto [matches, actions] = halves(content, '/');
+        pair->id = number(pair_id);
+        fill_group(pair->match_group, number(group_id), matches, [](zel_match_t &match, uint16_t value) {
+            match.type = ZEL_MATCH_TYPE_ETH_PROTO;
+            match.param.eth_proto.type = value;
+        });
+        fill_group(pair->action_group, number(group_id), actions, [](zel_action_t &action, uint16_t value) {
+            action.type = ZEL_ACTION_TYPE_SET_VRF;
+            action.param.set_vrf.vrf = value;
+        });
+        append(result->match_action_pair_group, std::move(pair));
+    }
+    for (const std::string &part : split(interfaces, ' ')) {
+        Owned<zel_if_element_t> element(allocate<zel_if_element_t>(1));
+        element->interface = number(part);
+        append(result->if_group, std::move(element));
+    }
+    return result;
+}
+
+inline std::string text_of(const zel_policy_t &policy)
+{
+    std::string text;
+    for (const auto *const pair : members(policy.match_action_pair_group)) {
+        std::string matches;
+        std::string actions;
+        for (const auto *const match : members(pair->match_group))
+            matches += fmt::format("{}{}={}", matches.empty() ? "" : ",", match->id, match->param.eth_proto.type);
+        for (const auto *const action : members(pair->action_group))
+            actions += fmt::format("{}{}={}", actions.empty() ? "" : ",", action->id, action->param.set_vrf.vrf);
+        EXPECT_EQ(pair->match_group.id, pair->action_group.id);
+        text += fmt::format("{}@{}:{}/{} ", pair->id, pair->match_group.id, matches, actions);
+    }
+    text += '|';
+    for (const auto *const element : members(policy.if_group))
+        text += fmt::format("{}{}", text.back() == '|' ? "" : " ", element->interface);
+    return text;
+}
+
+// The part of a policy that a request kind carries: the first one where there are several.
+inline const void *part_of(const zel_policy_t &policy, uint32_t api_type)
+{
+    const zel_match_action_pair_grp_t &group = policy.match_action_pair_group;
+    switch (api_type) {
+    case ZEL_API_POLICY_UPDATE:
+        return &policy;
+    case ZEL_API_MATCH_ACTION_PAIR_GROUP_UPDATE:
+        return &group;
+    case ZEL_API_MATCH_ACTION_PAIR_UPDATE:
+        return group.pairs[0];
+    case ZEL_API_MATCH_GROUP_UPDATE:
+        return &group.pairs[0]->match_group;
+    case ZEL_API_ACTION_GROUP_UPDATE:
+        return &group.pairs[0]->action_group;
+    case ZEL_API_MATCH_UPDATE:
+        return group.pairs[0]->match_group.matches[0];
+    case ZEL_API_ACTION_UPDATE:
+        return group.pairs[0]->action_group.actions[0];
+    case ZEL_API_INTERFACE_GROUP_UPDATE:
+        return &policy.if_group;
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace test

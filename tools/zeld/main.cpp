@@ -1,0 +1,163 @@
+// zeld: a stand-in for the zel policy service, for development and tests.
+#include "platform/heartbeat.h"
+#include "tools/zeld/log.hpp"
+#include "tools/zeld/notify.hpp"
+#include "tools/zeld/service.hpp"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zeld {
+
+namespace {
+
+enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_address = 3, exit_state = 4 };
+
+struct Options {
+    std::string listen;
+    std::string state;
+    uint64_t max_message = 16 * 1024 * 1024;
+    uint64_t max_state = 256 * 1024 * 1024;
+    uint32_t max_clients = 64;
+    LogLevel log_level = LogLevel::info;
+};
+
+// Long enough to sleep well, short enough for the system manager's watchdog.
+constexpr int tick_ms = 250;
+
+// Smaller messages could not even carry an answer with one policy.
+constexpr uint64_t least_message = 4096;
+
+void add_options(CLI::App &app, Options &options)
+{
+    const CLI::AsSizeValue size(false);
+    app.set_version_flag("--version", "zeld 1.0.0");
+    app.add_option("--listen", options.listen, "address to serve, unix:PATH")->required();
+    app.add_option("--state", options.state, "file that keeps the policies; without it they end with the process");
+    app.add_option("--max-message", options.max_message, "largest request and answer")
+        ->transform(size)
+        ->check(CLI::Range(least_message, uint64_t{KOB_MESSAGE_LIMIT}))
+        ->capture_default_str();
+    app.add_option("--max-state", options.max_state, "most bytes of all policies together")
+        ->transform(size)
+        ->capture_default_str();
+    app.add_option("--max-clients", options.max_clients, "most connections at a time")
+        ->check(CLI::Range(1U, 4096U))
+        ->capture_default_str();
+    app.add_option("--log-level", options.log_level, "error, warn, info, debug or trace; to stderr")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, LogLevel>{{"error", LogLevel::error},
+                                                                            {"warn", LogLevel::warn},
+                                                                            {"info", LogLevel::info},
+                                                                            {"debug", LogLevel::debug},
+                                                                            {"trace", LogLevel::trace}}))
+        ->default_str("info");
+    app.footer("Exit codes: 0 stopped by SIGINT or SIGTERM, 1 failed, 2 usage, 3 address, 4 state file.");
+}
+
+// A descriptor that is readable when the process is to stop.  The signals are
+// blocked, so that none arrives between a look and a wait.
+int open_stop_signals()
+{
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    sigprocmask(SIG_BLOCK, &stop, nullptr);
+    // A file system's limit is a failure to write, and answered as such.
+    (void)std::signal(SIGXFSZ, SIG_IGN);
+    return signalfd(-1, &stop, SFD_CLOEXEC);
+}
+
+struct CloseTransport {
+    void operator()(kob_service_t *transport) const { kob_service_close(transport); }
+};
+using Transport = std::unique_ptr<kob_service_t, CloseTransport>;
+
+Transport open_transport(const Options &options, int32_t &error)
+{
+    kob_service_options_t transport_options{};
+    transport_options.max_message = static_cast<uint32_t>(options.max_message);
+    transport_options.max_clients = options.max_clients;
+    transport_options.on_refusal = [](void *, uint32_t client, const char *reason) {
+        log(LogLevel::warn, "client {}: refused by the transport: {}", client, reason);
+    };
+    return Transport(kob_service_open(options.listen.c_str(), &transport_options, &error));
+}
+
+ExitCode run(Service &service, kob_service_t *transport, int stop_signals)
+{
+    const std::unique_ptr<kob_msg_t, decltype(&kob_msg_free)> msg(kob_msg_alloc(), kob_msg_free);
+    if (msg == nullptr)
+        throw std::bad_alloc();
+    for (;;) {
+        pollfd waits[] = {{stop_signals, POLLIN, 0}, {kob_service_fd(transport), POLLIN, 0}};
+        (void)poll(waits, std::size(waits), tick_ms);
+        fu_keeper_update_and_send_heartbeat(0);
+        if (waits[0].revents != 0) {
+            log(LogLevel::info, "stopping");
+            return exit_ok;
+        }
+        // One step even when nothing is readable: half messages grow old in it.
+        switch (const int32_t error = kob_service_receive(transport, msg.get(), 0)) {
+        case KOB_OK:
+            service.serve(transport, msg.get());
+            break;
+        case KOB_ERR_TIMEOUT:
+        case KOB_ERR_INTERRUPTED:
+            break;
+        default:
+            log(LogLevel::error, "the transport failed: {}", kob_error_text(error));
+            return exit_failed;
+        }
+    }
+}
+
+ExitCode start(const Options &options)
+{
+    set_log_level(options.log_level);
+    umask(077);
+    const int stop_signals = open_stop_signals();
+    std::optional<Policies> policies;
+    try {
+        auto store = options.state.empty() ? nullptr : std::make_unique<Store>(options.state);
+        policies.emplace(std::move(store), Policies::Limits{options.max_message, options.max_state});
+    } catch (const StoreError &error) {
+        log(LogLevel::error, "{}: {}", options.state, error.what());
+        return exit_state;
+    }
+    int32_t error = KOB_OK;
+    const Transport transport = open_transport(options, error);
+    if (transport == nullptr) {
+        log(LogLevel::error, "{}: {}", options.listen, kob_error_text(error));
+        return exit_address;
+    }
+    Service service(*policies, static_cast<uint32_t>(options.max_message));
+    log(LogLevel::info, "serving {} policies at {}", policies->all().size(), options.listen);
+    fmt::print("ready {}\n", options.listen);
+    (void)std::fflush(stdout);
+    notify_ready();
+    return run(service, transport.get(), stop_signals);
+}
+
+} // namespace
+} // namespace zeld
+
+int main(int argc, char **argv)
+{
+    CLI::App app("A stand-in for the zel policy service.", "zeld");
+    zeld::Options options;
+    try {
+        zeld::add_options(app, options);
+        app.parse(argc, argv);
+        return zeld::start(options);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? zeld::exit_ok : zeld::exit_usage;
+    } catch (const std::exception &error) {
+        zeld::log(zeld::LogLevel::error, "{}", error.what());
+        return zeld::exit_failed;
+    }
+}

@@ -1,0 +1,45 @@
+// A policy as the service keeps it: its graph, its compiled form and its counters.
+#pragma once
+
+#include "tools/zeld/classifier.hpp"
+#include "tools/zeld/graph.hpp"
+
+#include <unordered_map>
+
+namespace zeld {
+
+class Policy {
+public:
+    struct Counters {
+        uint64_t packets = 0;
+        uint64_t bytes = 0;
+    };
+
+    // message_size: bytes of the message that the policy travels and is stored as.
+    Policy(Owned<zel_policy_t> graph, std::size_t message_size);
+
+    const zel_policy_t &graph() const { return *graph_; }
+    // The library takes lists of policies that it could change, and does not.
+    zel_policy_t *graph_for_list() const { return graph_.get(); }
+    std::size_t message_size() const { return message_size_; }
+    const Classifier &classifier() const { return classifier_; }
+
+    // Counters by place in the pair group.
+    const Counters &counters(uint32_t position) const { return counters_[position]; }
+    void count(uint32_t position, uint32_t bytes);
+    void clear(uint32_t position) { counters_[position] = {}; }
+
+    // Takes over the counters of the pairs that both policies have.
+    void inherit_counters(const Policy &from);
+
+    std::optional<uint32_t> position_of(uint16_t pair_id) const;
+
+private:
+    Owned<zel_policy_t> graph_;
+    std::size_t message_size_;
+    Classifier classifier_;
+    std::vector<Counters> counters_;
+    std::unordered_map<uint16_t, uint32_t> positions_; // by pair id
+};
+
+} // namespace zeld

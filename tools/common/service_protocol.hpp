@@ -51,12 +51,17 @@ enum Error : uint32_t {
     error_limit = 6,       // too large
 };
 
-// zeld's own requests, by transport opcode.  Numbers are in host byte order, like
-// everything that the library sends; both sides run on one machine.
-constexpr uint32_t opcode_show = 0x1cc12;    // payload: ShowRequest
-constexpr uint32_t opcode_traffic = 0x1cc14; // payload: any number of PacketHeader
+// zeld's own requests, by transport opcode.  The transport carries TLV arrays and
+// nothing else, so each record is the value of one element.  Numbers are in host
+// byte order, like everything that the library sends; both sides run on one machine.
+constexpr uint32_t opcode_show = 0x1cc12;    // payload: one element_show
+constexpr uint32_t opcode_traffic = 0x1cc14; // payload: any number of element_packet
+constexpr uint16_t element_show = 201;       // a ShowRequest
+constexpr uint16_t element_packet = 202;     // a PacketHeader
 
 // The answer's body is a message as send_to_zel() builds it for a policy list.
+// Policies may have different matches of one id, and then such a match is written
+// in full each time; a decoder takes references from the first one, as always.
 struct ShowRequest {
     uint32_t app_type;
     uint32_t policy_id; // show_all for every policy of the application

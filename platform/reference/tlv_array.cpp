@@ -1,0 +1,120 @@
+// TLV arrays.  These few lines run once per element of every message.
+#include "platform/reference/contract.hpp"
+#include "platform/reference/tlv_check.h"
+
+#include <cstring>
+
+namespace {
+
+struct ElementHeader {
+    uint16_t type;
+    uint16_t length;
+};
+static_assert(sizeof(ElementHeader) == TLV_ELEMENT_OVERHEAD);
+
+// Arrays lie at any address, hence copies instead of pointers to integers.
+uint32_t used_bytes(const void *array)
+{
+    uint32_t used;
+    std::memcpy(&used, array, sizeof used);
+    return used;
+}
+
+// The lengths that nearly every element has become single stores.
+void copy_value(unsigned char *to, const void *value, uint16_t length)
+{
+    switch (length) {
+    case 0:
+        return; // and value may be null
+    case 1:
+        std::memcpy(to, value, 1);
+        return;
+    case 2:
+        std::memcpy(to, value, 2);
+        return;
+    case 4:
+        std::memcpy(to, value, 4);
+        return;
+    default:
+        std::memcpy(to, value, length);
+    }
+}
+
+} // namespace
+
+int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value, uintptr_t)
+{
+    if (capacity < TLV_ARRAY_OVERHEAD) [[unlikely]]
+        return TLV_NO_ROOM;
+    const uint32_t used = used_bytes(array);
+    const uint32_t room = capacity - TLV_ARRAY_OVERHEAD;
+    if (used > room) [[unlikely]]
+        return TLV_DAMAGED;
+    const uint32_t size = TLV_ELEMENT_OVERHEAD + length;
+    if (size > room - used) [[unlikely]]
+        return TLV_NO_ROOM;
+
+    unsigned char *const element = static_cast<unsigned char *>(array) + TLV_ARRAY_OVERHEAD + used;
+    const ElementHeader header{type, length};
+    std::memcpy(element, &header, sizeof header);
+    copy_value(element + sizeof header, value, length);
+    const uint32_t now_used = used + size;
+    std::memcpy(array, &now_used, sizeof now_used);
+    return TLV_OK;
+}
+
+uint32_t tlv_size_get(uint32_t length)
+{
+    return length + TLV_ELEMENT_OVERHEAD;
+}
+
+int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value, uintptr_t,
+                               uint32_t *cursor)
+{
+    // The cursor counts the bytes of the elements read, so 0 is the first element.
+    const uint32_t used = used_bytes(array);
+    const uint32_t at = *cursor;
+    if (at >= used)
+        return TLV_END;
+    const uint32_t rest = used - at;
+    if (rest < TLV_ELEMENT_OVERHEAD) [[unlikely]]
+        return TLV_DAMAGED;
+    const unsigned char *const element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD + at;
+    ElementHeader header;
+    std::memcpy(&header, element, sizeof header);
+    if (header.length > rest - TLV_ELEMENT_OVERHEAD) [[unlikely]]
+        return TLV_DAMAGED;
+    *type = header.type;
+    *length = header.length;
+    *value = element + sizeof header;
+    *cursor = at + TLV_ELEMENT_OVERHEAD + header.length;
+    return TLV_OK;
+}
+
+// A damaged element ends the array and counts as its last, so that whoever reads
+// as many as this comes across the damage instead of taking the array for whole.
+uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
+{
+    ElementHeader header;
+    const void *value = nullptr;
+    uint32_t cursor = 0;
+    uint32_t count = 0;
+    for (;;) {
+        switch (tlv_array_get_next_tlv(array, &header.type, &header.length, &value, 0, &cursor)) {
+        case TLV_OK:
+            ++count;
+            continue;
+        case TLV_END:
+            return count;
+        default:
+            return count + 1;
+        }
+    }
+}
+
+int32_t tlv_array_check(const void *array, uint32_t size)
+{
+    if (size < TLV_ARRAY_OVERHEAD || used_bytes(array) > size - TLV_ARRAY_OVERHEAD)
+        return TLV_DAMAGED;
+    return TLV_OK;
+}

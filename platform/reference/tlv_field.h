@@ -1,0 +1,60 @@
+/*
+ * tlv_field.h - what the converter's calls answer, and the records of its iteration.
+ *
+ * See platform/tlv_converter.h.  A body is one TLV array (platform/tlv_array.h).
+ * Every field is one element.  Every record of a record array is one element with
+ * the row's id, whose value is a TLV array again, of the nested table's elements.
+ *
+ * An element that is longer than its field comes from a newer peer, and its
+ * further bytes are ignored; a shorter one leaves zeros behind it; one that the
+ * table does not know is passed over.  The number of records must be what count()
+ * says, neither more nor less.
+ *
+ * The calls have no other measure of a body than its own used length when size
+ * is 0, so a received body is checked when it arrives (tlv_check.h); this
+ * platform's transport does that.  A size other than 0 is checked here.
+ */
+#ifndef ZEL_PLATFORM_REFERENCE_TLV_FIELD_H
+#define ZEL_PLATFORM_REFERENCE_TLV_FIELD_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Codes of the calls in platform/tlv_converter.h. */
+enum {
+    TLVU_OK = 0,
+    TLVU_END = 1,     /* the iteration has no further element */
+    TLVU_DAMAGED = 2, /* the body, or a record in it, is cut short or claims more than there is */
+    TLVU_NO_ROOM = 3, /* the buffer, or one element, cannot hold it */
+    TLVU_COUNT = 4,   /* the number of records is not what the record says */
+    TLVU_NO_MEMORY = 5,
+    TLVU_UNKNOWN = 6, /* the table has no field with this id */
+    TLVU_ABSENT = 7,  /* the body has no element with this id */
+    TLVU_ARGUMENT = 8 /* a pointer is missing */
+};
+
+/* The state of an iteration; the caller's storage, filled by tlvu_field_itr_init(). */
+typedef struct {
+    const void *tlv;
+    const void *table;
+    uint32_t cursor;
+    uint32_t element; /* the only element wanted, or 0 */
+} tlvu_itr_t;
+
+/* An element that an iteration reached.  Borrowed from the body. */
+typedef struct {
+    const void *value; /* unaligned */
+    uint16_t element;
+    uint16_t length; /* of the value, which may be shorter or longer than the field */
+    uint32_t kind;   /* ZEL_FIELD_*; the value of a record array's is a TLV array */
+    uint32_t size;   /* bytes of the field in the record, or of one record of an array */
+} tlvu_field_t;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -3,11 +3,11 @@
 // the records that it selects.
 #pragma once
 
-#include "common/member_name.hpp"
-#include "common/notation.hpp"
-#include "common/request_kinds.hpp"
-#include "common/service_protocol.hpp"
 #include "model/mat_objects.hpp"
+#include "tools/common/member_name.hpp"
+#include "tools/common/notation.hpp"
+#include "tools/common/request_kinds.hpp"
+#include "tools/common/service_protocol.hpp"
 
 #include <array>
 #include <tuple>
@@ -15,11 +15,11 @@
 namespace tools {
 
 // How a field stands in the object of its record.
-struct Alone {};                              // as a member with the field's name
-template <auto Mask> struct WithMask {};      // likewise, with its mask in the same text
-struct WithinAnother {};                      // not at all: another member says it
-template <auto Length> struct SetsLength {};  // as a member; its length is a field, too
-template <auto Text> struct LengthOf {};      // as a member only if it is not the text's length
+struct Alone {};                             // as a member with the field's name
+template <auto Mask> struct WithMask {};     // likewise, with its mask in the same text
+struct WithinAnother {};                     // not at all: another member says it
+template <auto Length> struct SetsLength {}; // as a member; its length is a field, too
+template <auto Text> struct LengthOf {};     // as a member only if it is not the text's length
 
 template <class Value, class Form = Alone> struct Is {
     using value = Value;
@@ -63,8 +63,7 @@ template <auto Member> using RecordOf = typename zel::MemberPointer<decltype(Mem
 
 // The names of a field's values, from the choice that it selects in its record;
 // none when it is no selector.
-template <auto Member>
-inline constexpr auto selector_names = names_from<Member>(Members<RecordOf<Member>>{});
+template <auto Member> inline constexpr auto selector_names = names_from<Member>(Members<RecordOf<Member>>{});
 
 inline constexpr std::array op_modes{Name{service::op_mode_active, "active"},
                                      Name{service::op_mode_disabled, "disabled"}};
@@ -75,8 +74,8 @@ inline constexpr std::array op_codes{Name{service::op_code_set, "set"}, Name{ser
                                      Name{service::op_code_stats, "stats"}};
 
 // The protocol of a five-tuple has no mask: 0 stands for any.
-inline constexpr std::array protocols{Name{0, "any"},  Name{1, "icmp"}, Name{2, "igmp"}, Name{6, "tcp"},
-                                      Name{17, "udp"}, Name{47, "gre"}, Name{50, "esp"}, Name{51, "ah"},
+inline constexpr std::array protocols{Name{0, "any"},   Name{1, "icmp"},  Name{2, "igmp"},  Name{6, "tcp"},
+                                      Name{17, "udp"},  Name{47, "gre"},  Name{50, "esp"},  Name{51, "ah"},
                                       Name{89, "ospf"}, Name{103, "pim"}, Name{132, "sctp"}};
 
 template <auto Member> consteval auto default_notation()
@@ -92,16 +91,16 @@ template <auto Member> struct NotationOf : decltype(default_notation<Member>()) 
 
 // clang-format off
 
-using Element = zel_match_service_element_t;
-template <> struct NotationOf<&Element::sip> : Is<Ipv4, WithMask<&Element::sip_mask>> {};
-template <> struct NotationOf<&Element::sip_mask> : Is<Ipv4, WithinAnother> {};
-template <> struct NotationOf<&Element::dip> : Is<Ipv4, WithMask<&Element::dip_mask>> {};
-template <> struct NotationOf<&Element::dip_mask> : Is<Ipv4, WithinAnother> {};
-template <> struct NotationOf<&Element::sport> : Is<Number, WithMask<&Element::sport_mask>> {};
-template <> struct NotationOf<&Element::sport_mask> : Is<Hex, WithinAnother> {};
-template <> struct NotationOf<&Element::dport> : Is<Number, WithMask<&Element::dport_mask>> {};
-template <> struct NotationOf<&Element::dport_mask> : Is<Hex, WithinAnother> {};
-template <> struct NotationOf<&Element::protocol> : Is<Names<protocols>> {};
+using FiveTuple = zel_match_service_element_t;
+template <> struct NotationOf<&FiveTuple::sip> : Is<Ipv4, WithMask<&FiveTuple::sip_mask>> {};
+template <> struct NotationOf<&FiveTuple::sip_mask> : Is<Ipv4, WithinAnother> {};
+template <> struct NotationOf<&FiveTuple::dip> : Is<Ipv4, WithMask<&FiveTuple::dip_mask>> {};
+template <> struct NotationOf<&FiveTuple::dip_mask> : Is<Ipv4, WithinAnother> {};
+template <> struct NotationOf<&FiveTuple::sport> : Is<Number, WithMask<&FiveTuple::sport_mask>> {};
+template <> struct NotationOf<&FiveTuple::sport_mask> : Is<Hex, WithinAnother> {};
+template <> struct NotationOf<&FiveTuple::dport> : Is<Number, WithMask<&FiveTuple::dport_mask>> {};
+template <> struct NotationOf<&FiveTuple::dport_mask> : Is<Hex, WithinAnother> {};
+template <> struct NotationOf<&FiveTuple::protocol> : Is<Names<protocols>> {};
 
 // IPv4 addresses.
 template <> struct NotationOf<&zel_action_nat_rewrite_t::src_ip> : Is<Ipv4> {};

@@ -1,12 +1,12 @@
-#include "common/json_document.hpp"
+#include "tools/common/json_document.hpp"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <memory>
 
@@ -76,7 +76,8 @@ public:
     bool key(std::string &name)
     {
         if (open_.back()->find(name) != nullptr)
-            throw BadInput(fmt::format("{}:{}: the member \"{}\" stands twice in one object", file_, previous_line, name));
+            throw BadInput(
+                fmt::format("{}:{}: the member \"{}\" stands twice in one object", file_, previous_line, name));
         key_ = std::move(name);
         return true;
     }
@@ -199,6 +200,9 @@ void Input::fail(std::string_view text) const
     throw BadInput(fmt::format("{}:{}: {}: {}", document.file, node.line, place.path(), text));
 }
 
-void Input::expected(std::string_view what) const { fail(fmt::format("expected {}, found {}", what, node.described())); }
+void Input::expected(std::string_view what) const
+{
+    fail(fmt::format("expected {}, found {}", what, node.described()));
+}
 
 } // namespace tools

@@ -1,7 +1,7 @@
 // JSON documents that remember the lines on which their values stand.
 #pragma once
 
-#include "common/bad_input.hpp"
+#include "tools/common/bad_input.hpp"
 
 #include <cstdint>
 #include <string>

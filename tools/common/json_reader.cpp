@@ -1,4 +1,4 @@
-#include "common/json_reader.hpp"
+#include "tools/common/json_reader.hpp"
 
 namespace tools {
 

@@ -2,9 +2,9 @@
 // and none per record.
 #pragma once
 
-#include "common/field_notation.hpp"
-#include "common/graph.hpp"
-#include "common/json_document.hpp"
+#include "tools/common/field_notation.hpp"
+#include "tools/common/graph.hpp"
+#include "tools/common/json_document.hpp"
 
 #include <map>
 #include <string_view>
@@ -30,17 +30,16 @@ public:
 
 private:
     struct Definition {
-        const Document *document;
-        const Node *node;
         const void *record;
+        std::string_view file;
+        uint32_t line;
     };
 
     template <class R> bool read_reference(const Input &in, R &record);
     template <class R> void define(const Input &in, const R &record);
     template <class R> void read_members(const Input &in, R &record);
 
-    template <class R, uint16_t Id, auto Member>
-    void read_member(const Input &in, R &record, zel::Field<Id, Member>);
+    template <class R, uint16_t Id, auto Member> void read_member(const Input &in, R &record, zel::Field<Id, Member>);
     template <class R, auto Member> void read_member(const Input &in, R &record, zel::Embedded<Member>);
     template <class R, uint16_t Id, auto Count, auto Array>
     void read_member(const Input &in, R &record, zel::Sequence<Id, Count, Array>);
@@ -67,7 +66,8 @@ Graph read_graph(JsonReader &reader, uint32_t mat_type, const Document &document
 // ---------------------------------------------------------------------------
 
 // The names that the members of a record's object can have.
-template <class R, uint16_t Id, auto Member> void add_names(std::vector<std::string_view> &names, zel::Field<Id, Member>)
+template <class R, uint16_t Id, auto Member>
+void add_names(std::vector<std::string_view> &names, zel::Field<Id, Member>)
 {
     if constexpr (!std::is_same_v<typename NotationOf<Member>::form, WithinAnother>)
         names.push_back(member_name<Member>);
@@ -163,19 +163,19 @@ template <class R> bool JsonReader::read_reference(const Input &in, R &record)
         const auto found = definitions_.find({mat_type, id});
         if (found == definitions_.end())
             ref.fail(fmt::format("there is no {} {} before this place", zel::Wire<R>::name.text, id));
-        const Definition &definition = found->second;
-        read_members({*definition.document, *definition.node, in.place}, record);
+        record = *static_cast<const R *>(found->second.record);
+        record.cached = 1; // what it owns is the definition's
     });
 }
 
 template <class R> void JsonReader::define(const Input &in, const R &record)
 {
-    const auto [entry, is_new] =
-        definitions_.try_emplace({zel::MatObjectOf<R>::type, record.id}, Definition{&in.document, &in.node, &record});
+    const auto [entry, is_new] = definitions_.try_emplace({zel::MatObjectOf<R>::type, record.id},
+                                                          Definition{&record, in.document.file, in.node.line});
     const Definition &earlier = entry->second;
     if (!is_new && !equal(record, *static_cast<const R *>(earlier.record)))
         in.fail(fmt::format("{0} {1} differs from the {0} {1} in {2}:{3}; a message has one {0} of an id",
-                            zel::Wire<R>::name.text, record.id, earlier.document->file, earlier.node->line));
+                            zel::Wire<R>::name.text, record.id, earlier.file, earlier.line));
 }
 
 template <auto Member, class R, class Form> void JsonReader::read_value(const Input &in, R &record, Form)
@@ -234,8 +234,8 @@ void JsonReader::read_short(const Input &in, R &record, zel::Field<Id, Member>)
 
 // Whoever stands in a sequence under an id stands there once; matches and actions
 // may come again, being the same ones.
-template <class R>
-inline constexpr bool has_id_of_its_own = requires(R record) { record.id; } && !zel::is_shareable<R>;
+template <class R> inline constexpr bool has_id_of_its_own = requires(R record) { record.id; }
+&&!zel::is_shareable<R>;
 
 template <class R, uint16_t Id, auto Count, auto Array>
 void JsonReader::read_short(const Input &in, R &record, zel::Sequence<Id, Count, Array>)

@@ -1,4 +1,4 @@
-#include "common/json_writer.hpp"
+#include "tools/common/json_writer.hpp"
 
 namespace tools {
 

@@ -1,9 +1,9 @@
 // From records to JSON that JsonReader reads back to an equal graph.
 #pragma once
 
-#include "common/field_notation.hpp"
-#include "common/graph.hpp"
-#include "common/json_reader.hpp"
+#include "tools/common/field_notation.hpp"
+#include "tools/common/graph.hpp"
+#include "tools/common/json_reader.hpp"
 
 #include <map>
 #include <utility>

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "model/wire.hpp"
+#include "zel.h"
 
 #include <string_view>
 
@@ -10,13 +11,17 @@ namespace tools {
 
 template <auto Member> consteval std::string_view find_member_name()
 {
-    // "... [with auto Member = &record::name]" or "... [Member = &(anonymous struct)::name]"
+    // "... [with auto Member = &record::name; ...]" or "... [Member = &(anonymous struct)::name]"
     constexpr std::string_view signature = __PRETTY_FUNCTION__;
-    constexpr std::size_t begin = signature.rfind("::") + 2;
-    return signature.substr(begin, signature.rfind(']') - begin);
+    constexpr std::size_t end = signature.find_first_of(";]", signature.find("Member = "));
+    constexpr std::size_t begin = signature.rfind("::", end) + 2;
+    return signature.substr(begin, end - begin);
 }
 
 template <auto Member> inline constexpr std::string_view member_name = find_member_name<Member>();
+
+static_assert(member_name<&zel_match_t::pre_match_id> == "pre_match_id");
+static_assert(member_name<&zel_action_param_redirect_t::l2_ipv4> == "l2_ipv4"); // of an anonymous union
 
 // The name of the last member of a path, which is the record that an option selects.
 template <auto... Path> struct PathName;

@@ -7,8 +7,8 @@
 // Which field has which notation is said in field_notation.hpp.
 #pragma once
 
-#include "common/json_document.hpp"
-#include "common/text_values.hpp"
+#include "tools/common/json_document.hpp"
+#include "tools/common/text_values.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -90,6 +90,8 @@ struct Mac {
 
 // Texts in a field of fixed size, of which the last Reserved bytes stay 0.
 template <std::size_t Reserved> struct Text {
+    static constexpr std::size_t reserved = Reserved;
+
     template <std::size_t N> static Json show(const uint8_t (&bytes)[N]) { return show_bytes(bytes); }
 
     template <std::size_t N> static bool read(const Node &node, uint8_t (&bytes)[N])

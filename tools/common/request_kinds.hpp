@@ -1,7 +1,7 @@
 // The kinds of request by name.
 #pragma once
 
-#include "common/notation.hpp"
+#include "tools/common/notation.hpp"
 #include "zel.h"
 
 #include <array>

@@ -1,4 +1,4 @@
-#include "common/text_values.hpp"
+#include "tools/common/text_values.hpp"
 
 #include <fmt/core.h>
 

@@ -27,8 +27,8 @@ std::string show_ipv4_mask(uint32_t mask);
 // The mask with so many ones in front, of a number of so many bits.
 constexpr uint32_t prefix_mask(unsigned ones, unsigned bits = 32)
 {
-    const uint32_t all = bits == 32 ? ~uint32_t{0} : (uint32_t{1} << bits) - 1;
-    return ones == 0 ? 0 : all & ~((uint64_t{1} << (bits - ones)) - 1);
+    const uint64_t all = (uint64_t{1} << bits) - 1;
+    return static_cast<uint32_t>(all & ~(all >> ones));
 }
 
 // "00:1b:21:0a:0b:0c".  Fills the bytes and returns true, or leaves them.

@@ -143,13 +143,30 @@ TEST(Update, Limits)
         large += fmt::format("{}@1:{}=1/ ", i, i);
     Policies small(nullptr, {4096, 1 << 20});
     EXPECT_EQ(apply(small, 2, set, 1, policy(1, large).get()).substr(0, 2), "!6");
-    const size_t size = 5000;
-    Policies few(nullptr, {1 << 20, 2 * size});
+    Policies few(nullptr, {1 << 20, 40000});
     ASSERT_EQ(apply(few, 2, set, 1, policy(1, large).get()), "policy 1 has 40 pairs");
-    ASSERT_GT(few.get({1, 1}).message_size(), size);
-    EXPECT_EQ(apply(few, 2, set, 2, policy(2, large).get()).substr(0, 2), "!6");
+    ASSERT_GT(few.get({1, 1}).size(), 15000u);
+    EXPECT_EQ(apply(few, 2, set, 2, policy(2, large).get()), "policy 2 has 40 pairs");
+    EXPECT_EQ(apply(few, 2, set, 3, policy(3, large).get()).substr(0, 30), "!6 all policies together would");
     EXPECT_EQ(apply(few, 2, set, 1, policy(1, large).get()), "policy 1 has 40 pairs");
-    EXPECT_EQ(few.all().size(), 1u);
+    EXPECT_EQ(few.all().size(), 2u);
+}
+
+// A large object in many places: small messages, and more memory than there is.
+TEST(Update, RequestsThatMultiply)
+{
+    std::string many;
+    for (int i = 0; i < 10000; ++i)
+        many += fmt::format("{}@1:5=1/ ", i);
+    Policies policies(nullptr, {16 << 20, 64 << 20});
+    ASSERT_EQ(apply(policies, 2, set, 1, policy(1, many).get()), "policy 1 has 10000 pairs");
+    Owned<zel_match_t> large(allocate<zel_match_t>(1));
+    large->id = 5;
+    large->type = ZEL_MATCH_TYPE_SERVICE;
+    for (int i = 0; i < 1000; ++i)
+        append(large->param.service, Owned<zel_match_service_element_t>(allocate<zel_match_service_element_t>(1)));
+    EXPECT_EQ(apply(policies, 7, set, 1, large.get()), "!6 the request would take more than 67108864 bytes of memory");
+    EXPECT_EQ(policies.get({1, 1}).graph().match_action_pair_group.num_pair, 10000u);
 }
 
 TEST(Update, CountersStayWithPairs)

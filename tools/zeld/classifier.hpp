@@ -26,6 +26,9 @@ public:
     // Steps that a packet takes in the worst case.
     std::size_t cost() const { return bindings_.size() + rules_.size() + clauses_.size() + patterns_.size(); }
 
+    // Bytes of memory, about.
+    std::size_t footprint() const { return cost() * sizeof(Pattern); }
+
 private:
     friend class Compiler;
 

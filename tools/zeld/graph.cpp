@@ -2,6 +2,17 @@
 
 namespace zeld {
 
+GraphBudget *GraphBudget::current_ = nullptr;
+
+void GraphBudget::take(std::size_t bytes)
+{
+    if (current_ == nullptr)
+        return;
+    current_->taken_ += bytes;
+    if (current_->taken_ > current_->limit_)
+        throw Refusal(service::error_limit, "the request would take more than {} bytes of memory", current_->limit_);
+}
+
 void free_graph(uint32_t mat_type, void *root) noexcept
 {
     if (root == nullptr)

@@ -34,9 +34,32 @@ struct FreeAnyGraph {
 };
 using AnyGraph = std::unique_ptr<void, FreeAnyGraph>;
 
+// The memory that one request may take for graphs, while an object of this stands.
+// A few bytes that refer to an object stand for a copy of it, and one object may
+// go to many places, so a request's size says nothing about what it makes.
+class GraphBudget {
+public:
+    explicit GraphBudget(std::size_t bytes) : limit_(bytes) { current_ = this; }
+    ~GraphBudget() { current_ = nullptr; }
+    GraphBudget(const GraphBudget &) = delete;
+    GraphBudget &operator=(const GraphBudget &) = delete;
+
+    // Throws Refusal when that is too much.
+    static void take(std::size_t bytes);
+
+private:
+    static GraphBudget *current_;
+    std::size_t limit_;
+    std::size_t taken_ = 0;
+};
+
+// What the heap takes for a block besides its bytes, about.
+constexpr std::size_t block_overhead = 16;
+
 // Zero-filled storage that the library can free.
 template <class T> T *allocate(std::size_t count)
 {
+    GraphBudget::take(count * sizeof(T) + block_overhead);
     void *const storage = std::calloc(count, sizeof(T));
     if (storage == nullptr)
         throw std::bad_alloc();
@@ -137,6 +160,45 @@ template <class R, auto Selector, class... O> bool is_equal_member(const R &a, c
 template <class R> bool is_equal(const R &a, const R &b)
 {
     return std::apply([&](auto... member) { return (is_equal_member(a, b, member) && ...); }, zel::Wire<R>::members);
+}
+
+// ---- Memory that a graph takes below a record, about
+
+template <class R> std::size_t footprint(const R &record);
+
+template <class R, uint16_t Id, auto Member> std::size_t member_footprint(const R &, zel::Field<Id, Member>)
+{
+    return 0;
+}
+
+template <class R, auto Member> std::size_t member_footprint(const R &record, zel::Embedded<Member>)
+{
+    return footprint(record.*Member);
+}
+
+template <class R, uint16_t Id, auto Count, auto Array>
+std::size_t member_footprint(const R &record, zel::Sequence<Id, Count, Array>)
+{
+    std::size_t bytes = block_overhead;
+    for (uint32_t i = 0; i < record.*Count; ++i)
+        bytes += sizeof(void *) + sizeof(zel::Element<Array>) + block_overhead + footprint(*(record.*Array)[i]);
+    return bytes;
+}
+
+template <class R, uint32_t Value, auto... Path>
+std::size_t option_footprint(const R &record, uint32_t selector, zel::Option<Value, Path...>)
+{
+    return selector == Value ? footprint(zel::follow<Path...>(record)) : 0;
+}
+
+template <class R, auto Selector, class... O> std::size_t member_footprint(const R &record, zel::Choice<Selector, O...>)
+{
+    return (option_footprint(record, record.*Selector, O{}) + ...);
+}
+
+template <class R> std::size_t footprint(const R &record)
+{
+    return std::apply([&](auto... member) { return (member_footprint(record, member) + ...); }, zel::Wire<R>::members);
 }
 
 // ---- Groups: records whose last member is a sequence

@@ -42,7 +42,8 @@ void add_options(CLI::App &app, Options &options)
         ->transform(size)
         ->check(CLI::Range(least_message, uint64_t{KOB_MESSAGE_LIMIT}))
         ->capture_default_str();
-    app.add_option("--max-state", options.max_state, "most bytes of all policies together")
+    app.add_option("--max-state", options.max_state,
+                   "memory for all policies together, and again for the work of one request")
         ->transform(size)
         ->capture_default_str();
     app.add_option("--max-clients", options.max_clients, "most connections at a time")

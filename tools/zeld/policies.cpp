@@ -49,8 +49,8 @@ Policies::Policies(std::unique_ptr<Store> store, const Limits &limits) : store_(
         try {
             Owned<zel_policy_t> policy = read_policy(message);
             check_policy(*policy);
-            policies_[key] = std::make_unique<Policy>(std::move(policy), message.size());
-            total_size_ += message.size();
+            auto &place = policies_[key] = std::make_unique<Policy>(std::move(policy));
+            total_size_ += place->size();
         } catch (const Refusal &refusal) {
             throw StoreError(
                 fmt::format("policy {} of application {} is damaged: {}", key.id, key.app_type, refusal.what()));
@@ -78,6 +78,7 @@ std::vector<Policy *> Policies::of_application(uint32_t app_type) const
 // On disk first, then here, where nothing can fail any more.
 std::string Policies::apply(const Request &request)
 {
+    const GraphBudget budget(limits_.max_state);
     Staged staged;
     stage(staged, request);
     check_total(staged);
@@ -136,7 +137,7 @@ void Policies::stage_set(Staged &staged, const PolicyKey &key, Owned<zel_policy_
     if (size + show_overhead > limits_.max_message)
         throw Refusal(error_limit, "policy {} would take {} bytes, and a message carries {}", key.id, size,
                       limits_.max_message - show_overhead);
-    auto changed = std::make_unique<Policy>(std::move(policy), size);
+    auto changed = std::make_unique<Policy>(std::move(policy));
     if (const auto old = policies_.find(key); old != policies_.end())
         changed->inherit_counters(*old->second);
     staged.policies.emplace(key, std::move(changed));
@@ -156,9 +157,9 @@ void Policies::check_total(const Staged &staged) const
     std::size_t total = total_size_;
     for (const auto &[key, policy] : staged.policies) {
         if (const auto old = policies_.find(key); old != policies_.end())
-            total -= old->second->message_size();
+            total -= old->second->size();
         if (policy != nullptr)
-            total += policy->message_size();
+            total += policy->size();
     }
     if (total > total_size_ && total > limits_.max_state)
         throw Refusal(error_limit, "all policies together would take {} bytes; {} are allowed", total,
@@ -182,12 +183,12 @@ void Policies::commit(Map staged) noexcept
     while (!staged.empty()) {
         auto node = staged.extract(staged.begin());
         if (const auto old = policies_.find(node.key()); old != policies_.end()) {
-            total_size_ -= old->second->message_size();
+            total_size_ -= old->second->size();
             policies_.erase(old);
         }
         if (node.mapped() == nullptr)
             continue;
-        total_size_ += node.mapped()->message_size();
+        total_size_ += node.mapped()->size();
         policies_.insert(std::move(node));
     }
 }

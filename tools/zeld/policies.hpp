@@ -11,8 +11,8 @@ namespace zeld {
 class Policies {
 public:
     struct Limits {
-        std::size_t max_message; // of a policy, so that it can be shown
-        std::size_t max_state;   // of all policies together
+        std::size_t max_message; // of a policy as a message, so that it can be shown
+        std::size_t max_state;   // memory for all policies, and for the work of one request
     };
     using Map = std::map<PolicyKey, std::unique_ptr<Policy>>;
 

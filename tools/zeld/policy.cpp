@@ -2,8 +2,8 @@
 
 namespace zeld {
 
-Policy::Policy(Owned<zel_policy_t> graph, std::size_t message_size)
-    : graph_(std::move(graph)), message_size_(message_size), classifier_(*graph_)
+Policy::Policy(Owned<zel_policy_t> graph)
+    : graph_(std::move(graph)), classifier_(*graph_), size_(footprint(*graph_) + classifier_.footprint())
 {
     const auto pairs = members(graph_->match_action_pair_group);
     counters_.resize(pairs.size());

@@ -15,13 +15,12 @@ public:
         uint64_t bytes = 0;
     };
 
-    // message_size: bytes of the message that the policy travels and is stored as.
-    Policy(Owned<zel_policy_t> graph, std::size_t message_size);
+    explicit Policy(Owned<zel_policy_t> graph);
 
     const zel_policy_t &graph() const { return *graph_; }
     // The library takes lists of policies that it could change, and does not.
     zel_policy_t *graph_for_list() const { return graph_.get(); }
-    std::size_t message_size() const { return message_size_; }
+    std::size_t size() const { return size_; } // bytes of memory, about
     const Classifier &classifier() const { return classifier_; }
 
     // Counters by place in the pair group.
@@ -36,8 +35,8 @@ public:
 
 private:
     Owned<zel_policy_t> graph_;
-    std::size_t message_size_;
     Classifier classifier_;
+    std::size_t size_;
     std::vector<Counters> counters_;
     std::unordered_map<uint16_t, uint32_t> positions_; // by pair id
 };

@@ -43,7 +43,7 @@ void add_send_command(const CommandLine &line)
     send->add_option("KIND", arguments->kind, "The kind of request, see below")->required();
     send->add_option("FILE", arguments->file, "The object as JSON; - is standard input.  policy_delete needs none");
     add_request_options(send, *arguments);
-    send->footer("Kinds of request:" + kinds());
+    send->footer("Kinds of request:" + kinds() + "\n\n" + line.app.get_footer());
     when_given(line, send, [&options = line.options, arguments] { return run_send(options, *arguments); });
 }
 

@@ -275,3 +275,24 @@ TEST_F(ZeldTest, TwoClientsAtOnce)
     EXPECT_EQ(Client(address, 2).shown(), "0: 297@2:297=2/ |; 1: 298@2:298=2/ |; 2: 299@2:299=2/ |; ");
     EXPECT_EQ(stop(), 0);
 }
+
+TEST_F(ZeldTest, TellsTheSystemManager)
+{
+    const std::string path = folder + "/notify";
+    const sockaddr_un where = zel::platform::socket_address(path.c_str());
+    const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
+    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr *>(&where), sizeof where), 0);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    ASSERT_TRUE(start());
+    unsetenv("NOTIFY_SOCKET");
+    std::set<std::string> told;
+    while (told.size() < 2) {
+        char text[64];
+        told.emplace(text, static_cast<size_t>(recv(manager, text, sizeof text, 0)));
+    }
+    close(manager);
+    EXPECT_EQ(told, (std::set<std::string>{"READY=1", "WATCHDOG=1"}));
+    kill(pid, SIGINT);
+    EXPECT_EQ(exit_code(), 0);
+    EXPECT_FALSE(std::filesystem::exists(folder + "/sock"));
+}

@@ -25,8 +25,9 @@ struct [[gnu::may_alias]] Node {
 };
 static_assert(sizeof(Node) <= 16);
 
-// How the tree uses the words of ravl_tree_t.  Whoever holds the tree may copy
-// it while it is empty, so nothing here points into the tree itself.
+// How the tree uses the words of ravl_tree_t.  Whoever holds the tree may copy it
+// while it is empty: leaning may then point into the old one, but it is not
+// followed for the place behind the last entry, and an empty tree has no other.
 struct [[gnu::may_alias]] Tree {
     uintptr_t root;
     ravl_compare_t compare;
@@ -35,14 +36,11 @@ struct [[gnu::may_alias]] Tree {
     uintptr_t remembered; // non-zero: the words below describe the last failed lookup
     Node *before;         // its neighbours in order, null at either end
     Node *after;
-    Word *leaning; // link to the deepest leaning node of its path, or null for the root
+    Word *leaning; // link to the deepest leaning node of its path, or to the root
 };
 static_assert(sizeof(Tree) == sizeof(ravl_tree_t));
 
-Tree &as_tree(ravl_tree *tree)
-{
-    return *reinterpret_cast<Tree *>(tree);
-}
+Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
 
 Node *target(uintptr_t link)
 {
@@ -50,36 +48,18 @@ Node *target(uintptr_t link)
     return reinterpret_cast<Node *>(link & ~lean_bit); // NOLINT(performance-no-int-to-ptr)
 }
 
-Side other(Side side)
-{
-    return side == left ? right : left;
-}
+Side other(Side side) { return side == left ? right : left; }
 
 // Makes a link lead elsewhere.  Its lean bit belongs to the node that it is in.
-void redirect(Word *link, const Node *node)
-{
-    *link = reinterpret_cast<uintptr_t>(node) | (*link & lean_bit);
-}
+void redirect(Word *link, const Node *node) { *link = reinterpret_cast<uintptr_t>(node) | (*link & lean_bit); }
 
-bool leans(const Node *node, Side side)
-{
-    return (node->link[side] & lean_bit) != 0;
-}
+bool leans(const Node *node, Side side) { return (node->link[side] & lean_bit) != 0; }
 
-bool is_even(const Node *node)
-{
-    return ((node->link[left] | node->link[right]) & lean_bit) == 0;
-}
+bool is_even(const Node *node) { return ((node->link[left] | node->link[right]) & lean_bit) == 0; }
 
-void lean(Node *node, Side side)
-{
-    node->link[side] |= lean_bit;
-}
+void lean(Node *node, Side side) { node->link[side] |= lean_bit; }
 
-void straighten(Node *node, Side side)
-{
-    node->link[side] &= ~lean_bit;
-}
+void straighten(Node *node, Side side) { node->link[side] &= ~lean_bit; }
 
 const void *key_of(const Tree &tree, const Node *node)
 {
@@ -125,7 +105,7 @@ void remember(Tree &tree, Node *before, Node *after, Word *leaning)
     tree.remembered = 1;
     tree.before = before;
     tree.after = after;
-    tree.leaning = leaning == &tree.root ? nullptr : leaning;
+    tree.leaning = leaning;
 }
 
 // The node with a key, or null, and then the tree remembers where it is missing.
@@ -186,10 +166,7 @@ bool is_remembered(const Tree &tree, const void *key)
            (tree.after == nullptr || compare(tree, key, tree.after) == sorts_before);
 }
 
-void forget(Tree &tree)
-{
-    tree.remembered = 0;
-}
+void forget(Tree &tree) { tree.remembered = 0; }
 
 // ---- Inserting
 
@@ -218,8 +195,7 @@ void hang(Tree &tree, Node *entry)
 void rebalance_above(Tree &tree, Node *entry)
 {
     const void *const key = key_of(tree, entry);
-    Word *const link = tree.after == nullptr ? leaning_towards_end(tree) : tree.leaning;
-    Word *const top_link = link == nullptr ? &tree.root : link;
+    Word *const top_link = tree.after == nullptr ? leaning_towards_end(tree) : tree.leaning;
     Node *const top = target(*top_link);
     if (top == entry)
         return;
@@ -336,10 +312,7 @@ int32_t ravl_insert(ravl_tree *tree, void *entry)
     return 1;
 }
 
-void *ravl_lookup(ravl_tree *tree, const void *key)
-{
-    return find(as_tree(tree), key);
-}
+void *ravl_lookup(ravl_tree *tree, const void *key) { return find(as_tree(tree), key); }
 
 void ravl_delete(ravl_tree *tree, void *entry)
 {
@@ -361,7 +334,4 @@ void ravl_delete(ravl_tree *tree, void *entry)
     forget(t);
 }
 
-int32_t ravl_is_empty(ravl_tree *tree)
-{
-    return tree->root == nullptr ? 1 : 0;
-}
+int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

@@ -38,6 +38,8 @@ inline const char *frame_fault(const Frame &frame, std::size_t length, FrameKind
         return "not a packet of this transport";
     if (frame.kind != expected && (frame.kind != FrameKind::refusal || expected != FrameKind::response))
         return "a packet of the wrong kind";
+    if (frame.kind == FrameKind::refusal && frame.total != 0)
+        return "a refusal with content";
     if (frame.token == 0)
         return "a packet without token";
     if (frame.in_parts > 1)

@@ -60,10 +60,7 @@ const char *kob_error_text(int32_t error)
     return error >= 0 && static_cast<std::size_t>(error) < std::size(texts) ? texts[error] : "unknown transport error";
 }
 
-kob_msg_t *kob_msg_alloc(void)
-{
-    return static_cast<kob_msg_t *>(std::calloc(1, sizeof(kob_msg_t)));
-}
+kob_msg_t *kob_msg_alloc(void) { return static_cast<kob_msg_t *>(std::calloc(1, sizeof(kob_msg_t))); }
 
 void kob_msg_free(kob_msg_t *msg)
 {
@@ -73,47 +70,23 @@ void kob_msg_free(kob_msg_t *msg)
     std::free(msg);
 }
 
-uint32_t kob_msg_size(const kob_msg_t *msg)
-{
-    return msg->size;
-}
+uint32_t kob_msg_size(const kob_msg_t *msg) { return msg->size; }
 
-uint32_t kob_msg_opcode(const kob_msg_t *msg)
-{
-    return msg->opcode;
-}
+uint32_t kob_msg_opcode(const kob_msg_t *msg) { return msg->opcode; }
 
-uint32_t kob_msg_node(const kob_msg_t *msg)
-{
-    return msg->node;
-}
+uint32_t kob_msg_node(const kob_msg_t *msg) { return msg->node; }
 
-uint32_t kob_msg_sap(const kob_msg_t *msg)
-{
-    return msg->sap;
-}
+uint32_t kob_msg_sap(const kob_msg_t *msg) { return msg->sap; }
 
-uint32_t kob_msg_client(const kob_msg_t *msg)
-{
-    return msg->client;
-}
+uint32_t kob_msg_client(const kob_msg_t *msg) { return msg->client; }
 
-uint32_t kob_rr_token_get(void *kob_msg)
-{
-    return static_cast<kob_msg_t *>(kob_msg)->token;
-}
+uint32_t kob_rr_token_get(void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->token; }
 
 // A message that arrived in parts has been put together, so that readers of
 // responses need not know how they travelled.
-void *kob_payload_get(void *kob_msg)
-{
-    return static_cast<kob_msg_t *>(kob_msg)->payload;
-}
+void *kob_payload_get(void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->payload; }
 
-int32_t mpkob_is_mpkob(uint32_t, void *kob_msg)
-{
-    return static_cast<kob_msg_t *>(kob_msg)->in_parts != 0 ? 1 : 0;
-}
+int32_t mpkob_is_mpkob(uint32_t, void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->in_parts != 0 ? 1 : 0; }
 
 void *mpkob_payload_get(uint32_t, void *kob_msg)
 {

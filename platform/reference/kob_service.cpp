@@ -63,10 +63,7 @@ kob_service_t *kob_service_open(const char *address, const kob_service_options_t
     return nullptr;
 }
 
-int kob_service_fd(const kob_service_t *service)
-{
-    return service->endpoint->descriptor(service->clients);
-}
+int kob_service_fd(const kob_service_t *service) { return service->endpoint->descriptor(service->clients); }
 
 int32_t kob_service_receive(kob_service_t *service, kob_msg_t *msg, int32_t timeout_ms)
 {

@@ -63,10 +63,7 @@ int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_
     return TLV_OK;
 }
 
-uint32_t tlv_size_get(uint32_t length)
-{
-    return length + TLV_ELEMENT_OVERHEAD;
-}
+uint32_t tlv_size_get(uint32_t length) { return length + TLV_ELEMENT_OVERHEAD; }
 
 int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value, uintptr_t,
                                uint32_t *cursor)

@@ -35,10 +35,7 @@ private:
     const zel_table_header_t *header_;
 };
 
-bool is_record_array(const zel_table_row_t &row)
-{
-    return row.kind == ZEL_FIELD_RECORD_ARRAY;
-}
+bool is_record_array(const zel_table_row_t &row) { return row.kind == ZEL_FIELD_RECORD_ARRAY; }
 
 // The count function's result is signed; less than nothing is nothing.
 uint32_t count_of(const zel_table_row_t &row, const void *record)

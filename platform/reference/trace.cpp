@@ -45,10 +45,7 @@ std::atomic<int> log_file{-1};
 
 constinit TraceSwitch switches[] = {TraceSwitch(true), TraceSwitch(false), TraceSwitch(false)};
 
-bool takes(zel_trace_destination destination, uint32_t id)
-{
-    return switches[destination].takes(id);
-}
+bool takes(zel_trace_destination destination, uint32_t id) { return switches[destination].takes(id); }
 
 // A record is the id and a NUL-terminated text; length counts both.
 uint32_t id_of(const void *record)

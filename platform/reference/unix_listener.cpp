@@ -27,10 +27,7 @@ int32_t open_error(int error)
     }
 }
 
-const sockaddr *generic(const sockaddr_un &address)
-{
-    return reinterpret_cast<const sockaddr *>(&address);
-}
+const sockaddr *generic(const sockaddr_un &address) { return reinterpret_cast<const sockaddr *>(&address); }
 
 // True for the socket file of a service that is no more.
 bool is_left_behind(const sockaddr_un &address)
@@ -46,10 +43,7 @@ bool is_left_behind(const sockaddr_un &address)
     return refused;
 }
 
-int open_spare()
-{
-    return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-}
+int open_spare() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 } // namespace
 

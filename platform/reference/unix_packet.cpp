@@ -12,10 +12,7 @@ namespace zel::platform {
 
 namespace {
 
-bool would_block(int error)
-{
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
+bool would_block(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
 // Takes a packet off the socket without looking at it.
 void discard(int socket)
@@ -89,10 +86,12 @@ Step Inbound::finish(const Frame &frame, kob_msg &msg, Fault &fault)
     msg.sap = frame.sap;
     msg.size = received_;
     msg.in_parts = frame.in_parts;
-    if (frame.kind == FrameKind::refusal)
-        msg.refusal = static_cast<int32_t>(frame.opcode);
-    else
+    if (frame.kind != FrameKind::refusal)
         msg.opcode = frame.opcode;
+    else if (frame.opcode != KOB_OK && frame.opcode <= KOB_ERR_SYSTEM)
+        msg.refusal = static_cast<int32_t>(frame.opcode);
+    else // not a code that this side knows
+        msg.refusal = KOB_ERR_BAD_FRAME;
     if (received_ != 0) {
         msg.payload = buffer_;
         buffer_ = nullptr;

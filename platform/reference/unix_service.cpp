@@ -43,10 +43,7 @@ struct Connection {
 // What epoll says of the listener instead of an index.
 constexpr uint64_t listener_tag = UINT64_MAX;
 
-uint32_t cost(const Reply *reply)
-{
-    return static_cast<uint32_t>(sizeof *reply) + reply->out.frame.total;
-}
+uint32_t cost(const Reply *reply) { return static_cast<uint32_t>(sizeof *reply) + reply->out.frame.total; }
 
 } // namespace
 
@@ -323,10 +320,7 @@ int32_t unix_listen(const char *place, const kob_service_options_t &options, Ser
     return error;
 }
 
-int unix_descriptor(const ServiceEndpoint *service)
-{
-    return service->epoll;
-}
+int unix_descriptor(const ServiceEndpoint *service) { return service->epoll; }
 
 // One event at a time: the system takes turns among the clients that have one.
 int32_t unix_await(ServiceEndpoint *service, kob_msg &msg, Deadline deadline)

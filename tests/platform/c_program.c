@@ -1,17 +1,12 @@
 /* The public headers are C, and the library needs nothing that the C compiler does not link. */
-#include "platform/avl_tree.h"
-#include "platform/heartbeat.h"
 #include "platform/reference/kob_client.h"
 #include "platform/reference/kob_service.h"
 #include "platform/reference/tlv_check.h"
 #include "platform/reference/tlv_field.h"
 #include "platform/reference/trace_control.h"
 #include "platform/tlv_array.h"
-#include "platform/tlv_converter.h"
-#include "platform/trace.h"
 
 #include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
 int main(void)
@@ -20,20 +15,14 @@ int main(void)
     snprintf(address, sizeof address, "unix:/tmp/zel-c-program-%d", (int)getpid());
     kob_service_t *service = kob_service_open(address, NULL, NULL);
     uint32_t kob = kob_open(address, NULL, NULL);
-    kob_msg_t *request = kob_msg_alloc();
-    kob_msg_t *received = kob_msg_alloc();
-
+    kob_msg_t *msg = kob_msg_alloc();
     unsigned char array[64] = {0};
-    int failures = 0;
+    int failures = zel_trace_init() != 0;
     failures += tlv_array_add_tlv(array, sizeof array, 7, 5, "hello", 0) != TLV_OK;
-    failures += fu_kob_send(kob, 1, 2, 3, array, sizeof array, request, 0, 0) != KOB_OK;
-    failures += kob_service_receive(service, received, 20000) != KOB_OK;
-    failures += memcmp(kob_payload_get(received), array, sizeof array) != 0;
-    fu_keeper_update_and_send_heartbeat(0);
-    failures += zel_trace_init() != 0;
-
-    kob_msg_free(received);
-    kob_msg_free(request);
+    failures += fu_kob_send(kob, 1, 2, 3, array, sizeof array, msg, 0, 0) != KOB_OK;
+    failures += kob_service_receive(service, msg, 20000) != KOB_OK;
+    failures += tlv_array_get_num_tlvs(kob_payload_get(msg), 0) != 1;
+    kob_msg_free(msg);
     kob_close(kob);
     kob_service_close(service);
     return failures;

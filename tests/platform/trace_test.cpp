@@ -42,7 +42,7 @@ std::string dump(int32_t &count)
     FILE *const file = std::fopen(path.c_str(), "w");
     count = zel_trace_dump(fileno(file));
     EXPECT_EQ(std::fclose(file), 0);
-    const std::string text = content_of(path);
+    std::string text = content_of(path);
     unlink(path.c_str());
     return text;
 }

@@ -179,12 +179,16 @@ TEST(Update, CountersStayWithPairs)
     packets[0].ether_type = 1;
     packets[1].ether_type = packets[2].ether_type = 2;
     EXPECT_EQ(policies.count(packets), 3u);
-    apply(policies, 2, set, 1, policy(1, "3@1:3=3/ 2@2:4=4/").get());
+    const auto other = policy(1, "3@1:3=3/ 2@2:4=4/");
+    apply(policies, 3, set, 1, &other->match_action_pair_group);
     const Policy &now = policies.get({1, 1});
     EXPECT_EQ(now.counters(0).packets, 0u);
     EXPECT_EQ(now.counters(1).packets, 2u);
     EXPECT_EQ(now.counters(1).bytes, 20u);
     EXPECT_EQ(now.position_of(1), std::nullopt);
+    // A policy that is set anew starts anew.
+    apply(policies, 2, set, 1, other.get());
+    EXPECT_EQ(policies.get({1, 1}).counters(1).packets, 0u);
 }
 
 // An object is referred to by its id when it is equal to the first one with the

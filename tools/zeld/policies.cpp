@@ -113,7 +113,10 @@ void Policies::stage(Staged &staged, const Request &request) const
     default: {
         Owned<zel_policy_t> copy = clone(get(key).graph());
         update_policy(*copy, header.api_type, header.op_code, request.object.get());
-        return stage_set(staged, key, std::move(copy));
+        stage_set(staged, key, std::move(copy));
+        // Other than a policy that is set anew, one that changes in part goes on counting.
+        staged.policies.at(key)->inherit_counters(get(key));
+        return;
     }
     }
 }
@@ -137,10 +140,7 @@ void Policies::stage_set(Staged &staged, const PolicyKey &key, Owned<zel_policy_
     if (size + show_overhead > limits_.max_message)
         throw Refusal(error_limit, "policy {} would take {} bytes, and a message carries {}", key.id, size,
                       limits_.max_message - show_overhead);
-    auto changed = std::make_unique<Policy>(std::move(policy));
-    if (const auto old = policies_.find(key); old != policies_.end())
-        changed->inherit_counters(*old->second);
-    staged.policies.emplace(key, std::move(changed));
+    staged.policies.emplace(key, std::make_unique<Policy>(std::move(policy)));
     staged.messages.emplace(key, std::move(message));
 }
 

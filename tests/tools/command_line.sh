@@ -1,0 +1,98 @@
+#!/bin/sh
+# The command line without a service: help, exit codes, files in and out.
+# usage: command_line.sh ZELCTL EXAMPLES
+set -eu
+zelctl=$1
+examples=$2
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+export ZEL_SERVICE="unix:$dir/nobody"
+
+fail() {
+    echo "command_line: $*" >&2
+    exit 1
+}
+
+# expect CODE COMMAND...: runs a command, leaving what it says in $dir/out and $dir/err
+expect() {
+    code=$1
+    shift
+    got=0
+    "$@" >"$dir/out" 2>"$dir/err" </dev/null || got=$?
+    [ "$got" -eq "$code" ] || fail "expected exit code $code, got $got: $* $(cat "$dir/err")"
+}
+says() { grep -qF -- "$1" "$dir/out" "$dir/err" || fail "not said: $1, but: $(cat "$dir/out" "$dir/err")"; }
+
+for command in "" policy "policy apply" "policy check" "policy delete" "policy show" stats traffic send encode decode \
+    import "import classbench"; do
+    # shellcheck disable=SC2086
+    expect 0 "$zelctl" $command --help
+    says "Exit codes:"
+done
+
+expect 2 "$zelctl"
+expect 2 "$zelctl" policy
+expect 2 "$zelctl" policy apply
+expect 2 "$zelctl" policy delete seven
+expect 2 "$zelctl" policy delete 65536
+expect 2 "$zelctl" --timeout -1 stats
+expect 2 "$zelctl" stats --interval 2
+expect 2 "$zelctl" send no_such_kind "$dir/x"
+says "match_action_pair_group_update"
+expect 2 "$zelctl" send match_update "$dir/x"
+says "about one policy"
+
+for file in "$examples"/policies/*.json; do
+    expect 0 "$zelctl" policy check "$file"
+done
+expect 0 "$zelctl" policy check "$examples"/policies/web_redirect.json
+says "policy 10 without fault"
+
+printf '{\n  "id": 1,\n  "op_mod": 0\n}\n' >"$dir/bad.json"
+expect 3 "$zelctl" policy apply "$examples/policies/web_redirect.json" "$dir/bad.json"
+says "zelctl: $dir/bad.json:3: .op_mod: unknown member"
+[ ! -s "$dir/out" ] || fail "output beside a refusal"
+expect 3 "$zelctl" policy apply "$examples/policies/web_redirect.json" "$examples/policies/web_redirect.json"
+says "policy 10 has been given already"
+expect 3 "$zelctl" policy apply "$dir/absent.json"
+says "No such file"
+printf '[]' >"$dir/empty.json"
+expect 3 "$zelctl" policy apply "$dir/empty.json"
+
+expect 4 "$zelctl" policy apply "$examples/policies/web_redirect.json"
+says "no service at this address"
+expect 4 "$zelctl" --service unix:"$dir"/other policy show
+says "unix:$dir/other: no service"
+expect 4 "$zelctl" --service nonsense stats
+
+# A message in a file: from an object or from JSON, and back to the same bytes.
+expect 0 "$zelctl" encode --kind policy_update "$examples/policies/lisp_overlay.json" -o "$dir/a.msg"
+expect 0 "$zelctl" --json decode "$dir/a.msg"
+cp "$dir/out" "$dir/a.json"
+expect 0 "$zelctl" encode "$dir/a.json" -o "$dir/b.msg"
+cmp "$dir/a.msg" "$dir/b.msg" || fail "encode is not decode's inverse"
+[ ! -e "$dir/b.msg.new" ] || fail "a draft was left behind"
+expect 0 "$zelctl" decode "$dir/a.msg"
+says "lisp_proto {"
+says "[match pre_match_id]"
+head -c 100 "$dir/a.msg" >"$dir/cut.msg"
+expect 3 "$zelctl" decode "$dir/cut.msg"
+says "zelctl: $dir/cut.msg: offset 4"
+expect 2 "$zelctl" encode
+expect 5 "$zelctl" encode "$dir/a.json" -o "$dir/no/such/folder"
+says "cannot be written"
+if [ -w /dev/full ]; then
+    got=0
+    "$zelctl" decode "$dir/a.msg" >/dev/full 2>"$dir/err" || got=$?
+    [ "$got" -eq 5 ] || fail "a full device went unnoticed"
+fi
+
+# A rule set becomes a policy that can be applied, through a pipe or a file.
+"$zelctl" import classbench "$examples/classbench/small.rules" --policy 9 | "$zelctl" policy check - >"$dir/out"
+says "policy 9 without fault"
+printf '[{"id": 1, "set_vrf": 4}, {"id": 2, "type": 77}]' >"$dir/actions.json"
+expect 0 "$zelctl" import classbench "$examples/classbench/small.rules" --actions "$dir/actions.json" -o "$dir/p.json"
+expect 0 "$zelctl" policy check "$dir/p.json"
+printf '@1.2.3.4/32\tnonsense' >"$dir/bad.rules"
+expect 3 "$zelctl" import classbench "$dir/bad.rules"
+says "bad.rules:1: destination address"

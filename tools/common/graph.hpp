@@ -1,0 +1,121 @@
+// Graphs on the heap, laid out as the library expects them, and freed by it.
+#pragma once
+
+#include "model/mat_objects.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <tuple>
+#include <utility>
+
+namespace tools {
+
+// Zero-filled memory that the library can free.
+template <class T> T *allocate(std::size_t count = 1)
+{
+    void *const block = std::calloc(count, sizeof(T));
+    if (block == nullptr)
+        throw std::bad_alloc();
+    return static_cast<T *>(block);
+}
+
+// Owns a root record and everything below it.
+class Graph {
+public:
+    Graph() = default;
+    explicit Graph(uint32_t mat_type, void *root) : mat_type_(mat_type), root_(root) {}
+    template <class R> static Graph make() { return Graph(zel::MatObjectOf<R>::type, allocate<R>()); }
+
+    Graph(Graph &&other) noexcept : mat_type_(other.mat_type_), root_(std::exchange(other.root_, nullptr)) {}
+    Graph &operator=(Graph &&other) noexcept
+    {
+        std::swap(mat_type_, other.mat_type_);
+        std::swap(root_, other.root_);
+        return *this;
+    }
+    ~Graph()
+    {
+        if (root_ == nullptr)
+            return;
+        zel_api_handle_t handle{};
+        zel_api_init(&handle, 0, 0, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
+        free_contained_mat_obj_mem(&handle, 0, mat_type_, root_);
+        std::free(root_);
+    }
+
+    uint32_t mat_type() const { return mat_type_; }
+    void *root() const { return root_; }
+    void *release() { return std::exchange(root_, nullptr); }
+    // The root as the record that its MAT type says it is.
+    template <class R> R &as() const { return *static_cast<R *>(root_); }
+
+private:
+    uint32_t mat_type_ = ZEL_MAT_TYPE_NONE;
+    void *root_ = nullptr;
+};
+
+// Calls visit with a null pointer to the record of a MAT type; false when no
+// record has it.
+template <class Visit, class... O> bool visit_mat_type(uint32_t mat_type, Visit visit, zel::MatObjectList<O...>)
+{
+    return ((mat_type == O::type && (visit(static_cast<typename O::record *>(nullptr)), true)) || ...);
+}
+template <class Visit> bool visit_mat_type(uint32_t mat_type, Visit visit)
+{
+    return visit_mat_type(mat_type, visit, zel::MatObjects{});
+}
+
+// Appends a member to a sequence; the caller has made room for it.
+template <auto Count, auto Array, class R> zel::Element<Array> &append_member(R &record)
+{
+    auto *const member = allocate<zel::Element<Array>>();
+    (record.*Array)[record.*Count] = member;
+    ++(record.*Count);
+    return *member;
+}
+
+template <auto Array, class R> void make_room(R &record, std::size_t members)
+{
+    if (members != 0)
+        record.*Array = allocate<zel::Element<Array> *>(members);
+}
+
+// Whether two graphs have the same content, whichever records they share.
+template <class R> bool equal(const R &a, const R &b);
+
+template <class R, uint16_t Id, auto Member> bool equal_member(const R &a, const R &b, zel::Field<Id, Member>)
+{
+    return std::memcmp(&(a.*Member), &(b.*Member), sizeof(a.*Member)) == 0;
+}
+
+template <class R, auto Member> bool equal_member(const R &a, const R &b, zel::Embedded<Member>)
+{
+    return equal(a.*Member, b.*Member);
+}
+
+template <class R, uint16_t Id, auto Count, auto Array>
+bool equal_member(const R &a, const R &b, zel::Sequence<Id, Count, Array>)
+{
+    return a.*Count == b.*Count && std::equal(a.*Array, a.*Array + a.*Count, b.*Array,
+                                              [](const auto *x, const auto *y) { return equal(*x, *y); });
+}
+
+template <class R, uint32_t Value, auto... Path>
+bool equal_option(const R &a, const R &b, uint32_t selector, zel::Option<Value, Path...>)
+{
+    return selector != Value || equal(zel::follow<Path...>(a), zel::follow<Path...>(b));
+}
+
+template <class R, auto Selector, class... O> bool equal_member(const R &a, const R &b, zel::Choice<Selector, O...>)
+{
+    return (equal_option(a, b, a.*Selector, O{}) && ...);
+}
+
+template <class R> bool equal(const R &a, const R &b)
+{
+    return std::apply([&](auto... member) { return (equal_member(a, b, member) && ...); }, zel::Wire<R>::members);
+}
+
+} // namespace tools

@@ -1,0 +1,54 @@
+// Filter sets in the ClassBench text format, as policies.
+#pragma once
+
+#include "tools/common/graph.hpp"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zelctl {
+
+struct PortRange {
+    uint16_t first;
+    uint16_t last;
+};
+
+struct Rule {
+    uint32_t sip;
+    uint32_t sip_mask;
+    uint32_t dip;
+    uint32_t dip_mask;
+    PortRange sport;
+    PortRange dport;
+    uint8_t protocol; // 0: any
+};
+
+// One rule a line, the fields separated by tabs:
+//
+//     @10.0.0.0/8  192.168.1.0/24  0 : 65535  80 : 80  0x06/0xFF  [0x0000/0x0000]
+//
+// The last column, TCP flags, is not used.  Empty lines and lines that begin with #
+// are left out.  The protocol is one (mask 0xFF) or any (mask 0x00); 0 as the one
+// protocol is refused, because a service element cannot say it.  Throws BadInput.
+std::vector<Rule> read_classbench(std::string_view text, const std::string &file);
+
+// Ports as a five-tuple has them: p matches when (p & mask) == value.
+struct MaskedPort {
+    uint16_t value;
+    uint16_t mask;
+};
+
+// The fewest masked ports that match exactly the ports of a range.
+std::vector<MaskedPort> expand(PortRange range);
+
+// A policy with a pair for every rule, in order; the first that matches is meant.
+// Rule number n, from 0, becomes pair n + 1 with the match group and the match
+// n + 1; a pair's pre_pair_id names the one before.  The rules take the actions
+// in turn, each of which becomes one object of the message.  Throws BadInput when
+// there are more rules than ids.
+tools::Graph make_policy(const std::vector<Rule> &rules, uint16_t policy_id, uint32_t app,
+                         const std::vector<zel_action_t> &actions, const std::string &file);
+
+} // namespace zelctl

@@ -1,0 +1,68 @@
+// zelctl encode and decode: messages in files, without a service.
+#include "tools/common/element_tree.hpp"
+#include "tools/common/json_reader.hpp"
+#include "tools/zelctl/output.hpp"
+#include "tools/zelctl/request.hpp"
+
+#include <memory>
+
+namespace zelctl {
+namespace {
+
+struct EncodeArguments {
+    RequestArguments request;
+    std::string output = "-";
+};
+
+int run_encode(const Options &options, const EncodeArguments &arguments)
+{
+    const RequestArguments &request = arguments.request;
+    const tools::Message message = request.kind.empty()
+                                       ? message_from_json(tools::read_json_file(request.file), options.app)
+                                       : make_request(request, options.app);
+    write_file(arguments.output, encode_message(message));
+    return exit_ok;
+}
+
+int run_decode(const Options &options, const std::string &path)
+{
+    const std::string bytes = tools::read_file(path);
+    const tools::ElementList list = tools::list_elements(bytes, path);
+    // The tree shows what is there even when it is no message.
+    if (!options.json)
+        fmt::print("{}", show_element_tree(list));
+    const tools::Message message = decode_message(list);
+    if (options.json)
+        fmt::print("{}\n", message_to_json(message).dump(2));
+    return exit_ok;
+}
+
+} // namespace
+
+void add_codec_commands(const CommandLine &line)
+{
+    const auto encode_arguments = std::make_shared<EncodeArguments>();
+    CLI::App *const encode = line.app.add_subcommand("encode", "Write the message that would be sent to a file");
+    encode->add_option("FILE", encode_arguments->request.file,
+                       "A message as JSON, as decode --json shows it, or with --kind an object; - is standard input");
+    encode->add_option("-o,--output", encode_arguments->output, "The message file; - is standard output")
+        ->capture_default_str();
+    CLI::Option *const kind = encode->add_option("--kind", encode_arguments->request.kind,
+                                                 "FILE holds the object of a request of this kind (see send)");
+    add_request_options(encode, encode_arguments->request);
+    encode->get_option("--policy")->needs(kind);
+    encode->get_option("--op")->needs(kind);
+    when_given(line, encode, [&options = line.options, encode_arguments] {
+        if (encode_arguments->request.kind.empty() && encode_arguments->request.file.empty())
+            throw CLI::RequiredError("FILE");
+        return run_encode(options, *encode_arguments);
+    });
+
+    const auto path = std::make_shared<std::string>();
+    CLI::App *const decode =
+        line.app.add_subcommand("decode", "Show a message file as a tree of elements, or with --json as JSON");
+    decode->add_option("FILE", *path, "The message file; - is standard input")->required();
+    when_given(line, decode, [&options = line.options, path] { return run_decode(options, *path); });
+}
+
+} // namespace zelctl

@@ -1,0 +1,51 @@
+// What the commands of zelctl have in common: the global options, the exit codes,
+// and how a command is added to the command line.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace zelctl {
+
+enum ExitCode : int {
+    exit_ok = 0,
+    exit_refused = 1,    // the service answered that it does not do it
+    exit_usage = 2,      // the command line is not understood
+    exit_bad_input = 3,  // a file, or what is in it
+    exit_no_service = 4, // no service, no answer, or no understandable one
+    exit_failed = 5,     // anything else: out of memory, output that cannot be written
+};
+
+struct Options {
+    std::string service = "unix:/run/zel.sock";
+    double timeout = 5; // seconds
+    uint32_t app = 0;
+    bool json = false;
+};
+
+// A command that was chosen, with its arguments bound; gives the exit code.
+using Command = std::function<int()>;
+
+// Where commands are added: each subcommand sets chosen when it is given.
+struct CommandLine {
+    CLI::App &app;
+    const Options &options;
+    Command &chosen;
+};
+
+template <class Run> void when_given(const CommandLine &line, CLI::App *subcommand, Run run)
+{
+    subcommand->callback([&line_chosen = line.chosen, run] { line_chosen = run; });
+}
+
+void add_policy_commands(const CommandLine &line);
+void add_send_command(const CommandLine &line);
+void add_stats_command(const CommandLine &line);
+void add_traffic_command(const CommandLine &line);
+void add_codec_commands(const CommandLine &line);
+void add_import_commands(const CommandLine &line);
+
+} // namespace zelctl

@@ -1,0 +1,109 @@
+#include "tools/zelctl/connection.hpp"
+
+#include "platform/reference/kob_client.h"
+#include "tools/common/notation.hpp"
+#include "tools/common/service_protocol.hpp"
+
+#include <fmt/core.h>
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+namespace zelctl {
+namespace {
+
+// Both sides have a limit; the service's is the one that says what is too large.
+constexpr uint32_t largest_message = KOB_MESSAGE_LIMIT;
+
+constexpr std::array error_names{
+    tools::Name{service::error_none, "none"},
+    tools::Name{service::error_malformed, "malformed"},
+    tools::Name{service::error_unsupported, "unsupported"},
+    tools::Name{service::error_not_found, "not found"},
+    tools::Name{service::error_conflict, "conflict"},
+    tools::Name{service::error_storage, "storage"},
+    tools::Name{service::error_limit, "limit"},
+};
+
+[[noreturn]] void fail(const std::string &address, int32_t error)
+{
+    throw NoService(fmt::format("{}: {}", address, kob_error_text(error)));
+}
+
+} // namespace
+
+bool Answer::refused() const { return status != service::status_ok || error != service::error_none; }
+
+std::string_view Answer::body() const
+{
+    const std::string_view payload(static_cast<const char *>(kob_payload_get(record.get())),
+                                   kob_msg_size(record.get()));
+    return payload.substr(ZEL_RESP_HDR_SIZE);
+}
+
+Connection::Connection(const Options &options) : address_(options.service)
+{
+    const double milliseconds = std::ceil(options.timeout * 1000);
+    const kob_client_options_t limits{static_cast<uint32_t>(milliseconds), largest_message};
+    int32_t error = KOB_OK;
+    kob_ = kob_open(address_.c_str(), &limits, &error);
+    if (kob_ == 0)
+        fail(address_, error);
+    zel_api_init(&handle_, 0, options.app, kob_, nullptr, nullptr, nullptr);
+}
+
+Connection::~Connection() { kob_close(kob_); }
+
+Answer Connection::request(const Send &send)
+{
+    Answer answer;
+    answer.record.reset(kob_msg_alloc());
+    kob_msg_t *const msg = answer.record.get();
+    if (msg == nullptr)
+        throw std::bad_alloc();
+    const uint32_t token = send(&handle_, msg);
+    if (token == 0)
+        fail(address_, kob_errno_get(kob_));
+    if (const int32_t error = kob_receive(kob_, token, msg, -1); error != KOB_OK)
+        fail(address_, error);
+    if (kob_msg_size(msg) < ZEL_RESP_HDR_SIZE)
+        throw NoService(address_ + ": an answer without response header");
+    char text[ZEL_RESP_TEXT_SIZE];
+    answer.retval = zel_parse_response(msg, &answer.status, &answer.error, text);
+    answer.text.assign(text, strnlen(text, sizeof text));
+    return answer;
+}
+
+Answer Connection::request(uint32_t opcode, std::string_view array)
+{
+    return request([&](zel_api_handle_t *, kob_msg_t *msg) -> uint32_t {
+        const auto size = static_cast<uint32_t>(array.size());
+        const mpkob_segment_t whole{array.data(), size};
+        const int32_t error =
+            size > KOB_PLAIN_LIMIT
+                ? mpkob_send(kob_, ZEL_KOB_DEST_NODE, ZEL_KOB_SAP, opcode, &whole, 1, msg, 0)
+                : fu_kob_send(kob_, ZEL_KOB_DEST_NODE, ZEL_KOB_SAP, opcode, array.data(), size, msg, 0, 0);
+        return error == KOB_OK ? kob_rr_token_get(msg) : 0;
+    });
+}
+
+int report(const Options &options, const Answer &answer, std::string_view done)
+{
+    const auto error = tools::Names<error_names>::show(answer.error);
+    if (options.json) {
+        const tools::Json json{
+            {"refused", answer.refused()}, {"error", error}, {"retval", answer.retval}, {"text", answer.text}};
+        fmt::print("{}\n", json.dump());
+    } else if (answer.refused()) {
+        fmt::print(stderr, "zelctl: refused, {}: {}\n", error.is_string() ? error.get<std::string>() : error.dump(),
+                   answer.text);
+    } else {
+        fmt::print("{}\n", done);
+    }
+    return answer.refused() ? exit_refused : exit_ok;
+}
+
+} // namespace zelctl

@@ -1,0 +1,62 @@
+// The way to the service: one request out, its answer back.
+#pragma once
+
+#include "platform/reference/kob.h"
+#include "tools/zelctl/command.hpp"
+#include "zel.h"
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace zelctl {
+
+// No service, no answer, or no understandable one.
+class NoService : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct FreeMessage {
+    void operator()(kob_msg_t *msg) const { kob_msg_free(msg); }
+};
+using MessageRecord = std::unique_ptr<kob_msg_t, FreeMessage>;
+
+struct Answer {
+    MessageRecord record;
+    uint32_t status = 0;
+    uint32_t error = 0;
+    int32_t retval = 0;
+    std::string text;
+
+    bool refused() const;
+    std::string_view body() const; // what follows the response header
+};
+
+class Connection {
+public:
+    explicit Connection(const Options &options);
+    ~Connection();
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+
+    // One of the library's request calls; it gives the token that it got.
+    using Send = std::function<uint32_t(zel_api_handle_t *handle, kob_msg_t *msg)>;
+    Answer request(const Send &send);
+
+    // A request of the service's own: a TLV array under an opcode.
+    Answer request(uint32_t opcode, std::string_view array);
+
+private:
+    std::string address_;
+    uint32_t kob_ = 0;
+    zel_api_handle_t handle_{};
+};
+
+// Tells about an answer on standard output, or about a refusal on standard error;
+// with --json as an object on standard output.  Gives the exit code.
+int report(const Options &options, const Answer &answer, std::string_view done);
+
+} // namespace zelctl

@@ -1,0 +1,84 @@
+// zelctl: the policy service's client for people and scripts.
+#include "tools/common/bad_input.hpp"
+#include "tools/zelctl/command.hpp"
+#include "tools/zelctl/connection.hpp"
+#include "tools/zelctl/output.hpp"
+
+#include <fmt/core.h>
+
+#include <exception>
+
+namespace zelctl {
+namespace {
+
+void add_global_options(CLI::App &app, Options &options)
+{
+    app.add_option("--service", options.service, "Where the service listens")
+        ->envname("ZEL_SERVICE")
+        ->type_name("unix:PATH")
+        ->capture_default_str();
+    app.add_option("--timeout", options.timeout, "Seconds to wait for an answer")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+    app.add_option("--app", options.app, "The application on whose behalf requests are made")
+        ->type_name("NUMBER")
+        ->capture_default_str();
+    app.add_flag("--json", options.json, "Print JSON, for scripts");
+    app.footer("Exit codes: 0 done; 1 refused by the service; 2 command line not understood; 3 a file that\n"
+               "cannot be read or is not right; 4 no service or no answer; 5 any other failure.");
+}
+
+int complain(const std::exception &fault, int code)
+{
+    fmt::print(stderr, "zelctl: {}\n", fault.what());
+    return code;
+}
+
+// Runs a command, whatever becomes of it.
+int run(const Command &command)
+{
+    try {
+        const int code = command();
+        finish_output();
+        return code;
+    } catch (const tools::BadInput &fault) {
+        return complain(fault, exit_bad_input);
+    } catch (const NoService &fault) {
+        return complain(fault, exit_no_service);
+    } catch (const CLI::Error &fault) {
+        return complain(fault, exit_usage);
+    } catch (const std::exception &fault) {
+        return complain(fault, exit_failed);
+    }
+}
+
+} // namespace
+} // namespace zelctl
+
+int main(int argc, char **argv)
+{
+    using namespace zelctl;
+
+    CLI::App app("Client of the policy service: applies, shows and deletes policies, reads counters, feeds traffic,\n"
+                 "and looks into messages.",
+                 "zelctl");
+    Options options;
+    Command chosen;
+    const CommandLine line{app, options, chosen};
+    app.require_subcommand(1);
+    app.fallthrough();
+    add_global_options(app, options);
+    add_policy_commands(line);
+    add_stats_command(line);
+    add_traffic_command(line);
+    add_send_command(line);
+    add_codec_commands(line);
+    add_import_commands(line);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &fault) {
+        return app.exit(fault) == 0 ? exit_ok : exit_usage;
+    }
+    return run(chosen);
+}

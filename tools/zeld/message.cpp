@@ -66,7 +66,7 @@ public:
     template <class R> bool refer(const R &object)
     {
         const auto [place, is_first] = written<R>().try_emplace(object.id, &object);
-        if (is_first || !is_equal(*place->second, object))
+        if (is_first || !equal(*place->second, object))
             return false;
         start(zel::Wire<R>::start);
         value(zel::reference_mat_type_id, uint32_t{zel::MatObjectOf<R>::type}, "");

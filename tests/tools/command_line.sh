@@ -47,6 +47,8 @@ for file in "$examples"/policies/*.json; do
 done
 expect 0 "$zelctl" policy check "$examples"/policies/web_redirect.json
 says "policy 10 without fault"
+expect 0 "$zelctl" policy check --each "$examples/policies/web_redirect.json" "$examples/policies/lisp_overlay.json"
+says "2 policies without fault"
 
 printf '{\n  "id": 1,\n  "op_mod": 0\n}\n' >"$dir/bad.json"
 expect 3 "$zelctl" policy apply "$examples/policies/web_redirect.json" "$dir/bad.json"

@@ -2,6 +2,7 @@
 #include "tools/tool_graphs.hpp"
 
 #include "tools/common/field_notation.hpp"
+#include "tools/common/message.hpp"
 
 #include <gtest/gtest.h>
 
@@ -87,6 +88,32 @@ TEST(JsonRoundTrip, ReferencesHaveTheContentOfWhatTheyMean)
     EXPECT_EQ(write_graph(graph)["matches"][2].dump(), R"({"ref":2})");
     EXPECT_EQ(group.matches[4]->param.service.num_elements, 2);
     EXPECT_EQ(write_graph(graph)["matches"][4].dump(), R"({"ref":3})");
+}
+
+// The examples of the document, each read as what it shows.
+TEST(JsonRoundTrip, TheDocumentedFormatIsTheOneThatIsRead)
+{
+    const std::string page = read_file(EXAMPLES_DIR "/../docs/policy-format.md");
+    std::vector<std::string> blocks;
+    for (std::size_t at = page.find("```json\n"); at != std::string::npos; at = page.find("```json\n", at)) {
+        at += 8;
+        const std::size_t end = page.find("```", at);
+        blocks.push_back(page.substr(at, end - at));
+        at = end;
+    }
+    ASSERT_EQ(blocks.size(), 6u);
+    EXPECT_EQ(graph_from_json(ZEL_MAT_TYPE_POLICY, blocks[0]).as<zel_policy_t>().if_group.num_if, 1);
+    const Graph matches = graph_from_json(ZEL_MAT_TYPE_MATCH_GROUP, "{\"matches\": " + blocks[1] + "}");
+    EXPECT_EQ(matches.as<zel_match_grp_t>().num_match, 10);
+    const Graph actions = graph_from_json(ZEL_MAT_TYPE_ACTION_GROUP, "{\"actions\": " + blocks[2] + "}");
+    EXPECT_EQ(actions.as<zel_action_grp_t>().num_action, 7);
+    EXPECT_EQ(graph_from_json(ZEL_MAT_TYPE_STAT_REQUEST, blocks[3]).as<zel_stat_request_t>().num_requests, 1u);
+    const Message message = message_from_json(parse_json(blocks[4], "test.json"), 0);
+    EXPECT_EQ(message.graph.as<zel_match_t>().param.exp.exp, 6);
+
+    // The first example shows every field, as zelctl does.
+    const std::string shown = write_graph(graph_from_json(ZEL_MAT_TYPE_POLICY, blocks[0])).dump();
+    EXPECT_EQ(shown, Json::parse(blocks[0]).dump());
 }
 
 TEST(JsonRoundTrip, TheCommandsApplicationStandsInForAMissingOne)

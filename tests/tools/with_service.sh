@@ -49,6 +49,13 @@ for id in 10 20 21 30; do
 done
 expect 0 "disabled" "$zelctl" policy show
 
+
+# Policies may use an id differently, but not in one request; --each makes a request each.
+"$zelctl" --json policy show >"$dir/all.json"
+expect 3 "a message has one match of an id" "$zelctl" policy apply "$dir/all.json"
+expect 0 "policy 30 applied" "$zelctl" policy apply --each "$dir/all.json"
+"$zelctl" --json policy show | cmp - "$dir/all.json" || fail "a backup was not restored as it was"
+
 # Refusals have an exit code of their own, in words and for scripts.
 expect 1 "zelctl: refused, not found: " "$zelctl" policy delete 99
 expect 1 '{"refused":true,"error":"not found","retval":-1,' "$zelctl" --json policy show 99

@@ -5,6 +5,7 @@
 #include "tools/common/json_writer.hpp"
 #include "tools/common/message.hpp"
 #include "tools/zelctl/connection.hpp"
+#include "tools/zelctl/progress.hpp"
 
 #include <deque>
 #include <memory>
@@ -19,11 +20,13 @@ using tools::Graph;
 using tools::Input;
 using tools::Place;
 
-// Reads policies that go out in one message, so that all of them are applied or
-// none: ids of policies, matches and actions have one meaning across all files.
+// How policies are sent: in one request, of which all are applied or none, and in
+// which an id of a match or an action has one meaning; or in a request each.
+enum class Requests { one, one_each };
+
 class PolicyFiles {
 public:
-    explicit PolicyFiles(uint32_t app) : reader_(app) {}
+    PolicyFiles(uint32_t app, Requests requests) : app_(app), requests_(requests), reader_(app) {}
 
     // A file holds one policy, or an array of them.
     void read(const std::string &path)
@@ -40,7 +43,7 @@ public:
     }
 
     std::size_t size() const { return policies_.size(); }
-    const zel_policy_t &front() const { return policies_.front().as<zel_policy_t>(); }
+    const zel_policy_t &at(std::size_t i) const { return policies_.at(i).as<zel_policy_t>(); }
 
     zel_policy_list_t list()
     {
@@ -53,6 +56,8 @@ public:
 private:
     void read_policy(const Input &in)
     {
+        if (requests_ == Requests::one_each)
+            reader_ = tools::JsonReader(app_);
         const Graph &policy = policies_.emplace_back(read_graph(reader_, ZEL_MAT_TYPE_POLICY, in));
         const uint16_t id = policy.as<zel_policy_t>().id;
         if (!ids_.insert(id).second)
@@ -61,6 +66,8 @@ private:
             in.fail(fmt::format("one message takes at most {} policies", UINT16_MAX));
     }
 
+    uint32_t app_;
+    Requests requests_;
     tools::JsonReader reader_;
     std::deque<Document> documents_; // a deque, because its members stay where they are
     std::vector<Graph> policies_;
@@ -68,28 +75,49 @@ private:
     std::set<uint16_t> ids_;
 };
 
-int run_apply(const Options &options, const std::vector<std::string> &paths, bool only_check)
-{
-    PolicyFiles files(options.app);
-    for (const std::string &path : paths)
-        files.read(path);
-    const std::string subject =
-        files.size() == 1 ? fmt::format("policy {}", files.front().id) : fmt::format("{} policies", files.size());
-    if (only_check) {
-        fmt::print("{} without fault\n", subject);
-        return exit_ok;
-    }
-    if (files.size() == 0)
-        throw tools::BadInput(paths.front() + ": holds no policy");
+struct ApplyArguments {
+    std::vector<std::string> paths;
+    bool only_check = false;
+    bool each = false;
+};
 
+int apply_each(const Options &options, const PolicyFiles &files)
+{
+    Connection connection(options);
+    Progress progress("applying policies", files.size());
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const Answer answer = connection.request([&](zel_api_handle_t *handle, kob_msg_t *msg) {
+            return zel_policy_update(handle, &files.at(i), service::op_code_set, msg);
+        });
+        if (const int code = report(options, answer, fmt::format("policy {} applied", files.at(i).id)); code != exit_ok)
+            return code;
+        progress.reached(i + 1);
+    }
+    return exit_ok;
+}
+
+int apply_together(const Options &options, PolicyFiles &files)
+{
     Connection connection(options);
     const Answer answer = connection.request([&](zel_api_handle_t *handle, kob_msg_t *msg) {
-        if (files.size() == 1)
-            return zel_policy_update(handle, &files.front(), service::op_code_set, msg);
         const zel_policy_list_t list = files.list();
         return zel_policy_list_update(handle, &list, service::op_code_set, msg);
     });
-    return report(options, answer, subject + " applied");
+    return report(options, answer, fmt::format("{} policies applied", files.size()));
+}
+
+int run_apply(const Options &options, const ApplyArguments &arguments)
+{
+    PolicyFiles files(options.app, arguments.each ? Requests::one_each : Requests::one);
+    for (const std::string &path : arguments.paths)
+        files.read(path);
+    if (files.size() == 0)
+        throw tools::BadInput(arguments.paths.front() + ": holds no policy");
+    if (!arguments.only_check)
+        return files.size() == 1 || arguments.each ? apply_each(options, files) : apply_together(options, files);
+    fmt::print("{} without fault\n",
+               files.size() == 1 ? fmt::format("policy {}", files.at(0).id) : fmt::format("{} policies", files.size()));
+    return exit_ok;
 }
 
 int run_delete(const Options &options, uint16_t id)
@@ -144,10 +172,14 @@ int run_show(const Options &options, std::optional<uint16_t> id)
         return report(options, answer, {});
     const tools::Message message = decode_answer(options, answer);
     const auto &list = message.graph.as<zel_policy_list_t>();
-    if (id && list.num_policy == 1)
-        fmt::print("{}\n", tools::JsonWriter().write(*list.policies[0]).dump(2));
+    // A policy by itself, because the same id may mean something else in another one.
+    tools::Json policies = tools::Json::array();
+    for (uint32_t i = 0; i < list.num_policy; ++i)
+        policies.push_back(tools::JsonWriter().write(*list.policies[i]));
+    if (id && policies.size() == 1)
+        fmt::print("{}\n", policies[0].dump(2));
     else if (options.json || id)
-        fmt::print("{}\n", tools::write_graph(message.graph).dump(2));
+        fmt::print("{}\n", policies.dump(2));
     else
         fmt::print("{}", show_as_table(list));
     return exit_ok;
@@ -156,11 +188,15 @@ int run_show(const Options &options, std::optional<uint16_t> id)
 void add_file_command(const CommandLine &line, CLI::App *parent, const std::string &name, const std::string &help,
                       bool only_check)
 {
-    const auto paths = std::make_shared<std::vector<std::string>>();
+    const auto arguments = std::make_shared<ApplyArguments>();
+    arguments->only_check = only_check;
     CLI::App *const command = parent->add_subcommand(name, help);
-    command->add_option("FILE", *paths, "A policy, or an array of policies, as JSON; - is standard input")->required();
-    when_given(line, command,
-               [&options = line.options, paths, only_check] { return run_apply(options, *paths, only_check); });
+    command->add_option("FILE", arguments->paths, "A policy, or an array of policies, as JSON; - is standard input")
+        ->required();
+    command->add_flag("--each", arguments->each,
+                      "A request for each policy instead of one for all: policies may use an id differently, and "
+                      "those before a refused one stay applied");
+    when_given(line, command, [&options = line.options, arguments] { return run_apply(options, *arguments); });
 }
 
 } // namespace

@@ -19,7 +19,7 @@ std::vector<Element> read_all(const Bytes &array, int32_t &status, uint32_t curs
 TEST(TlvArray, ElementsComeBackInOrderAndFillTheBufferExactly)
 {
     std::vector<Element> elements;
-    for (const uint32_t length : {1, 0, 2, 4, 3, 65, 65535})
+    for (const uint32_t length : {1U, 0U, 2U, 4U, 3U, 65U, 65535U})
         elements.emplace_back(65535 - length, Bytes(length, static_cast<unsigned char>(length + 1)));
     const Bytes full = array_with(elements);
     const auto size = static_cast<uint32_t>(full.size());

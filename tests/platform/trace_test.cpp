@@ -64,7 +64,7 @@ TEST(Trace, HistoryKeepsTheLatestEventsInOrderAndWhole)
     std::vector<std::string> lines;
     for (int i = 1003 - count; i < 1000; ++i)
         lines.push_back("0x730000 104 " + std::to_string(i));
-    for (const std::size_t length : {511, 3, 0})
+    for (const unsigned length : {511U, 3U, 0U})
         lines.push_back("0x1 105 " + std::string(length, 'x'));
     expect_lines(lines);
     EXPECT_EQ(zel_trace_dump(-1), -1);

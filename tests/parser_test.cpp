@@ -1,4 +1,5 @@
 // The message parser, and the whole way from a graph to an equal graph.
+#include "platform/tlv_array.h"
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
 
@@ -180,10 +181,11 @@ TEST(Parser, RoundTripsOfRandomGraphs)
         send_to_zel(&token, kind, &handle, 5, graph, 6, &sent);
         free_graph(mat_type, graph);
         ASSERT_TRUE(heap.live.empty());
-        // The size that was computed is the size that was written.
-        uint32_t used = 0;
-        memcpy(&used, platform.sends[0].message.data(), sizeof used);
-        ASSERT_EQ(platform.sends[0].message.size(), 4 + used);
+        // The size that was computed is that of the elements written, however the platform pads them.
+        size_t written = 4;
+        for (const auto &write : platform.writes)
+            written += static_cast<uint16_t>(tlv_size_get(static_cast<uint32_t>(write.value.size())));
+        ASSERT_EQ(platform.sends[0].message.size(), written);
 
         const Parsed parsed = parse(handle, platform.sends[0].message, round % 2 == 0);
         ASSERT_NE(parsed.object, nullptr);

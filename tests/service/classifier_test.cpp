@@ -198,8 +198,8 @@ TEST(Classifier, CopiesAreWholeAndEqual)
     for (int round = 0; round < 200; ++round) {
         const auto policy = random_policy(dice);
         const auto copy = clone(*policy);
-        EXPECT_TRUE(is_equal(*policy, *copy));
+        EXPECT_TRUE(equal(*policy, *copy));
         copy->version = static_cast<uint16_t>(policy->version + 1);
-        EXPECT_FALSE(is_equal(*policy, *copy));
+        EXPECT_FALSE(equal(*policy, *copy));
     }
 }

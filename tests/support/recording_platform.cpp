@@ -13,7 +13,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <utility>
+
+extern "C" {
+void *__real_calloc(size_t, size_t);
+void __real_free(void *);
+int32_t __real_tlv_array_add_tlv(void *, uint32_t, uint16_t, uint16_t, const void *, uintptr_t);
+uint32_t __real_tlv_size_get(uint32_t);
+uint32_t __real_tlv_array_get_num_tlvs(const void *, uintptr_t);
+int32_t __real_ravl_init(ravl_tree *, uint32_t, uint32_t, ravl_compare_t);
+int32_t __real_ravl_is_empty(ravl_tree *);
+void __real_ravl_delete(ravl_tree *, void *);
+}
 
 namespace test {
 
@@ -45,15 +55,6 @@ std::string record_text(uint32_t length, const void *record)
     // The length counts id, text and NUL: a wrong one shows in the text.
     const bool terminated = text[length - 5] == '\0' && std::strlen(text) == length - 5;
     return std::to_string(id) + (terminated ? " " : " bad length ") + std::string(text, length - 5);
-}
-
-uint32_t padded(uint32_t length) { return (length + 4 + platform.padding - 1) / platform.padding * platform.padding; }
-
-uint32_t used(const void *array)
-{
-    uint32_t n = 0;
-    std::memcpy(&n, array, sizeof n);
-    return n;
 }
 
 } // namespace
@@ -92,7 +93,6 @@ CALLBACK(dbg)
 Bytes array(const std::string &elements)
 {
     Bytes bytes(4 + elements.size() * 4 + 64);
-    const int fail = std::exchange(platform.fail_write, 0);
     std::istringstream tokens(elements);
     for (std::string token; tokens >> token;) {
         Bytes value;
@@ -101,11 +101,10 @@ Bytes array(const std::string &elements)
             value.push_back(static_cast<uint8_t>(std::stoi(token.substr(at + 1, 2), nullptr, 16)));
         if (colon == std::string::npos)
             value.push_back(0);
-        tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(bytes.size()), static_cast<uint16_t>(std::stoi(token)),
-                          static_cast<uint16_t>(value.size()), value.data(), 0);
-        platform.writes.pop_back();
+        __real_tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(bytes.size()),
+                                 static_cast<uint16_t>(std::stoi(token)), static_cast<uint16_t>(value.size()),
+                                 value.data(), 0);
     }
-    platform.fail_write = fail;
     return bytes;
 }
 
@@ -139,12 +138,6 @@ template <class... A> static int32_t converter(A... arguments)
 
 extern "C" {
 
-void *__real_calloc(size_t, size_t);
-void __real_free(void *);
-int32_t __real_ravl_init(ravl_tree *, uint32_t, uint32_t, ravl_compare_t);
-int32_t __real_ravl_is_empty(ravl_tree *);
-void __real_ravl_delete(ravl_tree *, void *);
-
 void *__wrap_calloc(size_t n, size_t size)
 {
     heap.callocs.emplace_back(n, size);
@@ -163,60 +156,31 @@ void __wrap_free(void *p)
     __real_free(p);
 }
 
-int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value,
-                          uintptr_t reserved)
+// Arrays and trees are the reference platform's; calls are noted, and made to fail, on their way.
+int32_t __wrap_tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value,
+                                 uintptr_t reserved)
 {
     const auto *bytes = static_cast<const uint8_t *>(value);
     platform.writes.push_back({type, Bytes(bytes, bytes + length), capacity});
-    if (reserved != 0 || platform.fail_write == -1 || (platform.fail_write > 0 && --platform.fail_write == 0))
+    if (platform.fail_write == -1 || (platform.fail_write > 0 && --platform.fail_write == 0))
         return -28;
-    const uint32_t at = 4 + used(array);
-    const uint32_t now = used(array) + padded(length);
-    if (now + 4 > capacity)
-        return -27;
-    auto *to = static_cast<uint8_t *>(array) + at;
-    std::memcpy(to, &type, 2);
-    std::memcpy(to + 2, &length, 2);
-    std::memcpy(to + 4, value, length);
-    std::memcpy(array, &now, 4);
-    return 0;
+    return __real_tlv_array_add_tlv(array, capacity, type, length, value, reserved);
 }
 
-uint32_t tlv_size_get(uint32_t length)
+uint32_t __wrap_tlv_size_get(uint32_t length)
 {
     const auto size = platform.element_sizes.find(length);
-    return (size != platform.element_sizes.end() ? size->second : padded(length)) | platform.size_noise;
+    if (size != platform.element_sizes.end())
+        return size->second;
+    return (__real_tlv_size_get(length) + platform.padding - 1) / platform.padding * platform.padding |
+           platform.size_noise;
 }
 
-int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
-                               uintptr_t reserved, uint32_t *cursor)
+uint32_t __wrap_tlv_array_get_num_tlvs(const void *array, uintptr_t reserved)
 {
-    const uint32_t left = used(array) - *cursor;
-    const auto *from = static_cast<const uint8_t *>(array) + 4 + *cursor;
-    if (reserved != 0 || left < 4)
-        return 61;
-    std::memcpy(type, from, 2);
-    std::memcpy(length, from + 2, 2);
-    if (padded(*length) > left)
-        return 62;
-    *value = from + 4;
-    *cursor += padded(*length);
-    return 0;
+    return platform.extra_elements + __real_tlv_array_get_num_tlvs(array, reserved);
 }
 
-uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
-{
-    uint16_t type = 0;
-    uint16_t length = 0;
-    const void *value = nullptr;
-    uint32_t cursor = 0;
-    uint32_t count = platform.extra_elements;
-    while (tlv_array_get_next_tlv(array, &type, &length, &value, 0, &cursor) == 0)
-        ++count;
-    return count;
-}
-
-// The tree is the reference platform's; its calls are only noted on their way.
 int32_t __wrap_ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
     note("init", key_size, key_offset);

@@ -12,6 +12,17 @@
 
 namespace tools {
 
+// Frees a root and all that it owns; null is ignored.
+inline void free_graph(uint32_t mat_type, void *root) noexcept
+{
+    if (root == nullptr)
+        return;
+    zel_api_handle_t handle{};
+    zel_api_init(&handle, 0, 0, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
+    free_contained_mat_obj_mem(&handle, 0, mat_type, root);
+    std::free(root);
+}
+
 // Zero-filled memory that the library can free.
 template <class T> T *allocate(std::size_t count = 1)
 {
@@ -35,15 +46,7 @@ public:
         std::swap(root_, other.root_);
         return *this;
     }
-    ~Graph()
-    {
-        if (root_ == nullptr)
-            return;
-        zel_api_handle_t handle{};
-        zel_api_init(&handle, 0, 0, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
-        free_contained_mat_obj_mem(&handle, 0, mat_type_, root_);
-        std::free(root_);
-    }
+    ~Graph() { free_graph(mat_type_, root_); }
 
     uint32_t mat_type() const { return mat_type_; }
     void *root() const { return root_; }
@@ -80,42 +83,6 @@ template <auto Array, class R> void make_room(R &record, std::size_t members)
 {
     if (members != 0)
         record.*Array = allocate<zel::Element<Array> *>(members);
-}
-
-// Whether two graphs have the same content, whichever records they share.
-template <class R> bool equal(const R &a, const R &b);
-
-template <class R, uint16_t Id, auto Member> bool equal_member(const R &a, const R &b, zel::Field<Id, Member>)
-{
-    return std::memcmp(&(a.*Member), &(b.*Member), sizeof(a.*Member)) == 0;
-}
-
-template <class R, auto Member> bool equal_member(const R &a, const R &b, zel::Embedded<Member>)
-{
-    return equal(a.*Member, b.*Member);
-}
-
-template <class R, uint16_t Id, auto Count, auto Array>
-bool equal_member(const R &a, const R &b, zel::Sequence<Id, Count, Array>)
-{
-    return a.*Count == b.*Count && std::equal(a.*Array, a.*Array + a.*Count, b.*Array,
-                                              [](const auto *x, const auto *y) { return equal(*x, *y); });
-}
-
-template <class R, uint32_t Value, auto... Path>
-bool equal_option(const R &a, const R &b, uint32_t selector, zel::Option<Value, Path...>)
-{
-    return selector != Value || equal(zel::follow<Path...>(a), zel::follow<Path...>(b));
-}
-
-template <class R, auto Selector, class... O> bool equal_member(const R &a, const R &b, zel::Choice<Selector, O...>)
-{
-    return (equal_option(a, b, a.*Selector, O{}) && ...);
-}
-
-template <class R> bool equal(const R &a, const R &b)
-{
-    return std::apply([&](auto... member) { return (equal_member(a, b, member) && ...); }, zel::Wire<R>::members);
 }
 
 } // namespace tools

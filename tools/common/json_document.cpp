@@ -120,9 +120,8 @@ private:
     {
         node.key = std::move(key_);
         key_.clear();
-        if (open_.empty())
-            return root_ = std::move(node);
-        return open_.back()->children.emplace_back(std::move(node));
+        Node &to = open_.empty() ? root_ : open_.back()->children.emplace_back();
+        return to = std::move(node);
     }
 
     bool open(Node::Kind kind)

@@ -3,6 +3,7 @@
 
 #include "tools/common/field_notation.hpp"
 #include "tools/common/graph.hpp"
+#include "tools/common/graph_equal.hpp"
 #include "tools/common/json_reader.hpp"
 
 #include <map>

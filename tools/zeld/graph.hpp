@@ -8,6 +8,8 @@
 #pragma once
 
 #include "model/mat_objects.hpp"
+#include "tools/common/graph.hpp"
+#include "tools/common/graph_equal.hpp"
 #include "tools/zeld/refusal.hpp"
 
 #include <algorithm>
@@ -19,8 +21,8 @@
 
 namespace zeld {
 
-// Frees a root and what it owns; of a parser's graph, what the library says is the caller's.
-void free_graph(uint32_t mat_type, void *root) noexcept;
+using tools::equal;
+using tools::free_graph;
 
 struct FreeGraph {
     template <class R> void operator()(R *root) const noexcept { free_graph(zel::MatObjectOf<R>::type, root); }
@@ -122,44 +124,6 @@ template <class R> void replace(R &old, const R &with)
 {
     const Owned<R> copy = clone(with);
     std::swap(old, *copy);
-}
-
-// ---- Comparison
-
-template <class R> bool is_equal(const R &a, const R &b);
-
-template <class R, uint16_t Id, auto Member> bool is_equal_member(const R &a, const R &b, zel::Field<Id, Member>)
-{
-    return std::memcmp(&(a.*Member), &(b.*Member), sizeof(a.*Member)) == 0;
-}
-
-template <class R, auto Member> bool is_equal_member(const R &a, const R &b, zel::Embedded<Member>)
-{
-    return is_equal(a.*Member, b.*Member);
-}
-
-template <class R, uint16_t Id, auto Count, auto Array>
-bool is_equal_member(const R &a, const R &b, zel::Sequence<Id, Count, Array>)
-{
-    return std::equal(a.*Array, a.*Array + a.*Count, b.*Array, b.*Array + b.*Count,
-                      [](const auto *x, const auto *y) { return is_equal(*x, *y); });
-}
-
-template <class R, uint32_t Value, auto... Path>
-bool is_equal_option(const R &a, const R &b, uint32_t selector, zel::Option<Value, Path...>)
-{
-    return selector != Value || is_equal(zel::follow<Path...>(a), zel::follow<Path...>(b));
-}
-
-// The selector is a field before, so both have the same one.
-template <class R, auto Selector, class... O> bool is_equal_member(const R &a, const R &b, zel::Choice<Selector, O...>)
-{
-    return (is_equal_option(a, b, a.*Selector, O{}) && ...);
-}
-
-template <class R> bool is_equal(const R &a, const R &b)
-{
-    return std::apply([&](auto... member) { return (is_equal_member(a, b, member) && ...); }, zel::Wire<R>::members);
 }
 
 // ---- Memory that a graph takes below a record, about

@@ -20,8 +20,8 @@ enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_address = 3, 
 struct Options {
     std::string listen;
     std::string state;
-    uint64_t max_message = 16 * 1024 * 1024;
-    uint64_t max_state = 256 * 1024 * 1024;
+    uint64_t max_message = uint64_t{16} * 1024 * 1024;
+    uint64_t max_state = uint64_t{256} * 1024 * 1024;
     uint32_t max_clients = 64;
     LogLevel log_level = LogLevel::info;
 };
@@ -144,21 +144,28 @@ ExitCode start(const Options &options)
     return run(service, transport.get(), stop_signals);
 }
 
+ExitCode run_command_line(int argc, char **argv)
+{
+    CLI::App app("A stand-in for the zel policy service.", "zeld");
+    Options options;
+    add_options(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? exit_ok : exit_usage;
+    }
+    return start(options);
+}
+
 } // namespace
 } // namespace zeld
 
 int main(int argc, char **argv)
 {
-    CLI::App app("A stand-in for the zel policy service.", "zeld");
-    zeld::Options options;
     try {
-        zeld::add_options(app, options);
-        app.parse(argc, argv);
-        return zeld::start(options);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? zeld::exit_ok : zeld::exit_usage;
+        return zeld::run_command_line(argc, argv);
     } catch (const std::exception &error) {
-        zeld::log(zeld::LogLevel::error, "{}", error.what());
+        (void)std::fprintf(stderr, "zeld: error: %s\n", error.what());
         return zeld::exit_failed;
     }
 }

@@ -15,13 +15,18 @@ namespace zeld {
 
 namespace {
 
+// Set when the library reports an error: it then goes on with what it has.
+bool has_library_failed = false;
+
 // The library's diagnostics, which end with a line feed or not.
-template <LogLevel Level> void report(const char *format, ...)
+template <LogLevel Level> void report(const char *format, ...) // NOLINT(cert-dcl50-cpp): the type of its callbacks
 {
+    if (Level == LogLevel::error)
+        has_library_failed = true;
     char text[512];
     va_list args;
     va_start(args, format);
-    (void)std::vsnprintf(text, sizeof text, format, args);
+    (void)std::vsnprintf(text, sizeof text, format, args); // NOLINT(clang-analyzer-valist.Uninitialized): it is not
     va_end(args);
     log(Level, "libzel: {}", fmt::string_view(text, std::strcspn(text, "\n")));
 }
@@ -29,10 +34,18 @@ template <LogLevel Level> void report(const char *format, ...)
 // A handle for one message.  Detail costs a call per element, so it is only asked for when it shows.
 zel_api_handle_t make_handle()
 {
+    has_library_failed = false;
     zel_api_handle_t handle{};
     const zel_trace_cb_t detail = is_logged(LogLevel::trace) ? report<LogLevel::trace> : nullptr;
-    zel_api_init(&handle, 0, 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::warn>, report<LogLevel::info>, detail);
+    zel_api_init(&handle, 0, 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::error>, report<LogLevel::warn>, detail);
     return handle;
+}
+
+// A checked message cannot fail to be read but for want of memory, and then not all of it is there.
+void require_all_read()
+{
+    if (has_library_failed)
+        throw std::bad_alloc();
 }
 
 // What walk() hands the elements to: appends them to a buffer that grows.
@@ -53,7 +66,7 @@ public:
     template <class R> bool refer(const R &object)
     {
         const auto [place, is_first] = written<R>().try_emplace(object.id, &object);
-        if (is_first || !is_equal(*place->second, object))
+        if (is_first || !equal(*place->second, object))
             return false;
         start(zel::Wire<R>::start);
         value(zel::reference_mat_type_id, uint32_t{zel::MatObjectOf<R>::type}, "");
@@ -131,8 +144,7 @@ Request read_request(kob_msg_t *msg)
     uint32_t app_type = 0;
     void *const object = parse_mat_obj_from_kob(0, &handle, msg, &mat_type, &api_type, &policy_id, &app_type);
     AnyGraph graph(object, FreeAnyGraph{mat_type});
-    if (object == nullptr && header.api_type != ZEL_API_POLICY_DELETE)
-        throw std::bad_alloc(); // a message in this shape cannot fail to parse in another way
+    require_all_read();
     return {header, std::move(graph)};
 }
 
@@ -153,6 +165,7 @@ Owned<zel_policy_t> read_policy(const Bytes &message)
     const Owned<zel_policy_t> policy(allocate<zel_policy_t>(1));
     zel_parse_policy_from_tlv(&handle, padded.data(), &cursor, policy.get(), &num_elements, header.app_type);
     zel_empty_mat_cache(&handle);
+    require_all_read();
     return clone(*policy); // which shares nothing, unlike what the decoder gives
 }
 

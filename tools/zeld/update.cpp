@@ -163,7 +163,7 @@ public:
     {
         for (const MemberIn<Group> *const object : members(pair.*Group)) {
             const auto [place, is_first] = first_.try_emplace(object->id, First{object, pair.id});
-            if (!is_first && !is_equal(*place->second.object, *object))
+            if (!is_first && !equal(*place->second.object, *object))
                 throw Refusal(error_conflict, "{} {} of pair {} would differ from {} {} of pair {}",
                               name_of<MemberIn<Group>>, object->id, pair.id, name_of<MemberIn<Group>>, object->id,
                               place->second.pair_id);

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "platform/reference/tlv_check.h"
+#include "platform/tlv_array.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <random>
+#include <vector>
+
+// Of exactly these bytes on the heap, so that a sanitizer sees any step outside.
+using Bytes = std::vector<unsigned char>;
+using Element = std::pair<uint16_t, Bytes>;
+
+// Random numbers that are the same in every run, so that a failure comes back.
+using Random = std::mt19937;
+
+inline int32_t add(Bytes &array, const Element &element)
+{
+    return tlv_array_add_tlv(array.data(), static_cast<uint32_t>(array.size()), element.first,
+                             static_cast<uint16_t>(element.second.size()), element.second.data(), 0);
+}
+
+// A TLV array that the elements fill exactly.
+inline Bytes array_with(const std::vector<Element> &elements)
+{
+    Bytes array(TLV_ARRAY_OVERHEAD);
+    for (const Element &element : elements) {
+        array.resize(array.size() + tlv_size_get(static_cast<uint32_t>(element.second.size())));
+        EXPECT_EQ(add(array, element), TLV_OK);
+    }
+    return array;
+}

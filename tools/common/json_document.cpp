@@ -1,5 +1,7 @@
 #include "tools/common/json_document.hpp"
 
+#include "tools/common/progress.hpp"
+
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
@@ -15,10 +17,28 @@ namespace {
 
 constexpr std::size_t deepest = 64;
 
-// Counts lines while the parser reads.
-class LineCounter {
+// Where the parser is.  It reads at most one character beyond a token, so the line
+// before the last character read is the token's.
+struct Position {
+    uint32_t line;
+    uint32_t previous_line;
+    const char *begin;
+    Progress progress;
+
+    void pass(const char *at)
+    {
+        previous_line = line;
+        if (*at != '\n')
+            return;
+        ++line;
+        progress.reached(static_cast<std::size_t>(at - begin));
+    }
+};
+
+// Keeps the position while the parser reads.
+class PositionKeeper {
 public:
-    LineCounter(const char *at, uint32_t *line, uint32_t *previous) : at_(at), line_(line), previous_(previous) {}
+    PositionKeeper(const char *at, Position &position) : at_(at), position_(&position) {}
 
     using iterator_category = std::input_iterator_tag;
     using value_type = char;
@@ -27,39 +47,31 @@ public:
     using reference = const char &;
 
     reference operator*() const { return *at_; }
-    LineCounter &operator++()
+    PositionKeeper &operator++()
     {
-        *previous_ = *line_;
-        *line_ += *at_ == '\n';
-        ++at_;
+        position_->pass(at_++);
         return *this;
     }
-    LineCounter operator++(int)
+    PositionKeeper operator++(int)
     {
-        LineCounter old = *this;
+        PositionKeeper old = *this;
         ++*this;
         return old;
     }
-    bool operator==(const LineCounter &other) const { return at_ == other.at_; }
-    bool operator!=(const LineCounter &other) const { return at_ != other.at_; }
+    bool operator==(const PositionKeeper &other) const { return at_ == other.at_; }
+    bool operator!=(const PositionKeeper &other) const { return at_ != other.at_; }
 
 private:
     const char *at_;
-    uint32_t *line_;
-    uint32_t *previous_;
+    Position *position_;
 };
 
 // Builds nodes from what the parser finds.
 class Builder {
 public:
-    Builder(const std::string &file, Node &root, uint32_t first_line)
-        : line(first_line), previous_line(first_line), file_(file), root_(root)
+    Builder(const std::string &file, Node &root, const Position &position)
+        : file_(file), root_(root), position_(position)
     {}
-
-    // Where the parser is.  It reads at most one character beyond a token, so the
-    // line before the last character read is the token's.
-    uint32_t line;
-    uint32_t previous_line;
 
     bool null() { return add(Node::Kind::null); }
     bool boolean(bool value) { return add(Node::Kind::boolean, value ? 1 : 0); }
@@ -76,8 +88,8 @@ public:
     bool key(std::string &name)
     {
         if (open_.back()->find(name) != nullptr)
-            throw BadInput(
-                fmt::format("{}:{}: the member \"{}\" stands twice in one object", file_, previous_line, name));
+            throw BadInput(fmt::format("{}:{}: the member \"{}\" stands twice in one object", file_,
+                                       position_.previous_line, name));
         key_ = std::move(name);
         return true;
     }
@@ -89,7 +101,7 @@ public:
         const std::size_t column = text.find("column ");
         const std::size_t reason = text.find(": ", column == std::string_view::npos ? 0 : column);
         const std::string_view said = reason == std::string_view::npos ? text : text.substr(reason + 2);
-        throw BadInput(fmt::format("{}:{}: not JSON: {}", file_, previous_line, said));
+        throw BadInput(fmt::format("{}:{}: not JSON: {}", file_, position_.previous_line, said));
     }
 
 private:
@@ -97,7 +109,7 @@ private:
     {
         Node node;
         node.kind = kind;
-        node.line = previous_line;
+        node.line = position_.previous_line;
         node.number = number;
         node.text = std::move(text);
         place(std::move(node));
@@ -115,10 +127,10 @@ private:
     bool open(Node::Kind kind)
     {
         if (open_.size() == deepest)
-            throw BadInput(fmt::format("{}:{}: nested deeper than {} levels", file_, previous_line, deepest));
+            throw BadInput(fmt::format("{}:{}: nested deeper than {} levels", file_, position_.previous_line, deepest));
         Node node;
         node.kind = kind;
-        node.line = previous_line;
+        node.line = position_.previous_line;
         open_.push_back(&place(std::move(node)));
         return true;
     }
@@ -131,6 +143,7 @@ private:
 
     const std::string &file_;
     Node &root_;
+    const Position &position_;
     std::string key_;
     std::vector<Node *> open_; // stays valid: only the innermost one's children grow
 };
@@ -167,10 +180,10 @@ std::string Node::described() const
 Document parse_json(std::string_view text, std::string file, uint32_t line)
 {
     Document document{std::move(file), {}};
-    Builder builder(document.file, document.root, line);
-    const LineCounter begin(text.data(), &builder.line, &builder.previous_line);
-    const LineCounter end(text.data() + text.size(), &builder.line, &builder.previous_line);
-    nlohmann::json::sax_parse(begin, end, &builder);
+    Position position{line, line, text.data(), Progress("reading " + document.file, text.size())};
+    Builder builder(document.file, document.root, position);
+    nlohmann::json::sax_parse(PositionKeeper(text.data(), position),
+                              PositionKeeper(text.data() + text.size(), position), &builder);
     return document;
 }
 

@@ -1,8 +1,8 @@
 #include "tools/zelctl/classbench.hpp"
 
 #include "tools/common/bad_input.hpp"
+#include "tools/common/progress.hpp"
 #include "tools/common/text_values.hpp"
-#include "tools/zelctl/progress.hpp"
 
 #include <fmt/core.h>
 
@@ -145,7 +145,7 @@ void fill_pair(zel_match_action_pair_t &pair, uint16_t id, const Rule &rule, con
 
 std::vector<Rule> read_classbench(std::string_view text, const std::string &file)
 {
-    Progress progress("reading rules", text.size());
+    tools::Progress progress("reading rules", text.size());
     std::vector<Rule> rules;
     uint32_t line = 1;
     for (std::size_t at = 0; at < text.size(); ++line) {

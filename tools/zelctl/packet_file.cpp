@@ -1,7 +1,7 @@
 #include "tools/zelctl/packet_file.hpp"
 
 #include "tools/common/json_reader.hpp"
-#include "tools/zelctl/progress.hpp"
+#include "tools/common/progress.hpp"
 
 #include <fmt/core.h>
 
@@ -103,7 +103,7 @@ PacketHeader read_json_line(std::string_view text, const std::string &path, uint
 std::vector<PacketHeader> read_packet_file(const std::string &path)
 {
     const std::string bytes = tools::read_file(path);
-    Progress progress("reading packet headers", bytes.size());
+    tools::Progress progress("reading packet headers", bytes.size());
     std::vector<PacketHeader> headers;
     uint32_t line = 1;
     for (std::size_t at = 0; at < bytes.size(); ++line) {

@@ -4,8 +4,8 @@
 #include "tools/common/json_reader.hpp"
 #include "tools/common/json_writer.hpp"
 #include "tools/common/message.hpp"
+#include "tools/common/progress.hpp"
 #include "tools/zelctl/connection.hpp"
-#include "tools/zelctl/progress.hpp"
 
 #include <deque>
 #include <memory>
@@ -84,7 +84,7 @@ struct ApplyArguments {
 int apply_each(const Options &options, const PolicyFiles &files)
 {
     Connection connection(options);
-    Progress progress("applying policies", files.size());
+    tools::Progress progress("applying policies", files.size());
     for (std::size_t i = 0; i < files.size(); ++i) {
         const Answer answer = connection.request([&](zel_api_handle_t *handle, kob_msg_t *msg) {
             return zel_policy_update(handle, &files.at(i), service::op_code_set, msg);

@@ -2,9 +2,9 @@
 #include "platform/reference/tlv_check.h"
 #include "platform/tlv_array.h"
 #include "tools/common/notation.hpp"
+#include "tools/common/progress.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/packet_file.hpp"
-#include "tools/zelctl/progress.hpp"
 
 #include <algorithm>
 #include <memory>
@@ -31,7 +31,7 @@ int run_traffic(const Options &options, const std::string &path)
 {
     const std::vector<PacketHeader> headers = read_packet_file(path);
     Connection connection(options);
-    Progress progress("sending packet headers", headers.size());
+    tools::Progress progress("sending packet headers", headers.size());
     uint64_t matched = 0;
     for (std::size_t sent = 0; sent < headers.size();) {
         const auto some = std::span(headers).subspan(sent, std::min(headers_at_a_time, headers.size() - sent));

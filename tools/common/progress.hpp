@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-namespace zelctl {
+namespace tools {
 
 // Says nothing when standard error is no terminal, nor in the first moments.
 class Progress {
@@ -27,4 +27,4 @@ private:
     Clock::time_point next_;
 };
 
-} // namespace zelctl
+} // namespace tools

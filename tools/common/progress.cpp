@@ -1,4 +1,4 @@
-#include "tools/zelctl/progress.hpp"
+#include "tools/common/progress.hpp"
 
 #include <fmt/core.h>
 
@@ -6,7 +6,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace zelctl {
+namespace tools {
 
 constexpr std::chrono::milliseconds step{200};
 
@@ -30,4 +30,4 @@ void Progress::reached(std::size_t done)
     next_ = Clock::now() + step;
 }
 
-} // namespace zelctl
+} // namespace tools

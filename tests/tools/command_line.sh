@@ -98,3 +98,8 @@ expect 0 "$zelctl" policy check "$dir/p.json"
 printf '@1.2.3.4/32\tnonsense' >"$dir/bad.rules"
 expect 3 "$zelctl" import classbench "$dir/bad.rules"
 says "bad.rules:1: destination address"
+
+# The environment turns the library's traces on.
+expect 2 env ZEL_TRACE_CONSOLE=loud "$zelctl" encode --kind policy_update "$dir/p.json" -o "$dir/m"
+expect 0 env ZEL_TRACE_CONSOLE=104 "$zelctl" encode --kind policy_update "$dir/p.json" -o "$dir/m"
+says "insert successful: type: 8, id: 1."

@@ -5,6 +5,7 @@
 #include "tools/common/json_reader.hpp"
 #include "tools/common/json_writer.hpp"
 #include "tools/common/message_decoder.hpp"
+#include "tools/common/tracing.hpp"
 
 namespace tools {
 namespace {
@@ -72,7 +73,7 @@ std::string encode_message(const Message &message)
     const zel_kob_header_t &header = message.header;
     const uint32_t mat_type = get_mat_obj_type(header.api_type);
     zel_api_handle_t handle{};
-    zel_api_init(&handle, 0, header.app_type, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
+    zel_api_init(&handle, trace_flag(), header.app_type, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
     const uint32_t size = TLV_ARRAY_OVERHEAD + zel_kob_header_get_tlv_sz() +
                           get_mat_obj_size_for_kob(&handle, header.app_type, mat_type, message.graph.root());
     std::string bytes(size, '\0');

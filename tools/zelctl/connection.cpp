@@ -3,6 +3,7 @@
 #include "platform/reference/kob_client.h"
 #include "tools/common/notation.hpp"
 #include "tools/common/service_protocol.hpp"
+#include "tools/common/tracing.hpp"
 
 #include <fmt/core.h>
 
@@ -52,7 +53,7 @@ Connection::Connection(const Options &options) : address_(options.service)
     kob_ = kob_open(address_.c_str(), &limits, &error);
     if (kob_ == 0)
         fail(address_, error);
-    zel_api_init(&handle_, 0, options.app, kob_, nullptr, nullptr, nullptr);
+    zel_api_init(&handle_, tools::trace_flag(), options.app, kob_, nullptr, nullptr, nullptr);
 }
 
 Connection::~Connection() { kob_close(kob_); }

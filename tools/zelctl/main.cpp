@@ -1,11 +1,13 @@
 // zelctl: the policy service's client for people and scripts.
 #include "tools/common/bad_input.hpp"
+#include "tools/common/tracing.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"
 
 #include <fmt/core.h>
 
+#include <cstring>
 #include <exception>
 
 namespace zelctl {
@@ -25,8 +27,10 @@ void add_global_options(CLI::App &app, Options &options)
         ->type_name("NUMBER")
         ->capture_default_str();
     app.add_flag("--json", options.json, "Print JSON, for scripts");
-    app.footer("Exit codes: 0 done; 1 refused by the service; 2 command line not understood; 3 a file that\n"
-               "cannot be read or is not right; 4 no service or no answer; 5 any other failure.");
+    app.footer(
+        std::string("Exit codes: 0 done; 1 refused by the service; 2 command line not understood; 3 a file that\n"
+                    "cannot be read or is not right; 4 no service or no answer; 5 any other failure.\n") +
+        tools::trace_help);
 }
 
 int complain(const std::exception &fault, int code)
@@ -79,6 +83,10 @@ int main(int argc, char **argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &fault) {
         return app.exit(fault) == 0 ? exit_ok : exit_usage;
+    }
+    if (const int32_t error = zel_trace_init(); error != 0) {
+        fmt::print(stderr, "zelctl: the ZEL_TRACE variables cannot be followed: {}\n", std::strerror(error));
+        return exit_usage;
     }
     return run(chosen);
 }

@@ -1,11 +1,13 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
 #include "platform/heartbeat.h"
+#include "tools/common/tracing.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/notify.hpp"
 #include "tools/zeld/service.hpp"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstring>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -56,7 +58,9 @@ void add_options(CLI::App &app, Options &options)
                                                                             {"debug", LogLevel::debug},
                                                                             {"trace", LogLevel::trace}}))
         ->default_str("info");
-    app.footer("Exit codes: 0 stopped by SIGINT or SIGTERM, 1 failed, 2 usage, 3 address, 4 state file.");
+    app.footer(
+        std::string("Exit codes: 0 stopped by SIGINT or SIGTERM, 1 failed, 2 usage, 3 address, 4 state file.\n") +
+        tools::trace_help);
 }
 
 // A descriptor that is readable when the process is to stop.  The signals are
@@ -153,6 +157,10 @@ ExitCode run_command_line(int argc, char **argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? exit_ok : exit_usage;
+    }
+    if (const int32_t error = zel_trace_init(); error != 0) {
+        log(LogLevel::error, "the ZEL_TRACE variables cannot be followed: {}", std::strerror(error));
+        return exit_usage;
     }
     return start(options);
 }

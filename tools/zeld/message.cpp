@@ -4,6 +4,7 @@
 #include "platform/reference/tlv_check.h"
 #include "platform/tlv_array.h"
 #include "platform/transport.h"
+#include "tools/common/tracing.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/message_check.hpp"
 
@@ -37,7 +38,8 @@ zel_api_handle_t make_handle()
     has_library_failed = false;
     zel_api_handle_t handle{};
     const zel_trace_cb_t detail = is_logged(LogLevel::trace) ? report<LogLevel::trace> : nullptr;
-    zel_api_init(&handle, 0, 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::error>, report<LogLevel::warn>, detail);
+    zel_api_init(&handle, tools::trace_flag(), 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::error>, report<LogLevel::warn>,
+                 detail);
     return handle;
 }
 

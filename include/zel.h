@@ -1075,6 +1075,100 @@ ZEL_EXPORT void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *hand
                                         uint32_t *app_type_inout);
 
 /* ------------------------------------------------------------------------
+ * Verifier (addition)
+ *
+ * The parser above makes the best of what it gets.  The verifier answers the
+ * other question, before anything is built: does this message have exactly the
+ * shape that send_to_zel() gives messages?  A service verifies first and parses
+ * what passed: that is then read without a report, owns what it says it owns,
+ * and can be encoded again and freed.
+ *
+ *     zel_verify_report_t report = {.size = sizeof report};
+ *     if (zel_verify_mat_obj_from_kob(ctx, kob_msg, NULL, &report) != ZEL_VERIFY_OK) {
+ *         char text[ZEL_VERIFY_TEXT_SIZE];
+ *         zel_verify_report_text(&report, text, sizeof text);
+ *         ... refuse the message and say why ...
+ *     }
+ *
+ * What passes: one header; then one object of the kind that the header's request
+ * kind names (a delete may lack it); every record with its markers and all of its
+ * members, each once and in the order of encoding; every value as wide as its
+ * field; as many members as their count says; the parameter that the type
+ * selects, and no other; a match or action in full once, and references only to
+ * such a one of the same kind, before them; and nothing after the object.
+ *
+ * An element whose id no record has may come from a newer peer.  Wherever it
+ * stands, it is passed over and counted; the parser will warn of each.
+ *
+ * Nothing is allocated, traced or changed; time is linear in the message and
+ * some 17 KiB of stack are used.  Reentrant.
+ * ------------------------------------------------------------------------ */
+
+/* The rules, and what expected and found are when one is broken. */
+enum {
+    ZEL_VERIFY_OK = 0,
+    ZEL_VERIFY_NO_MESSAGE = 1,      /* there is no payload */
+    ZEL_VERIFY_DAMAGED = 2,         /* an element that cannot be read; id that was expected, 0 */
+    ZEL_VERIFY_INCOMPLETE = 3,      /* the message ends early; id that was expected, 0 */
+    ZEL_VERIFY_HEADER = 4,          /* the header does not come first; its id, id found */
+    ZEL_VERIFY_REQUEST_KIND = 5,    /* an unknown request kind; largest known kind, kind found */
+    ZEL_VERIFY_OBJECT = 6,          /* not the object of the request kind; ids */
+    ZEL_VERIFY_PLACE = 7,           /* an element missing, repeated, misplaced or badly nested; ids */
+    ZEL_VERIFY_WIDTH = 8,           /* a value of the wrong length; bytes */
+    ZEL_VERIFY_MARKER = 9,          /* a marker whose value is not 0; values */
+    ZEL_VERIFY_COUNT = 10,          /* a count that is not the number of members; numbers */
+    ZEL_VERIFY_PARAMETER = 11,      /* a type and a parameter that disagree; ids, 0 for no parameter */
+    ZEL_VERIFY_REFERENCE = 12,      /* a reference to an object that has not come; MAT type, MAT id */
+    ZEL_VERIFY_REFERENCE_KIND = 13, /* a reference to an object of another kind; MAT types */
+    ZEL_VERIFY_REPEATED = 14,       /* an object that has come in full before; MAT type, MAT id */
+    ZEL_VERIFY_UNKNOWN = 15,        /* an unknown element, when strict; id that was expected, id found */
+    ZEL_VERIFY_TRAILING = 16        /* an element after the object; 0, id found */
+};
+
+/* Options.  Null stands for all zero.  A later version may add members at the end. */
+typedef struct {
+    uint32_t size;   /* sizeof(zel_verify_options_t), set by the caller */
+    uint32_t strict; /* not 0: an unknown element breaks a rule */
+} zel_verify_options_t;
+
+#define ZEL_VERIFY_PATH_SIZE 96  /* longest object path, with its NUL */
+#define ZEL_VERIFY_TEXT_SIZE 256 /* longest text of a report, with its NUL */
+
+/* What was found.  The first fault wins. */
+typedef struct {
+    uint32_t size;                   /* sizeof(zel_verify_report_t), set by the caller; no more is written */
+    uint32_t rule;                   /* the broken rule, or ZEL_VERIFY_OK */
+    uint32_t offset;                 /* bytes from the start of the array to the element at fault */
+    uint32_t element_index;          /* of that element in the array, from 0 */
+    uint32_t element_id;             /* its id; 0 where there is none */
+    uint32_t expected;               /* as the rule says */
+    uint32_t found;                  /* as the rule says */
+    uint32_t unknown_elements;       /* that were passed over so far */
+    char path[ZEL_VERIFY_PATH_SIZE]; /* the object that it belongs to: "policy / pair 7 / match 2"; members from 1 */
+} zel_verify_report_t;
+
+/*
+ * Verifies a received message, given as the parser gets it.  options and report
+ * may be null.  Returns ZEL_VERIFY_OK or the broken rule.
+ */
+ZEL_EXPORT uint32_t zel_verify_mat_obj_from_kob(uint32_t kob_ctx, void *kob_msg, const zel_verify_options_t *options,
+                                                zel_verify_report_t *report);
+
+/* The same for a TLV array. */
+ZEL_EXPORT uint32_t zel_verify_tlv_array(const void *tlv_array, const zel_verify_options_t *options,
+                                         zel_verify_report_t *report);
+
+/* A rule in words; never null. */
+ZEL_EXPORT const char *zel_verify_rule_text(uint32_t rule);
+
+/*
+ * A report in one line, without line feed:
+ * "policy / pair 7 / match 2: type and parameter disagree: expected 20, found 40 (element 31, id 40, offset 190)".
+ * Cut to size bytes with the NUL; returns the whole length without it, like snprintf().
+ */
+ZEL_EXPORT int32_t zel_verify_report_text(const zel_verify_report_t *report, char *text, uint32_t size);
+
+/* ------------------------------------------------------------------------
  * Statistics records
  *
  * Offsets are the same on every ABI: natural alignment would move fields on

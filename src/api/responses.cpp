@@ -1,6 +1,6 @@
 // Reading what came back, and a first look at what came in.
+#include "model/payload.hpp"
 #include "platform/tlv_array.h"
-#include "platform/transport.h"
 #include "zel.h"
 
 #include <cstddef>
@@ -48,8 +48,7 @@ int32_t zel_parse_response(void *kob_msg, uint32_t *status, uint32_t *error, cha
 
 uint32_t zel_get_app_type(uint32_t mp_ctx, void *kob_msg)
 {
-    const bool in_parts = mpkob_is_mpkob(mp_ctx, kob_msg) != 0;
-    return whole_header_word(in_parts ? mpkob_payload_get(mp_ctx, kob_msg) : kob_payload_get(kob_msg), 1);
+    return whole_header_word(zel::payload_of(mp_ctx, kob_msg), 1);
 }
 
 uint32_t zel_get_api_type(void *kob_msg) { return whole_header_word(kob_payload_get(kob_msg), 0); }

@@ -9,13 +9,15 @@ using namespace zel;
     int32_t zel_parse_##object##_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,           \
                                           zel_##object##_t *record, uint32_t *tlv_subtotal)                            \
     {                                                                                                                  \
-        return decode({*handle, tlv_array, *cursor, 0}, *record, *tlv_subtotal);                                       \
+        Claims claims{tlv_array};                                                                                      \
+        return decode({*handle, tlv_array, *cursor, 0, claims}, *record, *tlv_subtotal);                               \
     }
 #define DECODER_WITH_APP(object)                                                                                       \
     int32_t zel_parse_##object##_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,           \
                                           zel_##object##_t *record, uint32_t *tlv_subtotal, uint32_t app_type)         \
     {                                                                                                                  \
-        return decode({*handle, tlv_array, *cursor, app_type}, *record, *tlv_subtotal);                                \
+        Claims claims{tlv_array};                                                                                      \
+        return decode({*handle, tlv_array, *cursor, app_type, claims}, *record, *tlv_subtotal);                        \
     }
 
 DECODER(kob_header)

@@ -19,6 +19,7 @@ struct Source {
     const void *array;
     uint32_t &cursor;
     uint32_t app_type;
+    Claims &claims;
 };
 
 struct TlvElement {
@@ -33,19 +34,26 @@ template <class R> struct Frame {
     R &record;
     uint32_t &subtotal;
 
-    // The record's sequence: whether this call allocated its array, and whether
-    // members were read into it.  An array that was there before is never used.
-    bool array_is_ours = false;
-    bool array_is_filled = false;
+    // The array of the record's sequence.  One that was there before is never used.
+    enum class Array { before, empty, filled, closed } array = Array::before;
 
     // The MAT type that a reference named; 0 until it does.
     uint32_t reference_mat_type = 0;
+
+    // Whether the parameter area may be taken for what the type says it owns.
+    bool is_sound = true;
 };
 
 template <class R>
 inline constexpr const char *decoder_name = c_str<FixedString("zel_parse_") + Wire<R>::name + FixedString("_from_tlv")>;
 
-template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtotal);
+template <class R> int32_t decode(Frame<R> &frame);
+
+template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtotal)
+{
+    Frame<R> frame{in, record, subtotal};
+    return decode(frame);
+}
 
 template <class R, class C> void decode_child(Frame<R> &frame, C &child)
 {
@@ -82,12 +90,27 @@ template <class R, auto Member> bool accept(Frame<R> &frame, const TlvElement &e
     return true;
 }
 
+// A service is the one parameter that owns something.  Records share the area, so
+// its array is the decoder's own only if it is the last that came there, and its
+// count came, too, unless nothing was there before.
+inline bool is_sound(const Frame<zel_match_service_t> &service)
+{
+    return service.array != Frame<zel_match_service_t>::Array::before || service.record.elements == nullptr;
+}
+
+template <class C> bool is_sound(const Frame<C> &) { return false; }
+
 template <class R, uint32_t Value, auto... Path>
 bool accept_option(Frame<R> &frame, const TlvElement &element, Option<Value, Path...>)
 {
-    if (element.type != Wire<Target<Path...>>::start)
+    using Child = Target<Path...>;
+    if (element.type != Wire<Child>::start)
         return false;
-    decode_child(frame, follow<Path...>(frame.record));
+    uint32_t count = 0;
+    Frame<Child> child{frame.in, follow<Path...>(frame.record), count};
+    decode(child);
+    frame.subtotal += count;
+    frame.is_sound = is_sound(child);
     return true;
 }
 
@@ -106,14 +129,14 @@ template <class R> void report_no_memory(const Frame<R> &frame, std::size_t coun
 
 template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, const TlvElement &element)
 {
+    using State = typename Frame<R>::Array;
     auto &count = frame.record.*Count;
     auto &array = frame.record.*Array;
-    if (frame.array_is_ours && !frame.array_is_filled)
+    if (frame.array == State::empty)
         std::free(static_cast<void *>(array));
-    frame.array_is_ours = false;
-    frame.array_is_filled = false;
+    frame.array = State::closed;
     array = nullptr;
-    count = plausible_count(frame.in.array, load<Value<Count>>(element));
+    count = static_cast<Value<Count>>(grant(frame.in.claims, load<Value<Count>>(element)));
     if (count == 0)
         return;
     array = static_cast<Value<Array>>(std::calloc(count, sizeof *array));
@@ -122,23 +145,24 @@ template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, 
         count = 0;
         return;
     }
-    frame.array_is_ours = true;
+    frame.array = State::empty;
 }
 
 // All members at the first one's start marker.  When memory runs out, the count
 // shrinks to the members that are there, and further ones are left to be skipped.
 template <auto Count, auto Array, class R> void decode_members(Frame<R> &frame)
 {
+    using State = typename Frame<R>::Array;
     auto &count = frame.record.*Count;
-    if (!frame.array_is_ours)
+    if (frame.array != State::empty && frame.array != State::filled)
         return;
-    frame.array_is_filled = true;
+    frame.array = State::filled;
     for (uint32_t i = 0; i < count; ++i) {
         auto *const member = static_cast<Element<Array> *>(std::calloc(1, sizeof(Element<Array>)));
         if (member == nullptr) {
             report_no_memory(frame, 1, sizeof(Element<Array>));
             count = static_cast<Value<Count>>(i);
-            frame.array_is_ours = false;
+            frame.array = State::closed;
             return;
         }
         (frame.record.*Array)[i] = member;
@@ -215,18 +239,30 @@ template <class R> void finish(Frame<R> &frame)
     }
 }
 
-template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtotal)
+// A match that says service and carries something else would have its releaser
+// follow pointers that the sender chose.  The mark of a copy keeps it away.
+template <class R> void disown_unsound(Frame<R> &frame)
 {
-    Frame<R> frame{in, record, subtotal};
+    if constexpr (std::is_same_v<R, zel_match_t>) {
+        if (frame.record.type == ZEL_MATCH_TYPE_SERVICE && !frame.is_sound)
+            frame.record.cached = 1;
+    }
+}
+
+template <class R> int32_t decode(Frame<R> &frame)
+{
+    const Source &in = frame.in;
+    uint32_t &subtotal = frame.subtotal;
     subtotal = 0;
     if constexpr (is_shareable<R>)
-        record.cached = 0;
+        frame.record.cached = 0;
     for (;;) {
         TlvElement element{};
         const int32_t status =
             tlv_array_get_next_tlv(in.array, &element.type, &element.length, &element.value, 0, &in.cursor);
         if (status != 0) {
             trace(in.handle, Severity::error, decoder_name<R>, "tlv-get failed, tlv_subtotal: %d\n"_trace, subtotal);
+            disown_unsound(frame);
             return status;
         }
         trace(in.handle, Severity::detail, decoder_name<R>, "tlv type: %d, tlv_subtotal: %d"_trace, element.type,
@@ -234,6 +270,7 @@ template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtota
         ++subtotal;
         if (element.type == Wire<R>::end) {
             finish(frame);
+            disown_unsound(frame);
             return 0;
         }
         // A member of a sequence finds its own start marker here, unless it is the first.

@@ -40,15 +40,30 @@ inline constexpr ValueReport value_report<&zel_match_arp_opcode_t::opcode>{true,
 template <>
 inline constexpr ValueReport value_report<&zel_match_eth_proto_t::type>{true, "Match Eth proto type: 0x%x\n"_trace};
 
-// A 16-bit count is taken as it comes.  The 32-bit count of a statistics request
-// could ask for gigabytes: above a limit that a 16-bit reader of counts would
-// never reach, it is held to what the message can contain.
-inline uint16_t plausible_count(const void *, uint16_t count) { return count; }
+// How many members a message may claim.  A count costs the sender a few bytes and
+// the reader an array.  So the counts of a message are taken as they come only up
+// to a sum that is generous for any one of them; what they claim beyond that is
+// held, all together, to what the message can contain.
+struct Claims {
+    const void *array;
+    uint32_t unquestioned = 131072;
+    uint32_t contained = 0;
+    bool is_counted = false;
+};
 
-inline uint32_t plausible_count(const void *array, uint32_t count)
+inline uint32_t grant(Claims &claims, uint32_t count)
 {
-    constexpr uint32_t unquestioned = 131072;
-    return count <= unquestioned ? count : std::min(count, tlv_array_get_num_tlvs(array, 0));
+    if (count <= claims.unquestioned) {
+        claims.unquestioned -= count;
+        return count;
+    }
+    if (!claims.is_counted) {
+        claims.is_counted = true;
+        claims.contained = tlv_array_get_num_tlvs(claims.array, 0);
+    }
+    const uint32_t granted = std::min(count, claims.contained);
+    claims.contained -= granted;
+    return granted;
 }
 
 } // namespace zel

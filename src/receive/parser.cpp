@@ -1,12 +1,9 @@
 // The message parser: the service's side of send_to_zel().
-#include "model/mat_objects.hpp"
-#include "model/trace.hpp"
-#include "platform/tlv_array.h"
-#include "platform/transport.h"
+#include "decode/frame.hpp"
+#include "model/payload.hpp"
 
 #include <array>
 #include <cstdlib>
-#include <type_traits>
 #include <unistd.h>
 
 namespace zel {
@@ -19,14 +16,15 @@ constexpr auto process_id = [] { return getpid(); };
 
 struct Parse {
     zel_api_handle_t &handle;
-    const void *payload;
     uint32_t &app_type;
     uint32_t *api_type_out;
     uint16_t *policy_id_out;
 
+    const void *payload = nullptr;
     uint32_t num_tlvs = 0;
     uint32_t consumed = 0;
     uint32_t cursor = 0;
+    Claims claims{};
     zel_kob_header_t header{};
     std::array<void *, num_mat_types> last_objects{}; // by MAT type
 };
@@ -75,8 +73,15 @@ void publish(Parse &parse, zel_policy_t &policy)
     parse.last_objects[ZEL_MAT_TYPE_POLICY] = &policy;
 }
 
+template <class R> void read(Parse &parse, R &record)
+{
+    uint32_t subtotal = 0;
+    decode({parse.handle, parse.payload, parse.cursor, parse.app_type, parse.claims}, record, subtotal);
+    parse.consumed += subtotal;
+}
+
 // Builds the object whose start marker has just been read.  False: out of memory.
-template <class R, auto Decoder> bool build(Parse &parse)
+template <class R> bool build(Parse &parse)
 {
     auto *const record = static_cast<R *>(std::calloc(1, sizeof(R)));
     if (record == nullptr) {
@@ -84,30 +89,22 @@ template <class R, auto Decoder> bool build(Parse &parse)
                static_cast<uint32_t>(sizeof(R)));
         return false;
     }
-    uint32_t subtotal = 0;
-    if constexpr (std::is_invocable_v<decltype(Decoder), zel_api_handle_t *, const void *, uint32_t *, R *, uint32_t *,
-                                      uint32_t>)
-        Decoder(&parse.handle, parse.payload, &parse.cursor, record, &subtotal, parse.app_type);
-    else
-        Decoder(&parse.handle, parse.payload, &parse.cursor, record, &subtotal);
+    read(parse, *record);
     describe(parse, *record);
-    parse.consumed += subtotal;
     publish(parse, *record);
     return true;
 }
 
 bool build_header(Parse &parse)
 {
-    uint32_t subtotal = 0;
     const zel_kob_header_t &header = parse.header;
-    zel_parse_kob_header_from_tlv(&parse.handle, parse.payload, &parse.cursor, &parse.header, &subtotal);
+    read(parse, parse.header);
     *parse.api_type_out = header.api_type;
     parse.app_type = header.app_type;
     *parse.policy_id_out = header.policy_id;
     report(parse, 4136,
            "PID %d: type: TLV_ZEL_KOB_HEADER, api_type: %d, app_type: %d, policy_id: %d, op_code: %d"_trace, process_id,
            header.api_type, header.app_type, header.policy_id, header.op_code);
-    parse.consumed += subtotal;
     return true;
 }
 
@@ -119,27 +116,26 @@ struct Row {
     bool (*build)(Parse &);
 };
 
-template <class R, auto Decoder> consteval Row row(int line)
+template <class R> consteval Row row(int line)
 {
-    return {c_str<trace_prefix + MatObjectOf<R>::tlv_name + FixedString("\n")>, line, Wire<R>::start,
-            build<R, Decoder>};
+    return {c_str<trace_prefix + MatObjectOf<R>::tlv_name + FixedString("\n")>, line, Wire<R>::start, build<R>};
 }
 
 constexpr Row rows[] = {
     {"TLV_ZEL_KOB_HEADER\n"_trace, 4123, Wire<zel_kob_header_t>::start, build_header},
-    row<zel_policy_list_t, zel_parse_policy_list_from_tlv>(4142),
-    row<zel_policy_t, zel_parse_policy_from_tlv>(4155),
-    row<zel_if_group_t, zel_parse_if_group_from_tlv>(4171),
-    row<zel_if_element_t, zel_parse_if_element_from_tlv>(4182),
-    row<zel_match_action_pair_grp_t, zel_parse_match_action_pair_grp_from_tlv>(4194),
-    row<zel_match_action_pair_t, zel_parse_match_action_pair_from_tlv>(4206),
-    row<zel_match_grp_t, zel_parse_match_grp_from_tlv>(4219),
-    row<zel_match_t, zel_parse_match_from_tlv>(4234),
-    row<zel_match_service_element_t, zel_parse_match_service_element_from_tlv>(4249),
-    row<zel_action_grp_t, zel_parse_action_grp_from_tlv>(4261),
-    row<zel_action_t, zel_parse_action_from_tlv>(4277),
-    row<zel_stat_request_t, zel_parse_stat_request_from_tlv>(4291),
-    row<zel_stat_request_entry_t, zel_parse_stat_request_entry_from_tlv>(4303),
+    row<zel_policy_list_t>(4142),
+    row<zel_policy_t>(4155),
+    row<zel_if_group_t>(4171),
+    row<zel_if_element_t>(4182),
+    row<zel_match_action_pair_grp_t>(4194),
+    row<zel_match_action_pair_t>(4206),
+    row<zel_match_grp_t>(4219),
+    row<zel_match_t>(4234),
+    row<zel_match_service_element_t>(4249),
+    row<zel_action_grp_t>(4261),
+    row<zel_action_t>(4277),
+    row<zel_stat_request_t>(4291),
+    row<zel_stat_request_entry_t>(4303),
 };
 
 const Row *find_row(uint16_t type)
@@ -173,11 +169,6 @@ void read_objects(Parse &parse)
     }
 }
 
-const void *payload_of(uint32_t kob_ctx, void *kob_msg)
-{
-    return mpkob_is_mpkob(kob_ctx, kob_msg) != 0 ? mpkob_payload_get(kob_ctx, kob_msg) : kob_payload_get(kob_msg);
-}
-
 } // namespace
 } // namespace zel
 
@@ -186,9 +177,10 @@ using namespace zel;
 void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *handle, void *kob_msg, uint32_t *mat_type_out,
                              uint32_t *api_type_out, uint16_t *policy_id_out, uint32_t *app_type_inout)
 {
-    Parse parse{*handle, nullptr, *app_type_inout, api_type_out, policy_id_out};
+    Parse parse{*handle, *app_type_inout, api_type_out, policy_id_out};
     report(parse, 4092, "parse_mat_obj_from_kob() begins.\n"_trace);
     parse.payload = payload_of(kob_ctx, kob_msg);
+    parse.claims.array = parse.payload;
     if (parse.payload != nullptr)
         parse.num_tlvs = tlv_array_get_num_tlvs(parse.payload, 0);
     report(parse, 4104, "num_tlvs: %d\n"_trace, parse.num_tlvs);

@@ -1,0 +1,128 @@
+// The exported verifier: a message from end to end, and its report.
+#include "model/payload.hpp"
+#include "verify/verifier.hpp"
+
+#include <algorithm>
+
+namespace zel {
+namespace {
+
+// An options record of a caller that knows fewer options, or more.
+zel_verify_options_t read_options(const zel_verify_options_t *given)
+{
+    zel_verify_options_t options{};
+    if (given != nullptr)
+        std::memcpy(&options, given, std::min<std::size_t>(given->size, sizeof options));
+    return options;
+}
+
+void hand_out(const zel_verify_report_t &report, zel_verify_report_t *out)
+{
+    if (out == nullptr)
+        return;
+    const uint32_t size = out->size;
+    std::memcpy(out, &report, std::min<std::size_t>(size, sizeof report));
+    out->size = size;
+}
+
+template <class R> bool verify_object(Verification &v, const char *noun)
+{
+    const Place place{nullptr, noun, 0};
+    v.place = &place;
+    const bool is_verified = verify_record<R>(v, ZEL_VERIFY_OBJECT);
+    v.place = nullptr;
+    return is_verified;
+}
+
+template <class... O> bool verify_object(Verification &v, uint32_t mat_type, MatObjectList<O...>)
+{
+    bool is_verified = true;
+    ((mat_type == O::type && (is_verified = verify_object<typename O::record>(v, O::noun.text), true)) || ...);
+    return is_verified;
+}
+
+bool verify_header(Verification &v, zel_kob_header_t &header)
+{
+    const Place place{nullptr, "header", 0};
+    v.place = &place;
+    const bool is_verified = verify_record(v, header, ZEL_VERIFY_HEADER);
+    v.place = nullptr;
+    return is_verified;
+}
+
+bool verify_end(Verification &v)
+{
+    if (v.at_end && v.index == tlv_array_get_num_tlvs(v.array, 0))
+        return true;
+    return refuse(v, ZEL_VERIFY_TRAILING, 0, v.type);
+}
+
+bool verify_message(Verification &v)
+{
+    zel_kob_header_t header{};
+    read_next(v);
+    if (!verify_header(v, header))
+        return false;
+    const bool may_lack_object = header.api_type == ZEL_API_POLICY_DELETE;
+    if (!(may_lack_object && v.at_end) && !verify_object(v, get_mat_obj_type(header.api_type), MatObjects{}))
+        return false;
+    return verify_end(v);
+}
+
+constexpr const char *rule_texts[] = {
+    "accepted",
+    "there is no message",
+    "an element is damaged",
+    "the message ends too early",
+    "the header does not come first",
+    "the request kind is not known",
+    "not the object that the request kind names",
+    "an element is not in its place",
+    "a value has the wrong length",
+    "the value of a marker is not 0",
+    "the count is not the number of members",
+    "type and parameter disagree",
+    "a reference names an object that has not come",
+    "a reference names an object of another kind",
+    "an object comes in full again",
+    "an element is not known",
+    "something follows the object",
+};
+static_assert(std::size(rule_texts) == ZEL_VERIFY_TRAILING + 1);
+
+} // namespace
+} // namespace zel
+
+using namespace zel;
+
+uint32_t zel_verify_mat_obj_from_kob(uint32_t kob_ctx, void *kob_msg, const zel_verify_options_t *options,
+                                     zel_verify_report_t *report)
+{
+    return zel_verify_tlv_array(payload_of(kob_ctx, kob_msg), options, report);
+}
+
+uint32_t zel_verify_tlv_array(const void *tlv_array, const zel_verify_options_t *options, zel_verify_report_t *report)
+{
+    Verification v{.array = tlv_array, .strict = read_options(options).strict != 0};
+    if (tlv_array == nullptr)
+        v.report.rule = ZEL_VERIFY_NO_MESSAGE;
+    else
+        verify_message(v);
+    hand_out(v.report, report);
+    return v.report.rule;
+}
+
+const char *zel_verify_rule_text(uint32_t rule)
+{
+    return rule < std::size(rule_texts) ? rule_texts[rule] : "unknown rule";
+}
+
+int32_t zel_verify_report_text(const zel_verify_report_t *report, char *text, uint32_t size)
+{
+    const char *const rule = zel_verify_rule_text(report->rule);
+    if (report->rule == ZEL_VERIFY_OK || report->rule == ZEL_VERIFY_NO_MESSAGE)
+        return std::snprintf(text, size, "%s", rule);
+    return std::snprintf(text, size, "%s%s%s: expected %u, found %u (element %u, id %u, offset %u)", report->path,
+                         report->path[0] != '\0' ? ": " : "", rule, report->expected, report->found,
+                         report->element_index, report->element_id, report->offset);
+}

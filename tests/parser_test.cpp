@@ -28,14 +28,6 @@ Parsed parse(zel_api_handle_t &handle, const Bytes &payload, bool multi_part = f
     return parsed;
 }
 
-// A message with a header of this request kind.
-Bytes message(uint32_t api_type, const std::string &elements)
-{
-    char kind[16];
-    snprintf(kind, sizeof kind, "%02x", api_type);
-    return array(std::string("1 4:") + kind + "000000 5:04000000 6:0600 7:07000000 2 " + elements);
-}
-
 std::string pid_line(const std::string &text) { return "PID " + std::to_string(getpid()) + ": type: " + text; }
 
 void free_all()

@@ -90,9 +90,21 @@ CALLBACK(err)
 CALLBACK(warn)
 CALLBACK(dbg)
 
+Bytes array(const std::vector<ReadElement> &elements)
+{
+    size_t size = 4 + 64;
+    for (const ReadElement &element : elements)
+        size += __real_tlv_size_get(static_cast<uint32_t>(element.value.size()));
+    Bytes bytes(size);
+    for (const auto &[id, value] : elements)
+        __real_tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(size), id, static_cast<uint16_t>(value.size()),
+                                 value.data(), 0);
+    return bytes;
+}
+
 Bytes array(const std::string &elements)
 {
-    Bytes bytes(4 + elements.size() * 4 + 64);
+    std::vector<ReadElement> list;
     std::istringstream tokens(elements);
     for (std::string token; tokens >> token;) {
         Bytes value;
@@ -101,11 +113,16 @@ Bytes array(const std::string &elements)
             value.push_back(static_cast<uint8_t>(std::stoi(token.substr(at + 1, 2), nullptr, 16)));
         if (colon == std::string::npos)
             value.push_back(0);
-        __real_tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(bytes.size()),
-                                 static_cast<uint16_t>(std::stoi(token)), static_cast<uint16_t>(value.size()),
-                                 value.data(), 0);
+        list.push_back({static_cast<uint16_t>(std::stoi(token)), value});
     }
-    return bytes;
+    return array(list);
+}
+
+Bytes message(uint32_t api_type, const std::string &elements)
+{
+    char kind[16];
+    snprintf(kind, sizeof kind, "%02x", api_type);
+    return array(std::string("1 4:") + kind + "000000 5:04000000 6:0600 7:07000000 2 " + elements);
 }
 
 std::vector<ReadElement> elements_of(const Bytes &array)

@@ -90,5 +90,9 @@ struct ReadElement {
     Bytes value;
 };
 std::vector<ReadElement> elements_of(const Bytes &array);
+Bytes array(const std::vector<ReadElement> &elements);
+
+// A message: a header with this request kind, then the elements.
+Bytes message(uint32_t api_type, const std::string &elements);
 
 } // namespace test

@@ -225,6 +225,39 @@ TEST(Decode, References)
     EXPECT_TRUE(heap.live.empty());
 }
 
+// The releaser takes a match's word that it is a service; the mark of a copy
+// keeps it from one whose parameter is something else.
+TEST(Decode, MatchThatDoesNotOwnWhatItSays)
+{
+    const std::string type = "28:04000000 ", service = "20 22:0100 9 10 21 ";
+    const std::string label = "32 34:0200 35:10000000 36:10000000 37:00000000 33 ";
+    const struct {
+        std::string elements;
+        uint32_t cached;
+        size_t lost; // blocks that were displaced
+    } cases[] = {
+        {type + service + "24", 0, 0},
+        {service + type + "24", 0, 0},
+        {type + "20 21 24", 0, 0},
+        {type + label + "24", 1, 0},
+        {label + type, 1, 0},
+        {type + label + "20 21 24", 1, 0},
+        {type + label + service + "24", 0, 0},
+        {type + service + label + "24", 1, 2},
+        {service + "24", 0, 2},
+    };
+    for (const auto &c : cases) {
+        auto handle = fresh_handle();
+        zel_match_t match{};
+        decode(zel_parse_match_from_tlv, handle, array(c.elements), match);
+        EXPECT_EQ(match.cached, c.cached) << c.elements;
+        zel_empty_mat_cache(&handle);
+        free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH, &match);
+        EXPECT_EQ(heap.live.size(), c.lost) << c.elements;
+        free_heap();
+    }
+}
+
 // Whatever allocation fails, the rest stays consistent and can be freed.
 TEST(Decode, AnyAllocationFails)
 {

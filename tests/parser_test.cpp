@@ -30,12 +30,6 @@ Parsed parse(zel_api_handle_t &handle, const Bytes &payload, bool multi_part = f
 
 std::string pid_line(const std::string &text) { return "PID " + std::to_string(getpid()) + ": type: " + text; }
 
-void free_all()
-{
-    while (!heap.live.empty())
-        std::free(const_cast<void *>(heap.live.begin()->first));
-}
-
 } // namespace
 
 TEST(Parser, TracesOfAMessage)
@@ -98,7 +92,7 @@ TEST(Parser, EveryTopLevelObject)
         const auto texts = platform.reported("dbg");
         EXPECT_EQ(std::count(texts.begin(), texts.end(), pid_line(c.detail)), c.detail.empty() ? 0 : 1) << c.detail;
         EXPECT_EQ(heap.live.size(), 1u);
-        free_all();
+        free_heap();
     }
 }
 
@@ -108,21 +102,21 @@ TEST(Parser, SelectionAmongSeveralObjects)
     const std::string policies = "116 119:0100 117 116 119:0200 113 115:0000 114 117";
     Parsed parsed = parse(handle, message(2, policies));
     EXPECT_EQ(static_cast<zel_policy_t *>(parsed.object)->id, 2);
-    free_all();
+    free_heap();
     // A policy answers for its groups, at their place in it.
     for (const auto &[kind, offset] :
          {std::pair{3u, offsetof(zel_policy_t, match_action_pair_group)}, {9u, offsetof(zel_policy_t, if_group)}}) {
         parsed = parse(handle, message(kind, "116 119:0100 117"));
         ASSERT_EQ(heap.live.size(), 1u);
         EXPECT_EQ(parsed.object, static_cast<const char *>(heap.live.begin()->first) + offset);
-        free_all();
+        free_heap();
     }
     // No header: nothing is selected, and the caller's application type stands.
     parsed = parse(handle, array(policies));
     EXPECT_EQ(std::tie(parsed.mat_type, parsed.api_type, parsed.policy_id, parsed.app_type),
               std::make_tuple(0u, 98u, 97, 2u));
     EXPECT_EQ(parsed.object, nullptr);
-    free_all();
+    free_heap();
 }
 
 TEST(Parser, UnreadableAndEmptyMessages)
@@ -152,7 +146,23 @@ TEST(Parser, UnreadableAndEmptyMessages)
     EXPECT_EQ(static_cast<zel_match_t *>(parsed.object)->id, 5);
     EXPECT_EQ(platform.reported("dbg").end()[-2], "tlv-get failed, i: 10, num_tlvs: 10\n");
     EXPECT_TRUE(platform.reported("err").empty());
-    free_all();
+    free_heap();
+}
+
+// All counts of a message together claim no more than a sum that is generous for
+// one of them, and what the message can contain.
+TEST(Parser, CountsThatClaimTooMuch)
+{
+    auto handle = fresh_handle();
+    const std::string group = "101 106:ffff 102 ";
+    const Parsed parsed = parse(handle, message(5, group + group + group + group));
+    EXPECT_EQ(static_cast<zel_match_grp_t *>(parsed.object)->num_match, 0);
+    std::vector<size_t> claimed;
+    for (const auto &[count, size] : heap.callocs)
+        if (count > 1)
+            claimed.push_back(count);
+    EXPECT_EQ(claimed, (std::vector<size_t>{65535, 65535, 18}));
+    free_heap();
 }
 
 // Any graph of any request kind arrives as an equal graph: encoded again, it gives

@@ -90,6 +90,12 @@ CALLBACK(err)
 CALLBACK(warn)
 CALLBACK(dbg)
 
+void free_heap()
+{
+    while (!heap.live.empty())
+        std::free(const_cast<void *>(heap.live.begin()->first));
+}
+
 Bytes array(const std::vector<ReadElement> &elements)
 {
     size_t size = 4 + 64;

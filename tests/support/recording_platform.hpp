@@ -74,6 +74,9 @@ struct Heap {
 extern Platform platform;
 extern Heap heap;
 
+// Frees what is left, where that is by contract nobody's.
+void free_heap();
+
 // A handle whose callbacks report to the platform above.  Resets platform and heap.
 zel_api_handle_t fresh_handle(uint32_t debug = 0);
 

@@ -12,7 +12,7 @@ using Bytes = std::vector<unsigned char>;
 
 struct Request {
     zel_kob_header_t header;
-    AnyGraph object; // of the request kind's type; null for a delete
+    AnyGraph object; // of the request kind's type; a delete needs none
 };
 
 // The array that a received message carries, in one part or several; null when it has none.

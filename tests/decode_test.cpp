@@ -257,29 +257,3 @@ TEST(Decode, MatchThatDoesNotOwnWhatItSays)
         free_heap();
     }
 }
-
-// Whatever allocation fails, the rest stays consistent and can be freed.
-TEST(Decode, AnyAllocationFails)
-{
-    auto handle = fresh_handle();
-    const Bytes array = encoded_list(handle, counted());
-    size_t allocations = 0; // of a decoding in which none fails, the first one
-    for (size_t n = 0; n <= allocations; ++n) {
-        handle = fresh_handle();
-        auto *record = zeroed<zel_policy_list_t>();
-        const size_t before = heap.callocs.size();
-        heap.fail_calloc = static_cast<int>(n);
-        decode(zel_parse_policy_list_from_tlv, handle, array, *record);
-        if (n == 1) {
-            EXPECT_EQ(platform.reported("err")[0],
-                      "cannot allocate, count: 2, size: " + std::to_string(sizeof(void *)));
-        }
-        EXPECT_EQ(platform.reported("err").empty(), n == 0) << n;
-        if (n == 0)
-            allocations = heap.callocs.size() - before;
-        zel_empty_mat_cache(&handle);
-        free_graph(ZEL_MAT_TYPE_POLICY_LIST, record);
-        ASSERT_TRUE(heap.live.empty()) << n;
-    }
-    EXPECT_GT(allocations, 40u);
-}

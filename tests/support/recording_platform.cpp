@@ -21,6 +21,7 @@ int32_t __real_tlv_array_add_tlv(void *, uint32_t, uint16_t, uint16_t, const voi
 uint32_t __real_tlv_size_get(uint32_t);
 uint32_t __real_tlv_array_get_num_tlvs(const void *, uintptr_t);
 int32_t __real_ravl_init(ravl_tree *, uint32_t, uint32_t, ravl_compare_t);
+int32_t __real_ravl_insert(ravl_tree *, void *);
 int32_t __real_ravl_is_empty(ravl_tree *);
 void __real_ravl_delete(ravl_tree *, void *);
 }
@@ -208,6 +209,11 @@ int32_t __wrap_ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset
 {
     note("init", key_size, key_offset);
     return 1234 + __real_ravl_init(tree, key_size, key_offset, compare);
+}
+
+int32_t __wrap_ravl_insert(ravl_tree *tree, void *entry)
+{
+    return platform.fail_insert > 0 && --platform.fail_insert == 0 ? 0 : __real_ravl_insert(tree, entry);
 }
 
 int32_t __wrap_ravl_is_empty(ravl_tree *tree) { return __real_ravl_is_empty(tree) != 0 ? 9 : 0; }

@@ -43,6 +43,7 @@ struct Platform {
     uint32_t size_noise = 0;                    // or-ed into the results of tlv_size_get()
     uint32_t extra_elements = 0;                // that tlv_array_get_num_tlvs() counts and nobody can read
     int fail_write = 0;                         // the n-th element write from now fails; -1: all do
+    int fail_insert = 0;                        // the n-th tree insert from now is refused
     int32_t send_result = 0;
     int32_t transport_errno = 100; // raised by one whenever it is asked for
     int32_t history_check = 1;     // of the event history: 0 records

@@ -5,15 +5,24 @@
 #include "model/trace.hpp"
 #include "platform/heartbeat.h"
 
+#include <atomic>
+
 namespace zel {
 namespace {
 
 // Heartbeats go out every so many matches of the process, and policies of a list.
 constexpr uint32_t heartbeat_interval = 32;
 
-// Matches encoded by this process in match groups, over all handles.  Not
-// synchronised: a lost increment only shifts a heartbeat.
-uint32_t encoded_matches = 0;
+// Matches encoded by this process in match groups, over all handles.  Threads may
+// lose an increment to each other, which only shifts a heartbeat.
+std::atomic<uint32_t> encoded_matches = 0;
+
+uint32_t count_match()
+{
+    const uint32_t before = encoded_matches.load(std::memory_order_relaxed);
+    encoded_matches.store(before + 1, std::memory_order_relaxed);
+    return before;
+}
 
 class Writer {
 public:
@@ -51,7 +60,7 @@ public:
     template <class R> void member_done(const R &, uint32_t) {}
     void member_done(const zel_match_grp_t &, uint32_t)
     {
-        if (encoded_matches++ % heartbeat_interval == 0)
+        if (count_match() % heartbeat_interval == 0)
             fu_keeper_update_and_send_heartbeat(0);
     }
     void member_done(const zel_policy_list_t &, uint32_t index)

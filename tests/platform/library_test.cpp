@@ -51,6 +51,40 @@ TEST_F(LibraryTest, LargeGroupArrivesWhole)
     EXPECT_EQ(num_errors, 0U);
 }
 
+// Handles share nothing but the heartbeat count, so threads with one each may do anything at once.
+TEST(Threads, TwoHandlesAtOnce)
+{
+    const auto work = [](uint16_t app) {
+        zel_api_handle_t handle;
+        zel_api_init(&handle, 0, app, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
+        zel_match_t match{};
+        match.type = ZEL_MATCH_TYPE_EXP;
+        std::vector<zel_match_t *> members(100, &match);
+        zel_match_grp_t group{app, 0, 0, 100, members.data()};
+        for (int round = 0; round < 200; ++round) {
+            const zel_kob_header_t header{ZEL_API_MATCH_GROUP_UPDATE, app, 1, 1};
+            Bytes message(4 + zel_kob_header_get_tlv_sz() +
+                          get_mat_obj_size_for_kob(&handle, app, ZEL_MAT_TYPE_MATCH_GROUP, &group) + KOB_PAYLOAD_TAIL);
+            const auto capacity = static_cast<uint32_t>(message.size());
+            zel_add_kob_header_to_tlv(&handle, message.data(), capacity, &header);
+            assemble_mat_obj_for_kob(&handle, app, message.data(), capacity, ZEL_MAT_TYPE_MATCH_GROUP, &group);
+            ASSERT_EQ(zel_verify_tlv_array(message.data(), nullptr, nullptr), ZEL_VERIFY_OK);
+
+            uint32_t cursor = 0, subtotal = 0;
+            zel_kob_header_t read_header{};
+            zel_match_grp_t read{};
+            zel_parse_kob_header_from_tlv(&handle, message.data(), &cursor, &read_header, &subtotal);
+            zel_parse_match_grp_from_tlv(&handle, message.data(), &cursor, &read, &subtotal, app);
+            ASSERT_TRUE(read.id == app && read.num_match == 100 && read.matches[99]->cached == 1);
+            zel_empty_mat_cache(&handle);
+            free_contained_mat_obj_mem(&handle, app, ZEL_MAT_TYPE_MATCH_GROUP, &read);
+        }
+    };
+    std::thread other(work, uint16_t{2});
+    work(1);
+    other.join();
+}
+
 TEST_F(LibraryTest, StatisticsAndErrorsComeBack)
 {
     zel_stat_request_t query{0, nullptr};

@@ -248,9 +248,8 @@ template <class R, uint32_t Value, auto... Path> bool verify(Verification &v, R 
 template <class R, auto Selector, class... O> bool verify(Verification &v, R &fields, Choice<Selector, O...>)
 {
     const uint32_t selector = fields.*Selector;
-    bool is_verified = true;
-    if (((is_selected(selector, O{}) && (is_verified = verify(v, fields, O{}), true)) || ...))
-        return is_verified;
+    if ((is_selected(selector, O{}) || ...))
+        return ((is_selected(selector, O{}) && verify(v, fields, O{})) || ...);
     if ((is_next(v, start_of(O{})) || ...))
         return refuse(v, ZEL_VERIFY_PARAMETER, 0, v.type);
     return true;

@@ -436,7 +436,7 @@ typedef void (*zel_trace_cb_t)(const char *format, ...);
  */
 typedef struct ravl_tree {
     void *root;
-    uintptr_t own[7];
+    uintptr_t own[10];
 } ravl_tree_t;
 
 /* The handle.  Filled by zel_api_init(); nothing has to be torn down. */

@@ -9,6 +9,12 @@
 // that node hangs, and the entries before and after the place of the missing key.
 // An entry that belongs between these two is then inserted without a second
 // descent.  Any change to the tree makes it forget.
+//
+// A tree that loses root after root is dying, and its balance is not kept up any
+// more: the root has no left child then, so that it can be taken off the top, and
+// what followed it on the left edge hangs to the right of it.  That makes the tree
+// twice as high as it was, at most, and lookups go on as before; whatever else
+// changes the tree puts it back into balance first.
 #include "platform/reference/contract.hpp"
 #include "zel.h"
 
@@ -37,6 +43,9 @@ struct [[gnu::may_alias]] Tree {
     Node *before;         // its neighbours in order, null at either end
     Node *after;
     Word *leaning; // link to the deepest leaning node of its path, or to the root
+    uintptr_t count;
+    uintptr_t lost_roots; // that were deleted one after the other, with no other change between
+    uintptr_t is_dying;
 };
 static_assert(sizeof(Tree) == sizeof(ravl_tree_t));
 
@@ -119,15 +128,12 @@ Node *search(Tree &tree, const void *key)
         const Order order = compare(tree, key, node);
         if (order == equal)
             return node;
-        if (!is_even(node))
-            leaning = link;
-        if (order == sorts_after) {
-            before = node;
-            link = &node->link[right];
-        } else {
-            after = node;
-            link = &node->link[left];
-        }
+        // Which way it goes nobody can predict, so there is no branch for it.
+        const bool is_after = order == sorts_after;
+        leaning = is_even(node) ? leaning : link;
+        before = is_after ? node : before;
+        after = is_after ? after : node;
+        link = &node->link[is_after ? right : left];
     }
     remember(tree, before, after, leaning);
     return nullptr;
@@ -213,6 +219,18 @@ void rebalance_above(Tree &tree, Node *entry)
         redirect(top_link, rotate(top, side));
 }
 
+// At the place that is remembered.
+void link_in(Tree &tree, Node *entry)
+{
+    *entry = {};
+    hang(tree, entry);
+    rebalance_above(tree, entry);
+    if (tree.after == nullptr)
+        tree.last = entry;
+    ++tree.count;
+    forget(tree);
+}
+
 // ---- Deleting
 
 // The links from the root down to a node.
@@ -286,6 +304,65 @@ void rebalance_up(Path &path, const Word *shrunk)
     }
 }
 
+void delete_balanced(Tree &tree, Node *entry)
+{
+    Path path;
+    Word *link = descend_to(tree, entry, path);
+    if (link == nullptr)
+        return;
+    Node *const left_child = target(entry->link[left]);
+    Node *const right_child = target(entry->link[right]);
+    if (left_child != nullptr && right_child != nullptr)
+        link = replace_by_neighbour(link, entry, path);
+    else
+        redirect(link, left_child != nullptr ? left_child : right_child);
+    rebalance_up(path, link);
+    --tree.count;
+}
+
+// ---- Dying
+
+// Enough roots to pay for putting the rest back into balance, should that be needed.
+bool has_lost_enough(const Tree &tree) { return 8 * tree.lost_roots > tree.count; }
+
+// Rotates until the root has no left child.
+void unroll(Tree &tree)
+{
+    Node *top = target(tree.root);
+    if (top == nullptr)
+        return;
+    while (Node *const child = target(top->link[left])) {
+        top->link[left] = reinterpret_cast<uintptr_t>(target(child->link[right]));
+        child->link[right] = reinterpret_cast<uintptr_t>(top);
+        top = child;
+    }
+    tree.root = reinterpret_cast<uintptr_t>(top);
+}
+
+void take_off_root(Tree &tree)
+{
+    tree.root = reinterpret_cast<uintptr_t>(target(target(tree.root)->link[right]));
+    --tree.count;
+    unroll(tree);
+}
+
+// Builds a dying tree anew.
+void revive(Tree &tree)
+{
+    tree.lost_roots = 0;
+    if (tree.is_dying == 0) [[likely]]
+        return;
+    Tree rest = tree;
+    tree = {};
+    tree.compare = rest.compare;
+    tree.key_offset = rest.key_offset;
+    while (Node *const node = target(rest.root)) {
+        take_off_root(rest);
+        remember(tree, tree.last, nullptr, nullptr);
+        link_in(tree, node);
+    }
+}
+
 } // namespace
 
 int32_t ravl_init(ravl_tree *tree, uint32_t, uint32_t key_offset, ravl_compare_t compare)
@@ -301,14 +378,10 @@ int32_t ravl_insert(ravl_tree *tree, void *entry)
     Tree &t = as_tree(tree);
     Node *const node = static_cast<Node *>(entry);
     const void *const key = key_of(t, node);
+    revive(t);
     if (!is_remembered(t, key) && find(t, key) != nullptr)
         return 0;
-    *node = {};
-    hang(t, node);
-    rebalance_above(t, node);
-    if (t.after == nullptr)
-        t.last = node;
-    forget(t);
+    link_in(t, node);
     return 1;
 }
 
@@ -318,20 +391,24 @@ void ravl_delete(ravl_tree *tree, void *entry)
 {
     Tree &t = as_tree(tree);
     Node *const node = static_cast<Node *>(entry);
-    Path path;
-    Word *link = descend_to(t, node, path);
-    if (link == nullptr)
-        return;
-    Node *const left_child = target(node->link[left]);
-    Node *const right_child = target(node->link[right]);
-    if (left_child != nullptr && right_child != nullptr)
-        link = replace_by_neighbour(link, node, path);
-    else
-        redirect(link, left_child != nullptr ? left_child : right_child);
-    rebalance_up(path, link);
+    forget(t);
     if (t.last == node)
         t.last = nullptr;
-    forget(t);
+    if (node != target(t.root)) {
+        revive(t);
+        delete_balanced(t, node);
+        return;
+    }
+    ++t.lost_roots;
+    if (t.is_dying != 0) {
+        take_off_root(t);
+    } else {
+        delete_balanced(t, node);
+        if (!has_lost_enough(t))
+            return;
+        unroll(t);
+    }
+    t.is_dying = t.root != 0;
 }
 
 int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

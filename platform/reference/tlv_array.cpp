@@ -92,21 +92,20 @@ int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *leng
 // as many as this comes across the damage instead of taking the array for whole.
 uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
 {
-    ElementHeader header;
-    const void *value = nullptr;
-    uint32_t cursor = 0;
+    const unsigned char *element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
     uint32_t count = 0;
-    for (;;) {
-        switch (tlv_array_get_next_tlv(array, &header.type, &header.length, &value, 0, &cursor)) {
-        case TLV_OK:
-            ++count;
-            continue;
-        case TLV_END:
-            return count;
-        default:
+    for (uint32_t rest = used_bytes(array); rest != 0; ++count) {
+        if (rest < TLV_ELEMENT_OVERHEAD) [[unlikely]]
             return count + 1;
-        }
+        ElementHeader header;
+        std::memcpy(&header, element, sizeof header);
+        const uint32_t size = TLV_ELEMENT_OVERHEAD + header.length;
+        if (size > rest) [[unlikely]]
+            return count + 1;
+        element += size;
+        rest -= size;
     }
+    return count;
 }
 
 int32_t tlv_array_check(const void *array, uint32_t size)

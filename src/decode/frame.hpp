@@ -209,7 +209,7 @@ template <class R> void resolve(Frame<R> &frame, uint16_t mat_id)
     frame.record.cached = 1;
 }
 
-template <class R> bool accept_reference(Frame<R> &frame, const TlvElement &element)
+template <class R> bool accept(Frame<R> &frame, const TlvElement &element, Reference)
 {
     if (element.type == reference_mat_type_id)
         frame.reference_mat_type = load<uint32_t>(element);
@@ -218,15 +218,6 @@ template <class R> bool accept_reference(Frame<R> &frame, const TlvElement &elem
     else
         return false;
     return true;
-}
-
-template <class R> bool accept_any(Frame<R> &frame, const TlvElement &element)
-{
-    if constexpr (is_shareable<R>) {
-        if (accept_reference(frame, element))
-            return true;
-    }
-    return std::apply([&](auto... member) { return (accept(frame, element, member) || ...); }, Wire<R>::members);
 }
 
 // An object that came in full is remembered for the references to come.
@@ -249,35 +240,50 @@ template <class R> void disown_unsound(Frame<R> &frame)
     }
 }
 
+template <class R> bool accept_any(Frame<R> &frame, const TlvElement &element)
+{
+    if constexpr (is_shareable<R>) {
+        if (accept(frame, element, Reference{}))
+            return true;
+    }
+    return std::apply([&](auto... member) { return (accept(frame, element, member) || ...); }, Wire<R>::members);
+}
+
 template <class R> int32_t decode(Frame<R> &frame)
 {
-    const Source &in = frame.in;
-    uint32_t &subtotal = frame.subtotal;
-    subtotal = 0;
+    // What the loop needs for every element is kept out of the frame: for all that
+    // the compiler knows, the bytes of a field might land there.
+    const zel_api_handle_t &handle = frame.in.handle;
+    const void *const array = frame.in.array;
+    uint32_t *const cursor = &frame.in.cursor;
+    uint32_t own_elements = 0;
+    uint32_t &of_children = frame.subtotal;
+    of_children = 0;
     if constexpr (is_shareable<R>)
         frame.record.cached = 0;
     for (;;) {
-        TlvElement element{};
-        const int32_t status =
-            tlv_array_get_next_tlv(in.array, &element.type, &element.length, &element.value, 0, &in.cursor);
-        if (status != 0) {
-            trace(in.handle, Severity::error, decoder_name<R>, "tlv-get failed, tlv_subtotal: %d\n"_trace, subtotal);
+        TlvElement element;
+        const int32_t status = tlv_array_get_next_tlv(array, &element.type, &element.length, &element.value, 0, cursor);
+        if (status != 0) [[unlikely]] {
+            frame.subtotal = own_elements + of_children;
+            trace(handle, Severity::error, decoder_name<R>, "tlv-get failed, tlv_subtotal: %d\n"_trace, frame.subtotal);
             disown_unsound(frame);
             return status;
         }
-        trace(in.handle, Severity::detail, decoder_name<R>, "tlv type: %d, tlv_subtotal: %d"_trace, element.type,
-              subtotal);
-        ++subtotal;
+        trace(handle, Severity::detail, decoder_name<R>, "tlv type: %d, tlv_subtotal: %d"_trace, element.type,
+              own_elements + of_children);
+        ++own_elements;
+        if (accept_any(frame, element))
+            continue;
         if (element.type == Wire<R>::end) {
+            frame.subtotal = own_elements + of_children;
             finish(frame);
             disown_unsound(frame);
             return 0;
         }
         // A member of a sequence finds its own start marker here, unless it is the first.
-        if (element.type == Wire<R>::start)
-            continue;
-        if (!accept_any(frame, element))
-            trace(in.handle, Severity::warning, decoder_name<R>, "unsupported TLV type: %d, ok if in ISSU"_trace,
+        if (element.type != Wire<R>::start)
+            trace(handle, Severity::warning, decoder_name<R>, "unsupported TLV type: %d, ok if in ISSU"_trace,
                   element.type);
     }
 }

@@ -76,8 +76,7 @@ template <class... Args> uint32_t fill_record(TraceRecord &record, uint32_t id, 
 }
 
 // The trace facility's three destinations.
-template <class... Args>
-[[gnu::cold, gnu::noinline]] void log(Severity severity, const Site &site, const char *format, const Args &...args)
+template <class... Args> void log(Severity severity, const Site &site, const char *format, const Args &...args)
 {
     const auto id = static_cast<uint32_t>(severity);
     TraceRecord record;
@@ -92,16 +91,26 @@ template <class... Args>
                                     &record);
 }
 
+// By value: an argument whose address is taken would be kept in memory where it
+// comes from, and most of them never get here.
+template <class... Args>
+[[gnu::cold, gnu::noinline]] void report(const zel_api_handle_t &handle, Severity severity, Site site,
+                                         const char *format, Args... args)
+{
+    if (handle.debug != 0)
+        log(severity, site, format, site.function, site.line, g_applications[handle.app_type], args...);
+    if (const auto callback = callback_of(handle, severity))
+        callback(format + trace_prefix_length, trace_argument(args)...);
+}
+
 // Reports a text, made by _trace, to the trace facility when the handle's debug
 // flag is set, and in any case to the callback of its severity.
 template <class... Args>
-inline void trace(const zel_api_handle_t &handle, Severity severity, const Site &site, const char *format,
-                  const Args &...args)
+[[gnu::always_inline]] inline void trace(const zel_api_handle_t &handle, Severity severity, const Site &site,
+                                         const char *format, Args... args)
 {
-    if (handle.debug != 0) [[unlikely]]
-        log(severity, site, format, site.function, site.line, g_applications[handle.app_type], args...);
-    if (const auto callback = callback_of(handle, severity)) [[unlikely]]
-        callback(format + trace_prefix_length, trace_argument(args)...);
+    if (handle.debug != 0 || callback_of(handle, severity) != nullptr) [[unlikely]]
+        report(handle, severity, site, format, args...);
 }
 
 } // namespace zel

@@ -11,7 +11,11 @@ namespace {
 
 enum Order : uint32_t { equal = 0, after = 1, before = 2 };
 
-template <class T> Order compare(T a, T b) { return a > b ? after : a < b ? before : equal; }
+// Without branches: a descent asks this at every level, and nobody can predict the answer.
+template <class T> Order compare(T a, T b)
+{
+    return static_cast<Order>((a > b ? after : equal) | (a < b ? before : equal));
+}
 
 } // namespace
 
@@ -19,11 +23,10 @@ uint32_t zel_mat_cache_comp_func(const void *a, const void *b)
 {
     const auto &x = *static_cast<const zel_mat_cache_key_t *>(a);
     const auto &y = *static_cast<const zel_mat_cache_key_t *>(b);
-    if (const Order order = compare(x.app_type, y.app_type); order != equal)
-        return order;
-    if (const Order order = compare(x.mat_type, y.mat_type); order != equal)
-        return order;
-    return compare(x.mat_id, y.mat_id);
+    if (x.app_type != y.app_type) [[unlikely]] // one message, one application
+        return compare(x.app_type, y.app_type);
+    constexpr int id_bits = 16;
+    return compare(uint64_t{x.mat_type} << id_bits | x.mat_id, uint64_t{y.mat_type} << id_bits | y.mat_id);
 }
 
 zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,

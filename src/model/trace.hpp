@@ -92,12 +92,21 @@ template <class... Args>
                                     &record);
 }
 
+// The benchmark has a build without reports, to show what silent ones cost.
+#ifdef ZEL_NO_TRACE
+inline constexpr bool reports_are_compiled_in = false;
+#else
+inline constexpr bool reports_are_compiled_in = true;
+#endif
+
 // Reports a text, made by _trace, to the trace facility when the handle's debug
 // flag is set, and in any case to the callback of its severity.
 template <class... Args>
 inline void trace(const zel_api_handle_t &handle, Severity severity, const Site &site, const char *format,
                   const Args &...args)
 {
+    if constexpr (!reports_are_compiled_in)
+        return;
     if (handle.debug != 0) [[unlikely]]
         log(severity, site, format, site.function, site.line, g_applications[handle.app_type], args...);
     if (const auto callback = callback_of(handle, severity)) [[unlikely]]

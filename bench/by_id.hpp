@@ -1,8 +1,7 @@
 // The matches or actions that a message has carried, by id.
 #pragma once
 
-#include <cstdint>
-#include <vector>
+#include "bench/model.hpp"
 
 namespace bench {
 
@@ -37,5 +36,38 @@ private:
 // Ids alone.
 struct Nothing {};
 using Ids = ById<Nothing>;
+
+// Makes the owners of one object share it.
+template <class T> class Sharing {
+public:
+    void clear() { first_.clear(); }
+
+    // Another owner of the object with an id; null when there was none.
+    Shared<T> repeat(uint16_t id) const
+    {
+        const Shared<T> *const *const owner = first_.find(id);
+        return owner == nullptr ? nullptr : **owner;
+    }
+
+    // The first owner, which stays where it is until clear().
+    void enter(const Shared<T> &owner) { first_.enter(owner->id, &owner); }
+
+private:
+    ById<const Shared<T> *> first_;
+};
+
+// Matches and actions have ids of their own.
+template <class M, class A> struct OfMatchesAndActions {
+    M matches;
+    A actions;
+
+    void clear()
+    {
+        matches.clear();
+        actions.clear();
+    }
+};
+using SeenIds = OfMatchesAndActions<Ids, Ids>;
+using SharedObjects = OfMatchesAndActions<Sharing<Match>, Sharing<Action>>;
 
 } // namespace bench

@@ -21,6 +21,21 @@
 namespace bench {
 
 using Mac = std::array<uint8_t, 6>;
+
+// For the formats that have numbers of 64 bits, but no short arrays of bytes.
+inline uint64_t number_of(const Mac &mac)
+{
+    uint64_t number = 0;
+    std::ranges::copy(mac, reinterpret_cast<uint8_t *>(&number));
+    return number;
+}
+inline Mac mac_of(uint64_t number)
+{
+    Mac mac;
+    std::copy_n(reinterpret_cast<const uint8_t *>(&number), mac.size(), mac.begin());
+    return mac;
+}
+
 template <class T> using Shared = std::shared_ptr<const T>;
 
 // Every record lists its members, so that what treats all members alike (comparison

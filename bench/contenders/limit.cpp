@@ -9,62 +9,61 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #define INLINE [[gnu::always_inline]] inline
+#define INLINE_LAMBDA __attribute__((always_inline))
 
 namespace bench {
 namespace {
 
 using zel::Choice, zel::Element, zel::Embedded, zel::Field, zel::follow, zel::is_shareable, zel::MatObjectOf,
-    zel::Option, zel::reference_mat_id_id, zel::reference_mat_type_id, zel::Sequence, zel::Target, zel::Value,
-    zel::Wire;
+    zel::Option, zel::reference_mat_id_id, zel::reference_mat_type_id, zel::Sequence, zel::Value, zel::Wire;
 
 constexpr uint32_t app_type = 1;
 constexpr uint32_t header_bytes = 4;
 constexpr uint32_t marker_bytes = header_bytes + 1;
 constexpr uint32_t reference_bytes = 2 * marker_bytes + 2 * header_bytes + 4 + 2;
+template <class R>
+constexpr std::size_t num_members = std::tuple_size_v<std::remove_cvref_t<decltype(Wire<R>::members)>>;
+template <std::size_t I> using Index = std::integral_constant<std::size_t, I>;
 template <class V> constexpr uint32_t element_bytes = header_bytes + sizeof(V);
 
+// Not by std::apply(), which is a call.
+template <class R, class Visit, std::size_t... I> INLINE void visit_members(Visit visit, std::index_sequence<I...>)
+{
+    (visit(std::get<I>(Wire<R>::members), Index<I>{}), ...);
+}
 template <class R, class Visit> INLINE void for_each_wire_member(Visit visit)
 {
-    std::apply([&](auto... member) { (visit(member), ...); }, Wire<R>::members);
+    visit_members<R>(visit, std::make_index_sequence<num_members<R>>{});
 }
 
-// A match's and an action's table of the message, by the object's type.
-template <template <class> class Table> struct Tables {
-    Table<zel_match_t> matches;
-    Table<zel_action_t> actions;
+using ReadObjects = OfMatchesAndActions<ById<const zel_match_t *>, ById<const zel_action_t *>>;
 
-    template <class R> auto &of()
-    {
-        if constexpr (std::is_same_v<R, zel_match_t>)
-            return matches;
-        else
-            return actions;
-    }
-    void clear()
-    {
-        matches.clear();
-        actions.clear();
-    }
-};
-template <class> using Seen = Ids;
-template <class R> using Read = ById<const R *>;
+// The part for a record's kind of object.
+template <class R, class Both> INLINE auto &part_for(Both &both)
+{
+    if constexpr (std::is_same_v<R, zel_match_t>)
+        return both.matches;
+    else
+        return both.actions;
+}
 
 // ---- Sizes
 
 class Sizer {
 public:
-    explicit Sizer(Tables<Seen> &seen) : seen_(seen) { seen.clear(); }
+    explicit Sizer(SeenIds &seen) : seen_(seen) { seen.clear(); }
 
     template <class R> INLINE uint32_t size(const R &record)
     {
         if constexpr (is_shareable<R>) {
-            if (!seen_.of<R>().enter(record.id))
+            if (!part_for<R>(seen_).enter(record.id))
                 return reference_bytes;
         }
         uint32_t total = 2 * marker_bytes;
-        for_each_wire_member<R>([&](auto member) { total += member_size(record, member); });
+        for_each_wire_member<R>([&](auto member, auto) INLINE_LAMBDA { total += member_size(record, member); });
         return total;
     }
 
@@ -100,21 +99,21 @@ private:
         return true;
     }
 
-    Tables<Seen> &seen_;
+    SeenIds &seen_;
 };
 
 // ---- Writing
 
 class Writer {
 public:
-    Writer(Tables<Seen> &seen, unsigned char *at) : seen_(seen), at_(at) { seen.clear(); }
+    Writer(SeenIds &seen, unsigned char *at) : seen_(seen), at_(at) { seen.clear(); }
 
     unsigned char *at() const { return at_; }
 
     template <class R> INLINE void write(const R &record)
     {
         if constexpr (is_shareable<R>) {
-            if (!seen_.of<R>().enter(record.id)) {
+            if (!part_for<R>(seen_).enter(record.id)) {
                 marker(Wire<R>::start);
                 element(reference_mat_type_id, MatObjectOf<R>::type);
                 element(reference_mat_id_id, record.id);
@@ -123,7 +122,7 @@ public:
             }
         }
         marker(Wire<R>::start);
-        for_each_wire_member<R>([&](auto member) { write_member(record, member); });
+        for_each_wire_member<R>([&](auto member, auto) INLINE_LAMBDA { write_member(record, member); });
         marker(Wire<R>::end);
     }
 
@@ -165,7 +164,7 @@ private:
         return true;
     }
 
-    Tables<Seen> &seen_;
+    SeenIds &seen_;
     unsigned char *at_;
 };
 
@@ -179,8 +178,7 @@ template <class R, std::size_t From> consteval uint32_t run_bytes()
     {
         return element_bytes<Value<Member>>;
     };
-    using Members = std::remove_cvref_t<decltype(Wire<R>::members)>;
-    if constexpr (From == std::tuple_size_v<Members>)
+    if constexpr (From == num_members<R>)
         return marker_bytes;
     else if constexpr (requires { bytes_of(std::get<From>(Wire<R>::members)); })
         return bytes_of(std::get<From>(Wire<R>::members)) + run_bytes<R, From + 1>();
@@ -190,7 +188,7 @@ template <class R, std::size_t From> consteval uint32_t run_bytes()
 
 class Reader {
 public:
-    Reader(Tables<Read> &objects, Bytes elements) : objects_(objects), at_(elements.data()), end_(at_ + elements.size())
+    Reader(ReadObjects &objects, Bytes elements) : objects_(objects), at_(elements.data()), end_(at_ + elements.size())
     {
         objects.clear();
     }
@@ -205,10 +203,10 @@ public:
         }
         need(marker_bytes + run_bytes<R, 0>());
         marker(Wire<R>::start);
-        read_members(record, std::make_index_sequence<std::tuple_size_v<decltype(Wire<R>::members)>>{});
+        for_each_wire_member<R>([&](auto member, auto i) INLINE_LAMBDA { read_member<R, i>(record, member); });
         marker(Wire<R>::end);
         if constexpr (is_shareable<R>)
-            objects_.of<R>().enter(record.id, &record);
+            part_for<R>(objects_).enter(record.id, &record);
     }
 
 private:
@@ -248,16 +246,12 @@ private:
         element(reference_mat_type_id, type);
         element(reference_mat_id_id, id);
         marker(Wire<R>::end);
-        const R *const *const object = objects_.of<R>().find(id);
+        const R *const *const object = part_for<R>(objects_).find(id);
         expect(type == MatObjectOf<R>::type && object != nullptr);
         record = **object;
         record.cached = 1;
     }
 
-    template <class R, std::size_t... I> INLINE void read_members(R &record, std::index_sequence<I...>)
-    {
-        (read_member<R, I>(record, std::get<I>(Wire<R>::members)), ...);
-    }
     template <class R, std::size_t, uint16_t Id, auto Member> INLINE void read_member(R &record, Field<Id, Member>)
     {
         element(Id, record.*Member);
@@ -297,7 +291,7 @@ private:
         return true;
     }
 
-    Tables<Read> &objects_;
+    ReadObjects &objects_;
     const unsigned char *at_;
     const unsigned char *end_;
 };
@@ -330,7 +324,7 @@ template <class R, auto Selector, class... O> INLINE void release_member(R &reco
 
 template <class R> INLINE void release_members(R &record)
 {
-    for_each_wire_member<R>([&](auto member) { release_member(record, member); });
+    for_each_wire_member<R>([&](auto member, auto) INLINE_LAMBDA { release_member(record, member); });
 }
 
 // ---- The rows
@@ -399,8 +393,8 @@ private:
 
     zel_kob_header_t header_{};
     void *root_ = nullptr;
-    Tables<Seen> seen_;
-    Tables<Read> read_;
+    SeenIds seen_;
+    ReadObjects read_;
 };
 
 // The messages of the other row, moved as bytes.

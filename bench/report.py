@@ -36,6 +36,11 @@ def run(*command):
     return done
 
 
+def progress(text=""):
+    if sys.stderr.isatty():
+        print(f"\r\033[K{text}", end="", file=sys.stderr, flush=True)
+
+
 def all_cases(folder):
     """In the order of the tables: libzel first, the limits last."""
     cases = [Case(folder / program, *line.split("\t"))
@@ -86,11 +91,11 @@ def time_all(cases, rounds, min_time, results):
     shuffled = random.Random(1)
     for number in range(rounds):
         for case in shuffled.sample(cases, len(cases)):
-            print(f"\rround {number + 1} of {rounds}: {case.row}, {case.workload:20}\033[K", end="", file=sys.stderr)
+            progress(f"round {number + 1} of {rounds}: {case.row}, {case.workload}")
             done = run(case.program, "time", case.row, case.workload, f"--benchmark_min_time={min_time}",
                        "--benchmark_format=json")
             results.add(case, json.loads(done.stdout)["benchmarks"])
-    print("\r\033[K", end="", file=sys.stderr)
+    progress()
 
 
 def check_same_bytes(results):
@@ -216,9 +221,9 @@ def command_instructions(_):
     for abi, folder in ABIS.items():
         counts = {}
         for case in (case for case in all_cases(folder) if case.workload == "M"):
-            print(f"\r{case.row}\033[K", end="", file=sys.stderr)
+            progress(case.row)
             counts[case.row] = [instructions_per_object(case, direction, 10) for direction in DIRECTIONS]
-        print("\r\033[K", end="", file=sys.stderr)
+        progress()
         print(f"==== {abi} ====\n\ninstructions per match or action in M, and ratios to the hand-inlined limit\n")
         print(f"{'':44}" + "".join(f"{direction:>10}{'/limit':>8}" for direction in DIRECTIONS))
         for row, both in counts.items():

@@ -91,6 +91,13 @@ template <class... Args> void log(Severity severity, const Site &site, const cha
                                     &record);
 }
 
+// The benchmark has a build without reports, to show what silent ones cost.
+#ifdef ZEL_NO_TRACE
+inline constexpr bool reports_are_compiled_in = false;
+#else
+inline constexpr bool reports_are_compiled_in = true;
+#endif
+
 // By value: an argument whose address is taken would be kept in memory where it
 // comes from, and most of them never get here.
 template <class... Args>
@@ -109,6 +116,8 @@ template <class... Args>
 [[gnu::always_inline]] inline void trace(const zel_api_handle_t &handle, Severity severity, const Site &site,
                                          const char *format, Args... args)
 {
+    if constexpr (!reports_are_compiled_in)
+        return;
     if (handle.debug != 0 || callback_of(handle, severity) != nullptr) [[unlikely]]
         report(handle, severity, site, format, args...);
 }

@@ -40,6 +40,28 @@ void copy_value(unsigned char *to, const void *value, uint16_t length)
     }
 }
 
+// What an element takes.  Where the next one begins depends on this one's length,
+// and a count that waits for each length before it can load the next is slow.  A
+// branch for each usual length lets the processor guess, and it guesses well.
+uint32_t size_of_element(uint16_t length)
+{
+    // Or the compiler sees that all cases are the same, and removes the branches.
+    const auto hidden = [](uint32_t size) {
+        asm("" : "+r"(size));
+        return size;
+    };
+    switch (length) {
+    case 4:
+        return hidden(TLV_ELEMENT_OVERHEAD + 4);
+    case 2:
+        return hidden(TLV_ELEMENT_OVERHEAD + 2);
+    case 1:
+        return hidden(TLV_ELEMENT_OVERHEAD + 1);
+    default:
+        return TLV_ELEMENT_OVERHEAD + length;
+    }
+}
+
 } // namespace
 
 int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value, uintptr_t)
@@ -99,7 +121,7 @@ uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
             return count + 1;
         ElementHeader header;
         std::memcpy(&header, element, sizeof header);
-        const uint32_t size = TLV_ELEMENT_OVERHEAD + header.length;
+        const uint32_t size = size_of_element(header.length);
         if (size > rest) [[unlikely]]
             return count + 1;
         element += size;

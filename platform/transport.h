@@ -16,6 +16,7 @@
  *     reason: decoders read a field's full width whatever its element's length
  *     says, and the widest field is 64 bytes;
  *   - aligned to 4 bytes, so that a response header can be read in place;
+ *   - when it is a response, no shorter than the response header, 268 bytes;
  *   - stable and valid until the message is released, which is the caller's and
  *     the platform's business: the library keeps no pointer into it.
  */

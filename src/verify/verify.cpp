@@ -37,7 +37,7 @@ template <class R> bool verify_object(Verification &v, const char *noun)
 template <class... O> bool verify_object(Verification &v, uint32_t mat_type, MatObjectList<O...>)
 {
     bool is_verified = true;
-    ((mat_type == O::type && (is_verified = verify_object<typename O::record>(v, O::noun.text), true)) || ...);
+    (void)((mat_type == O::type && (is_verified = verify_object<typename O::record>(v, O::noun.text), true)) || ...);
     return is_verified;
 }
 

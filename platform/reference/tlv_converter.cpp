@@ -200,7 +200,8 @@ int32_t read_record(const Table &table, const void *body, char *record, Block &b
 int32_t read_nested(const Table &table, const void *body, const zel_table_row_t &row, char *record, Block &block)
 {
     const uint32_t count = count_elements(table, body, &row);
-    if (count != count_of(row, record))
+    // Less than nothing is no number of records here: whoever reads the field unsigned takes it for many.
+    if (row.count(record) != int64_t{count})
         return TLVU_COUNT;
     char *nested = count != 0 ? block.take(uint64_t{count} * row.width) : nullptr;
     std::memcpy(record + row.offset, &nested, sizeof nested);

@@ -23,7 +23,7 @@ expect() {
 }
 says() { grep -qF -- "$1" "$dir/out" "$dir/err" || fail "not said: $1, but: $(cat "$dir/out" "$dir/err")"; }
 
-for command in "" policy "policy apply" "policy check" "policy delete" "policy show" stats traffic send encode decode \
+for command in "" policy "policy apply" "policy check" "policy delete" "policy show" stats traffic send encode decode verify \
     import "import classbench"; do
     # shellcheck disable=SC2086
     expect 0 "$zelctl" $command --help
@@ -79,6 +79,12 @@ says "lisp_proto {"
 says "[match pre_match_id]"
 head -c 100 "$dir/a.msg" >"$dir/cut.msg"
 expect 3 "$zelctl" decode "$dir/cut.msg"
+expect 3 "$zelctl" verify "$dir/cut.msg"
+expect 0 "$zelctl" verify --strict "$dir/a.msg"
+says "a.msg: accepted, 0 unknown elements"
+printf '\002\000\000\000\001\000' >"$dir/damaged.msg"
+expect 3 "$zelctl" verify "$dir/damaged.msg"
+says "damaged.msg: header: an element is damaged: expected 1, found 0 (element 0, id 0, offset 4)"
 says "zelctl: $dir/cut.msg: offset 4"
 expect 2 "$zelctl" encode
 expect 5 "$zelctl" encode "$dir/a.json" -o "$dir/no/such/folder"

@@ -1,4 +1,5 @@
-// zelctl encode and decode: messages in files, without a service.
+// zelctl encode, decode and verify: messages in files, without a service.
+#include "platform/reference/tlv_check.h"
 #include "tools/common/element_tree.hpp"
 #include "tools/common/json_reader.hpp"
 #include "tools/zelctl/output.hpp"
@@ -37,6 +38,28 @@ int run_decode(const Options &options, const std::string &path)
     return exit_ok;
 }
 
+struct VerifyArguments {
+    std::string path;
+    bool is_strict = false;
+};
+
+int run_verify(const VerifyArguments &arguments)
+{
+    const std::string bytes = tools::read_file(arguments.path);
+    if (bytes.size() > UINT32_MAX || tlv_array_check(bytes.data(), static_cast<uint32_t>(bytes.size())) != TLV_OK)
+        throw tools::BadInput(arguments.path + ": no message: its first four bytes claim more than there is");
+    const zel_verify_options_t options{sizeof options, arguments.is_strict};
+    zel_verify_report_t report{};
+    report.size = sizeof report;
+    const uint32_t rule = zel_verify_tlv_array(bytes.data(), &options, &report);
+    char text[ZEL_VERIFY_TEXT_SIZE];
+    zel_verify_report_text(&report, text, sizeof text);
+    if (rule != ZEL_VERIFY_OK)
+        throw tools::BadInput(arguments.path + ": " + text);
+    fmt::print("{}: {}, {} unknown elements\n", arguments.path, text, report.unknown_elements);
+    return exit_ok;
+}
+
 } // namespace
 
 void add_codec_commands(const CommandLine &line)
@@ -63,6 +86,13 @@ void add_codec_commands(const CommandLine &line)
         line.app.add_subcommand("decode", "Show a message file as a tree of elements, or with --json as JSON");
     decode->add_option("FILE", *path, "The message file; - is standard input")->required();
     when_given(line, decode, [&options = line.options, path] { return run_decode(options, *path); });
+
+    const auto verify_arguments = std::make_shared<VerifyArguments>();
+    CLI::App *const verify =
+        line.app.add_subcommand("verify", "Say whether a service may trust the shape of a message file");
+    verify->add_option("FILE", verify_arguments->path, "The message file; - is standard input")->required();
+    verify->add_flag("--strict", verify_arguments->is_strict, "Refuse elements that newer peers may have added, too");
+    when_given(line, verify, [verify_arguments] { return run_verify(*verify_arguments); });
 }
 
 } // namespace zelctl

@@ -132,14 +132,15 @@ public:
         (this->*(tidy_ ? tidy_steps[below(std::size(tidy_steps))] : steps[below(std::size(steps))]))();
     }
 
-    // Makes counts true, and objects that come in full again different ones.
+    // Makes counts true and, mostly, objects that come in full again different ones.
     void repair()
     {
+        const bool distinguishes = below(4) != 0;
         std::vector<std::pair<uint16_t, uint32_t>> seen;
         for (At at = elements_.begin(); at != elements_.end(); ++at) {
             if (has_role(*at, Role::count))
                 put_number(at->value, members_behind(at, elements_.end()));
-            if (!has_role(*at, Role::identity) || at->value.size() < 2)
+            if (!distinguishes || !has_role(*at, Role::identity) || at->value.size() < 2)
                 continue;
             while (std::ranges::find(seen, std::pair{at->id, number_in(at->value)}) != seen.end())
                 put_number(at->value, number_in(at->value) + 1);

@@ -92,21 +92,19 @@ int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *leng
 {
     // The cursor counts the bytes of the elements read, so 0 is the first element.
     const uint32_t used = used_bytes(array);
-    const uint32_t at = *cursor;
-    if (at >= used)
-        return TLV_END;
-    const uint32_t rest = used - at;
-    if (rest < TLV_ELEMENT_OVERHEAD) [[unlikely]]
-        return TLV_DAMAGED;
+    const uint64_t at = *cursor;
+    if (at + TLV_ELEMENT_OVERHEAD > used) [[unlikely]]
+        return at >= used ? TLV_END : TLV_DAMAGED;
     const unsigned char *const element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD + at;
     ElementHeader header;
     std::memcpy(&header, element, sizeof header);
-    if (header.length > rest - TLV_ELEMENT_OVERHEAD) [[unlikely]]
+    const uint64_t end = at + TLV_ELEMENT_OVERHEAD + header.length;
+    if (end > used) [[unlikely]]
         return TLV_DAMAGED;
     *type = header.type;
     *length = header.length;
     *value = element + sizeof header;
-    *cursor = at + TLV_ELEMENT_OVERHEAD + header.length;
+    *cursor = static_cast<uint32_t>(end);
     return TLV_OK;
 }
 
@@ -114,20 +112,16 @@ int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *leng
 // as many as this comes across the damage instead of taking the array for whole.
 uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
 {
-    const unsigned char *element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
+    const auto *const elements = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
+    const uint32_t used = used_bytes(array);
+    uint64_t at = 0;
     uint32_t count = 0;
-    for (uint32_t rest = used_bytes(array); rest != 0; ++count) {
-        if (rest < TLV_ELEMENT_OVERHEAD) [[unlikely]]
-            return count + 1;
+    for (; at + TLV_ELEMENT_OVERHEAD <= used; ++count) {
         ElementHeader header;
-        std::memcpy(&header, element, sizeof header);
-        const uint32_t size = size_of_element(header.length);
-        if (size > rest) [[unlikely]]
-            return count + 1;
-        element += size;
-        rest -= size;
+        std::memcpy(&header, elements + at, sizeof header);
+        at += size_of_element(header.length);
     }
-    return count;
+    return at < used ? count + 1 : count;
 }
 
 int32_t tlv_array_check(const void *array, uint32_t size)

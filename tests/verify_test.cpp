@@ -26,7 +26,9 @@ Verdict verify(const Bytes &array, bool strict = false)
     const zel_verify_options_t options{sizeof options, strict};
     Verdict verdict{};
     verdict.report.size = sizeof verdict.report;
+    const size_t allocated = heap.callocs.size();
     verdict.rule = zel_verify_tlv_array(array.data(), &options, &verdict.report);
+    EXPECT_EQ(heap.callocs.size(), allocated);
     EXPECT_EQ(verdict.report.rule, verdict.rule);
     return verdict;
 }

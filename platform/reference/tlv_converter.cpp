@@ -205,12 +205,14 @@ int32_t read_nested(const Table &table, const void *body, const zel_table_row_t 
         return TLVU_COUNT;
     char *nested = count != 0 ? block.take(uint64_t{count} * row.width) : nullptr;
     std::memcpy(record + row.offset, &nested, sizeof nested);
-    for (Elements elements(body, table); elements.next() == TLVU_OK;) {
+    uint32_t left = count;
+    for (Elements elements(body, table); left != 0 && elements.next() == TLVU_OK;) {
         if (elements.row != &row)
             continue;
         if (const int32_t code = read_record(Table(row.nested), elements.value, nested, block); code != TLVU_OK)
             return code;
         nested += row.width;
+        --left;
     }
     return TLVU_OK;
 }

@@ -41,6 +41,18 @@ public:
     virtual Message neutral(const void *graph) = 0;
 };
 
+// Formats without a graph of their own start from the neutral one and decode into it.
+class PlainContender : public Contender {
+public:
+    void load(const Message &message) override { message_ = message; }
+    void release(void *graph) override { delete static_cast<Message *>(graph); }
+    Message neutral(const void *graph) override { return *static_cast<const Message *>(graph); }
+
+protected:
+    Message message_;
+    std::size_t last_size_ = 1024; // of a message: where buffers that grow begin
+};
+
 // A row of the tables.
 struct Row {
     std::string name;

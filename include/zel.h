@@ -1136,13 +1136,13 @@ typedef struct {
 
 /* What was found.  The first fault wins. */
 typedef struct {
-    uint32_t size;                   /* sizeof(zel_verify_report_t), set by the caller; no more is written */
-    uint32_t rule;                   /* the broken rule, or ZEL_VERIFY_OK */
-    uint32_t offset;                 /* bytes from the start of the array to the element at fault */
-    uint32_t element_index;          /* of that element in the array, from 0 */
-    uint32_t element_id;             /* its id; 0 where there is none */
-    uint32_t expected;               /* as the rule says */
-    uint32_t found;                  /* as the rule says */
+    uint32_t size;          /* sizeof(zel_verify_report_t), set by the caller; no more is written */
+    uint32_t rule;          /* the broken rule, or ZEL_VERIFY_OK */
+    uint32_t offset;        /* bytes from the start of the array to the element at fault, or to where there is none */
+    uint32_t element_index; /* of that element in the array, from 0 */
+    uint32_t element_id;    /* its id; 0 where there is none */
+    uint32_t expected;      /* as the rule says */
+    uint32_t found;         /* as the rule says */
     uint32_t unknown_elements;       /* that were passed over so far */
     char path[ZEL_VERIFY_PATH_SIZE]; /* the object that it belongs to: "policy / pair 7 / match 2"; members from 1 */
 } zel_verify_report_t;

@@ -294,10 +294,8 @@ Policy read(cp::Policy::Reader from, SharedObjects &objects)
 
 // ---- The row
 
-class CapnProto final : public Contender {
+class CapnProto final : public PlainContender {
 public:
-    void load(const Message &message) override { message_ = message; }
-
     Encoded encode() override
     {
         OneBlock builder(last_size_);
@@ -320,15 +318,9 @@ public:
         return message;
     }
 
-    void release(void *graph) override { delete static_cast<Message *>(graph); }
-
-    Message neutral(const void *graph) override { return *static_cast<const Message *>(graph); }
-
 private:
-    Message message_;
     SeenIds seen_;
     SharedObjects objects_;
-    std::size_t last_size_ = 1024;
 };
 
 const Enter<CapnProto> row("Cap'n Proto");

@@ -61,10 +61,8 @@ public:
     }
 };
 
-class Cereal final : public Contender {
+class Cereal final : public PlainContender {
 public:
-    void load(const Message &message) override { message_ = message; }
-
     Encoded encode() override
     {
         GrowingBuffer buffer(last_size_);
@@ -85,14 +83,6 @@ public:
         archive(*message);
         return message;
     }
-
-    void release(void *graph) override { delete static_cast<Message *>(graph); }
-
-    Message neutral(const void *graph) override { return *static_cast<const Message *>(graph); }
-
-private:
-    Message message_;
-    std::size_t last_size_ = 1024;
 };
 
 const Enter<Cereal> row("cereal binary");

@@ -355,10 +355,8 @@ template <class T> uint32_t sum_of(const T &value)
 
 // ---- The rows
 
-class FlatBuffers : public Contender {
+class FlatBuffers : public PlainContender {
 public:
-    void load(const Message &message) override { message_ = message; }
-
     Encoded encode() override
     {
         flatbuffers::FlatBufferBuilder builder(last_size_);
@@ -378,17 +376,11 @@ public:
         return new Message(read(*fb::GetMessage(bytes.data()), objects_));
     }
 
-    void release(void *graph) override { delete static_cast<Message *>(graph); }
-
-    Message neutral(const void *graph) override { return *static_cast<const Message *>(graph); }
-
 protected:
     SharedObjects objects_;
 
 private:
-    Message message_;
     Writer writer_;
-    std::size_t last_size_ = 1024;
 };
 
 class Lazy final : public FlatBuffers {

@@ -273,10 +273,8 @@ private:
 
 // ---- The row
 
-class LibMnl final : public Contender {
+class LibMnl final : public PlainContender {
 public:
-    void load(const Message &message) override { message_ = message; }
-
     Encoded encode() override
     {
         Writer writer(last_size_, seen_);
@@ -288,15 +286,9 @@ public:
 
     void *decode(Bytes bytes) override { return new Message(Reader(objects_).read(bytes)); }
 
-    void release(void *graph) override { delete static_cast<Message *>(graph); }
-
-    Message neutral(const void *graph) override { return *static_cast<const Message *>(graph); }
-
 private:
-    Message message_;
     SeenIds seen_;
     SharedObjects objects_;
-    std::size_t last_size_ = 1024;
 };
 
 const Enter<LibMnl> row("libmnl attributes");

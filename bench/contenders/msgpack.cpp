@@ -69,10 +69,8 @@ MSGPACK_API_VERSION_NAMESPACE(MSGPACK_DEFAULT_API_NS)
 namespace bench {
 namespace {
 
-class MessagePack final : public Contender {
+class MessagePack final : public PlainContender {
 public:
-    void load(const Message &message) override { message_ = message; }
-
     Encoded encode() override
     {
         msgpack::sbuffer buffer(last_size_);
@@ -90,14 +88,6 @@ public:
         unpacked->convert(*message);
         return message;
     }
-
-    void release(void *graph) override { delete static_cast<Message *>(graph); }
-
-    Message neutral(const void *graph) override { return *static_cast<const Message *>(graph); }
-
-private:
-    Message message_;
-    std::size_t last_size_ = 1024;
 };
 
 const Enter<MessagePack> row("msgpack");

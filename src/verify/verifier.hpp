@@ -5,6 +5,7 @@
 #include "model/known_elements.hpp"
 #include "platform/tlv_array.h"
 
+#include <algorithm>
 #include <bitset>
 #include <cstdio>
 #include <cstring>
@@ -70,7 +71,7 @@ inline uint32_t offset_of_next(const Verification &v)
         return offset_of_value(v, v.value);
     if (v.previous_value == nullptr)
         return array_overhead;
-    return offset_of_value(v, v.previous_value) + tlv_size_get(v.previous_length);
+    return distance(v.array, v.previous_value) + v.previous_length;
 }
 
 // Writes the path behind the first used bytes; returns how many are used then.
@@ -85,7 +86,7 @@ inline uint32_t write_path(zel_verify_report_t &report, const Place *place)
     const int written = place->position != 0
                             ? std::snprintf(end, room, "%s%s %u", separator, place->noun, place->position)
                             : std::snprintf(end, room, "%s%s", separator, place->noun);
-    return used + static_cast<uint32_t>(written);
+    return std::min<uint32_t>(used + static_cast<uint32_t>(written), sizeof report.path - 1);
 }
 
 // Refuses the next element.  Why it is not the expected one may have a simpler

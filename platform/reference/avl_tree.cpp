@@ -1,4 +1,9 @@
-// The balanced tree.
+// The balanced tree, or rather many small ones.
+//
+// The library's keys are known here, so a tree of them is split into parts by a
+// hash of the key: what a descent costs is what the height of one part costs, and
+// the parts of most messages have an entry or two.  A tree with any other order has
+// one part.
 //
 // A node is the two links at the start of an entry: pointers whose lowest bit
 // says that the subtree on this side is the taller one.  There is no way up, so
@@ -6,17 +11,23 @@
 //
 // An insertion changes nothing above the deepest node on its path that leans to
 // a side, and a failed lookup passes exactly that path.  It leaves behind where
-// that node hangs, and the entries before and after the place of the missing key.
-// An entry that belongs between these two is then inserted without a second
-// descent.  Any change to the tree makes it forget.
+// that node hangs, and where the missing key does, so that an entry with this key is
+// then inserted without a second descent.  Any change to the tree makes it forget.
 //
 // A tree that loses root after root is dying, and its balance is not kept up any
 // more: the root has no left child then, so that it can be taken off the top, and
-// what followed it on the left edge hangs to the right of it.  That makes the tree
+// what followed it on the left edge hangs to the right of it.  That makes a part
 // twice as high as it was, at most, and lookups go on as before; whatever else
 // changes the tree puts it back into balance first.
 #include "platform/reference/contract.hpp"
 #include "zel.h"
+
+#include <bit>
+#include <cstring>
+
+// Absent from a program without the library, and inlined into one that is compiled
+// as a whole.
+#pragma weak zel_mat_cache_comp_func
 
 namespace {
 
@@ -31,23 +42,30 @@ struct [[gnu::may_alias]] Node {
 };
 static_assert(sizeof(Node) <= 16);
 
-// How the tree uses the words of ravl_tree_t.  Whoever holds the tree may copy it
-// while it is empty: leaning may then point into the old one, but it is not
-// followed for the place behind the last entry, and an empty tree has no other.
+// As many as two levels of bits can tell apart.
+constexpr unsigned word_bits = 64;
+constexpr unsigned num_parts = word_bits * word_bits;
+
+// How the tree uses the words of ravl_tree_t.
 struct [[gnu::may_alias]] Tree {
-    uintptr_t root;
+    uintptr_t root; // of the current part, which is empty only when all are
     ravl_compare_t compare;
+    uintptr_t key_size;
     uintptr_t key_offset;
-    Node *last;           // the entry that sorts last, null when not known
-    uintptr_t remembered; // non-zero: the words below describe the last failed lookup
-    Node *before;         // its neighbours in order, null at either end
-    Node *after;
-    Word *leaning; // link to the deepest leaning node of its path, or to the root
+
+    Word *missing; // where the key of the last failed lookup belongs, or null when forgotten
+    Word *leaning; // link to the deepest leaning node of the path to there, or to the part
+    alignas(uintptr_t) unsigned char missing_key[16]; // as Keys::keep() has it
+
+    uintptr_t current;
     uintptr_t count;
     uintptr_t lost_roots; // that were deleted one after the other, with no other change between
     uintptr_t is_dying;
+    uintptr_t part[num_parts];
+    uint64_t in_use[word_bits]; // the parts that are not empty
+    uint64_t words_in_use;      // the words of these bits that are not 0
 };
-static_assert(sizeof(Tree) == sizeof(ravl_tree_t));
+static_assert(sizeof(Tree) <= sizeof(ravl_tree_t));
 
 Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
 
@@ -75,12 +93,94 @@ const void *key_of(const Tree &tree, const Node *node)
     return reinterpret_cast<const char *>(node) + tree.key_offset;
 }
 
+// ---- Keys
+
 enum Order : uint32_t { equal = 0, sorts_after = 1, sorts_before = 2 };
 
-Order compare(const Tree &tree, const void *key, const Node *node)
+struct AnyKeys {
+    const Tree &tree;
+
+    uint32_t compare(const void *a, const void *b) const { return tree.compare(a, b); }
+    bool is_small() const { return tree.key_size <= sizeof tree.missing_key; }
+    void keep(void *copy, const void *key) const { std::memcpy(copy, key, is_small() ? tree.key_size : 0); }
+    bool is_kept(const void *copy, const void *key) const { return is_small() && compare(copy, key) == equal; }
+    uintptr_t part_of(const void *) const { return 0; }
+};
+
+struct LibraryKeys {
+    uint32_t compare(const void *a, const void *b) const { return zel_mat_cache_comp_func(a, b); }
+
+    // Its fields have just been written, one by one: a copy with wider loads would have
+    // to wait for that, and compilers are fond of such copies.
+    struct Copy {
+        uint64_t type_and_id;
+        uint32_t app_type;
+    };
+    static Copy copy_of(const void *key)
+    {
+        const auto &k = *static_cast<const zel_mat_cache_key_t *>(key);
+        return {uint64_t{k.mat_type} << 16 | k.mat_id, k.app_type};
+    }
+    void keep(void *to, const void *key) const
+    {
+        const Copy copy = copy_of(key);
+        std::memcpy(to, &copy, sizeof copy);
+    }
+    bool is_kept(const void *from, const void *key) const
+    {
+        const Copy a = copy_of(key);
+        Copy b;
+        std::memcpy(&b, from, sizeof b);
+        return a.type_and_id == b.type_and_id && a.app_type == b.app_type;
+    }
+
+    // Ids count from 1 upwards in both kinds of object, so their order is kept, for the
+    // sake of the memory that they lie in, and the kinds are a third of the parts apart.
+    uintptr_t part_of(const void *key) const
+    {
+        const auto &k = *static_cast<const zel_mat_cache_key_t *>(key);
+        return (k.mat_id + num_parts / 3 * k.mat_type + 0x9e3779b1 * k.app_type) % num_parts;
+    }
+};
+
+template <class Do> auto with_keys(const Tree &tree, Do action)
 {
-    return static_cast<Order>(tree.compare(key, key_of(tree, node)));
+    return tree.compare == zel_mat_cache_comp_func ? action(LibraryKeys{}) : action(AnyKeys{tree});
 }
+
+// ---- Parts
+
+unsigned lowest(uint64_t bits) { return static_cast<unsigned>(std::countr_zero(bits)); }
+
+// The first part from a given one on that is not empty, as in a circle.
+uintptr_t next_in_use(const Tree &tree, uintptr_t part)
+{
+    uintptr_t word = part / word_bits;
+    uint64_t parts = tree.in_use[word] & (~uint64_t{0} << part % word_bits);
+    if (parts == 0) {
+        const uint64_t later = tree.words_in_use & (~uint64_t{1} << word);
+        word = lowest(later != 0 ? later : tree.words_in_use);
+        parts = tree.in_use[word];
+    }
+    return word * word_bits + lowest(parts);
+}
+
+void begin_use(Tree &tree, uintptr_t part)
+{
+    const uintptr_t word = part / word_bits;
+    tree.in_use[word] |= uint64_t{1} << part % word_bits;
+    tree.words_in_use |= uint64_t{1} << word;
+}
+
+void end_use(Tree &tree, uintptr_t part)
+{
+    const uintptr_t word = part / word_bits;
+    tree.in_use[word] &= ~(uint64_t{1} << part % word_bits);
+    if (tree.in_use[word] == 0)
+        tree.words_in_use &= ~(uint64_t{1} << word);
+}
+
+// ---- Balance
 
 // Brings a node into balance whose subtree on a side is taller by two.  Returns
 // the node that takes its place; that is even unless the height stays the same.
@@ -109,105 +209,47 @@ Node *rotate(Node *top, Side side)
 
 // ---- Looking up
 
-void remember(Tree &tree, Node *before, Node *after, Word *leaning)
-{
-    tree.remembered = 1;
-    tree.before = before;
-    tree.after = after;
-    tree.leaning = leaning;
-}
-
 // The node with a key, or null, and then the tree remembers where it is missing.
-Node *search(Tree &tree, const void *key)
+template <class Keys> Node *find(Tree &tree, const void *key, Keys keys)
 {
-    Word *link = &tree.root;
+    Word *link = &tree.part[keys.part_of(key)];
     Word *leaning = link;
-    Node *before = nullptr;
-    Node *after = nullptr;
     while (Node *const node = target(*link)) {
-        const Order order = compare(tree, key, node);
+        const uint32_t order = keys.compare(key, key_of(tree, node));
         if (order == equal)
             return node;
-        // Which way it goes nobody can predict, so there is no branch for it.
-        const bool is_after = order == sorts_after;
         leaning = is_even(node) ? leaning : link;
-        before = is_after ? node : before;
-        after = is_after ? after : node;
-        link = &node->link[is_after ? right : left];
+        // Which way it goes nobody can predict, so there is no branch for it.
+        link = &node->link[order & sorts_after];
     }
-    remember(tree, before, after, leaning);
+    keys.keep(tree.missing_key, key);
+    tree.missing = link;
+    tree.leaning = leaning;
     return nullptr;
 }
 
-// The deepest leaning node where the tree ends, for the place behind the last entry.
-Word *leaning_towards_end(Tree &tree)
+template <class Keys> bool is_known_missing(const Tree &tree, const void *key, Keys keys)
 {
-    Word *leaning = &tree.root;
-    for (Word *link = leaning; Node *const node = target(*link); link = &node->link[right])
-        if (!is_even(node))
-            leaning = link;
-    return leaning;
+    if (tree.root == 0) // whoever holds the tree may have copied it
+        return false;
+    return tree.missing != nullptr && keys.is_kept(tree.missing_key, key);
 }
 
-// search(), which ascending keys never get to.
-Node *find(Tree &tree, const void *key)
-{
-    if (tree.last != nullptr) {
-        switch (compare(tree, key, tree.last)) {
-        case equal:
-            return tree.last;
-        case sorts_after:
-            remember(tree, tree.last, nullptr, nullptr);
-            return nullptr;
-        case sorts_before:
-            break;
-        }
-    }
-    return search(tree, key);
-}
-
-bool is_remembered(const Tree &tree, const void *key)
-{
-    return tree.remembered != 0 && (tree.before == nullptr || compare(tree, key, tree.before) == sorts_after) &&
-           (tree.after == nullptr || compare(tree, key, tree.after) == sorts_before);
-}
-
-void forget(Tree &tree) { tree.remembered = 0; }
+void forget(Tree &tree) { tree.missing = nullptr; }
 
 // ---- Inserting
 
-// Which way the remembered place lies from a node above it.
-Side way_down(const Tree &tree, const void *key, const Node *node)
-{
-    if (tree.after == nullptr || node == tree.before)
-        return right;
-    if (tree.before == nullptr || node == tree.after)
-        return left;
-    return compare(tree, key, node) == sorts_after ? right : left;
-}
-
-// One of the two neighbours has no child on the side of the remembered place.
-void hang(Tree &tree, Node *entry)
-{
-    if (tree.before != nullptr && target(tree.before->link[right]) == nullptr)
-        redirect(&tree.before->link[right], entry);
-    else if (tree.after != nullptr)
-        redirect(&tree.after->link[left], entry);
-    else
-        redirect(&tree.root, entry);
-}
-
 // All nodes between the leaning one and the new leaf were even and lean now.
-void rebalance_above(Tree &tree, Node *entry)
+template <class Keys> void rebalance_above(Tree &tree, Node *entry, Keys keys)
 {
     const void *const key = key_of(tree, entry);
-    Word *const top_link = tree.after == nullptr ? leaning_towards_end(tree) : tree.leaning;
-    Node *const top = target(*top_link);
-    if (top == entry)
-        return;
-    const Side side = way_down(tree, key, top);
+    const auto way_down = [&](const Node *node) {
+        return keys.compare(key, key_of(tree, node)) == sorts_after ? right : left;
+    };
+    Node *const top = target(*tree.leaning);
+    const Side side = way_down(top);
     for (Node *node = target(top->link[side]); node != entry;) {
-        const Side next = way_down(tree, key, node);
+        const Side next = way_down(node);
         lean(node, next);
         node = target(node->link[next]);
     }
@@ -216,18 +258,24 @@ void rebalance_above(Tree &tree, Node *entry)
     else if (!leans(top, side))
         lean(top, side);
     else
-        redirect(top_link, rotate(top, side));
+        redirect(tree.leaning, rotate(top, side));
 }
 
 // At the place that is remembered.
-void link_in(Tree &tree, Node *entry)
+template <class Keys> void link_in(Tree &tree, Node *entry, Keys keys)
 {
     *entry = {};
-    hang(tree, entry);
-    rebalance_above(tree, entry);
-    if (tree.after == nullptr)
-        tree.last = entry;
+    *tree.missing = reinterpret_cast<uintptr_t>(entry);
+    if (tree.missing != tree.leaning) {
+        rebalance_above(tree, entry, keys);
+    } else { // the first of its part
+        const auto part = static_cast<uintptr_t>(tree.missing - tree.part);
+        begin_use(tree, part);
+        if (tree.root == 0)
+            tree.current = part;
+    }
     ++tree.count;
+    tree.root = tree.part[tree.current];
     forget(tree);
 }
 
@@ -244,13 +292,14 @@ struct Path {
 };
 
 // The link to an entry, or null when this tree does not hold it.
-Word *descend_to(Tree &tree, const Node *entry, Path &path)
+template <class Keys> Word *descend_to(Tree &tree, const Node *entry, Path &path, Keys keys)
 {
-    Word *link = &tree.root;
+    const void *const key = key_of(tree, entry);
+    Word *link = &tree.part[keys.part_of(key)];
     for (Node *node = target(*link); node != entry; node = target(*link)) {
         if (node == nullptr)
             return nullptr;
-        const Order order = compare(tree, key_of(tree, entry), node);
+        const uint32_t order = keys.compare(key, key_of(tree, node));
         if (order == equal)
             return nullptr;
         path.push(link);
@@ -304,10 +353,10 @@ void rebalance_up(Path &path, const Word *shrunk)
     }
 }
 
-void delete_balanced(Tree &tree, Node *entry)
+template <class Keys> void delete_balanced(Tree &tree, Node *entry, Keys keys)
 {
     Path path;
-    Word *link = descend_to(tree, entry, path);
+    Word *link = descend_to(tree, entry, path, keys);
     if (link == nullptr)
         return;
     Node *const left_child = target(entry->link[left]);
@@ -318,58 +367,85 @@ void delete_balanced(Tree &tree, Node *entry)
         redirect(link, left_child != nullptr ? left_child : right_child);
     rebalance_up(path, link);
     --tree.count;
+    const uintptr_t part = keys.part_of(key_of(tree, entry));
+    if (tree.part[part] == 0)
+        end_use(tree, part);
 }
 
 // ---- Dying
 
 // Enough roots to pay for putting the rest back into balance, should that be needed.
-bool has_lost_enough(const Tree &tree) { return 8 * tree.lost_roots > tree.count; }
+bool has_lost_enough(const Tree &tree) { return 32 * tree.lost_roots > tree.count; }
 
 // Rotates until the root has no left child.
-void unroll(Tree &tree)
+void unroll(Word *root)
 {
-    Node *top = target(tree.root);
-    if (top == nullptr)
-        return;
+    Node *top = target(*root);
     while (Node *const child = target(top->link[left])) {
         top->link[left] = reinterpret_cast<uintptr_t>(target(child->link[right]));
         child->link[right] = reinterpret_cast<uintptr_t>(top);
         top = child;
     }
-    tree.root = reinterpret_cast<uintptr_t>(top);
+    *root = reinterpret_cast<uintptr_t>(top);
 }
 
+// The root is that of a part, or of the first one behind it that is not empty.
+void choose_root(Tree &tree, uintptr_t part)
+{
+    if (tree.words_in_use == 0) {
+        tree.root = 0;
+        tree.count = 0;
+        tree.lost_roots = 0;
+        tree.is_dying = 0;
+        return;
+    }
+    part %= num_parts;
+    tree.current = tree.part[part] != 0 ? part : next_in_use(tree, part);
+    Word *const root = &tree.part[tree.current];
+    if (tree.is_dying != 0)
+        unroll(root);
+    tree.root = *root;
+}
+
+// Of a dying tree, which does not count any more.
 void take_off_root(Tree &tree)
 {
-    tree.root = reinterpret_cast<uintptr_t>(target(target(tree.root)->link[right]));
-    --tree.count;
-    unroll(tree);
+    Word *const root = &tree.part[tree.current];
+    *root = reinterpret_cast<uintptr_t>(target(target(*root)->link[right]));
+    if (*root == 0)
+        end_use(tree, tree.current);
 }
 
 // Builds a dying tree anew.
-void revive(Tree &tree)
+template <class Keys> void revive(Tree &tree, Keys keys)
 {
     tree.lost_roots = 0;
     if (tree.is_dying == 0) [[likely]]
         return;
-    Tree rest = tree;
-    tree = {};
-    tree.compare = rest.compare;
-    tree.key_offset = rest.key_offset;
-    while (Node *const node = target(rest.root)) {
-        take_off_root(rest);
-        remember(tree, tree.last, nullptr, nullptr);
-        link_in(tree, node);
+    tree.is_dying = 0;
+    tree.count = 0;
+    for (Word &part : tree.part) {
+        Word rest = part;
+        part = 0;
+        while (rest != 0) {
+            unroll(&rest);
+            Node *const node = target(rest);
+            rest = reinterpret_cast<uintptr_t>(target(node->link[right]));
+            if (find(tree, key_of(tree, node), keys) == nullptr) // always: keys differ
+                link_in(tree, node, keys);
+        }
     }
 }
 
 } // namespace
 
-int32_t ravl_init(ravl_tree *tree, uint32_t, uint32_t key_offset, ravl_compare_t compare)
+int32_t ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
     *tree = {};
-    as_tree(tree).compare = compare;
-    as_tree(tree).key_offset = key_offset;
+    Tree &t = as_tree(tree);
+    t.compare = compare;
+    t.key_size = key_size;
+    t.key_offset = key_offset;
     return 0;
 }
 
@@ -377,38 +453,48 @@ int32_t ravl_insert(ravl_tree *tree, void *entry)
 {
     Tree &t = as_tree(tree);
     Node *const node = static_cast<Node *>(entry);
-    const void *const key = key_of(t, node);
-    revive(t);
-    if (!is_remembered(t, key) && find(t, key) != nullptr)
-        return 0;
-    link_in(t, node);
-    return 1;
+    return with_keys(t, [&](auto keys) {
+        revive(t, keys);
+        const void *const key = key_of(t, node);
+        if (!is_known_missing(t, key, keys) && find(t, key, keys) != nullptr)
+            return 0;
+        link_in(t, node, keys);
+        return 1;
+    });
 }
 
-void *ravl_lookup(ravl_tree *tree, const void *key) { return find(as_tree(tree), key); }
+void *ravl_lookup(ravl_tree *tree, const void *key)
+{
+    Tree &t = as_tree(tree);
+    return with_keys(t, [&](auto keys) -> void * { return find(t, key, keys); });
+}
 
+// Roots are taken from one part after the other: neighbours in order are in neighbouring
+// parts, and often in neighbouring memory.
 void ravl_delete(ravl_tree *tree, void *entry)
 {
     Tree &t = as_tree(tree);
     Node *const node = static_cast<Node *>(entry);
     forget(t);
-    if (t.last == node)
-        t.last = nullptr;
     if (node != target(t.root)) {
-        revive(t);
-        delete_balanced(t, node);
+        with_keys(t, [&](auto keys) {
+            revive(t, keys);
+            delete_balanced(t, node, keys);
+        });
+        choose_root(t, t.current);
         return;
     }
-    ++t.lost_roots;
+    if (t.is_dying == 0) {
+        ++t.lost_roots;
+        t.is_dying = has_lost_enough(t) && target(node->link[left]) == nullptr;
+    }
     if (t.is_dying != 0) {
         take_off_root(t);
     } else {
-        delete_balanced(t, node);
-        if (!has_lost_enough(t))
-            return;
-        unroll(t);
+        with_keys(t, [&](auto keys) { delete_balanced(t, node, keys); });
+        t.is_dying = has_lost_enough(t);
     }
-    t.is_dying = t.root != 0;
+    choose_root(t, t.current + 1);
 }
 
 int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

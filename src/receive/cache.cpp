@@ -9,12 +9,14 @@ using namespace zel;
 
 namespace {
 
-enum Order : uint32_t { equal = 0, after = 1, before = 2 };
-
+// 1 when a key sorts after another, 2 when before, by the sign of their difference.
 // Without branches: a descent asks this at every level, and nobody can predict the answer.
-template <class T> Order compare(T a, T b)
+uint32_t order_of(int64_t difference)
 {
-    return static_cast<Order>((a > b ? after : equal) | (a < b ? before : equal));
+    constexpr int sign_bit = 63;
+    const auto is_after = static_cast<uint64_t>(-difference) >> sign_bit;
+    const auto is_before = static_cast<uint64_t>(difference) >> sign_bit;
+    return static_cast<uint32_t>(is_after + 2 * is_before);
 }
 
 } // namespace
@@ -24,9 +26,9 @@ uint32_t zel_mat_cache_comp_func(const void *a, const void *b)
     const auto &x = *static_cast<const zel_mat_cache_key_t *>(a);
     const auto &y = *static_cast<const zel_mat_cache_key_t *>(b);
     if (x.app_type != y.app_type) [[unlikely]] // one message, one application
-        return compare(x.app_type, y.app_type);
-    constexpr int id_bits = 16;
-    return compare(uint64_t{x.mat_type} << id_bits | x.mat_id, uint64_t{y.mat_type} << id_bits | y.mat_id);
+        return order_of(int64_t{x.app_type} - y.app_type);
+    const auto joined = [](const zel_mat_cache_key_t &key) { return int64_t{key.mat_type} << 16 | key.mat_id; };
+    return order_of(joined(x) - joined(y));
 }
 
 zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,

@@ -1,4 +1,6 @@
 // Compression: an object that the message has carried in full becomes a reference.
+#include "encode/compress.hpp"
+
 #include "encode/element.hpp"
 #include "model/mat_objects.hpp"
 #include "model/trace.hpp"
@@ -12,6 +14,14 @@ uint16_t id_of(uint32_t mat_type, const void *record)
                                           : static_cast<const zel_action_t *>(record)->id;
 }
 
+uint32_t size_of_reference()
+{
+    return 2 * element_size(sizeof zel_tlv_struct_start) + element_size(sizeof Reference::mat_type) +
+           element_size(sizeof Reference::mat_id);
+}
+
+} // namespace
+
 void write_reference(zel_api_handle_t *handle, void *array, uint32_t size, const Reference &reference)
 {
     zel_add_tlv_struct_start(handle, reference.mat_type, array, size);
@@ -21,13 +31,6 @@ void write_reference(zel_api_handle_t *handle, void *array, uint32_t size, const
     zel_add_tlv_struct_end(handle, reference.mat_type, array, size);
 }
 
-uint32_t size_of_reference()
-{
-    return 2 * element_size(sizeof zel_tlv_struct_start) + element_size(sizeof Reference::mat_type) +
-           element_size(sizeof Reference::mat_id);
-}
-
-} // namespace
 } // namespace zel
 
 using namespace zel;
@@ -44,11 +47,8 @@ uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size,
     }
 
     const uint16_t id = id_of(mat_type, record);
-    if (zel_found_mat_cache(handle, app_type, mat_type, id) == nullptr) {
-        // The cache lends its objects to its callers, hence a pointer to non-const; encoding never writes to them.
-        zel_store_mat_cache(handle, app_type, mat_type, id, const_cast<void *>(record));
+    if (is_first_occurrence(handle, app_type, mat_type, id, record))
         return ZEL_COMPRESS_WHOLE;
-    }
     switch (mode) {
     case MAT_TRAVERSE_ENCODE:
         write_reference(handle, tlv_array, *size, {mat_type, id});

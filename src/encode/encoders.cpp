@@ -1,4 +1,5 @@
 // Encoders: the walk with a sink that appends each element to a TLV array.
+#include "encode/compress.hpp"
 #include "encode/element.hpp"
 #include "encode/walk.hpp"
 #include "model/mat_objects.hpp"
@@ -26,22 +27,27 @@ uint32_t count_match()
 
 class Writer {
 public:
+    using Passed = Writer;
+
     Writer(zel_api_handle_t *handle, void *array, uint32_t size, uint32_t app_type)
         : handle_(handle), array_(array), size_(size), app_type_(app_type)
     {}
 
-    void start(uint16_t id) { value(id, zel_tlv_struct_start, start_marker_text); }
-    int32_t end(uint16_t id) { return value(id, zel_tlv_struct_end, end_marker_text); }
+    [[gnu::always_inline]] void start(uint16_t id) { value(id, zel_tlv_struct_start, start_marker_text); }
+    [[gnu::always_inline]] int32_t end(uint16_t id) { return value(id, zel_tlv_struct_end, end_marker_text); }
 
-    template <class V> int32_t value(uint16_t id, const V &value, const char *text)
+    template <class V> [[gnu::always_inline]] int32_t value(uint16_t id, const V &value, const char *text)
     {
         return add_element(*handle_, array_, size_, id, sizeof value, &value, text);
     }
 
     template <class R> bool refer(const R &object)
     {
-        return compress_mat(handle_, array_, &size_, MatObjectOf<R>::type, &object, MAT_TRAVERSE_ENCODE, app_type_) ==
-               ZEL_COMPRESS_DONE;
+        constexpr uint32_t type = MatObjectOf<R>::type;
+        if (is_first_occurrence(handle_, app_type_, type, object.id, &object))
+            return false;
+        write_reference(handle_, array_, size_, {type, object.id});
+        return true;
     }
 
     template <class R> void no_parameter(const R &) {}
@@ -82,7 +88,7 @@ int32_t encode(zel_api_handle_t *handle, void *array, uint32_t size, const R *re
     if (record == nullptr)
         return 0;
     Writer writer(handle, array, size, app_type);
-    return walk(writer, *record);
+    return walk<Writer>(writer, *record);
 }
 
 } // namespace

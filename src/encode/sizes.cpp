@@ -1,4 +1,5 @@
 // Encoded sizes: the walk with a sink that adds up what each element costs.
+#include "encode/compress.hpp"
 #include "encode/element.hpp"
 #include "encode/walk.hpp"
 #include "model/mat_objects.hpp"
@@ -22,6 +23,8 @@ constexpr std::size_t index_of_width(std::size_t width)
 
 class Sizer {
 public:
+    using Passed = Sizer &;
+
     Sizer(zel_api_handle_t *handle, uint32_t app_type) : handle_(handle), app_type_(app_type)
     {
         for (std::size_t i = 0; i < widths.size(); ++i)
@@ -41,8 +44,13 @@ public:
 
     template <class R> bool refer(const R &object)
     {
-        return compress_mat(handle_, nullptr, &total_, MatObjectOf<R>::type, &object, MAT_TRAVERSE_SIZE, app_type_) ==
-               ZEL_COMPRESS_DONE;
+        if (is_first_occurrence(handle_, app_type_, MatObjectOf<R>::type, object.id, &object))
+            return false;
+        start(0);
+        add<sizeof Reference::mat_type>();
+        add<sizeof Reference::mat_id>();
+        end(0);
+        return true;
     }
 
     template <class R> void no_parameter(const R &) {}
@@ -76,7 +84,7 @@ template <class R> uint32_t size_of(zel_api_handle_t *handle, const R *record, u
     if (record == nullptr)
         return 0;
     Sizer sizer(handle, app_type);
-    walk(sizer, *record);
+    walk<Sizer>(sizer, *record);
     return sizer.total();
 }
 

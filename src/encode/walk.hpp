@@ -15,53 +15,59 @@
 
 namespace zel {
 
-template <class Sink, class R> int32_t walk(Sink &sink, const R &record);
+template <class Sink, class R> int32_t walk(typename Sink::Passed sink, const R &record);
 
 template <class Sink, class R, uint16_t Id, auto Member>
-void walk_member(Sink &sink, const R &record, Field<Id, Member> field)
+void walk_member(typename Sink::Passed sink, const R &record, Field<Id, Member> field)
 {
     sink.value(Id, record.*Member, field.text);
 }
 
-template <class Sink, class R, auto Member> void walk_member(Sink &sink, const R &record, Embedded<Member>)
+template <class Sink, class R, auto Member>
+void walk_member(typename Sink::Passed sink, const R &record, Embedded<Member>)
 {
-    walk(sink, record.*Member);
+    walk<Sink>(sink, record.*Member);
 }
 
 template <class Sink, class R, uint16_t Id, auto Count, auto Array>
-void walk_member(Sink &sink, const R &record, Sequence<Id, Count, Array> sequence)
+void walk_member(typename Sink::Passed sink, const R &record, Sequence<Id, Count, Array> sequence)
 {
     sink.value(Id, record.*Count, sequence.text);
     for (uint32_t i = 0; i < record.*Count; ++i) {
-        walk(sink, *(record.*Array)[i]);
+        if (i + 1 < record.*Count)
+            __builtin_prefetch((record.*Array)[i + 1]);
+        walk<Sink>(sink, *(record.*Array)[i]);
         sink.member_done(record, i);
     }
 }
 
 template <class Sink, class R, uint32_t Value, auto... Path>
-bool walk_option(Sink &sink, const R &record, uint32_t selector, Option<Value, Path...>)
+bool walk_option(typename Sink::Passed sink, const R &record, uint32_t selector, Option<Value, Path...>)
 {
     if (selector != Value)
         return false;
-    walk(sink, follow<Path...>(record));
+    walk<Sink>(sink, follow<Path...>(record));
     return true;
 }
 
 template <class Sink, class R, auto Selector, class... O>
-void walk_member(Sink &sink, const R &record, Choice<Selector, O...>)
+void walk_member(typename Sink::Passed sink, const R &record, Choice<Selector, O...>)
 {
-    if (!(walk_option(sink, record, record.*Selector, O{}) || ...))
+    if (!(walk_option<Sink>(sink, record, record.*Selector, O{}) || ...))
         sink.no_parameter(record);
 }
 
-template <class Sink, class R> int32_t walk(Sink &sink, const R &record)
+template <class Sink, class R> int32_t walk(typename Sink::Passed sink, const R &record)
 {
     if constexpr (is_shareable<R>) {
         if (sink.refer(record))
             return 0;
     }
     sink.start(Wire<R>::start);
-    std::apply([&](auto... member) { (walk_member(sink, record, member), ...); }, Wire<R>::members);
+    all_members<R>([&](auto member) __attribute__((always_inline)) {
+        walk_member<Sink>(sink, record, member);
+        return true;
+    });
     return sink.end(Wire<R>::end);
 }
 

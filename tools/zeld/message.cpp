@@ -77,6 +77,8 @@ void require_all_read()
 // What walk() hands the elements to: appends them to a buffer that grows.
 class Writer {
 public:
+    using Passed = Writer &;
+
     void start(uint16_t id) { add(id, sizeof zel_tlv_struct_start, &zel_tlv_struct_start); }
     int32_t end(uint16_t id)
     {
@@ -144,8 +146,8 @@ private:
 template <class R> Bytes write_message(const zel_kob_header_t &header, const R &object)
 {
     Writer writer;
-    zel::walk(writer, header);
-    zel::walk(writer, object);
+    zel::walk<Writer>(writer, header);
+    zel::walk<Writer>(writer, object);
     return writer.take();
 }
 

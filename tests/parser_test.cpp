@@ -3,6 +3,7 @@
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <random>
 #include <unistd.h>
@@ -199,5 +200,62 @@ TEST(Parser, RoundTripsOfRandomGraphs)
         free_graph(mat_type, parsed.object);
         ASSERT_TRUE(heap.live.empty());
         EXPECT_TRUE(platform.reported("warn").empty());
+    }
+}
+
+// Nobody who listens changes what is read: a decoder that is not asked for details takes
+// a shorter way through what it expects, from which any element may lead it away.
+TEST(Parser, ReadsTheSameWhetherItIsWatchedOrNot)
+{
+    std::mt19937 random(20261122);
+    const auto below = [&](size_t n) { return static_cast<uint32_t>(random() % n); };
+    const auto result_of = [](const Bytes &payload, bool is_watched) {
+        auto handle = fresh_handle();
+        if (!is_watched)
+            handle.dbg_cb = nullptr;
+        Parsed parsed = parse(handle, payload);
+        const auto place = std::ranges::find(heap.blocks, parsed.object) - heap.blocks.begin();
+        const auto result =
+            std::make_tuple(place, parsed.mat_type, parsed.api_type, parsed.app_type, parsed.policy_id, heap.callocs,
+                            heap_content(), platform.reported("err"), platform.reported("warn"));
+        free_heap();
+        return result;
+    };
+    for (int round = 0; round < 4000; ++round) {
+        const uint32_t kind = 1 + below(11);
+        const uint32_t mat_type = get_mat_obj_type(kind);
+        auto handle = fresh_handle();
+        Message sent;
+        uint32_t token = 0;
+        void *graph = Graphs([&] { return below(4); }, [&] { return below(30); }).make(mat_type);
+        send_to_zel(&token, kind, &handle, 5, graph, 6, &sent);
+        free_graph(mat_type, graph);
+        auto elements = elements_of(platform.sends[0].message);
+        for (uint32_t faults = below(4); faults != 0 && elements.size() > 1; --faults) {
+            const auto any = [&] { return elements.begin() + below(elements.size()); };
+            const auto it = any();
+            switch (below(6)) {
+            case 0:
+                std::swap(*it, *any());
+                break;
+            case 1:
+                elements.erase(it);
+                break;
+            case 2:
+                elements.insert(it, ReadElement(*any()));
+                break;
+            case 3:
+                it->id = static_cast<uint16_t>(below(170));
+                break;
+            case 4:
+                it->value.assign(below(6), static_cast<uint8_t>(below(4)));
+                break;
+            case 5:
+                elements.erase(it, elements.end());
+                break;
+            }
+        }
+        const Bytes payload = array(elements);
+        ASSERT_EQ(result_of(payload, true), result_of(payload, false)) << "round " << round;
     }
 }

@@ -1,5 +1,5 @@
 // The exported decoders.
-#include "decode/frame.hpp"
+#include "decode/expected.hpp"
 
 using namespace zel;
 

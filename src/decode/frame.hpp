@@ -1,6 +1,6 @@
-// The decoder frame: one loop, derived for every record from its description.
-// It pulls an element, counts it, and offers it to the record's members until
-// the end marker; what no member knows is skipped with a warning.
+// What decoding any record consists of: pulling elements, copying values, filling the
+// arrays of sequences, resolving references.  In which order the elements come is up to
+// loop.hpp and expected.hpp.
 #pragma once
 
 #include "decode/peculiarities.hpp"
@@ -22,10 +22,31 @@ struct Source {
     Claims &claims;
 };
 
+// Whether nobody wants the details.
+inline bool is_quiet(const Source &in)
+{
+    return !reports_are_compiled_in || (in.handle.debug == 0 && in.handle.dbg_cb == nullptr);
+}
+
+// Without its length, which nobody looks at: a field is read at its own width.
 struct TlvElement {
     uint16_t type;
-    uint16_t length; // never looked at: a field is read at its own width
     const void *value;
+};
+
+// Pulls elements one by one.
+struct Reader {
+    const void *array;
+    uint32_t cursor;
+    int32_t status = 0; // of the last pull
+    TlvElement element{};
+
+    [[gnu::always_inline]] bool pull()
+    {
+        uint16_t length;
+        status = tlv_array_get_next_tlv(array, &element.type, &length, &element.value, 0, &cursor);
+        return status == 0;
+    }
 };
 
 // One record being decoded.
@@ -41,6 +62,8 @@ template <class R> struct Frame {
 
     // Whether the parameter area may be taken for what the type says it owns.
     bool is_sound = true;
+
+    int32_t status = 0; // with which the record ended
 };
 
 template <class R>
@@ -55,21 +78,23 @@ template <class R, class Read>
     cursor = frame.in.cursor;
 }
 
-// Restricted: a record shares no bytes with the message, the handle or the cursor,
-// so that these need not be read anew for every element.
-template <class R> int32_t decode(Frame<R> &frame, R *__restrict record);
+// Decodes a record from behind its start marker on; with an own_start of 1, that marker
+// is still to come.  Restricted: a record shares no bytes with the message, the handle
+// or the cursor, so that these need not be read anew for every element.
+template <class R> int32_t decode(Frame<R> &frame, R *__restrict record, uint32_t own_start = 0);
 
+template <class R> void begin(Frame<R> &frame, R &record)
+{
+    frame.subtotal = 0;
+    if constexpr (is_shareable<R>)
+        record.cached = 0;
+}
+
+// The same as its callers outside know it.
 template <class R> int32_t decode(const Source &in, R &record, uint32_t &subtotal)
 {
     Frame<R> frame{in, subtotal};
     return decode(frame, &record);
-}
-
-template <class R, class C> void decode_child(Frame<R> &frame, C &child)
-{
-    uint32_t count = 0;
-    decode(frame.in, child, count);
-    frame.subtotal += count;
 }
 
 template <class T> T load(const TlvElement &element)
@@ -79,29 +104,23 @@ template <class T> T load(const TlvElement &element)
     return value;
 }
 
-template <class R, uint16_t Id, auto Member>
-[[gnu::always_inline]] inline bool accept(Frame<R> &frame, R &record, uint32_t &, const TlvElement &element,
-                                          Field<Id, Member>)
+// A long copy in pieces, for which compilers have better instructions.
+template <std::size_t Width> [[gnu::always_inline]] inline void copy_bytes(void *to, const void *from)
 {
-    if (element.type != Id)
-        return false;
-    auto &field = record.*Member;
-    constexpr std::size_t width = shortened_width<Member> != 0 ? shortened_width<Member> : sizeof field;
-    std::memcpy(&field, element.value, width);
-    constexpr ValueReport report = value_report<Member>;
-    if constexpr (report.wanted)
-        trace(frame.in.handle, Severity::detail, decoder_name<R>, report.format, field & report.bits);
-    return true;
+    constexpr std::size_t piece = 16;
+    auto *const t = static_cast<char *>(to);
+    auto *const f = static_cast<const char *>(from);
+    std::size_t i = 0;
+    for (; i + piece <= Width; i += piece)
+        std::memcpy(t + i, f + i, piece);
+    std::memcpy(t + i, f + i, Width - i);
 }
 
-template <class R, auto Member>
-[[gnu::always_inline]] inline bool accept(Frame<R> &frame, R &record, uint32_t &cursor, const TlvElement &element,
-                                          Embedded<Member>)
+template <auto Member, class R> void copy(R &record, const TlvElement &element)
 {
-    if (element.type != Wire<Value<Member>>::start)
-        return false;
-    hand_over(frame, cursor, [&] { decode_child(frame, record.*Member); });
-    return true;
+    auto &field = record.*Member;
+    constexpr std::size_t width = shortened_width<Member> != 0 ? shortened_width<Member> : sizeof field;
+    copy_bytes<width>(&field, element.value);
 }
 
 // A service is the one parameter that owns something.  Records share the area, so
@@ -113,30 +132,6 @@ inline bool is_sound(const Frame<zel_match_service_t> &frame, const zel_match_se
 }
 
 template <class C> bool is_sound(const Frame<C> &, const C &) { return false; }
-
-template <class R, uint32_t Value, auto... Path>
-[[gnu::always_inline]] inline bool accept_option(Frame<R> &frame, R &record, uint32_t &cursor,
-                                                 const TlvElement &element, Option<Value, Path...>)
-{
-    using Child = Target<Path...>;
-    if (element.type != Wire<Child>::start)
-        return false;
-    uint32_t count = 0;
-    Child &child = follow<Path...>(record);
-    Frame<Child> child_frame{frame.in, count};
-    hand_over(frame, cursor, [&] { decode(child_frame, &child); });
-    frame.subtotal += count;
-    frame.is_sound = is_sound(child_frame, child);
-    return true;
-}
-
-// The element that arrives decides, not the selector: the last one stands.
-template <class R, auto Selector, class... O>
-[[gnu::always_inline]] inline bool accept(Frame<R> &frame, R &record, uint32_t &cursor, const TlvElement &element,
-                                          Choice<Selector, O...>)
-{
-    return (accept_option(frame, record, cursor, element, O{}) || ...);
-}
 
 template <class R> void report_no_memory(const Frame<R> &frame, std::size_t count, std::size_t size)
 {
@@ -163,42 +158,6 @@ template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, 
         return;
     }
     frame.array = State::empty;
-}
-
-// All members at the first one's start marker.  When memory runs out, the count
-// shrinks to the members that are there, and further ones are left to be skipped.
-template <auto Count, auto Array, class R> void decode_members(Frame<R> &frame, R &record)
-{
-    using State = typename Frame<R>::Array;
-    auto &count = record.*Count;
-    if (frame.array != State::empty && frame.array != State::filled)
-        return;
-    frame.array = State::filled;
-    for (uint32_t i = 0; i < count; ++i) {
-        auto *const member = static_cast<Element<Array> *>(std::calloc(1, sizeof(Element<Array>)));
-        if (member == nullptr) {
-            report_no_memory(frame, 1, sizeof(Element<Array>));
-            count = static_cast<Value<Count>>(i);
-            frame.array = State::closed;
-            return;
-        }
-        (record.*Array)[i] = member;
-        decode_child(frame, *member);
-    }
-}
-
-template <class R, uint16_t Id, auto Count, auto Array>
-[[gnu::always_inline]] inline bool accept(Frame<R> &frame, R &record, uint32_t &cursor, const TlvElement &element,
-                                          Sequence<Id, Count, Array>)
-{
-    if (element.type == Id) {
-        allocate_array<Count, Array>(frame, record, element);
-        return true;
-    }
-    if (element.type != Wire<Element<Array>>::start)
-        return false;
-    hand_over(frame, cursor, [&] { decode_members<Count, Array>(frame, record); });
-    return true;
 }
 
 inline constexpr const char *unresolved_text(const zel_action_t &)
@@ -228,18 +187,6 @@ template <class R> void resolve(Frame<R> &frame, R &record, uint16_t mat_id)
     record.cached = 1;
 }
 
-template <class R>
-[[gnu::always_inline]] inline bool accept(Frame<R> &frame, R &record, uint32_t &, const TlvElement &element, Reference)
-{
-    if (element.type == reference_mat_type_id)
-        frame.reference_mat_type = load<uint32_t>(element);
-    else if (element.type == reference_mat_id_id)
-        resolve(frame, record, load<uint16_t>(element));
-    else
-        return false;
-    return true;
-}
-
 // An object that came in full is remembered for the references to come.
 template <class R> void finish(Frame<R> &frame, R &record)
 {
@@ -256,58 +203,6 @@ template <class R> void disown_unsound(const Frame<R> &frame, R &record)
     if constexpr (std::is_same_v<R, zel_match_t>) {
         if (record.type == ZEL_MATCH_TYPE_SERVICE && !frame.is_sound)
             record.cached = 1;
-    }
-}
-
-// Offers an element to the members in turn.
-template <class R>
-[[gnu::always_inline]] inline bool offer(Frame<R> &frame, R &record, uint32_t &cursor, const TlvElement &element)
-{
-    if constexpr (is_shareable<R>) {
-        if (accept(frame, record, cursor, element, Reference{}))
-            return true;
-    }
-    return std::apply([&](auto... member) { return (accept(frame, record, cursor, element, member) || ...); },
-                      Wire<R>::members);
-}
-
-template <class R> int32_t decode(Frame<R> &frame, R *__restrict record)
-{
-    const zel_api_handle_t &handle = frame.in.handle;
-    const void *const array = frame.in.array;
-    uint32_t cursor = frame.in.cursor;
-    uint32_t own_elements = 0;
-    uint32_t &of_children = frame.subtotal;
-    of_children = 0;
-    if constexpr (is_shareable<R>)
-        record->cached = 0;
-    for (;;) {
-        TlvElement element;
-        const int32_t status =
-            tlv_array_get_next_tlv(array, &element.type, &element.length, &element.value, 0, &cursor);
-        if (status != 0) [[unlikely]] {
-            frame.in.cursor = cursor;
-            frame.subtotal = own_elements + of_children;
-            trace(handle, Severity::error, decoder_name<R>, "tlv-get failed, tlv_subtotal: %d\n"_trace, frame.subtotal);
-            disown_unsound(frame, *record);
-            return status;
-        }
-        trace(handle, Severity::detail, decoder_name<R>, "tlv type: %d, tlv_subtotal: %d"_trace, element.type,
-              own_elements + of_children);
-        ++own_elements;
-        if (offer(frame, *record, cursor, element))
-            continue;
-        if (element.type == Wire<R>::end) {
-            frame.in.cursor = cursor;
-            frame.subtotal = own_elements + of_children;
-            finish(frame, *record);
-            disown_unsound(frame, *record);
-            return 0;
-        }
-        // A member of a sequence finds its own start marker here, unless it is the first.
-        if (element.type != Wire<R>::start)
-            trace(handle, Severity::warning, decoder_name<R>, "unsupported TLV type: %d, ok if in ISSU"_trace,
-                  element.type);
     }
 }
 

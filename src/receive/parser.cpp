@@ -1,5 +1,5 @@
 // The message parser: the service's side of send_to_zel().
-#include "decode/frame.hpp"
+#include "decode/expected.hpp"
 #include "model/payload.hpp"
 
 #include <array>

@@ -69,6 +69,28 @@ Strings Platform::reported(const std::string &severity) const
     return texts;
 }
 
+std::vector<Bytes> heap_content()
+{
+    std::map<void *, uintptr_t> numbers; // of the last block at an address
+    for (size_t i = 0; i < heap.blocks.size(); ++i)
+        numbers[heap.blocks[i]] = i;
+    std::vector<Bytes> content;
+    for (size_t i = 0; i < heap.blocks.size(); ++i) {
+        const auto live = heap.live.find(heap.blocks[i]);
+        if (live == heap.live.end() || numbers[heap.blocks[i]] != i)
+            continue;
+        const auto *const from = static_cast<const uint8_t *>(live->first);
+        Bytes &bytes = content.emplace_back(from, from + live->second);
+        for (size_t at = 0; at + sizeof(void *) <= bytes.size(); at += sizeof(void *)) {
+            void *word = nullptr;
+            std::memcpy(&word, &bytes[at], sizeof word);
+            if (const auto number = numbers.find(word); word != nullptr && number != numbers.end())
+                std::memcpy(&bytes[at], &number->second, sizeof word);
+        }
+    }
+    return content;
+}
+
 zel_api_handle_t fresh_handle(uint32_t debug)
 {
     platform = {};
@@ -169,6 +191,7 @@ void *__wrap_calloc(size_t n, size_t size)
         return nullptr;
     void *p = __real_calloc(n, size);
     heap.live[p] = n * size;
+    heap.blocks.push_back(p);
     return p;
 }
 

@@ -16,6 +16,7 @@ import re
 import statistics
 import subprocess
 import sys
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ABIS = {"64-bit": ROOT / "build/bench/bench", "32-bit": ROOT / "build/bench32/bench"}
@@ -209,12 +210,68 @@ def command_time(options):
 # ---- Instructions
 
 
-def instructions_per_object(case, direction, repetitions):
+# What the functions of libzel as one binary are there for; the first that fits.
+PARTS = {
+    "C library: heap, long copies": r"C library",
+    "object cache": r"mat_cache|find<|link_in|rebalance|rotate|choose_root|delete_balanced|unroll",
+    "counting elements": r"get_num_tlvs",
+    "reading elements": r"decode|deviate|resolve|allocate_array|zel::.*build",
+    "sizes": r"Sizer",
+    "writing elements": r"Writer|write_reference|add_",
+    "releasing, and the rest": r"",
+}
+
+
+def self_costs(lines):
+    """Instructions of each function itself, the C library's together, of a callgrind profile."""
+    names, costs = {}, collections.Counter()
+    current = {"ob": "", "fn": ""}
+    is_call = False
+    for line in lines:
+        if named := re.match(r"(ob|fn|cob|cfn)=\((\d+)\)(?: (.*))?", line):
+            kind, number, name = named.groups()
+            name = names.setdefault((kind[-2:], number), name)
+            if kind in current:
+                current[kind] = name
+        elif line.startswith("calls="):
+            is_call = True  # the next line has what the callee cost
+        elif re.match(r"[0-9+*-]", line):
+            if not is_call:
+                function = "C library" if "/libc.so" in current["ob"] else current["fn"]
+                costs[function] += int(line.split()[1])
+            is_call = False
+    return costs
+
+
+def instructions_per_object(case, direction, repetitions=10):
     facts = json.loads(run(case.program, "time", case.row, case.workload, "--benchmark_min_time=0",
                            "--benchmark_format=json").stdout)["benchmarks"][0]
-    done = run("valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--toggle-collect=measured",
-               case.program, "repeat", case.row, case.workload, direction, repetitions)
-    return int(re.search(r"Collected : (\d+)", done.stderr).group(1)) / repetitions / facts["objects"]
+    with tempfile.NamedTemporaryFile() as profile:
+        run("valgrind", "--tool=callgrind", f"--callgrind-out-file={profile.name}", "--toggle-collect=measured",
+            case.program, "repeat", case.row, case.workload, direction, repetitions)
+        costs = self_costs(pathlib.Path(profile.name).read_text().splitlines())
+    return {function: cost / repetitions / facts["objects"] for function, cost in costs.items()}
+
+
+def by_part(costs):
+    parts = dict.fromkeys(PARTS, 0)
+    for function, cost in costs.items():
+        parts[next(part for part, pattern in PARTS.items() if re.search(pattern, function))] += cost
+    return parts
+
+
+def print_instructions(counts):
+    print("instructions per match or action in M, and ratios to the hand-inlined limit\n")
+    print(f"{'':44}" + "".join(f"{direction:>10}{'/limit':>8}" for direction in DIRECTIONS))
+    limits = [sum(costs.values()) for costs in counts[LIMIT]]
+    for row, both in counts.items():
+        print(f"  {row:42}" + "".join(f"{sum(costs.values()):10.1f}{sum(costs.values()) / limit:8.2f}"
+                                      for costs, limit in zip(both, limits)))
+    print(f"\nwhat they are for in {TRACED}\n")
+    parts = [by_part(costs) for costs in counts[TRACED]]
+    for part in PARTS:
+        print(f"  {part:42}" + "".join(f"{of[part]:10.1f}{'':8}" for of in parts).rstrip())
+    print()
 
 
 def command_instructions(_):
@@ -222,14 +279,10 @@ def command_instructions(_):
         counts = {}
         for case in (case for case in all_cases(folder) if case.workload == "M"):
             progress(case.row)
-            counts[case.row] = [instructions_per_object(case, direction, 10) for direction in DIRECTIONS]
+            counts[case.row] = [instructions_per_object(case, direction) for direction in DIRECTIONS]
         progress()
-        print(f"==== {abi} ====\n\ninstructions per match or action in M, and ratios to the hand-inlined limit\n")
-        print(f"{'':44}" + "".join(f"{direction:>10}{'/limit':>8}" for direction in DIRECTIONS))
-        for row, both in counts.items():
-            print(f"  {row:42}" + "".join(f"{count:10.1f}{count / limit:8.2f}"
-                                          for count, limit in zip(both, counts[LIMIT])))
-        print()
+        print(f"==== {abi} ====\n")
+        print_instructions(counts)
 
 
 def main():

@@ -209,16 +209,21 @@ TEST(Parser, ReadsTheSameWhetherItIsWatchedOrNot)
 {
     std::mt19937 random(20261122);
     const auto below = [&](size_t n) { return static_cast<uint32_t>(random() % n); };
-    const auto result_of = [](const Bytes &payload, bool is_watched) {
+    Bytes arena(64 << 20);
+    const auto result_of = [&](const Bytes &payload, bool is_watched) {
         auto handle = fresh_handle();
         if (!is_watched)
             handle.dbg_cb = nullptr;
-        Parsed parsed = parse(handle, payload);
-        const auto place = std::ranges::find(heap.blocks, parsed.object) - heap.blocks.begin();
+        heap.arena = &arena;
+        const Parsed parsed = parse(handle, payload);
+        Bytes content;
+        for (const auto &[block, size] : heap.live)
+            content.insert(content.end(), static_cast<const uint8_t *>(block),
+                           static_cast<const uint8_t *>(block) + size);
         const auto result =
-            std::make_tuple(place, parsed.mat_type, parsed.api_type, parsed.app_type, parsed.policy_id, heap.callocs,
-                            heap_content(), platform.reported("err"), platform.reported("warn"));
-        free_heap();
+            std::make_tuple(parsed.object, parsed.mat_type, parsed.api_type, parsed.app_type, parsed.policy_id,
+                            heap.callocs, heap.live, content, platform.reported("err"), platform.reported("warn"));
+        heap = {};
         return result;
     };
     for (int round = 0; round < 4000; ++round) {

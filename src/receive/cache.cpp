@@ -45,7 +45,9 @@ void zel_store_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t m
         trace(*handle, Severity::error, {__func__, 203}, "cannot allocate mat cache new_entry"_trace);
         return;
     }
-    entry->key = {app_type, mat_type, mat_id};
+    entry->key.app_type = app_type;
+    entry->key.mat_type = mat_type;
+    entry->key.mat_id = mat_id;
     entry->obj = obj;
     if (ravl_insert(&handle->mat_cache, entry) != 0)
         trace(*handle, Severity::notice, {__func__, 216}, "insert successful: type: %d, id: %d."_trace, mat_type,

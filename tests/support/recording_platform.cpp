@@ -69,28 +69,6 @@ Strings Platform::reported(const std::string &severity) const
     return texts;
 }
 
-std::vector<Bytes> heap_content()
-{
-    std::map<void *, uintptr_t> numbers; // of the last block at an address
-    for (size_t i = 0; i < heap.blocks.size(); ++i)
-        numbers[heap.blocks[i]] = i;
-    std::vector<Bytes> content;
-    for (size_t i = 0; i < heap.blocks.size(); ++i) {
-        const auto live = heap.live.find(heap.blocks[i]);
-        if (live == heap.live.end() || numbers[heap.blocks[i]] != i)
-            continue;
-        const auto *const from = static_cast<const uint8_t *>(live->first);
-        Bytes &bytes = content.emplace_back(from, from + live->second);
-        for (size_t at = 0; at + sizeof(void *) <= bytes.size(); at += sizeof(void *)) {
-            void *word = nullptr;
-            std::memcpy(&word, &bytes[at], sizeof word);
-            if (const auto number = numbers.find(word); word != nullptr && number != numbers.end())
-                std::memcpy(&bytes[at], &number->second, sizeof word);
-        }
-    }
-    return content;
-}
-
 zel_api_handle_t fresh_handle(uint32_t debug)
 {
     platform = {};
@@ -184,14 +162,29 @@ template <class... A> static int32_t converter(A... arguments)
 
 extern "C" {
 
+static void *from_arena(size_t size)
+{
+    uint8_t *const block = heap.arena->data() + heap.arena_used;
+    heap.arena_used += (size + 15) / 16 * 16;
+    if (heap.arena_used > heap.arena->size())
+        std::abort();
+    std::memset(block, 0, size);
+    return block;
+}
+
+static bool is_in_arena(const void *p)
+{
+    const auto *const block = static_cast<const uint8_t *>(p);
+    return heap.arena != nullptr && block >= heap.arena->data() && block < heap.arena->data() + heap.arena->size();
+}
+
 void *__wrap_calloc(size_t n, size_t size)
 {
     heap.callocs.emplace_back(n, size);
     if (heap.fail_calloc > 0 && --heap.fail_calloc == 0)
         return nullptr;
-    void *p = __real_calloc(n, size);
+    void *p = heap.arena != nullptr ? from_arena(n * size) : __real_calloc(n, size);
     heap.live[p] = n * size;
-    heap.blocks.push_back(p);
     return p;
 }
 
@@ -200,7 +193,8 @@ void __wrap_free(void *p)
     if (heap.order && p != nullptr)
         heap.freed.push_back(p);
     heap.live.erase(p);
-    __real_free(p);
+    if (!is_in_arena(p))
+        __real_free(p);
 }
 
 // Arrays and trees are the reference platform's; calls are noted, and made to fail, on their way.

@@ -69,16 +69,13 @@ struct Heap {
     bool order = false;  // remember what is freed, in order
     std::vector<void *> freed;
     std::vector<std::pair<size_t, size_t>> callocs;
-    std::vector<void *> blocks; // that calloc returned, in order
+    Bytes *arena = nullptr; // where calloc takes blocks from, one behind the other, so that runs can be compared
+    size_t arena_used = 0;
     std::map<const void *, size_t> live;
 };
 
 extern Platform platform;
 extern Heap heap;
-
-// What the blocks hold that are left, with the number of a block for its address: equal
-// for equal graphs, wherever they lie.
-std::vector<Bytes> heap_content();
 
 // Frees what is left, where that is by contract nobody's.
 void free_heap();

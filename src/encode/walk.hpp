@@ -2,6 +2,8 @@
 // to the sink: one writes them, another adds up their sizes, so that the two
 // cannot disagree.  A sink has
 //
+//   Passed                    how it is handed on: by reference when it gathers something,
+//                             otherwise by value, so that nothing that is written changes it
 //   start(id), end(id)        the markers; end() gives the walk's result
 //   value(id, value, text)    a field
 //   refer(object)             true: the match or action was dealt with as a reference
@@ -34,6 +36,7 @@ void walk_member(typename Sink::Passed sink, const R &record, Sequence<Id, Count
 {
     sink.value(Id, record.*Count, sequence.text);
     for (uint32_t i = 0; i < record.*Count; ++i) {
+        // Members lie anywhere; the next may be on its way while this one is walked.
         if (i + 1 < record.*Count)
             __builtin_prefetch((record.*Array)[i + 1]);
         walk<Sink>(sink, *(record.*Array)[i]);

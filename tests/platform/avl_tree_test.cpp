@@ -20,22 +20,27 @@ struct AnyKeys {
         const Key y = *static_cast<const Key *>(b);
         return x > y ? 1 : x < y ? 2 : 0;
     }
+    static constexpr ravl_compare_t order = compare;
 };
 
-// The library's, for which it has many small trees; sixteen neighbours here meet in one.
+// The library's, for which it has many small trees; sixteen neighbours here meet in one,
+// and the next sixteen in one far away.
 struct LibraryKeys {
-    using Key = zel_mat_cache_key_t;
+    // As bytes: compilers copy a record without what lies behind its fields.
+    struct alignas(zel_mat_cache_key_t) Key {
+        unsigned char bytes[sizeof(zel_mat_cache_key_t)];
+    };
     static constexpr bool is_one_tree = false;
     static Key make(uint32_t n)
     {
+        const zel_mat_cache_key_t fields{1, 7, static_cast<uint16_t>(n % 16 * 4096 + n / 16 * 67)};
+        static unsigned char behind = 0; // the fields lies something else each time, which nobody reads
         Key key;
-        std::memset(&key, static_cast<int>(n), sizeof key); // what lies behind the fields is not read
-        key.app_type = 1;
-        key.mat_type = 7;
-        key.mat_id = static_cast<uint16_t>(n % 16 * 4096 + n / 16);
+        std::memset(key.bytes, ++behind, sizeof key.bytes);
+        std::memcpy(key.bytes, &fields, offsetof(zel_mat_cache_key_t, mat_id) + sizeof fields.mat_id);
         return key;
     }
-    static uint32_t compare(const void *a, const void *b) { return zel_mat_cache_comp_func(a, b); }
+    static constexpr ravl_compare_t order = zel_mat_cache_comp_func;
 };
 
 template <class Keys> struct Entry {
@@ -61,11 +66,7 @@ int checked_height(uintptr_t link, int64_t low, int64_t high, bool is_balanced, 
 }
 
 template <class Keys> struct Tree {
-    Tree()
-    {
-        const ravl_compare_t order = Keys::is_one_tree ? Keys::compare : zel_mat_cache_comp_func;
-        EXPECT_EQ(ravl_init(tree.get(), sizeof(typename Keys::Key), offsetof(Entry<Keys>, key), order), 0);
-    }
+    Tree() { EXPECT_EQ(ravl_init(tree.get(), sizeof(typename Keys::Key), offsetof(Entry<Keys>, key), Keys::order), 0); }
 
     void insert(uint32_t n)
     {

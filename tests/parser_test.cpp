@@ -237,7 +237,7 @@ TEST(Parser, ReadsTheSameWhetherItIsWatchedOrNot)
         free_graph(mat_type, graph);
         auto elements = elements_of(platform.sends[0].message);
         for (uint32_t faults = below(4); faults != 0 && elements.size() > 1; --faults) {
-            const auto any = [&] { return elements.begin() + below(elements.size()); };
+            const auto any = [&] { return elements.begin() + static_cast<std::ptrdiff_t>(below(elements.size())); };
             const auto it = any();
             switch (below(6)) {
             case 0:

@@ -433,12 +433,12 @@ typedef void (*zel_trace_cb_t)(const char *format, ...);
 /*
  * Storage of the platform's AVL tree.  The first word is the root, null or the
  * address of an entry; the other words are the tree's own.  There are many, so
- * that it can be a table of small trees: 33 KiB, 17 on 32-bit.  That makes a
- * handle too large for a small stack.
+ * that it can be a table: 144 KiB, 80 on 32-bit.  That makes a handle too
+ * large for a small stack.
  */
 typedef struct ravl_tree {
     void *root;
-    uintptr_t own[4239];
+    uintptr_t own[16384 + 16384 / sizeof(uintptr_t) + 8];
 } ravl_tree_t;
 
 /* The handle.  Filled by zel_api_init(); nothing has to be torn down. */

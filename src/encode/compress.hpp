@@ -1,24 +1,23 @@
-// What compress_mat() consists of, for callers who know the mode.
+// Compression: an object that the message has carried in full becomes a reference.
 #pragma once
 
-#include "model/records.hpp"
+#include "model/mat_objects.hpp"
 #include "zel.h"
 
 #include <stdint.h>
 
 namespace zel {
 
-// False: the message has carried the object.  Otherwise that is remembered from now on.
-inline bool is_first_occurrence(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, uint16_t id,
-                                const void *record)
+// Whether the message has not carried the object yet; from now on it has.
+template <class R>
+[[gnu::always_inline]] inline bool is_first_occurrence(zel_api_handle_t *handle, uint32_t app_type, const R &object)
 {
-    if (zel_found_mat_cache(handle, app_type, mat_type, id) != nullptr)
+    constexpr uint32_t mat_type = MatObjectOf<R>::type;
+    if (zel_found_mat_cache(handle, app_type, mat_type, object.id) != nullptr)
         return false;
     // The cache lends its objects to its callers, hence a pointer to non-const; encoding never writes to them.
-    zel_store_mat_cache(handle, app_type, mat_type, id, const_cast<void *>(record));
+    zel_store_mat_cache(handle, app_type, mat_type, object.id, const_cast<R *>(&object));
     return true;
 }
-
-void write_reference(zel_api_handle_t *handle, void *array, uint32_t size, const Reference &reference);
 
 } // namespace zel

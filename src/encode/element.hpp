@@ -1,9 +1,12 @@
-// What one element costs, and how it is appended.
+// What one element costs, and how it is appended: the two sinks of a walk, as far as
+// markers and fields go.
 #pragma once
 
+#include "model/mat_objects.hpp"
 #include "platform/tlv_array.h"
 #include "zel.h"
 
+#include <array>
 #include <stdint.h>
 
 namespace zel {
@@ -24,5 +27,66 @@ void report_failed_element(const zel_api_handle_t &handle, const char *field_nam
         report_failed_element(handle, field_name, status);
     return status;
 }
+
+class ElementWriter {
+public:
+    ElementWriter(zel_api_handle_t *handle, void *array, uint32_t size) : handle_(handle), array_(array), size_(size) {}
+
+    [[gnu::always_inline]] void start(uint16_t id) { value(id, zel_tlv_struct_start, start_marker_text); }
+    [[gnu::always_inline]] int32_t end(uint16_t id) { return value(id, zel_tlv_struct_end, end_marker_text); }
+
+    template <class V> [[gnu::always_inline]] int32_t value(uint16_t id, const V &value, const char *text)
+    {
+        return add_element(*handle_, array_, size_, id, sizeof value, &value, text);
+    }
+
+protected:
+    zel_api_handle_t *handle_;
+
+private:
+    void *array_;
+    uint32_t size_;
+};
+
+class ElementSizer {
+public:
+    ElementSizer()
+    {
+        for (std::size_t i = 0; i < widths.size(); ++i)
+            sizes_[i] = element_size(widths[i]);
+    }
+
+    uint32_t total() const { return total_; }
+
+    void start(uint16_t) { add<sizeof zel_tlv_struct_start>(); }
+    int32_t end(uint16_t)
+    {
+        add<sizeof zel_tlv_struct_end>();
+        return 0;
+    }
+
+    template <class V> void value(uint16_t, const V &, const char *) { add<sizeof(V)>(); }
+
+private:
+    // The widths that occur, so that the platform is asked once for each in a pass.
+    static constexpr std::array<uint32_t, 6> widths{1, 2, 4, ZEL_MAC_SIZE, ZEL_LABEL_SIZE, ZEL_ACL_SIZE};
+
+    static constexpr std::size_t index_of(std::size_t width)
+    {
+        std::size_t i = 0;
+        while (widths[i] != width) // leaves the array, and so the compilation, for a width that is missing
+            ++i;
+        return i;
+    }
+
+    template <std::size_t Width> void add()
+    {
+        constexpr std::size_t index = index_of(Width);
+        total_ += sizes_[index];
+    }
+
+    uint32_t total_ = 0;
+    std::array<uint32_t, widths.size()> sizes_;
+};
 
 } // namespace zel

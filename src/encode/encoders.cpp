@@ -2,7 +2,6 @@
 #include "encode/compress.hpp"
 #include "encode/element.hpp"
 #include "encode/walk.hpp"
-#include "model/mat_objects.hpp"
 #include "model/trace.hpp"
 #include "platform/heartbeat.h"
 
@@ -25,30 +24,16 @@ uint32_t count_match()
     return before;
 }
 
-class Writer {
+class Writer : public ElementWriter {
 public:
-    using Passed = Writer;
+    using Passed = const Writer &;
+    using Local = Writer;
 
     Writer(zel_api_handle_t *handle, void *array, uint32_t size, uint32_t app_type)
-        : handle_(handle), array_(array), size_(size), app_type_(app_type)
+        : ElementWriter(handle, array, size), app_type_(app_type)
     {}
 
-    [[gnu::always_inline]] void start(uint16_t id) { value(id, zel_tlv_struct_start, start_marker_text); }
-    [[gnu::always_inline]] int32_t end(uint16_t id) { return value(id, zel_tlv_struct_end, end_marker_text); }
-
-    template <class V> [[gnu::always_inline]] int32_t value(uint16_t id, const V &value, const char *text)
-    {
-        return add_element(*handle_, array_, size_, id, sizeof value, &value, text);
-    }
-
-    template <class R> bool refer(const R &object)
-    {
-        constexpr uint32_t type = MatObjectOf<R>::type;
-        if (is_first_occurrence(handle_, app_type_, type, object.id, &object))
-            return false;
-        write_reference(handle_, array_, size_, {type, object.id});
-        return true;
-    }
+    template <class R> bool is_first(const R &object) { return is_first_occurrence(handle_, app_type_, object); }
 
     template <class R> void no_parameter(const R &) {}
     void no_parameter(const zel_match_t &match)
@@ -76,9 +61,6 @@ public:
     }
 
 private:
-    zel_api_handle_t *handle_;
-    void *array_;
-    uint32_t size_;
     uint32_t app_type_;
 };
 

@@ -2,56 +2,19 @@
 #include "encode/compress.hpp"
 #include "encode/element.hpp"
 #include "encode/walk.hpp"
-#include "model/mat_objects.hpp"
 #include "model/trace.hpp"
-
-#include <array>
 
 namespace zel {
 namespace {
 
-// The widths that occur, so that the platform is asked once for each in a pass.
-constexpr std::array<uint32_t, 6> widths{1, 2, 4, ZEL_MAC_SIZE, ZEL_LABEL_SIZE, ZEL_ACL_SIZE};
-
-constexpr std::size_t index_of_width(std::size_t width)
-{
-    std::size_t i = 0;
-    while (widths[i] != width) // leaves the array, and so the compilation, for a width that is missing
-        ++i;
-    return i;
-}
-
-class Sizer {
+class Sizer : public ElementSizer {
 public:
     using Passed = Sizer &;
+    using Local = Sizer &;
 
-    Sizer(zel_api_handle_t *handle, uint32_t app_type) : handle_(handle), app_type_(app_type)
-    {
-        for (std::size_t i = 0; i < widths.size(); ++i)
-            sizes_[i] = element_size(widths[i]);
-    }
+    Sizer(zel_api_handle_t *handle, uint32_t app_type) : handle_(handle), app_type_(app_type) {}
 
-    uint32_t total() const { return total_; }
-
-    void start(uint16_t) { add<1>(); }
-    int32_t end(uint16_t)
-    {
-        add<1>();
-        return 0;
-    }
-
-    template <class V> void value(uint16_t, const V &, const char *) { add<sizeof(V)>(); }
-
-    template <class R> bool refer(const R &object)
-    {
-        if (is_first_occurrence(handle_, app_type_, MatObjectOf<R>::type, object.id, &object))
-            return false;
-        start(0);
-        add<sizeof Reference::mat_type>();
-        add<sizeof Reference::mat_id>();
-        end(0);
-        return true;
-    }
+    template <class R> bool is_first(const R &object) { return is_first_occurrence(handle_, app_type_, object); }
 
     template <class R> void no_parameter(const R &) {}
     void no_parameter(const zel_match_t &match)
@@ -67,16 +30,8 @@ public:
     template <class R> void member_done(const R &, uint32_t) {}
 
 private:
-    template <std::size_t Width> void add()
-    {
-        constexpr std::size_t index = index_of_width(Width);
-        total_ += sizes_[index];
-    }
-
     zel_api_handle_t *handle_;
     uint32_t app_type_;
-    uint32_t total_ = 0;
-    std::array<uint32_t, widths.size()> sizes_;
 };
 
 template <class R> uint32_t size_of(zel_api_handle_t *handle, const R *record, uint32_t app_type)

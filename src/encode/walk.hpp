@@ -2,76 +2,99 @@
 // to the sink: one writes them, another adds up their sizes, so that the two
 // cannot disagree.  A sink has
 //
-//   Passed                    how it is handed on: by reference when it gathers something,
-//                             otherwise by value, so that nothing that is written changes it
+//   Passed                    how it is handed on
+//   Local                     what the walk of a record works with: the sink itself when it
+//                             gathers something, otherwise a copy, which nothing that is
+//                             written changes, so that it stays in registers
 //   start(id), end(id)        the markers; end() gives the walk's result
 //   value(id, value, text)    a field
-//   refer(object)             true: the match or action was dealt with as a reference
+//   is_first(object)          whether the message has not carried the match or action yet;
+//                             from now on it has
 //   no_parameter(record)      a choice found no option for the record's selector
 //   member_done(group, i)     member i of a sequence has been walked
 #pragma once
 
-#include "model/records.hpp"
+#include "model/mat_objects.hpp"
 
 #include <stdint.h>
 
 namespace zel {
 
-template <class Sink, class R> int32_t walk(typename Sink::Passed sink, const R &record);
+template <class Sink, class R> int32_t walk(typename Sink::Passed passed, const R &record);
+
+// A sink on its way through a record.
+template <class Sink> struct Way {
+    typename Sink::Passed passed;
+    typename Sink::Local sink = passed;
+};
 
 template <class Sink, class R, uint16_t Id, auto Member>
-void walk_member(typename Sink::Passed sink, const R &record, Field<Id, Member> field)
+[[gnu::always_inline]] inline void walk_member(Way<Sink> &way, const R &record, Field<Id, Member> field)
 {
-    sink.value(Id, record.*Member, field.text);
+    way.sink.value(Id, record.*Member, field.text);
 }
 
 template <class Sink, class R, auto Member>
-void walk_member(typename Sink::Passed sink, const R &record, Embedded<Member>)
+[[gnu::always_inline]] inline void walk_member(Way<Sink> &way, const R &record, Embedded<Member>)
 {
-    walk<Sink>(sink, record.*Member);
+    walk<Sink>(way.passed, record.*Member);
 }
 
 template <class Sink, class R, uint16_t Id, auto Count, auto Array>
-void walk_member(typename Sink::Passed sink, const R &record, Sequence<Id, Count, Array> sequence)
+[[gnu::always_inline]] inline void walk_member(Way<Sink> &way, const R &record, Sequence<Id, Count, Array> sequence)
 {
-    sink.value(Id, record.*Count, sequence.text);
+    way.sink.value(Id, record.*Count, sequence.text);
     for (uint32_t i = 0; i < record.*Count; ++i) {
         // Members lie anywhere; the next may be on its way while this one is walked.
         if (i + 1 < record.*Count)
             __builtin_prefetch((record.*Array)[i + 1]);
-        walk<Sink>(sink, *(record.*Array)[i]);
-        sink.member_done(record, i);
+        walk<Sink>(way.passed, *(record.*Array)[i]);
+        way.sink.member_done(record, i);
     }
 }
 
 template <class Sink, class R, uint32_t Value, auto... Path>
-bool walk_option(typename Sink::Passed sink, const R &record, uint32_t selector, Option<Value, Path...>)
+[[gnu::always_inline]] inline bool walk_option(const Way<Sink> &way, const R &record, uint32_t selector,
+                                               Option<Value, Path...>)
 {
     if (selector != Value)
         return false;
-    walk<Sink>(sink, follow<Path...>(record));
+    walk<Sink>(way.passed, follow<Path...>(record));
     return true;
 }
 
 template <class Sink, class R, auto Selector, class... O>
-void walk_member(typename Sink::Passed sink, const R &record, Choice<Selector, O...>)
+[[gnu::always_inline]] inline void walk_member(Way<Sink> &way, const R &record, Choice<Selector, O...>)
 {
-    if (!(walk_option<Sink>(sink, record, record.*Selector, O{}) || ...))
-        sink.no_parameter(record);
+    if (!(walk_option(way, record, record.*Selector, O{}) || ...))
+        way.sink.no_parameter(record);
 }
 
-template <class Sink, class R> int32_t walk(typename Sink::Passed sink, const R &record)
+// An object that the message has carried is named only.
+template <class Elements, class R> void walk_reference(Elements &elements, const R &object)
 {
+    const Reference reference{MatObjectOf<R>::type, object.id};
+    elements.start(Wire<R>::start);
+    elements.value(reference_mat_type_id, reference.mat_type, "mat type");
+    elements.value(reference_mat_id_id, reference.mat_id, "mat id");
+    elements.end(Wire<R>::end);
+}
+
+template <class Sink, class R> int32_t walk(typename Sink::Passed passed, const R &record)
+{
+    Way<Sink> way{passed};
     if constexpr (is_shareable<R>) {
-        if (sink.refer(record))
+        if (!way.sink.is_first(record)) {
+            walk_reference(way.sink, record);
             return 0;
+        }
     }
-    sink.start(Wire<R>::start);
+    way.sink.start(Wire<R>::start);
     all_members<R>([&](auto member) __attribute__((always_inline)) {
-        walk_member<Sink>(sink, record, member);
+        walk_member(way, record, member);
         return true;
     });
-    return sink.end(Wire<R>::end);
+    return way.sink.end(Wire<R>::end);
 }
 
 } // namespace zel

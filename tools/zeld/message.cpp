@@ -78,6 +78,7 @@ void require_all_read()
 class Writer {
 public:
     using Passed = Writer &;
+    using Local = Writer &;
 
     void start(uint16_t id) { add(id, sizeof zel_tlv_struct_start, &zel_tlv_struct_start); }
     int32_t end(uint16_t id)
@@ -91,16 +92,10 @@ public:
     // The policies of a list come from different requests and may have different
     // objects of one id.  A reader takes a reference for the first object that came
     // with the id, so only an equal one can be referred to; others are written in full.
-    template <class R> bool refer(const R &object)
+    template <class R> bool is_first(const R &object)
     {
         const auto [place, is_first] = written<R>().try_emplace(object.id, &object);
-        if (is_first || !equal(*place->second, object))
-            return false;
-        start(zel::Wire<R>::start);
-        value(zel::reference_mat_type_id, uint32_t{zel::MatObjectOf<R>::type}, "");
-        value(zel::reference_mat_id_id, object.id, "");
-        end(zel::Wire<R>::end);
-        return true;
+        return is_first || !equal(*place->second, object);
     }
 
     template <class R> void no_parameter(const R &) {}

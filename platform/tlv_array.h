@@ -41,6 +41,10 @@ uint32_t tlv_size_get(uint32_t length);
  * Returns 0, or non-zero at the end of the array or on a damaged element; what
  * the status means is the platform's, the library passes it on.  The value is
  * not aligned.  A cursor of one array is only ever used with that array.
+ *
+ * Beforehand, *type and *length hold what the library expects to come, or a type
+ * of 0 when it has no idea.  That is for platforms that can be quicker about an
+ * element they guess right, and means nothing else.
  */
 int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
                                uintptr_t reserved, uint32_t *cursor);

@@ -18,14 +18,13 @@ namespace bench {
 namespace {
 
 using zel::Choice, zel::Element, zel::Embedded, zel::Field, zel::follow, zel::is_shareable, zel::MatObjectOf,
-    zel::Option, zel::reference_mat_id_id, zel::reference_mat_type_id, zel::Sequence, zel::Value, zel::Wire;
+    zel::num_members, zel::Option, zel::reference_mat_id_id, zel::reference_mat_type_id, zel::Sequence, zel::Value,
+    zel::Wire;
 
 constexpr uint32_t app_type = 1;
 constexpr uint32_t header_bytes = 4;
 constexpr uint32_t marker_bytes = header_bytes + 1;
 constexpr uint32_t reference_bytes = 2 * marker_bytes + 2 * header_bytes + 4 + 2;
-template <class R>
-constexpr std::size_t num_members = std::tuple_size_v<std::remove_cvref_t<decltype(Wire<R>::members)>>;
 template <std::size_t I> using Index = std::integral_constant<std::size_t, I>;
 template <class V> constexpr uint32_t element_bytes = header_bytes + sizeof(V);
 

@@ -45,6 +45,11 @@ uint32_t used_bytes(const void *array)
     return TLV_OK;
 }
 
+[[gnu::cold, gnu::noinline]] int32_t why_refused(const void *array, uint32_t capacity)
+{
+    return tlv_array_check(array, capacity) != TLV_OK && capacity >= TLV_ARRAY_OVERHEAD ? TLV_DAMAGED : TLV_NO_ROOM;
+}
+
 // The lengths that nearly every element has become single stores.
 [[gnu::always_inline]] inline int32_t copy_value(unsigned char *to, const void *value, uint16_t length)
 {
@@ -72,23 +77,62 @@ uint16_t length_of(const unsigned char *element)
     return length;
 }
 
-// What an element takes.  Where the next one begins depends on this one's length,
-// and a count that waits for each length before it can load the next is slow.  A
-// branch for each usual length lets the processor guess, and it guesses well.
-uint32_t size_of_element(uint16_t length)
+// Passes over elements of the usual lengths.  Where the next one begins depends on this
+// one's length, and a count that waits for each length before it can load the next is
+// slow.  A branch for each lets the processor guess, and it guesses well.
+[[gnu::always_inline]] inline void pass_usual(const unsigned char *elements, std::size_t end, std::size_t &at,
+                                              uint32_t &count)
 {
-    // Or the compiler sees that all cases are the same, and removes the branches.
-    const auto guessed = [](uint32_t size) {
-        asm volatile("" : "+r"(size));
-        return size;
+    // Or the compiler sees that all branches do the same, and removes them.
+    const auto pass = [&](std::size_t length) {
+        at += TLV_ELEMENT_OVERHEAD + length;
+        asm volatile("" : "+r"(at));
     };
-    if (length == 1)
-        return guessed(TLV_ELEMENT_OVERHEAD + 1);
-    if (length == 4)
-        return guessed(TLV_ELEMENT_OVERHEAD + 4);
-    if (length == 2)
-        return guessed(TLV_ELEMENT_OVERHEAD + 2);
-    return TLV_ELEMENT_OVERHEAD + length;
+    for (; at < end; ++count) {
+        const uint16_t length = length_of(elements + at);
+        if (length == 1)
+            pass(1);
+        else if (length == 4)
+            pass(4);
+        else if (length == 2)
+            pass(2);
+        else
+            return;
+    }
+}
+
+// What reading an element gives.
+struct Step {
+    int32_t status;
+    ElementHeader header{};
+    const unsigned char *value = nullptr;
+    uint32_t cursor = 0;
+};
+
+// The cursor counts the bytes of the elements read, so 0 is the first element.
+[[gnu::always_inline]] inline Step next_step(const void *array, uint32_t cursor)
+{
+    const uint32_t used = used_bytes(array);
+    if (!surely(cursor < used))
+        return {TLV_END};
+    const uint32_t left = used - cursor;
+    if (!surely(left >= TLV_ELEMENT_OVERHEAD))
+        return {TLV_DAMAGED};
+    const unsigned char *const element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD + cursor;
+    ElementHeader header;
+    std::memcpy(&header, element, sizeof header);
+    const uint32_t size = TLV_ELEMENT_OVERHEAD + header.length;
+    if (!surely(size <= left))
+        return {TLV_DAMAGED};
+    return {TLV_OK, header, element + sizeof header, cursor + size};
+}
+
+// By value: whoever takes a variable's address keeps it out of a register.
+[[gnu::noinline]] Step unforeseen_step(const void *array, uint32_t cursor) { return next_step(array, cursor); }
+
+[[gnu::always_inline]] inline bool has_header(const unsigned char *element, ElementHeader header)
+{
+    return std::memcmp(element, &header, sizeof header) == 0;
 }
 
 } // namespace
@@ -96,16 +140,17 @@ uint32_t size_of_element(uint16_t length)
 [[gnu::used, gnu::always_inline]] inline int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type,
                                                                    uint16_t length, const void *value, uintptr_t)
 {
-    if (!surely(capacity >= TLV_ARRAY_OVERHEAD))
-        return TLV_NO_ROOM;
-    const uint32_t room = capacity - TLV_ARRAY_OVERHEAD;
+    const uint32_t size = TLV_ELEMENT_OVERHEAD + length;
+    // For one element after the other, compilers subtract but once for all of a size.
+    if (!surely(capacity >= TLV_ARRAY_OVERHEAD + size))
+        return why_refused(array, capacity);
     const uint32_t used = used_bytes(array);
-    const uint64_t end = uint64_t{used} + TLV_ELEMENT_OVERHEAD + length;
-    if (!surely(end <= room))
-        return used > room ? TLV_DAMAGED : TLV_NO_ROOM;
+    if (!surely(used <= capacity - TLV_ARRAY_OVERHEAD - size))
+        return why_refused(array, capacity);
 
-    const auto now_used = static_cast<uint32_t>(end);
-    unsigned char *const element = static_cast<unsigned char *>(array) + TLV_ARRAY_OVERHEAD + used;
+    const uint32_t now_used = used + size;
+    unsigned char *const before = static_cast<unsigned char *>(array) + used;
+    unsigned char *const element = before + TLV_ARRAY_OVERHEAD;
     unsigned char *const to = element + sizeof(ElementHeader);
     write_header(element, {type, length});
     if (__builtin_constant_p(length) && length != 0) {
@@ -125,24 +170,28 @@ uint32_t tlv_size_get(uint32_t length) { return length + TLV_ELEMENT_OVERHEAD; }
                                                                         uint16_t *length, const void **value, uintptr_t,
                                                                         uint32_t *cursor)
 {
-    // The cursor counts the bytes of the elements read, so 0 is the first element.
-    const uint32_t used = used_bytes(array);
-    const uint32_t at = *cursor;
-    if (!surely(at < used))
-        return TLV_END;
-    const uint32_t left = used - at;
-    if (!surely(left >= TLV_ELEMENT_OVERHEAD))
-        return TLV_DAMAGED;
-    const unsigned char *const element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD + at;
-    ElementHeader header;
-    std::memcpy(&header, element, sizeof header);
-    const uint32_t size = TLV_ELEMENT_OVERHEAD + header.length;
-    if (!surely(size <= left))
-        return TLV_DAMAGED;
-    *type = header.type;
-    *length = header.length;
-    *value = element + sizeof header;
-    *cursor = at + size;
+    Step step;
+    if (__builtin_constant_p(*type) && __builtin_constant_p(*length) && *type != 0) {
+        // Where the next element is then does not depend on what is read.
+        const std::size_t size = TLV_ELEMENT_OVERHEAD + *length;
+        const std::size_t end = *cursor + size;
+        const unsigned char *const before = static_cast<const unsigned char *>(array) + *cursor;
+        if (surely(size <= end && end <= used_bytes(array)) &&
+            surely(has_header(before + TLV_ARRAY_OVERHEAD, {*type, *length}))) {
+            *value = before + TLV_ARRAY_OVERHEAD + TLV_ELEMENT_OVERHEAD;
+            *cursor = static_cast<uint32_t>(end);
+            return TLV_OK;
+        }
+        step = unforeseen_step(array, *cursor);
+    } else {
+        step = next_step(array, *cursor);
+    }
+    if (!surely(step.status == TLV_OK))
+        return step.status;
+    *type = step.header.type;
+    *length = step.header.length;
+    *value = step.value;
+    *cursor = step.cursor;
     return TLV_OK;
 }
 
@@ -150,18 +199,21 @@ uint32_t tlv_size_get(uint32_t length) { return length + TLV_ELEMENT_OVERHEAD; }
 // as many as this comes across the damage instead of taking the array for whole.
 uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
 {
-    const auto *element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
-    uint32_t left = used_bytes(array);
+    constexpr std::size_t longest_usual = TLV_ELEMENT_OVERHEAD + 4;
+    const auto *const elements = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
+    const std::size_t used = used_bytes(array);
     uint32_t count = 0;
-    while (left >= TLV_ELEMENT_OVERHEAD) {
-        const uint32_t size = size_of_element(length_of(element));
+    std::size_t at = 0;
+    for (;;) {
+        pass_usual(elements, used < longest_usual ? 0 : used - longest_usual, at, count);
+        if (used - at < TLV_ELEMENT_OVERHEAD)
+            return at != used ? count + 1 : count;
         ++count;
-        if (size > left)
+        const std::size_t size = TLV_ELEMENT_OVERHEAD + length_of(elements + at);
+        if (size > used - at)
             return count;
-        element += size;
-        left -= size;
+        at += size;
     }
-    return left != 0 ? count + 1 : count;
 }
 
 int32_t tlv_array_check(const void *array, uint32_t size)

@@ -23,6 +23,30 @@ template <class R>
 
 template <class C> bool expect_child(Frame<C> &frame, C &child, Reader &reader);
 
+// The element that a member begins with.
+template <uint16_t Id, auto Member> constexpr auto first_element(Field<Id, Member>)
+{
+    return Foreseen<Id, sizeof(Value<Member>)>{};
+}
+template <auto Member> constexpr auto first_element(Embedded<Member>)
+{
+    return ForeseenMarker<Wire<Value<Member>>::start>{};
+}
+template <uint16_t Id, auto Count, auto Array> constexpr auto first_element(Sequence<Id, Count, Array>)
+{
+    return Foreseen<Id, sizeof(Value<Count>)>{};
+}
+template <auto Selector, class... O> constexpr auto first_element(Choice<Selector, O...>) { return Foreseen<>{}; }
+
+// The element that a record's member begins with; behind the last member, the end.
+template <class R, std::size_t I> constexpr auto element_at()
+{
+    if constexpr (I == num_members<R>)
+        return ForeseenMarker<Wire<R>::end>{};
+    else
+        return first_element(std::get<I>(Wire<R>::members));
+}
+
 // A record that has been read so far, up to the element that was pulled last.
 template <class R> struct Progress {
     Frame<R> &frame;
@@ -41,37 +65,38 @@ template <class R> struct Progress {
     }
 
     // Goes on to the next element.
-    [[gnu::always_inline]] bool next()
+    template <class Next> [[gnu::always_inline]] bool next(Next foreseen)
     {
         ++own_elements;
-        if (surely(reader.pull()))
+        if (surely(reader.pull(foreseen)))
             return true;
         return deviate();
     }
 
     // The same behind a member that may have been reported on.
-    [[gnu::always_inline]] bool next(bool is_as_expected)
+    template <class Next> [[gnu::always_inline]] bool next(Next foreseen, bool is_as_expected)
     {
         ++own_elements;
-        if (surely(reader.pull() && is_as_expected))
+        if (surely(reader.pull(foreseen) && is_as_expected))
             return true;
         return deviate();
     }
 };
 
-// Each takes what a member expects, if that is what comes.  False: it was not, and
-// the record has been read to its end.
+// Each takes what a member expects, if that is what comes, and pulls what is foreseen
+// behind it.  False: it was not, and the record has been read to its end.
 
-template <class R, uint16_t Id, auto Member>
-[[gnu::always_inline]] inline bool expect(Progress<R> &at, Field<Id, Member>)
+template <class R, uint16_t Id, auto Member, class Next>
+[[gnu::always_inline]] inline bool expect(Progress<R> &at, Field<Id, Member>, Next behind)
 {
     if (!surely(at.reader.element.type == Id))
         return at.deviate();
     copy<Member>(at.record, at.reader.element);
-    return at.next();
+    return at.next(behind);
 }
 
-template <class R, auto Member> [[gnu::always_inline]] inline bool expect(Progress<R> &at, Embedded<Member>)
+template <class R, auto Member, class Next>
+[[gnu::always_inline]] inline bool expect(Progress<R> &at, Embedded<Member>, Next behind)
 {
     using Child = Value<Member>;
     if (!surely(at.reader.element.type == Wire<Child>::start))
@@ -80,26 +105,28 @@ template <class R, auto Member> [[gnu::always_inline]] inline bool expect(Progre
     Frame<Child> child_frame{at.frame.in, count};
     const bool is_as_expected = expect_child(child_frame, at.record.*Member, at.reader);
     at.frame.subtotal += count;
-    return at.next(is_as_expected);
+    return at.next(behind, is_as_expected);
 }
 
-template <class R, uint16_t Id, auto Count, auto Array>
-[[gnu::always_inline]] inline bool expect(Progress<R> &at, Sequence<Id, Count, Array>)
+template <class R, uint16_t Id, auto Count, auto Array, class Next>
+[[gnu::always_inline]] inline bool expect(Progress<R> &at, Sequence<Id, Count, Array>, Next behind)
 {
     if (!surely(at.reader.element.type == Id))
         return at.deviate();
     allocate_array<Count, Array>(at.frame, at.record, at.reader.element);
-    if (!at.next(is_quiet(at.frame.in)))
+    constexpr uint16_t start = Wire<Element<Array>>::start;
+    if (!at.next(ForeseenMarker<start>{}, is_quiet(at.frame.in)))
         return false;
-    if (at.reader.element.type != Wire<Element<Array>>::start)
+    if (at.reader.element.type != start)
         return true;
     hand_over(at.frame, at.reader.cursor, [&] { decode_members<Count, Array>(at.frame, at.record); });
-    return at.next(is_quiet(at.frame.in));
+    return at.next(behind, is_quiet(at.frame.in));
 }
 
 // Whether the option is what comes; and then, whether it is all as expected.
-template <class R, uint32_t Value, auto... Path>
-[[gnu::always_inline]] inline bool expect_option(Progress<R> &at, bool &is_as_expected, Option<Value, Path...>)
+template <class R, class Next, uint32_t Value, auto... Path>
+[[gnu::always_inline]] inline bool expect_option(Progress<R> &at, Next behind, bool &is_as_expected,
+                                                 Option<Value, Path...>)
 {
     using Child = Target<Path...>;
     if (at.reader.element.type != Wire<Child>::start)
@@ -110,36 +137,45 @@ template <class R, uint32_t Value, auto... Path>
     is_as_expected = expect_child(child_frame, child, at.reader);
     at.frame.subtotal += count;
     at.frame.is_sound = is_sound(child_frame, child);
-    is_as_expected = at.next(is_as_expected);
+    is_as_expected = at.next(behind, is_as_expected);
     return true;
 }
 
-template <class R, auto Selector, class... O>
-[[gnu::always_inline]] inline bool expect(Progress<R> &at, Choice<Selector, O...>)
+template <class R, auto Selector, class... O, class Next>
+[[gnu::always_inline]] inline bool expect(Progress<R> &at, Choice<Selector, O...>, Next behind)
 {
     bool is_as_expected = true;
-    (expect_option(at, is_as_expected, O{}) || ...);
+    (expect_option(at, behind, is_as_expected, O{}) || ...);
     return is_as_expected;
 }
 
 template <class R> [[gnu::always_inline]] inline bool expect_reference(Progress<R> &at)
 {
     at.frame.reference_mat_type = load<uint32_t>(at.reader.element);
-    if (!at.next())
+    if (!at.next(Foreseen<reference_mat_id_id, sizeof Reference::mat_id>{}))
         return false;
     if (!surely(at.reader.element.type == reference_mat_id_id))
         return at.deviate();
     resolve(at.frame, at.record, load<uint16_t>(at.reader.element));
-    return at.next(is_quiet(at.frame.in));
+    return at.next(ForeseenMarker<Wire<R>::end>{}, is_quiet(at.frame.in));
 }
 
-template <class R> [[gnu::always_inline]] inline bool expect_members(Progress<R> &at)
+// The members of a record from one of them on.
+template <class R, std::size_t I = 0> [[gnu::always_inline]] inline bool expect_members(Progress<R> &at)
+{
+    if constexpr (I == num_members<R>)
+        return true;
+    else
+        return expect(at, std::get<I>(Wire<R>::members), element_at<R, I + 1>()) && expect_members<R, I + 1>(at);
+}
+
+template <class R> [[gnu::always_inline]] inline bool expect_content(Progress<R> &at)
 {
     if constexpr (is_shareable<R>) {
         if (at.reader.element.type == reference_mat_type_id)
             return expect_reference(at);
     }
-    return all_members<R>([&](auto member) __attribute__((always_inline)) { return expect(at, member); });
+    return expect_members(at);
 }
 
 // A record from behind its start marker on, or from there on when that is its own to pull.
@@ -148,16 +184,15 @@ template <class R>
 {
     begin(frame, record);
     Progress<R> at{frame, record, reader, 0};
-    if (!surely(reader.pull()))
-        return at.deviate();
     if (own_start != 0) {
-        if (!surely(reader.element.type == Wire<R>::start))
+        constexpr uint16_t start = Wire<R>::start;
+        if (!surely(reader.pull(ForeseenMarker<start>{}) && reader.element.type == start))
             return at.deviate();
         at.own_start = 1;
-        if (!surely(reader.pull()))
-            return at.deviate();
     }
-    if (!expect_members(at))
+    if (!surely(reader.pull(element_at<R, 0>())))
+        return at.deviate();
+    if (!expect_content(at))
         return false;
     if (!surely(reader.element.type == Wire<R>::end))
         return at.deviate();

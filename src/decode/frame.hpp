@@ -34,6 +34,11 @@ struct TlvElement {
     const void *value;
 };
 
+// An element that is expected; a type of 0 expects nothing in particular.
+template <uint16_t Type = 0, uint16_t Length = 0> struct Foreseen {};
+
+template <uint16_t Id> using ForeseenMarker = Foreseen<Id, sizeof zel_tlv_struct_start>;
+
 // Pulls elements one by one.
 struct Reader {
     const void *array;
@@ -41,9 +46,11 @@ struct Reader {
     int32_t status = 0; // of the last pull
     TlvElement element{};
 
-    [[gnu::always_inline]] bool pull()
+    // Whatever is foreseen, any element may come.
+    template <uint16_t Type = 0, uint16_t Length = 0> [[gnu::always_inline]] bool pull(Foreseen<Type, Length> = {})
     {
-        uint16_t length;
+        element.type = Type;
+        uint16_t length = Length;
         status = tlv_array_get_next_tlv(array, &element.type, &length, &element.value, 0, &cursor);
         return status == 0;
     }

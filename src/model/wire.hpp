@@ -44,16 +44,18 @@ template <auto Selector, class... O> struct Choice {};
 // A record of a choice: the selector's value, and the path of members to it.
 template <uint32_t Value, auto... Path> struct Option {};
 
+template <class R>
+inline constexpr std::size_t num_members = std::tuple_size_v<std::remove_const_t<decltype(Wire<R>::members)>>;
+
 // Visits the members of a record in order until a visit returns false.  Unlike
 // std::apply(), this is never a call.
 template <class R, class Visit> [[gnu::always_inline]] inline bool all_members(Visit visit)
 {
-    constexpr std::size_t count = std::tuple_size_v<std::remove_const_t<decltype(Wire<R>::members)>>;
     return [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline))
     {
         return (visit(std::get<I>(Wire<R>::members)) && ...);
     }
-    (std::make_index_sequence<count>{});
+    (std::make_index_sequence<num_members<R>>{});
 }
 
 template <auto First, auto... Rest, class R> constexpr auto &follow(R &record)

@@ -77,18 +77,25 @@ uint16_t length_of(const unsigned char *element)
     return length;
 }
 
+struct Passed {
+    std::size_t bytes;
+    uint32_t elements;
+};
+
 // Passes over elements of the usual lengths.  Where the next one begins depends on this
 // one's length, and a count that waits for each length before it can load the next is
-// slow.  A branch for each lets the processor guess, and it guesses well.
-[[gnu::always_inline]] inline void pass_usual(const unsigned char *elements, std::size_t end, std::size_t &at,
-                                              uint32_t &count)
+// slow.  A branch for each lets the processor guess, and it guesses well.  Aligned,
+// because it matters to these few instructions in how many cache lines they lie.
+[[gnu::noinline, gnu::aligned(64)]] Passed pass_usual(const unsigned char *elements, std::size_t size)
 {
+    std::size_t at = 0;
+    uint32_t count = 0;
     // Or the compiler sees that all branches do the same, and removes them.
     const auto pass = [&](std::size_t length) {
         at += TLV_ELEMENT_OVERHEAD + length;
         asm volatile("" : "+r"(at));
     };
-    for (; at < end; ++count) {
+    for (; at < size; ++count) {
         const uint16_t length = length_of(elements + at);
         if (length == 1)
             pass(1);
@@ -97,8 +104,9 @@ uint16_t length_of(const unsigned char *element)
         else if (length == 2)
             pass(2);
         else
-            return;
+            break;
     }
+    return {at, count};
 }
 
 // What reading an element gives.
@@ -200,19 +208,22 @@ uint32_t tlv_size_get(uint32_t length) { return length + TLV_ELEMENT_OVERHEAD; }
 uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t)
 {
     constexpr std::size_t longest_usual = TLV_ELEMENT_OVERHEAD + 4;
-    const auto *const elements = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
-    const std::size_t used = used_bytes(array);
+    const auto *element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD;
+    std::size_t left = used_bytes(array);
     uint32_t count = 0;
-    std::size_t at = 0;
     for (;;) {
-        pass_usual(elements, used < longest_usual ? 0 : used - longest_usual, at, count);
-        if (used - at < TLV_ELEMENT_OVERHEAD)
-            return at != used ? count + 1 : count;
+        const Passed passed = pass_usual(element, left < longest_usual ? 0 : left - longest_usual);
+        count += passed.elements;
+        element += passed.bytes;
+        left -= passed.bytes;
+        if (left < TLV_ELEMENT_OVERHEAD)
+            return left != 0 ? count + 1 : count;
         ++count;
-        const std::size_t size = TLV_ELEMENT_OVERHEAD + length_of(elements + at);
-        if (size > used - at)
+        const std::size_t size = TLV_ELEMENT_OVERHEAD + length_of(element);
+        if (size > left)
             return count;
-        at += size;
+        element += size;
+        left -= size;
     }
 }
 

@@ -111,23 +111,20 @@ template <class T> T load(const TlvElement &element)
     return value;
 }
 
-// A long copy in pieces, for which compilers have better instructions.
-template <std::size_t Width> [[gnu::always_inline]] inline void copy_bytes(void *to, const void *from)
+// A long copy in pieces of two words, for which compilers have better instructions.
+template <std::size_t Width> [[gnu::always_inline]] inline void copy_bytes(char *to, const char *from)
 {
-    constexpr std::size_t piece = 16;
-    auto *const t = static_cast<char *>(to);
-    auto *const f = static_cast<const char *>(from);
-    std::size_t i = 0;
-    for (; i + piece <= Width; i += piece)
-        std::memcpy(t + i, f + i, piece);
-    std::memcpy(t + i, f + i, Width - i);
+    constexpr std::size_t piece = std::min(Width, 2 * sizeof(void *));
+    std::memcpy(to, from, piece);
+    if constexpr (piece < Width)
+        copy_bytes<Width - piece>(to + piece, from + piece);
 }
 
 template <auto Member, class R> void copy(R &record, const TlvElement &element)
 {
     auto &field = record.*Member;
     constexpr std::size_t width = shortened_width<Member> != 0 ? shortened_width<Member> : sizeof field;
-    copy_bytes<width>(&field, element.value);
+    copy_bytes<width>(reinterpret_cast<char *>(&field), static_cast<const char *>(element.value));
 }
 
 // A service is the one parameter that owns something.  Records share the area, so

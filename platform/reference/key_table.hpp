@@ -54,11 +54,11 @@ public:
     void remove(const Entry *entry)
     {
         const Place place = place_of(entry->key);
-        if (!leave(entry, place))
-            return;
-        if (entry == root_ && newest_ != nullptr) {
+        if (entry == root_ && newest_ != nullptr) [[likely]] { // the first of its bucket, too
+            leave(entry, last_of_[place.bucket], place);
             root_ = entry->next[in_order];
-        } else {
+        } else if (Entry *const before = find_before(entry, place)) {
+            leave(entry, before, place);
             newest_ = nullptr;
             if (entry == root_)
                 root_ = any_from(place.bucket);
@@ -110,27 +110,31 @@ private:
         seen_in_[place.bucket] = static_cast<uint8_t>(seen_in_[place.bucket] | place.part);
     }
 
-    // False: the entry is not in there.
-    bool leave(const Entry *entry, const Place &place)
+    // The entry before another one in its ring, which may be that itself, or null when it
+    // is not in there.
+    Entry *find_before(const Entry *entry, const Place &place) const
     {
-        Entry *&last = last_of_[place.bucket];
-        if (last == nullptr)
-            return false;
+        Entry *const last = last_of_[place.bucket];
         Entry *before = last;
-        while (before->next[in_bucket] != entry) {
+        while (before != nullptr && before->next[in_bucket] != entry) {
             before = before->next[in_bucket];
             if (before == last)
-                return false;
+                return nullptr;
         }
+        return before;
+    }
+
+    void leave(const Entry *entry, Entry *before, const Place &place)
+    {
+        Entry *&last = last_of_[place.bucket];
         if (before == entry) {
             last = nullptr;
             seen_in_[place.bucket] = 0;
-            return true;
+            return;
         }
         before->next[in_bucket] = entry->next[in_bucket];
         if (entry == last)
             last = before;
-        return true;
     }
 
     // Looking on from where the last one was, so that emptying the table passes it once.

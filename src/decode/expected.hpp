@@ -14,11 +14,13 @@ namespace zel {
     return __builtin_expect_with_probability(condition, true, 1.0) != 0;
 }
 
-// Has the loop read the rest of a record, from what was pulled last.
+// Has the loop read the rest of a record, from what was pulled last.  In scalars, for
+// the sake of those who keep them in registers.
 template <class R>
-[[gnu::noinline]] void deviate(Frame<R> &frame, R &record, uint32_t own_elements, TlvElement pulled, int32_t status)
+[[gnu::noinline]] void deviate(Frame<R> &frame, R &record, uint32_t own_elements, uint16_t type, const void *value,
+                               int32_t status)
 {
-    frame.status = decode_in_any_order(frame, &record, own_elements, pulled, status);
+    frame.status = decode_in_any_order(frame, &record, own_elements, {type, value}, status);
 }
 
 template <class C> bool expect_child(Frame<C> &frame, C &child, Reader &reader);
@@ -59,7 +61,7 @@ template <class R> struct Progress {
     [[gnu::always_inline]] bool deviate()
     {
         frame.in.cursor = reader.cursor;
-        zel::deviate(frame, record, own_start + own_elements, reader.element, reader.status);
+        zel::deviate(frame, record, own_start + own_elements, reader.element.type, reader.element.value, reader.status);
         reader.cursor = frame.in.cursor;
         return false;
     }
@@ -113,7 +115,7 @@ template <class R, uint16_t Id, auto Count, auto Array, class Next>
 {
     if (!surely(at.reader.element.type == Id))
         return at.deviate();
-    allocate_array<Count, Array>(at.frame, at.record, at.reader.element);
+    allocate_array<Count, Array>(at.frame, at.record, load<Value<Count>>(at.reader.element));
     constexpr uint16_t start = Wire<Element<Array>>::start;
     if (!at.next(ForeseenMarker<start>{}, is_quiet(at.frame.in)))
         return false;

@@ -143,7 +143,8 @@ template <class R> void report_no_memory(const Frame<R> &frame, std::size_t coun
           static_cast<uint32_t>(count), static_cast<uint32_t>(size));
 }
 
-template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, R &record, const TlvElement &element)
+// For as many members as the message claims.  By value, so that the element stays where it is.
+template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, R &record, Value<Count> claimed)
 {
     using State = typename Frame<R>::Array;
     auto &count = record.*Count;
@@ -152,7 +153,7 @@ template <auto Count, auto Array, class R> void allocate_array(Frame<R> &frame, 
         std::free(static_cast<void *>(array));
     frame.array = State::closed;
     array = nullptr;
-    count = static_cast<Value<Count>>(grant(frame.in.claims, load<Value<Count>>(element)));
+    count = static_cast<Value<Count>>(grant(frame.in.claims, claimed));
     if (count == 0)
         return;
     array = static_cast<Value<Array>>(std::calloc(count, sizeof *array));

@@ -70,7 +70,7 @@ template <class R, uint16_t Id, auto Count, auto Array>
                                           Sequence<Id, Count, Array>)
 {
     if (element.type == Id) {
-        allocate_array<Count, Array>(frame, record, element);
+        allocate_array<Count, Array>(frame, record, load<Value<Count>>(element));
         return true;
     }
     if (element.type != Wire<Element<Array>>::start)

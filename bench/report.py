@@ -20,10 +20,11 @@ import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ABIS = {"64-bit": ROOT / "build/bench/bench", "32-bit": ROOT / "build/bench32/bench"}
-PROGRAMS = ("zel_bench", "zel_bench_one", "zel_bench_untraced")
+PROGRAMS = ("zel_bench", "zel_bench_one", "zel_bench_untraced", "zel_bench_mimalloc")
 PROTOBUF = "protobuf, arenas"
 LIMIT = "limit: hand-inlined"
 TRACED, UNTRACED = "libzel, one binary", "libzel, one binary, traces compiled out"
+ONLY_SIZES = (UNTRACED, "libzel, one binary, mimalloc")  # rows without growth curves
 SIZES = ("S", "M", "L")
 DIRECTIONS = ("encode", "decode")
 
@@ -45,7 +46,8 @@ def progress(text=""):
 def all_cases(folder):
     """In the order of the tables: libzel first, the limits last."""
     cases = [Case(folder / program, *line.split("\t"))
-             for program in PROGRAMS for line in run(folder / program, "list").stdout.splitlines()]
+             for program in PROGRAMS if (folder / program).exists()
+             for line in run(folder / program, "list").stdout.splitlines()]
     return sorted(cases, key=lambda case: (not case.row.startswith("libzel"), case.row.startswith("limit")))
 
 
@@ -111,7 +113,7 @@ def check_same_bytes(results):
 def time_abi(folder, quick):
     cases = all_cases(folder)
     sizes = [case for case in cases if case.workload in SIZES]
-    curves = [case for case in cases if case.workload not in SIZES and case.row != UNTRACED]
+    curves = [case for case in cases if case.workload not in SIZES and case.row not in ONLY_SIZES]
     results = Results(sizes + curves)
     time_all(sizes, 3 if quick else 15, 0.01 if quick else 0.05, results)
     time_all(curves, 1 if quick else 7, 0.01 if quick else 0.02, results)

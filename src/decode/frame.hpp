@@ -111,11 +111,12 @@ template <class T> T load(const TlvElement &element)
     return value;
 }
 
-// A long copy in pieces of two words, for which compilers have better instructions.
+// A long copy in pieces of two words, for which compilers have better instructions.  Both
+// may be the same.
 template <std::size_t Width> [[gnu::always_inline]] inline void copy_bytes(char *to, const char *from)
 {
     constexpr std::size_t piece = std::min(Width, 2 * sizeof(void *));
-    std::memcpy(to, from, piece);
+    std::memmove(to, from, piece);
     if constexpr (piece < Width)
         copy_bytes<Width - piece>(to + piece, from + piece);
 }
@@ -187,8 +188,12 @@ template <class R> void resolve(Frame<R> &frame, R &record, uint16_t mat_id)
               mat_id);
         return;
     }
-    const std::size_t held = facts_of(mat_type).record_size;
-    std::memmove(&record, entry->obj, held != 0 ? std::min(held, sizeof(R)) : sizeof(R));
+    if (mat_type == MatObjectOf<R>::type) [[likely]] {
+        copy_bytes<sizeof(R)>(reinterpret_cast<char *>(&record), static_cast<const char *>(entry->obj));
+    } else {
+        const std::size_t held = facts_of(mat_type).record_size;
+        std::memmove(&record, entry->obj, held != 0 ? std::min(held, sizeof(R)) : sizeof(R));
+    }
     record.cached = 1;
 }
 

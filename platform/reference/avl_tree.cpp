@@ -27,7 +27,7 @@ static_assert(sizeof(Node) <= 16);
 // How the tree uses the words of ravl_tree_t.
 struct [[gnu::may_alias]] Tree {
     uintptr_t root;
-    ravl_compare_t compare;
+    ravl_compare_t compare; // null in a table
     uintptr_t key_offset;
 };
 
@@ -228,21 +228,20 @@ void rebalance_up(Path &path, const Word *shrunk)
 
 // ---- A tree or a table
 
-// Nearly always a table, and a few instructions then, among which a tree's would cost
-// registers: hence these hints, and functions of their own for the tree.
-bool is_table(const ravl_tree *tree)
-{
-    return reinterpret_cast<const Tree *>(tree)->compare == zel_mat_cache_comp_func;
-}
-
 Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
 KeyTable &as_table(ravl_tree *tree) { return *reinterpret_cast<KeyTable *>(tree); }
+
+// Nearly always a table, and a few instructions then, among which a tree's would cost
+// registers: hence the hints below, and functions of their own for the tree.
+bool is_table(ravl_tree *tree) { return as_table(tree).is_table(); }
 
 } // namespace
 
 int32_t ravl_init(ravl_tree *tree, uint32_t, uint32_t key_offset, ravl_compare_t compare)
 {
     *tree = {};
+    if (compare == zel_mat_cache_comp_func && key_offset == offsetof(KeyTable::Entry, key))
+        return 0;
     as_tree(tree).compare = compare;
     as_tree(tree).key_offset = key_offset;
     return 0;

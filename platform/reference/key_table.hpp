@@ -32,6 +32,9 @@ public:
     };
     static_assert(offsetof(Entry, key) == offsetof(zel_mat_cache_entry_t, key));
 
+    // Or else the words are those of a tree.
+    bool is_table() const { return order_ == nullptr; }
+
     Entry *find(const zel_mat_cache_key_t &key) const { return find(key, place_of(key)); }
 
     bool insert(Entry *entry)
@@ -146,9 +149,9 @@ private:
         return nullptr;
     }
 
-    Entry *root_;               // the oldest entry, if the list is whole
-    void *for_whoever_owns_it_; // the tree tells by its comparator that it is this
-    Entry *newest_;             // null when the list is not whole
+    Entry *root_;       // the oldest entry, if the list is whole
+    const void *order_; // as a tree has it
+    Entry *newest_;     // null when the list is not whole
     Entry *last_of_[num_buckets];
     uint8_t seen_in_[num_buckets];
 };

@@ -215,11 +215,11 @@ def command_time(options):
 # What the functions of libzel as one binary are there for; the first that fits.
 PARTS = {
     "C library: heap, long copies": r"C library",
-    "object cache": r"mat_cache|find<|link_in|rebalance|rotate|choose_root|delete_balanced|unroll",
-    "counting elements": r"get_num_tlvs",
-    "reading elements": r"decode|deviate|resolve|allocate_array|zel::.*build",
+    "object cache": r"mat_cache|KeyTable|ravl_",
+    "counting elements": r"get_num_tlvs|pass_usual",
+    "reading elements": r"decode|deviate|resolve|allocate_array|unforeseen_step|zel::.*build",
     "sizes": r"Sizer",
-    "writing elements": r"Writer|write_reference|add_",
+    "writing elements": r"Writer|add_",
     "releasing, and the rest": r"",
 }
 

@@ -42,9 +42,9 @@ uint32_t tlv_size_get(uint32_t length);
  * the status means is the platform's, the library passes it on.  The value is
  * not aligned.  A cursor of one array is only ever used with that array.
  *
- * Beforehand, *type and *length hold what the library expects to come, or a type
- * of 0 when it has no idea.  That is for platforms that can be quicker about an
- * element they guess right, and means nothing else.
+ * Beforehand, *type and *length may hold a guess at what comes; a type of 0 is
+ * none.  A platform can be quicker about an element that was guessed right.  The
+ * result is the same whatever was guessed.
  */
 int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
                                uintptr_t reserved, uint32_t *cursor);

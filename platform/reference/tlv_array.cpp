@@ -47,7 +47,8 @@ uint32_t used_bytes(const void *array)
 
 [[gnu::cold, gnu::noinline]] int32_t why_refused(const void *array, uint32_t capacity)
 {
-    return tlv_array_check(array, capacity) != TLV_OK && capacity >= TLV_ARRAY_OVERHEAD ? TLV_DAMAGED : TLV_NO_ROOM;
+    const bool is_sound = capacity < TLV_ARRAY_OVERHEAD || tlv_array_check(array, capacity) == TLV_OK;
+    return is_sound ? TLV_NO_ROOM : TLV_DAMAGED;
 }
 
 // The lengths that nearly every element has become single stores.

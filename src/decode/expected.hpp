@@ -224,13 +224,6 @@ template <class R> int32_t decode(Frame<R> &frame, R *__restrict record, uint32_
     return decode_in_any_order(frame, record, 0, reader.element, reader.status);
 }
 
-// Records of fields alone.
-template <class M> inline constexpr bool is_field = false;
-template <uint16_t Id, auto Member> inline constexpr bool is_field<Field<Id, Member>> = true;
-template <class R>
-inline constexpr bool is_leaf = std::apply([](auto... member) { return (is_field<decltype(member)> && ...); },
-                                           Wire<R>::members);
-
 // All members at the first one's start marker.  When memory runs out, the count
 // shrinks to the members that are there, and further ones are left to be skipped.
 template <auto Count, auto Array, class R> [[gnu::noinline]] void decode_members(Frame<R> &frame, R &record)

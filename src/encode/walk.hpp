@@ -28,6 +28,8 @@ template <class Sink> struct Way {
     typename Sink::Local sink = passed;
 };
 
+template <class Sink, class R> int32_t walk_in_place(Way<Sink> &way, const R &record);
+
 template <class Sink, class R, uint16_t Id, auto Member>
 [[gnu::always_inline]] inline void walk_member(Way<Sink> &way, const R &record, Field<Id, Member> field)
 {
@@ -37,7 +39,7 @@ template <class Sink, class R, uint16_t Id, auto Member>
 template <class Sink, class R, auto Member>
 [[gnu::always_inline]] inline void walk_member(Way<Sink> &way, const R &record, Embedded<Member>)
 {
-    walk<Sink>(way.passed, record.*Member);
+    walk_in_place(way, record.*Member);
 }
 
 template <class Sink, class R, uint16_t Id, auto Count, auto Array>
@@ -48,18 +50,22 @@ template <class Sink, class R, uint16_t Id, auto Count, auto Array>
         // Members lie anywhere; the next may be on its way while this one is walked.
         if (i + 1 < record.*Count)
             __builtin_prefetch((record.*Array)[i + 1]);
-        walk<Sink>(way.passed, *(record.*Array)[i]);
+        const Element<Array> &member = *(record.*Array)[i];
+        if constexpr (is_leaf<Element<Array>>)
+            walk_in_place(way, member);
+        else
+            walk<Sink>(way.passed, member);
         way.sink.member_done(record, i);
     }
 }
 
 template <class Sink, class R, uint32_t Value, auto... Path>
-[[gnu::always_inline]] inline bool walk_option(const Way<Sink> &way, const R &record, uint32_t selector,
+[[gnu::always_inline]] inline bool walk_option(Way<Sink> &way, const R &record, uint32_t selector,
                                                Option<Value, Path...>)
 {
     if (selector != Value)
         return false;
-    walk<Sink>(way.passed, follow<Path...>(record));
+    walk_in_place(way, follow<Path...>(record));
     return true;
 }
 
@@ -80,6 +86,17 @@ template <class Elements, class R> void walk_reference(Elements &elements, const
     elements.end(Wire<R>::end);
 }
 
+// The whole record, within the walk of another or its own.
+template <class Sink, class R> [[gnu::always_inline]] inline int32_t walk_in_place(Way<Sink> &way, const R &record)
+{
+    way.sink.start(Wire<R>::start);
+    all_members<R>([&](auto member) __attribute__((always_inline)) {
+        walk_member(way, record, member);
+        return true;
+    });
+    return way.sink.end(Wire<R>::end);
+}
+
 template <class Sink, class R> int32_t walk(typename Sink::Passed passed, const R &record)
 {
     Way<Sink> way{passed};
@@ -89,12 +106,7 @@ template <class Sink, class R> int32_t walk(typename Sink::Passed passed, const 
             return 0;
         }
     }
-    way.sink.start(Wire<R>::start);
-    all_members<R>([&](auto member) __attribute__((always_inline)) {
-        walk_member(way, record, member);
-        return true;
-    });
-    return way.sink.end(Wire<R>::end);
+    return walk_in_place(way, record);
 }
 
 } // namespace zel

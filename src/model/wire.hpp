@@ -58,6 +58,13 @@ template <class R, class Visit> [[gnu::always_inline]] inline bool all_members(V
     (std::make_index_sequence<num_members<R>>{});
 }
 
+// Records of fields alone.
+template <class M> inline constexpr bool is_field = false;
+template <uint16_t Id, auto Member> inline constexpr bool is_field<Field<Id, Member>> = true;
+template <class R>
+inline constexpr bool is_leaf = std::apply([](auto... member) { return (is_field<decltype(member)> && ...); },
+                                           Wire<R>::members);
+
 template <auto First, auto... Rest, class R> constexpr auto &follow(R &record)
 {
     if constexpr (sizeof...(Rest) == 0)

@@ -247,14 +247,15 @@ int32_t ravl_init(ravl_tree *tree, uint32_t, uint32_t key_offset, ravl_compare_t
     return 0;
 }
 
-int32_t ravl_insert(ravl_tree *tree, void *entry)
+// These two in place wherever this is compiled together with the library.
+[[gnu::used, gnu::always_inline]] inline int32_t ravl_insert(ravl_tree *tree, void *entry)
 {
     if (is_table(tree)) [[likely]]
         return as_table(tree).insert(static_cast<KeyTable::Entry *>(entry));
     return insert(as_tree(tree), static_cast<Node *>(entry));
 }
 
-void *ravl_lookup(ravl_tree *tree, const void *key)
+[[gnu::used, gnu::always_inline]] inline void *ravl_lookup(ravl_tree *tree, const void *key)
 {
     if (is_table(tree)) [[likely]]
         return as_table(tree).find(*static_cast<const zel_mat_cache_key_t *>(key));

@@ -6,6 +6,7 @@
 #include "decode/peculiarities.hpp"
 #include "model/mat_objects.hpp"
 #include "model/trace.hpp"
+#include "receive/cache.hpp"
 
 #include <algorithm>
 #include <cstdlib>
@@ -181,8 +182,7 @@ inline constexpr const char *unresolved_text(const zel_match_t &)
 template <class R> void resolve(Frame<R> &frame, R &record, uint16_t mat_id)
 {
     const uint32_t mat_type = frame.reference_mat_type;
-    const zel_mat_cache_entry_t *const entry =
-        zel_found_mat_cache(&frame.in.handle, frame.in.app_type, mat_type, mat_id);
+    const zel_mat_cache_entry_t *const entry = find_in_cache(frame.in.handle, frame.in.app_type, mat_type, mat_id);
     if (entry == nullptr) {
         trace(frame.in.handle, Severity::error, decoder_name<R>, unresolved_text(record), frame.in.app_type, mat_type,
               mat_id);
@@ -202,7 +202,7 @@ template <class R> void finish(Frame<R> &frame, R &record)
 {
     if constexpr (is_shareable<R>) {
         if (record.cached == 0)
-            zel_store_mat_cache(&frame.in.handle, frame.in.app_type, MatObjectOf<R>::type, record.id, &record);
+            store_in_cache(frame.in.handle, frame.in.app_type, MatObjectOf<R>::type, record.id, &record);
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "model/mat_objects.hpp"
+#include "receive/cache.hpp"
 #include "zel.h"
 
 #include <stdint.h>
@@ -13,10 +14,10 @@ template <class R>
 [[gnu::always_inline]] inline bool is_first_occurrence(zel_api_handle_t *handle, uint32_t app_type, const R &object)
 {
     constexpr uint32_t mat_type = MatObjectOf<R>::type;
-    if (zel_found_mat_cache(handle, app_type, mat_type, object.id) != nullptr)
+    if (find_in_cache(*handle, app_type, mat_type, object.id) != nullptr)
         return false;
     // The cache lends its objects to its callers, hence a pointer to non-const; encoding never writes to them.
-    zel_store_mat_cache(handle, app_type, mat_type, object.id, const_cast<R *>(&object));
+    store_in_cache(*handle, app_type, mat_type, object.id, const_cast<R *>(&object));
     return true;
 }
 

@@ -1,9 +1,5 @@
-// The object cache: which matches and actions the current message has carried.
-#include "model/trace.hpp"
-#include "platform/avl_tree.h"
-#include "zel.h"
-
-#include <cstdlib>
+// The object cache for callers outside, and its order.
+#include "receive/cache.hpp"
 
 using namespace zel;
 
@@ -34,26 +30,12 @@ uint32_t zel_mat_cache_comp_func(const void *a, const void *b)
 zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
                                            uint16_t mat_id)
 {
-    const zel_mat_cache_key_t key{app_type, mat_type, mat_id};
-    return static_cast<zel_mat_cache_entry_t *>(ravl_lookup(&handle->mat_cache, &key));
+    return find_in_cache(*handle, app_type, mat_type, mat_id);
 }
 
 void zel_store_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, uint16_t mat_id, void *obj)
 {
-    auto *const entry = static_cast<zel_mat_cache_entry_t *>(std::calloc(1, sizeof(zel_mat_cache_entry_t)));
-    if (entry == nullptr) {
-        trace(*handle, Severity::error, {__func__, 203}, "cannot allocate mat cache new_entry"_trace);
-        return;
-    }
-    entry->key.app_type = app_type;
-    entry->key.mat_type = mat_type;
-    entry->key.mat_id = mat_id;
-    entry->obj = obj;
-    if (ravl_insert(&handle->mat_cache, entry) != 0)
-        trace(*handle, Severity::notice, {__func__, 216}, "insert successful: type: %d, id: %d."_trace, mat_type,
-              mat_id);
-    else // by contract the refused entry is not freed: a tree may hold on to what it refuses
-        trace(*handle, Severity::notice, {__func__, 213}, "insert failed: type: %d, id: %d."_trace, mat_type, mat_id);
+    store_in_cache(*handle, app_type, mat_type, mat_id, obj);
 }
 
 int32_t zel_del_mat_cache_entry(zel_api_handle_t *handle, zel_mat_cache_entry_t *entry)

@@ -217,7 +217,7 @@ PARTS = {
     "C library: heap, long copies": r"C library",
     "object cache": r"mat_cache|KeyTable|ravl_",
     "counting elements": r"get_num_tlvs|pass_usual",
-    "reading elements": r"decode|deviate|resolve|allocate_array|unforeseen_step|zel::.*build",
+    "reading elements": r"decode|deviate|resolve|finish|allocate_array|unforeseen_step|zel::.*build",
     "sizes": r"Sizer",
     "writing elements": r"Writer|add_",
     "releasing, and the rest": r"",

@@ -112,14 +112,16 @@ template <class T> T load(const TlvElement &element)
     return value;
 }
 
-// A long copy in pieces of two words, for which compilers have better instructions.  Both
-// may be the same.
+// A long copy in pieces of two words, for which compilers have better instructions.  By
+// way of registers, because both may be the same.
 template <std::size_t Width> [[gnu::always_inline]] inline void copy_bytes(char *to, const char *from)
 {
-    constexpr std::size_t piece = std::min(Width, 2 * sizeof(void *));
-    std::memmove(to, from, piece);
-    if constexpr (piece < Width)
-        copy_bytes<Width - piece>(to + piece, from + piece);
+    constexpr std::size_t size = std::min(Width, 2 * sizeof(void *));
+    char piece[size];
+    std::memcpy(piece, from, size);
+    std::memcpy(to, piece, size);
+    if constexpr (size < Width)
+        copy_bytes<Width - size>(to + size, from + size);
 }
 
 template <auto Member, class R> void copy(R &record, const TlvElement &element)

@@ -3,10 +3,10 @@
 // loop.hpp and expected.hpp.
 #pragma once
 
+#include "cache/object_cache.hpp"
 #include "decode/peculiarities.hpp"
 #include "model/mat_objects.hpp"
 #include "model/trace.hpp"
-#include "receive/cache.hpp"
 
 #include <algorithm>
 #include <cstdlib>

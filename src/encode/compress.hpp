@@ -1,8 +1,8 @@
 // Compression: an object that the message has carried in full becomes a reference.
 #pragma once
 
+#include "cache/object_cache.hpp"
 #include "model/mat_objects.hpp"
-#include "receive/cache.hpp"
 #include "zel.h"
 
 #include <stdint.h>

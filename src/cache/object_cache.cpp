@@ -1,5 +1,5 @@
 // The object cache for callers outside, and its order.
-#include "receive/cache.hpp"
+#include "cache/object_cache.hpp"
 
 using namespace zel;
 

@@ -3,19 +3,6 @@
 
 namespace {
 
-std::vector<Element> read_all(const Bytes &array, int32_t &status, uint32_t cursor = 0)
-{
-    std::vector<Element> elements;
-    uint16_t type = 0;
-    uint16_t length = 0;
-    const void *value = nullptr;
-    while ((status = tlv_array_get_next_tlv(array.data(), &type, &length, &value, 0, &cursor)) == TLV_OK) {
-        const auto *const bytes = static_cast<const unsigned char *>(value);
-        elements.emplace_back(type, Bytes(bytes, bytes + length));
-    }
-    return elements;
-}
-
 TEST(TlvArray, ElementsComeBackInOrderAndFillTheBufferExactly)
 {
     std::vector<Element> elements;

@@ -1,5 +1,5 @@
 /* Sends one policy, that sends web traffic to a VRF, and prints the service's answer. */
-#include "platform/reference/kob_client.h"
+#include "zel-platform/kob_client.h"
 #include "zel.h"
 
 #include <stdarg.h>

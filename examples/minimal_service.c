@@ -1,5 +1,5 @@
 /* Answers policy updates by saying what came in.  Trusts its clients, unlike tools/zeld. */
-#include "platform/reference/kob_service.h"
+#include "zel-platform/kob_service.h"
 #include "zel.h"
 
 #include <stdio.h>

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "decode/peculiarities.hpp"
-#include "model/mat_objects.hpp"
-#include "platform/reference/tlv_check.h"
+#include "wire/mat_objects.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <algorithm>
 #include <cstddef>

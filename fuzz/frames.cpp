@@ -5,10 +5,10 @@
 #include "target.hpp"
 
 #include "frames_script.hpp"
-#include "platform/reference/kob_client.h"
-#include "platform/reference/kob_message.hpp"
-#include "platform/reference/kob_service.h"
-#include "platform/reference/unix_socket.hpp"
+#include "reference/kob/message.hpp"
+#include "reference/kob/unix/socket.hpp"
+#include "zel-platform/kob_client.h"
+#include "zel-platform/kob_service.h"
 #include "zel.h"
 
 #include <algorithm>

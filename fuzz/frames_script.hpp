@@ -2,7 +2,7 @@
 // and, as far as there are any, the bytes of its content.
 #pragma once
 
-#include "platform/reference/kob_frame.hpp"
+#include "reference/kob/frame.hpp"
 
 #include <algorithm>
 #include <cstring>

@@ -3,9 +3,9 @@
 #include "heap.hpp"
 #include "target.hpp"
 
-#include "platform/reference/tlv_check.h"
-#include "tools/common/json_writer.hpp"
-#include "tools/common/message.hpp"
+#include "tools/json/json_writer.hpp"
+#include "tools/message/message.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <optional>
 

@@ -1,7 +1,7 @@
 // The elements of requests, from the wire description.
 #include "elements.hpp"
 
-#include "model/mat_objects.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // Mutations that know what an element is: they work on the list of elements and
 // keep the array readable, so that what gets mutated is the meaning.
 #include "elements.hpp"
-#include "model/mat_objects.hpp"
 #include "target.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <algorithm>
 #include <cstring>

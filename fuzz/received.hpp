@@ -1,7 +1,7 @@
 // Bytes as the transport hands them over, and the handle that reads them.
 #pragma once
 
-#include "platform/reference/kob_message.hpp"
+#include "reference/kob/message.hpp"
 #include "zel.h"
 
 #include <cstdarg>

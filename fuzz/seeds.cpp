@@ -2,11 +2,11 @@
 // dictionaries from the wire description.  fuzz_seeds FOLDER
 #include "elements.hpp"
 #include "frames_script.hpp"
-#include "platform/reference/tlv_check.h"
 #include "support/graphs.hpp"
-#include "tools/common/element_facts.hpp"
-#include "tools/common/message.hpp"
-#include "tools/common/request_kinds.hpp"
+#include "tools/json/request_kinds.hpp"
+#include "tools/message/element_facts.hpp"
+#include "tools/message/message.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <filesystem>
 #include <fstream>

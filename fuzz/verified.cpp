@@ -6,9 +6,9 @@
 #include "received.hpp"
 #include "target.hpp"
 
-#include "model/known_elements.hpp"
 #include "platform/tlv_array.h"
-#include "tools/common/graph_equal.hpp"
+#include "tools/message/graph_equal.hpp"
+#include "wire/known_elements.hpp"
 
 #include <vector>
 

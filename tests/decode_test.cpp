@@ -1,7 +1,7 @@
 // Decoders: what arrives in any order, twice, damaged, or as a reference.
-#include "platform/reference/tlv_check.h"
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // libzel.  How it is built, and with which row name, is up to CMakeLists.txt.
 #include "bench/contender.hpp"
 #include "bench/zel_graph.hpp"
-#include "platform/reference/kob_message.hpp"
+#include "reference/kob/message.hpp"
 
 #include <cstdlib>
 

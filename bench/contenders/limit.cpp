@@ -5,7 +5,7 @@
 #include "bench/by_id.hpp"
 #include "bench/contender.hpp"
 #include "bench/zel_graph.hpp"
-#include "model/mat_objects.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,7 @@
 // From a request to a message on the transport.
-#include "model/mat_objects.hpp"
 #include "model/trace.hpp"
 #include "platform/transport.h"
+#include "wire/mat_objects.hpp"
 #include "zel.h"
 
 #include <array>

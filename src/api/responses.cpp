@@ -1,6 +1,6 @@
 // Reading what came back, and a first look at what came in.
-#include "model/payload.hpp"
 #include "platform/tlv_array.h"
+#include "receive/payload.hpp"
 #include "zel.h"
 
 #include <cstddef>

@@ -5,8 +5,8 @@
 
 #include "cache/object_cache.hpp"
 #include "decode/peculiarities.hpp"
-#include "model/mat_objects.hpp"
 #include "model/trace.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <algorithm>
 #include <cstdlib>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "cache/object_cache.hpp"
-#include "model/mat_objects.hpp"
+#include "wire/mat_objects.hpp"
 #include "zel.h"
 
 #include <stdint.h>

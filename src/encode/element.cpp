@@ -1,8 +1,8 @@
 // The element writer and the markers of MAT objects.
 #include "encode/element.hpp"
 
-#include "model/mat_objects.hpp"
 #include "model/trace.hpp"
+#include "wire/mat_objects.hpp"
 
 const uint8_t zel_tlv_struct_start = 0;
 const uint8_t zel_tlv_struct_end = 0;

@@ -2,8 +2,8 @@
 // markers and fields go.
 #pragma once
 
-#include "model/mat_objects.hpp"
 #include "platform/tlv_array.h"
+#include "wire/mat_objects.hpp"
 #include "zel.h"
 
 #include <array>

@@ -14,7 +14,7 @@
 //   member_done(group, i)     member i of a sequence has been walked
 #pragma once
 
-#include "model/mat_objects.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <stdint.h>
 

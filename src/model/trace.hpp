@@ -1,8 +1,8 @@
 // The one trace procedure: every report of the library passes through trace().
 #pragma once
 
-#include "model/fixed_string.hpp"
 #include "platform/trace.h"
+#include "wire/fixed_string.hpp"
 #include "zel.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // The message parser: the service's side of send_to_zel().
 #include "decode/expected.hpp"
-#include "model/payload.hpp"
+#include "receive/payload.hpp"
 
 #include <array>
 #include <cstdlib>

@@ -2,8 +2,8 @@
 // takes each element that has to come and stops at the first that does not.
 #pragma once
 
-#include "model/known_elements.hpp"
 #include "platform/tlv_array.h"
+#include "wire/known_elements.hpp"
 
 #include <algorithm>
 #include <bitset>

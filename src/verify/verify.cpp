@@ -1,5 +1,5 @@
 // The exported verifier: a message from end to end, and its report.
-#include "model/payload.hpp"
+#include "receive/payload.hpp"
 #include "verify/verifier.hpp"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/reference/tlv_check.h"
 #include "platform/tlv_array.h"
+#include "zel-platform/tlv_check.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

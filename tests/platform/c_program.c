@@ -1,10 +1,10 @@
 /* The public headers are C, and the library needs nothing that the C compiler does not link. */
-#include "platform/reference/kob_client.h"
-#include "platform/reference/kob_service.h"
-#include "platform/reference/tlv_check.h"
-#include "platform/reference/tlv_field.h"
-#include "platform/reference/trace_control.h"
 #include "platform/tlv_array.h"
+#include "zel-platform/kob_client.h"
+#include "zel-platform/kob_service.h"
+#include "zel-platform/tlv_check.h"
+#include "zel-platform/tlv_field.h"
+#include "zel-platform/trace_control.h"
 
 #include <stdio.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
 // The converter with the library's own tables: both ways, and every damaged body
 // refused without a step outside it.
 #include "bytes.hpp"
-#include "platform/reference/tlv_field.h"
 #include "platform/tlv_converter.h"
+#include "zel-platform/tlv_field.h"
 #include "zel.h"
 
 namespace {

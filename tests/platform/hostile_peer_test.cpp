@@ -1,5 +1,5 @@
 // Peers that break the rules: the other side says so, and goes on with the rest.
-#include "platform/reference/kob_frame.hpp"
+#include "reference/kob/frame.hpp"
 #include "transport_support.hpp"
 
 #include <list>

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "bytes.hpp"
-#include "platform/reference/kob_client.h"
-#include "platform/reference/kob_service.h"
+#include "zel-platform/kob_client.h"
+#include "zel-platform/kob_service.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

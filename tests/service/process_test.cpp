@@ -1,6 +1,6 @@
 // zeld as its clients see it: requests, restarts, and company of the worst kind.
-#include "platform/reference/kob_frame.hpp"
-#include "platform/reference/unix_socket.hpp"
+#include "reference/kob/frame.hpp"
+#include "reference/kob/unix/socket.hpp"
 #include "support/graphs.hpp"
 #include "tools/zeld/store.hpp"
 #include "zeld_process.hpp"

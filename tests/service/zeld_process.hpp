@@ -1,10 +1,10 @@
 // A zeld of one's own, and a client of it.
 #pragma once
 
-#include "platform/reference/kob_client.h"
 #include "platform/tlv_array.h"
 #include "platform/transport.h"
 #include "policy_notation.hpp"
+#include "zel-platform/kob_client.h"
 
 #include <csignal>
 #include <cstdio>

@@ -2,7 +2,7 @@
 // its own, so that a lost or swapped one shows.
 #pragma once
 
-#include "model/mat_objects.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,8 +1,8 @@
 // Whatever the writer writes, the reader reads back to an equal graph.
 #include "tools/tool_graphs.hpp"
 
-#include "tools/common/field_notation.hpp"
-#include "tools/common/message.hpp"
+#include "tools/json/field_notation.hpp"
+#include "tools/message/message.hpp"
 
 #include <gtest/gtest.h>
 

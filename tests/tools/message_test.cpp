@@ -2,10 +2,10 @@
 // it would make of it; anything else is refused at the place of the fault.
 #include "tools/tool_graphs.hpp"
 
-#include "platform/reference/kob_client.h"
-#include "platform/reference/kob_service.h"
-#include "tools/common/element_tree.hpp"
-#include "tools/common/message.hpp"
+#include "tools/message/element_tree.hpp"
+#include "tools/message/message.hpp"
+#include "zel-platform/kob_client.h"
+#include "zel-platform/kob_service.h"
 
 #include <gtest/gtest.h>
 

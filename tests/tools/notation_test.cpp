@@ -1,5 +1,5 @@
 // The notations of single values: what is read, what is refused, what is shown.
-#include "tools/common/text_values.hpp"
+#include "tools/json/text_values.hpp"
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "support/graphs.hpp"
-#include "tools/common/json_reader.hpp"
-#include "tools/common/json_writer.hpp"
+#include "tools/json/json_reader.hpp"
+#include "tools/json/json_writer.hpp"
 
 #include <random>
 

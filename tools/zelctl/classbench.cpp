@@ -1,8 +1,8 @@
 #include "tools/zelctl/classbench.hpp"
 
-#include "tools/common/bad_input.hpp"
-#include "tools/common/progress.hpp"
-#include "tools/common/text_values.hpp"
+#include "tools/json/bad_input.hpp"
+#include "tools/json/progress.hpp"
+#include "tools/json/text_values.hpp"
 
 #include <fmt/core.h>
 

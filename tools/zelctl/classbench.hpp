@@ -1,7 +1,7 @@
 // Filter sets in the ClassBench text format, as policies.
 #pragma once
 
-#include "tools/common/graph.hpp"
+#include "tools/message/graph.hpp"
 
 #include <cstdint>
 #include <string>

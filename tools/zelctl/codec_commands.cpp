@@ -1,9 +1,9 @@
 // zelctl encode, decode and verify: messages in files, without a service.
-#include "platform/reference/tlv_check.h"
-#include "tools/common/element_tree.hpp"
-#include "tools/common/json_reader.hpp"
+#include "tools/json/json_reader.hpp"
+#include "tools/message/element_tree.hpp"
 #include "tools/zelctl/output.hpp"
 #include "tools/zelctl/request.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <memory>
 

@@ -1,9 +1,9 @@
 #include "tools/zelctl/connection.hpp"
 
-#include "platform/reference/kob_client.h"
-#include "tools/common/notation.hpp"
-#include "tools/common/service_protocol.hpp"
-#include "tools/common/tracing.hpp"
+#include "tools/json/notation.hpp"
+#include "tools/message/service_protocol.hpp"
+#include "tools/message/tracing.hpp"
+#include "zel-platform/kob_client.h"
 
 #include <fmt/core.h>
 

@@ -1,8 +1,8 @@
 // The way to the service: one request out, its answer back.
 #pragma once
 
-#include "platform/reference/kob.h"
 #include "tools/zelctl/command.hpp"
+#include "zel-platform/kob.h"
 #include "zel.h"
 
 #include <functional>

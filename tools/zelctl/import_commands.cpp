@@ -1,6 +1,6 @@
 // zelctl import: rule sets of other tools, as policies.
-#include "tools/common/json_reader.hpp"
-#include "tools/common/json_writer.hpp"
+#include "tools/json/json_reader.hpp"
+#include "tools/json/json_writer.hpp"
 #include "tools/zelctl/classbench.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/output.hpp"

@@ -1,6 +1,6 @@
 // zelctl: the policy service's client for people and scripts.
-#include "tools/common/bad_input.hpp"
-#include "tools/common/tracing.hpp"
+#include "tools/json/bad_input.hpp"
+#include "tools/message/tracing.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"

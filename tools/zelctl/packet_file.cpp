@@ -1,7 +1,7 @@
 #include "tools/zelctl/packet_file.hpp"
 
-#include "tools/common/json_reader.hpp"
-#include "tools/common/progress.hpp"
+#include "tools/json/json_reader.hpp"
+#include "tools/json/progress.hpp"
 
 #include <fmt/core.h>
 

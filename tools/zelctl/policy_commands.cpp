@@ -1,11 +1,11 @@
 // zelctl policy: whole policies, from files to the service and back.
-#include "platform/reference/tlv_check.h"
 #include "platform/tlv_array.h"
-#include "tools/common/json_reader.hpp"
-#include "tools/common/json_writer.hpp"
-#include "tools/common/message.hpp"
-#include "tools/common/progress.hpp"
+#include "tools/json/json_reader.hpp"
+#include "tools/json/json_writer.hpp"
+#include "tools/json/progress.hpp"
+#include "tools/message/message.hpp"
 #include "tools/zelctl/connection.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <deque>
 #include <memory>

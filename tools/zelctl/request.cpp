@@ -1,7 +1,7 @@
 #include "tools/zelctl/request.hpp"
 
-#include "tools/common/field_notation.hpp"
-#include "tools/common/json_reader.hpp"
+#include "tools/json/field_notation.hpp"
+#include "tools/json/json_reader.hpp"
 
 namespace zelctl {
 namespace {

@@ -2,7 +2,7 @@
 // the file with its object.  "send" sends it and "encode" writes it to a file.
 #pragma once
 
-#include "tools/common/message.hpp"
+#include "tools/message/message.hpp"
 #include "tools/zelctl/command.hpp"
 
 #include <optional>

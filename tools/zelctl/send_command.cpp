@@ -2,7 +2,7 @@
 #include "tools/zelctl/request.hpp"
 #include "tools/zelctl/statistics.hpp"
 
-#include "tools/common/field_notation.hpp"
+#include "tools/json/field_notation.hpp"
 
 #include <memory>
 

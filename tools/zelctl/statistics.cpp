@@ -1,6 +1,6 @@
 #include "tools/zelctl/statistics.hpp"
 
-#include "tools/common/notation.hpp"
+#include "tools/json/notation.hpp"
 
 #include <fmt/core.h>
 

@@ -1,5 +1,5 @@
 // zelctl stats: the counters of pairs, once or again and again.
-#include "tools/common/field_notation.hpp"
+#include "tools/json/field_notation.hpp"
 #include "tools/zelctl/statistics.hpp"
 
 #include <chrono>

@@ -1,7 +1,7 @@
 // Which pair of a policy a packet matches: the first one, in the policy's order.
 #pragma once
 
-#include "tools/common/service_protocol.hpp"
+#include "tools/message/service_protocol.hpp"
 
 #include <array>
 #include <optional>

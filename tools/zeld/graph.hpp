@@ -7,10 +7,10 @@
 // graph from the parser, it shares nothing, so that its parts may be moved about.
 #pragma once
 
-#include "model/mat_objects.hpp"
-#include "tools/common/graph.hpp"
-#include "tools/common/graph_equal.hpp"
+#include "tools/message/graph.hpp"
+#include "tools/message/graph_equal.hpp"
 #include "tools/zeld/refusal.hpp"
+#include "wire/mat_objects.hpp"
 
 #include <algorithm>
 #include <cstdlib>

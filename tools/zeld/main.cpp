@@ -1,6 +1,6 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
 #include "platform/heartbeat.h"
-#include "tools/common/tracing.hpp"
+#include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/notify.hpp"
 #include "tools/zeld/service.hpp"

@@ -1,11 +1,11 @@
 #include "tools/zeld/message.hpp"
 
 #include "encode/walk.hpp"
-#include "platform/reference/tlv_check.h"
 #include "platform/tlv_array.h"
 #include "platform/transport.h"
-#include "tools/common/tracing.hpp"
+#include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
+#include "zel-platform/tlv_check.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,8 +1,8 @@
 // Messages: from received bytes to graphs, and from policies to bytes.
 #pragma once
 
-#include "platform/reference/kob.h"
 #include "tools/zeld/graph.hpp"
+#include "zel-platform/kob.h"
 
 #include <vector>
 

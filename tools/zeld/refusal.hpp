@@ -1,7 +1,7 @@
 // Why a request is refused: thrown wherever that turns out, answered in one place.
 #pragma once
 
-#include "tools/common/service_protocol.hpp"
+#include "tools/message/service_protocol.hpp"
 
 #include <fmt/format.h>
 #include <stdexcept>

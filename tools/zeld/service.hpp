@@ -1,8 +1,8 @@
 // From a received message to its answer.
 #pragma once
 
-#include "platform/reference/kob_service.h"
 #include "tools/zeld/policies.hpp"
+#include "zel-platform/kob_service.h"
 
 namespace zeld {
 

@@ -1,6 +1,6 @@
 #include "tools/zeld/statistics.hpp"
 
-#include "platform/reference/tlv_check.h"
+#include "zel-platform/tlv_check.h"
 
 namespace zeld {
 

@@ -1,0 +1,65 @@
+/*
+ * kob_client.h - a client's half of the transport: sending requests, receiving responses.
+ *
+ *     uint32_t kob = kob_open("unix:/run/zel.sock", NULL, NULL);
+ *     kob_msg_t *msg = kob_msg_alloc();
+ *     uint32_t token = zel_policy_delete(&handle, 7, op, msg);    (handle made with kob)
+ *     if (token != 0 && kob_receive(kob, token, msg, -1) == KOB_OK)
+ *         retval = zel_parse_response(msg, NULL, NULL, text);
+ *     kob_msg_free(msg);
+ *     kob_close(kob);
+ *
+ * A connection is made by the first request, and made again by the first request
+ * after it broke, so a client may start before its service and outlive it.  When
+ * the service was replaced, requests that it had not answered are lost: waiting
+ * for them ends with KOB_ERR_PEER_GONE, or KOB_ERR_RESTARTED once a later request
+ * has reached the new one.
+ */
+#ifndef ZEL_PLATFORM_REFERENCE_KOB_CLIENT_H
+#define ZEL_PLATFORM_REFERENCE_KOB_CLIENT_H
+
+#include "zel-platform/kob.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* A member that is 0 takes its default. */
+typedef struct {
+    uint32_t timeout_ms;  /* for a request to leave, and for a response by default; 5000 */
+    uint32_t max_message; /* largest message in either direction; 16 MiB */
+} kob_client_options_t;
+
+/*
+ * Opens a transport handle for the service at an address.  Does not connect yet.
+ * options may be null.  Returns the handle, which is never 0 or 1, or 0 with
+ * KOB_ERR_ADDRESS or KOB_ERR_MEMORY (also: 64 handles are open) in *error, which
+ * may be null.  The caller closes the handle.
+ */
+uint32_t kob_open(const char *address, const kob_client_options_t *options, int32_t *error);
+
+/* Closes a handle and drops what was received on it and not fetched.  Other numbers are ignored. */
+void kob_close(uint32_t kob_handle);
+
+/*
+ * Waits until the response with a token arrives, or any response when token is 0,
+ * and puts it into msg, whose earlier payload is freed.  timeout_ms below 0 takes
+ * the handle's own.  Responses to other requests are kept meanwhile, the latest
+ * 64 and at most twice max_message bytes of them.
+ *
+ * Returns KOB_OK; KOB_ERR_TIMEOUT; KOB_ERR_PEER_GONE or KOB_ERR_RESTARTED as above;
+ * KOB_ERR_TOO_LARGE, KOB_ERR_BUSY or KOB_ERR_BAD_FRAME when the service refused the
+ * request or its answer is not acceptable here; KOB_ERR_HANDLE.  msg is unchanged
+ * unless KOB_OK.
+ */
+int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t timeout_ms);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,101 @@
+/*
+ * kob_service.h - a service's half of the transport: receiving requests, replying.
+ *
+ *     kob_service_t *service = kob_service_open("unix:/run/zel.sock", NULL, NULL);
+ *     while (!stopping) {
+ *         if (kob_service_receive(service, msg, 1000) != KOB_OK)
+ *             continue;
+ *         ... parse_mat_obj_from_kob(0, &handle, msg, ...) ...
+ *         kob_service_reply(service, msg, segments, 2);
+ *     }
+ *     kob_service_close(service);
+ *
+ * No call waits for a client.  Replies that a client does not read at once are
+ * queued, up to a limit; parts of messages are put together, up to a limit and
+ * for a limited time.  A client that oversteps, or sends what is not a request,
+ * is told where that is possible, cut off where it is not, and reported.  When
+ * the memory for all clients runs out, the client that holds most of it goes.
+ */
+#ifndef ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
+#define ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
+
+#include "zel-platform/kob.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+typedef struct kob_service kob_service_t;
+
+/*
+ * Told once of every packet or client that was refused, and why, on the thread
+ * that is in a call of the service.  Must not call the service.  client is a
+ * connection's number, as kob_msg_client() gives it; reason is valid during the
+ * call.
+ */
+typedef void (*kob_refusal_cb_t)(void *context, uint32_t client, const char *reason);
+
+/* A member that is 0 takes its default. */
+typedef struct {
+    uint32_t max_message;        /* largest request and largest reply; 16 MiB */
+    uint32_t max_clients;        /* connections at a time; 64.  Further ones are closed at once */
+    uint32_t max_queued;         /* reply bytes that wait for one client; twice max_message */
+    uint32_t max_memory;         /* half messages and waiting replies of all clients; 4 x max_message */
+    uint32_t idle_ms;            /* a half message without progress for so long is given up; 10000 */
+    uint32_t permissions;        /* mode bits of the socket file; 0600 */
+    kob_refusal_cb_t on_refusal; /* may be null */
+    void *context;               /* for on_refusal */
+} kob_service_options_t;
+
+/*
+ * Listens at an address.  options may be null.  A socket file that a dead service
+ * left behind is replaced.  Returns null with a reason in *error, which may be
+ * null: KOB_ERR_ADDRESS, KOB_ERR_IN_USE, KOB_ERR_DENIED, KOB_ERR_MEMORY or
+ * KOB_ERR_SYSTEM.  The caller closes the service.
+ */
+kob_service_t *kob_service_open(const char *address, const kob_service_options_t *options, int32_t *error);
+
+/*
+ * A descriptor that is readable when kob_service_receive() has something to do,
+ * for the service's own poll() or epoll.  Stays the service's.
+ */
+int kob_service_fd(const kob_service_t *service);
+
+/*
+ * Waits for a request, serving all clients meanwhile, and puts it into msg, whose
+ * earlier payload is freed.  The payload is one TLV array that lies within the
+ * bytes received, or there is none.  timeout_ms 0: one step and no waiting; below
+ * 0: for as long as it takes.
+ *
+ * Returns KOB_OK, KOB_ERR_TIMEOUT (there may be more to do: look at the
+ * descriptor), KOB_ERR_INTERRUPTED or KOB_ERR_SYSTEM.
+ */
+int32_t kob_service_receive(kob_service_t *service, kob_msg_t *msg, int32_t timeout_ms);
+
+/* The connection that a received request came by: a number that is not used again. */
+uint32_t kob_msg_client(const kob_msg_t *msg);
+
+/*
+ * Answers a request with the segments' bytes, which are copied.  The request's
+ * record says where to; it may be answered later, in any order, and more than
+ * once.  A reply above KOB_PLAIN_LIMIT travels in parts.
+ *
+ * Returns KOB_OK when the reply was sent or queued; KOB_ERR_PEER_GONE;
+ * KOB_ERR_TOO_LARGE; KOB_ERR_BUSY when the client has too much unread and was cut
+ * off, or when memory for all clients ran out; KOB_ERR_MEMORY.
+ */
+int32_t kob_service_reply(kob_service_t *service, const kob_msg_t *request, const mpkob_segment_t *segments,
+                          uint32_t num_segments);
+
+/* Cuts all clients off, stops listening and removes the socket file.  Null is ignored. */
+void kob_service_close(kob_service_t *service);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

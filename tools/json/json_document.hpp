@@ -1,0 +1,58 @@
+// JSON documents that remember the lines on which their values stand.
+#pragma once
+
+#include "tools/json/bad_input.hpp"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tools {
+
+struct Node {
+    enum class Kind { null, boolean, integer, other_number, text, array, object };
+
+    Kind kind = Kind::null;
+    uint32_t line = 0;
+    uint64_t number = 0; // of an integer that is not negative; of a boolean 0 or 1
+    std::string text;    // of a text; of other numbers as they were written
+    std::string key;     // of a member of an object
+    std::vector<Node> children;
+
+    bool is_object() const { return kind == Kind::object; }
+
+    // The member with a name, or null.
+    const Node *find(std::string_view name) const;
+
+    // What stands here, for a message: a short value as it is, otherwise its kind.
+    std::string described() const;
+};
+
+struct Document {
+    std::string file;
+    Node root;
+};
+
+// Reads one value from a text.  line is the number of the text's first line.
+// Refuses, as bad input: what is not JSON, a member twice, nesting beyond what
+// any of our formats has.
+Document parse_json(std::string_view text, std::string file, uint32_t line = 1);
+
+// The bytes of a file, of standard input for "-".
+std::string read_file(const std::string &path);
+
+Document read_json_file(const std::string &path);
+
+// A value together with where it stands: what readers of documents pass around.
+struct Input {
+    const Document &document;
+    const Node &node;
+    const Place &place;
+
+    [[noreturn]] void fail(std::string_view text) const;
+    // "expected X, found Y"
+    [[noreturn]] void expected(std::string_view what) const;
+};
+
+} // namespace tools

@@ -1,0 +1,33 @@
+#include "tools/json/progress.hpp"
+
+#include <fmt/core.h>
+
+#include <cstdio>
+#include <unistd.h>
+#include <utility>
+
+namespace tools {
+
+constexpr std::chrono::milliseconds step{200};
+
+Progress::Progress(std::string work, std::size_t total)
+    : work_(std::move(work)), total_(total), watched_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + step)
+{}
+
+Progress::~Progress()
+{
+    if (shown_)
+        fmt::print(stderr, "\r\x1b[K");
+}
+
+void Progress::reached(std::size_t done)
+{
+    if (!watched_ || Clock::now() < next_)
+        return;
+    fmt::print(stderr, "\r{}: {} of {} ({} %)", work_, done, total_, total_ == 0 ? 100 : 100 * done / total_);
+    std::fflush(stderr);
+    shown_ = true;
+    next_ = Clock::now() + step;
+}
+
+} // namespace tools

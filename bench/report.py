@@ -215,7 +215,7 @@ def command_time(options):
 # What the functions of libzel as one binary are there for; the first that fits.
 PARTS = {
     "C library: heap, long copies": r"C library",
-    "object cache": r"mat_cache|KeyTable|ravl_",
+    "object cache": r"mat_cache|platform::avl|_buckets|ravl_",
     "counting elements": r"get_num_tlvs|pass_usual",
     "reading elements": r"decode|deviate|resolve|finish|allocate_array|unforeseen_step|zel::.*build",
     "sizes": r"Sizer",

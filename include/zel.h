@@ -13,7 +13,7 @@
  *     zel_match_t web = {.id = 1, .type = ZEL_MATCH_TYPE_ETH_PROTO};
  *     web.param.eth_proto.type = 0x0800;
  *     uint32_t token = zel_policy_update_match(&handle, 7, &web, op, kob_msg);
- *     if (token == 0) { ... nothing was sent; on_error() was told why ... }
+ *     if (token == 0) { ... nothing was sent: no transport, no memory, or refused ... }
  *
  * Rules that hold for every call, unless its own comment says otherwise:
  *
@@ -21,9 +21,13 @@
  *   in host byte order, in the records and in the message; addresses, masks and
  *   ports are plain integers that the library never converts.
  * - Pointers.  Pointer arguments are trusted and not tested for null, except
- *   where a comment allows null.  Callbacks and the root of a graph may be null.
+ *   where a comment allows null.  Callbacks may be null.  So may the root of a
+ *   graph, except for zel_policy_update(), which reads the policy's id.
  * - Ownership.  A call borrows its arguments.  The caller owns every graph that
- *   it builds and every graph that a decoder or the parser gives it.
+ *   it builds and every graph that a decoder or the parser gives it.  Within a
+ *   graph every array and every record reached through one has one owner: a
+ *   record that two groups point to is sent correctly, but the free traversal
+ *   would free it twice.  Give each group a copy, or remove one pointer first.
  * - Reports.  A diagnostic goes to the platform's trace facility when the
  *   handle's debug flag is set and, whatever the flag, to the callback of its
  *   severity.  Failures are reported and, as a rule, not propagated: a field
@@ -34,8 +38,8 @@
  *   graphs, tables and the platform are trusted.
  *
  * The library calls the platform that it is linked with through the operations
- * declared under platform/, and nothing else but calloc, free, snprintf, strncpy
- * and getpid.
+ * declared under platform/, and of the C library calloc, free, snprintf, strncpy,
+ * strlen, getpid, memcpy, memmove and memset.
  */
 #ifndef ZEL_H
 #define ZEL_H
@@ -184,7 +188,9 @@ enum {
  *
  * Plain records.  A group owns a count and an array of pointers to separately
  * allocated members, all from calloc() or malloc(); with a count of 0 the array
- * is not consulted and may be null.  Pairs and policies embed their groups.
+ * is not consulted and may be null.  The free traversal frees a group's array even
+ * when the count is 0; the array of a statistics request with a count of 0 it leaves
+ * alone, so one that is not on the heap is safe there and nowhere else.  Pairs and policies embed their groups.
  * op_mode, logical_op, app_type, direction, flag, encap_flag, insert_label and
  * etype mean what the service says; the library carries them.
  * ------------------------------------------------------------------------ */
@@ -199,11 +205,17 @@ typedef struct {
 
 /* One statistics query. */
 typedef struct {
+    /* Interface whose counters are asked for; 0 for any. */
     uint32_t interface;
+    /* VLAN; 0 for any. */
     uint16_t vlan;
+    /* VRF; 0 for any. */
     uint32_t vrf;
+    /* Policy. */
     uint16_t policy_id;
+    /* Pair of that policy. */
     uint16_t match_action_pair_id;
+    /* What else to do; means what the service says. */
     uint32_t flag;
 } zel_stat_request_entry_t;
 
@@ -220,33 +232,49 @@ typedef struct {
 
 /* Action: rewrite addresses and ports. */
 typedef struct {
+    /* New source address. */
     uint32_t src_ip;
+    /* New destination address. */
     uint32_t dst_ip;
+    /* New source port. */
     uint16_t src_port;
+    /* New destination port. */
     uint16_t dst_port;
 } zel_action_nat_rewrite_t;
 
 /* Redirect to a layer-3 next hop. */
 typedef struct {
+    /* VRF in which the next hop is looked up. */
     uint32_t vrf;
+    /* Routing table of that VRF. */
     uint32_t r_table_id;
+    /* Source address of the redirected packet. */
     uint32_t sip;
+    /* Address of the next hop. */
     uint32_t dip;
 } zel_l3_redirect_ipv4_t;
 
 /* Redirect to a layer-2 next hop. */
 typedef struct {
+    /* VRF in which the next hop is looked up. */
     uint32_t vrf;
+    /* Routing table of that VRF. */
     uint32_t r_table_id;
+    /* Address of the next hop. */
     uint32_t dip;
+    /* Source Ethernet address. */
     uint8_t smac[ZEL_MAC_SIZE];
+    /* Destination Ethernet address. */
     uint8_t dmac[ZEL_MAC_SIZE];
+    /* Interface by which the packet leaves. */
     uint32_t dest_if;
 } zel_l2_redirect_ipv4_t;
 
 /* Label that a redirect inserts. */
 typedef struct {
+    /* Bytes of the label that count. */
     uint8_t label_length;
+    /* The label; always travels whole. */
     uint8_t label[ZEL_LABEL_SIZE];
 } zel_action_label_param_t;
 
@@ -288,6 +316,7 @@ typedef struct {
     uint32_t cached; /* set by the decoders: a copy of an earlier object, which owns the parameter */
 } zel_action_t;
 
+/* The actions of a pair, in the order in which they are carried out. */
 typedef struct {
     uint16_t id;
     uint32_t op_mode;
@@ -297,13 +326,19 @@ typedef struct {
 
 /* One interface that a policy is bound to. */
 typedef struct {
+    /* Whether the binding is in force; means what the service says. */
     uint32_t op_mode;
+    /* Direction of the packets; means what the service says. */
     uint32_t direction;
+    /* Interface. */
     uint32_t interface;
+    /* VLAN of that interface. */
     uint16_t vlan;
+    /* VRF of that interface. */
     uint32_t vrf;
 } zel_if_element_t;
 
+/* The interfaces that a policy is bound to. */
 typedef struct {
     uint16_t num_if;
     zel_if_element_t **if_elements;
@@ -316,24 +351,39 @@ typedef struct {
 
 /* Match on a label. */
 typedef struct {
+    /* Ethernet type of the packet. */
     uint16_t eth_type;
+    /* Whether the packet comes through a tunnel; means what the service says. */
     uint32_t encap_flag;
+    /* Source address of the tunnel. */
     uint32_t encap_tunnel_sip;
+    /* Destination address of the tunnel. */
     uint32_t encap_tunnel_dip;
+    /* Bytes of the label that count. */
     uint16_t length;
+    /* The label; always travels whole. */
     uint8_t label[ZEL_LABEL_SIZE];
 } zel_match_label_t;
 
 /* A five-tuple with masks. */
 typedef struct {
+    /* Source address, compared under sip_mask: a packet matches when (address & mask) is equal. */
     uint32_t sip;
+    /* Bits of the source address that count; 0 for any address. */
     uint32_t sip_mask;
+    /* Destination address, compared under dip_mask. */
     uint32_t dip;
+    /* Bits of the destination address that count. */
     uint32_t dip_mask;
+    /* Source port, compared under sport_mask. */
     uint16_t sport;
+    /* Bits of the source port that count; 0 for any port. */
     uint16_t sport_mask;
+    /* Destination port, compared under dport_mask. */
     uint16_t dport;
+    /* Bits of the destination port that count. */
     uint16_t dport_mask;
+    /* IP protocol; 0 for any. */
     uint8_t protocol;
 } zel_match_service_element_t;
 
@@ -343,23 +393,30 @@ typedef struct {
     zel_match_service_element_t **elements;
 } zel_match_service_t;
 
+/* Match on an Ethernet type. */
 typedef struct {
     uint16_t type; /* Ethernet type */
 } zel_match_eth_proto_t;
 
+/* Match on the opcode of an ARP packet. */
 typedef struct {
     uint32_t opcode;
 } zel_match_arp_opcode_t;
 
+/* Match on the EXP bits of an MPLS label: the low three bits of the value. */
 typedef struct {
     uint8_t exp;
 } zel_match_exp_t;
 
+/* Match on LISP encapsulation. */
 typedef struct {
+    /* UDP port of the encapsulation. */
     uint16_t udp_port;
+    /* Address of the destination locator. */
     uint32_t destination_rloc;
 } zel_match_lisp_proto_t;
 
+/* Match on a LISP instance. */
 typedef struct {
     uint32_t inst_id;
 } zel_match_lisp_inst_t;
@@ -387,6 +444,7 @@ typedef struct {
     uint32_t cached; /* as in zel_action_t */
 } zel_match_t;
 
+/* The matches of a pair. */
 typedef struct {
     uint16_t id;
     uint32_t op_mode;
@@ -404,20 +462,29 @@ typedef struct {
     zel_action_grp_t action_group;
 } zel_match_action_pair_t;
 
+/* The pairs of a policy, in the order in which they are tried. */
 typedef struct {
     uint16_t num_pair;
     zel_match_action_pair_t **pairs;
 } zel_match_action_pair_grp_t;
 
+/* A policy: the unit that is created, replaced and deleted. */
 typedef struct {
+    /* Version of the policy, for the service and people. */
     uint16_t version;
+    /* Names the policy within its application. */
     uint16_t id;
+    /* Whether the policy is in force; means what the service says. */
     uint32_t op_mode;
+    /* Application that the policy belongs to. */
     uint32_t app_type;
+    /* What is matched and done, in the order in which it is tried. */
     zel_match_action_pair_grp_t match_action_pair_group;
+    /* Where the policy applies. */
     zel_if_group_t if_group;
 } zel_policy_t;
 
+/* Several policies of one request. */
 typedef struct {
     uint16_t num_policy;
     zel_policy_t **policies;
@@ -431,14 +498,12 @@ typedef struct {
 typedef void (*zel_trace_cb_t)(const char *format, ...);
 
 /*
- * Storage of the platform's AVL tree.  The first word is the root, null or the
- * address of an entry; the other words are the tree's own.  There are many, so
- * that it can be a table: 144 KiB, 80 on 32-bit.  That makes a handle too
- * large for a small stack.
+ * Storage of the platform's tree.  The first word is the root: null when the tree
+ * is empty, otherwise the address of an entry.  The other words are the platform's.
  */
 typedef struct ravl_tree {
     void *root;
-    uintptr_t own[16384 + 16384 / sizeof(uintptr_t) + 8];
+    uintptr_t own[7];
 } ravl_tree_t;
 
 /* The handle.  Filled by zel_api_init(); nothing has to be torn down. */
@@ -524,47 +589,6 @@ ZEL_EXPORT uint32_t zel_policy_delete(zel_api_handle_t *handle, uint16_t policy_
 ZEL_EXPORT uint32_t zel_stats_pull(zel_api_handle_t *handle, const zel_stat_request_t *stat_request, void *kob_msg);
 
 /* ------------------------------------------------------------------------
- * Message assembly
- * ------------------------------------------------------------------------ */
-
-/*
- * Builds and sends one request: sizes the graph, allocates one zero-filled
- * buffer of exactly the message's size, writes header and graph, sends it (in
- * parts above ZEL_KOB_MP_THRESHOLD bytes) and frees the buffer.
- *
- * result  out: the token when the transport accepted the message, else 0
- * obj     root record of the kind that api_type carries; null sends the header alone
- *
- * Returns ZEL_SEND_DONE once a send was attempted, accepted or not,
- * ZEL_SEND_ERR_NO_TRANSPORT or ZEL_SEND_ERR_NO_MEMORY.  Elements that could not
- * be written and refusals by the transport are reported to err_cb.
- */
-ZEL_EXPORT uint32_t send_to_zel(uint32_t *result, uint32_t api_type, zel_api_handle_t *handle, uint16_t policy_id,
-                                const void *obj, uint32_t op_code, void *kob_msg);
-
-/* The MAT type of the object that a request kind carries; ZEL_MAT_TYPE_NONE for unknown kinds. */
-ZEL_EXPORT uint32_t get_mat_obj_type(uint32_t api_type);
-
-/* Encoded size of a graph, without header.  Leaves the handle's cache empty. */
-ZEL_EXPORT uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
-                                             const void *obj);
-
-/*
- * Appends a graph to the TLV array in buffer, whose capacity is given in bytes.
- * Returns what traverse_mat_obj() returns; failed writes are only reported.
- */
-ZEL_EXPORT uint32_t assemble_mat_obj_for_kob(zel_api_handle_t *handle, uint32_t app_type, void *buffer,
-                                             uint32_t capacity, uint32_t mat_type, const void *obj);
-
-/*
- * Releases everything that a root record owns, bottom-up, and nulls the released
- * pointers.  The root itself stays the caller's; free() it if it was allocated.
- * This frees a client's graph and a graph that parse_mat_obj_from_kob() returned.
- */
-ZEL_EXPORT uint32_t free_contained_mat_obj_mem(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
-                                               void *obj);
-
-/* ------------------------------------------------------------------------
  * Responses, and a first look at requests
  * ------------------------------------------------------------------------ */
 
@@ -600,453 +624,21 @@ ZEL_EXPORT uint32_t zel_get_app_type(uint32_t mp_ctx, void *kob_msg);
 ZEL_EXPORT uint32_t zel_get_api_type(void *kob_msg);
 
 /* ------------------------------------------------------------------------
- * Element writer and markers
+ * Graphs
+ *
+ * What both sides do with a graph of MAT records.
  * ------------------------------------------------------------------------ */
 
-/*
- * Appends one element to the TLV array of array_size bytes.  Returns 0, or the
- * platform's status, reported to err_cb with field_name; the array is then as
- * the platform left it.
- */
-ZEL_EXPORT int32_t tlv_add_element(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size, uint16_t element_id,
-                                   uint16_t length, const void *value, const char *field_name);
-
-/* Append the start or end marker of a MAT type; types without markers are reported to err_cb. */
-ZEL_EXPORT void zel_add_tlv_struct_start(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array,
-                                         uint32_t array_size);
-ZEL_EXPORT void zel_add_tlv_struct_end(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array,
-                                       uint32_t array_size);
-
-/* The value byte, 0, of every start and of every end marker. */
-ZEL_EXPORT extern const uint8_t zel_tlv_struct_start;
-ZEL_EXPORT extern const uint8_t zel_tlv_struct_end;
-
-/* One zero word for the platform's operation index.  The library never touches it. */
-ZEL_EXPORT extern uint32_t ddb_kobops_ix_t;
-
-/* ------------------------------------------------------------------------
- * Encoded sizes
- *
- * Bytes that the encoder of the same record appends: the sum of tlv_size_get()
- * over its elements, markers included.  Sums are not checked for overflow of 32
- * bits.  The functions with a handle enter every match and action into its
- * cache, and count a later one with the same id as a reference: whoever calls
- * them directly empties the cache before the pass that encodes.  app_type is the
- * first component of the cache key.  A null record has size 0.  Match types that
- * cannot carry a parameter are reported to err_cb.
- * ------------------------------------------------------------------------ */
-
-/* The message header. */
-ZEL_EXPORT uint32_t zel_kob_header_get_tlv_sz(void);
-/* One statistics query. */
-ZEL_EXPORT uint32_t zel_stat_request_entry_get_tlv_sz(void);
-/* Statistics queries, with a 32-bit count. */
-ZEL_EXPORT uint32_t zel_stat_request_get_tlv_sz(const zel_stat_request_t *record, uint32_t app_type);
-/* A VRF setting. */
-ZEL_EXPORT uint32_t zel_action_set_vrf_get_tlv_sz(void);
-/* A NAT rewrite. */
-ZEL_EXPORT uint32_t zel_action_nat_rewrite_get_tlv_sz(void);
-/* The layer-3 address record of a redirect. */
-ZEL_EXPORT uint32_t zel_l3_redirect_ipv4_get_tlv_sz(void);
-/* The layer-2 address record of a redirect. */
-ZEL_EXPORT uint32_t zel_l2_redirect_ipv4_get_tlv_sz(void);
-/* The label of a redirect. */
-ZEL_EXPORT uint32_t zel_action_label_param_get_tlv_sz(void);
-/* A redirect: label always, address record by type. */
-ZEL_EXPORT uint32_t zel_action_param_redirect_get_tlv_sz(const zel_action_param_redirect_t *record, uint32_t app_type);
-/* A LISP decapsulation. */
-ZEL_EXPORT uint32_t zel_action_lisp_decapsulation_get_tlv_sz(void);
-/* One interface. */
-ZEL_EXPORT uint32_t zel_if_element_get_tlv_sz(void);
-/* An interface group with its interfaces. */
-ZEL_EXPORT uint32_t zel_if_group_get_tlv_sz(const zel_if_group_t *record, uint32_t app_type);
-/* A LISP instance. */
-ZEL_EXPORT uint32_t zel_match_lisp_inst_get_tlv_sz(void);
-/* A LISP protocol. */
-ZEL_EXPORT uint32_t zel_match_lisp_proto_get_tlv_sz(void);
-/* An EXP value. */
-ZEL_EXPORT uint32_t zel_match_exp_get_tlv_sz(void);
-/* An ARP opcode. */
-ZEL_EXPORT uint32_t zel_match_arp_opcode_get_tlv_sz(void);
-/* An Ethernet type. */
-ZEL_EXPORT uint32_t zel_match_eth_proto_get_tlv_sz(void);
-/* One five-tuple. */
-ZEL_EXPORT uint32_t zel_match_service_element_get_tlv_sz(void);
-/* A service with its five-tuples. */
-ZEL_EXPORT uint32_t zel_match_service_get_tlv_sz(const zel_match_service_t *record, uint32_t app_type);
-/* A label to match. */
-ZEL_EXPORT uint32_t zel_match_label_get_tlv_sz(void);
-/* An ACL reference. */
-ZEL_EXPORT uint32_t zel_match_acl_get_tlv_sz(void);
-/* An action with the parameter of its type, or a reference. */
-ZEL_EXPORT uint32_t zel_action_get_tlv_sz(zel_api_handle_t *handle, const zel_action_t *record, uint32_t app_type);
-/* An action group with its actions. */
-ZEL_EXPORT uint32_t zel_action_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_action_grp_t *record,
-                                              uint32_t app_type);
-/* A match with the parameter of its type, or a reference. */
-ZEL_EXPORT uint32_t zel_match_get_tlv_sz(zel_api_handle_t *handle, const zel_match_t *record, uint32_t app_type);
-/* A match group with its matches. */
-ZEL_EXPORT uint32_t zel_match_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_match_grp_t *record,
-                                             uint32_t app_type);
-/* A pair with both its groups. */
-ZEL_EXPORT uint32_t zel_match_action_pair_get_tlv_sz(zel_api_handle_t *handle, const zel_match_action_pair_t *record,
-                                                     uint32_t app_type);
-/* A pair group with its pairs. */
-ZEL_EXPORT uint32_t zel_match_action_pair_grp_get_tlv_sz(zel_api_handle_t *handle,
-                                                         const zel_match_action_pair_grp_t *record, uint32_t app_type);
-/* A policy with pair group and interface group. */
-ZEL_EXPORT uint32_t zel_policy_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_t *record, uint32_t app_type);
-/* A policy list with its policies. */
-ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_list_t *record,
-                                               uint32_t app_type);
-
-/* ------------------------------------------------------------------------
- * Encoders
- *
- * Append a record and all that it contains to the TLV array of array_size bytes.
- * The result is the status of the last write, the end marker's; writes that fail
- * before it are reported to err_cb and leave a gap.  Matches and actions already
- * in the handle's cache are written as references, others are entered into it;
- * app_type is the first component of the key.  A null record writes nothing and
- * gives 0.  Match groups and policy lists send the platform's heartbeat while
- * they are encoded; the counter of the former is shared by the whole process and
- * not synchronised.
- * ------------------------------------------------------------------------ */
-
-/* 1 to 2: the message header. */
-ZEL_EXPORT int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                             const zel_kob_header_t *record);
-/* 138 to 139: one statistics query. */
-ZEL_EXPORT int32_t zel_add_stat_request_entry_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                     const zel_stat_request_entry_t *record);
-/* 135 to 136: statistics queries, with a 32-bit count.  app_type is not used. */
-ZEL_EXPORT int32_t zel_add_stat_request_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                               const zel_stat_request_t *record, uint32_t app_type);
-/* 159 to 160: a VRF setting. */
-ZEL_EXPORT int32_t zel_add_action_set_vrf_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                 const zel_action_set_vrf_t *record);
-/* 85 to 86: a NAT rewrite. */
-ZEL_EXPORT int32_t zel_add_action_nat_rewrite_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                     const zel_action_nat_rewrite_t *record);
-/* 73 to 74: the layer-3 address record of a redirect. */
-ZEL_EXPORT int32_t zel_add_l3_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                   const zel_l3_redirect_ipv4_t *record);
-/* 65 to 66: the layer-2 address record of a redirect. */
-ZEL_EXPORT int32_t zel_add_l2_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                   const zel_l2_redirect_ipv4_t *record);
-/* 56 to 57: the label of a redirect. */
-ZEL_EXPORT int32_t zel_add_action_label_param_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                     const zel_action_label_param_t *record);
-/* 79 to 80: a redirect: label always, address record by type.  app_type is not used. */
-ZEL_EXPORT int32_t zel_add_action_param_redirect_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                        const zel_action_param_redirect_t *record, uint32_t app_type);
-/* 91 to 92: a LISP decapsulation. */
-ZEL_EXPORT int32_t zel_add_action_lisp_decapsulation_to_tlv(zel_api_handle_t *handle, void *tlv_array,
-                                                            uint32_t array_size,
-                                                            const zel_action_lisp_decapsulation_t *record);
-/* 96 to 97: an action with the parameter of its type, or a reference. */
-ZEL_EXPORT int32_t zel_add_action_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                         const zel_action_t *record, uint32_t app_type);
-/* 60 to 61: an action group with its actions. */
-ZEL_EXPORT int32_t zel_add_action_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                             const zel_action_grp_t *record, uint32_t app_type);
-/* 128 to 129: one interface. */
-ZEL_EXPORT int32_t zel_add_if_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                             const zel_if_element_t *record);
-/* 125 to 126: an interface group with its interfaces.  app_type is not used. */
-ZEL_EXPORT int32_t zel_add_if_group_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                           const zel_if_group_t *record, uint32_t app_type);
-/* 53 to 54: a LISP instance. */
-ZEL_EXPORT int32_t zel_add_match_lisp_inst_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                  const zel_match_lisp_inst_t *record);
-/* 49 to 50: a LISP protocol. */
-ZEL_EXPORT int32_t zel_add_match_lisp_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                   const zel_match_lisp_proto_t *record);
-/* 46 to 47: an EXP value. */
-ZEL_EXPORT int32_t zel_add_match_exp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                            const zel_match_exp_t *record);
-/* 43 to 44: an ARP opcode. */
-ZEL_EXPORT int32_t zel_add_match_arp_opcode_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                   const zel_match_arp_opcode_t *record);
-/* 40 to 41: an Ethernet type. */
-ZEL_EXPORT int32_t zel_add_match_eth_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                  const zel_match_eth_proto_t *record);
-/* 9 to 10: one five-tuple. */
-ZEL_EXPORT int32_t zel_add_match_service_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                        const zel_match_service_element_t *record);
-/* 20 to 21: a service with its five-tuples.  app_type is not used. */
-ZEL_EXPORT int32_t zel_add_match_service_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                const zel_match_service_t *record, uint32_t app_type);
-/* 32 to 33: a label to match. */
-ZEL_EXPORT int32_t zel_add_match_label_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                              const zel_match_label_t *record);
-/* 29 to 30: an ACL reference. */
-ZEL_EXPORT int32_t zel_add_match_acl_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                            const zel_match_acl_t *record);
-/* 23 to 24: a match with the parameter of its type, or a reference.  Unsupported types are reported. */
-ZEL_EXPORT int32_t zel_add_match_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                        const zel_match_t *record, uint32_t app_type);
-/* 101 to 102: a match group with its matches.  Heartbeats by count of matches. */
-ZEL_EXPORT int32_t zel_add_match_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                            const zel_match_grp_t *record, uint32_t app_type);
-/* 107 to 108: a pair with both its groups. */
-ZEL_EXPORT int32_t zel_add_match_action_pair_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                    const zel_match_action_pair_t *record, uint32_t app_type);
-/* 113 to 114: a pair group with its pairs. */
-ZEL_EXPORT int32_t zel_add_match_action_pair_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                                        const zel_match_action_pair_grp_t *record, uint32_t app_type);
-/* 116 to 117: a policy with pair group and interface group. */
-ZEL_EXPORT int32_t zel_add_policy_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                         const zel_policy_t *record, uint32_t app_type);
-/* 122 to 123: a policy list with its policies.  Heartbeats by index. */
-ZEL_EXPORT int32_t zel_add_policy_list_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
-                                              const zel_policy_list_t *record, uint32_t app_type);
+/* The MAT type of the object that a request kind carries; ZEL_MAT_TYPE_NONE for unknown kinds. */
+ZEL_EXPORT uint32_t get_mat_obj_type(uint32_t api_type);
 
 /*
- * Decides whether a match or action is written whole or as a reference, and in
- * the latter case writes it (MAT_TRAVERSE_ENCODE: *size is the array's size) or
- * counts it (MAT_TRAVERSE_SIZE: its bytes are added to *size).  The first
- * occurrence of an id enters the handle's cache in any mode but
- * MAT_TRAVERSE_FREE.  record is a zel_match_t or zel_action_t.  Returns
- * ZEL_COMPRESS_DONE or ZEL_COMPRESS_WHOLE; unknown MAT types, and unknown modes
- * for a repeated object, are reported to err_cb and give the latter.
+ * Releases everything that a root record owns, bottom-up, and nulls the released
+ * pointers.  The root itself stays the caller's; free() it if it was allocated.
+ * This frees a client's graph and a graph that parse_mat_obj_from_kob() returned.
  */
-ZEL_EXPORT uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size, uint32_t mat_type,
-                                 const void *record, uint32_t mode, uint32_t app_type);
-
-/* ------------------------------------------------------------------------
- * Traversal
- *
- * value is the accumulator of MAT_TRAVERSE_SIZE, the array's capacity (only
- * read) of MAT_TRAVERSE_ENCODE, and unused, may be null, for MAT_TRAVERSE_FREE.
- * buffer is used by MAT_TRAVERSE_ENCODE alone.  Free mode releases the members
- * and arrays below obj, never obj itself, sets released pointers to null and
- * leaves counts as they are; a match that is marked cached keeps its parameter,
- * which belongs to the object it was copied from.  A null obj is an empty graph.
- * ------------------------------------------------------------------------ */
-
-/*
- * Traverses a graph of any MAT type and empties the handle's cache.  Returns 0,
- * or 1 for a MAT type that cannot be traversed as a root (1, 2, 4, 6, 15 and
- * above), silently.
- */
-ZEL_EXPORT uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, uint32_t mat_type,
-                                     void *obj, uint32_t app, uint32_t mode);
-
-/*
- * The same for one type, without emptying the cache.  Return 0.  An unknown mode
- * is reported to err_cb, except by the match and the action.
- */
-/* Frees the policies with what they own. */
-ZEL_EXPORT uint32_t traverse_mat_policy_list_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                                 zel_policy_list_t *obj, uint32_t mode, uint32_t app);
-/* Frees the interface group's interfaces, then the pair group's pairs. */
-ZEL_EXPORT uint32_t traverse_mat_policy_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_policy_t *obj,
-                                            uint32_t mode, uint32_t app);
-/* Frees the pairs with what they own. */
-ZEL_EXPORT uint32_t traverse_mat_match_action_pair_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                                           zel_match_action_pair_grp_t *obj, uint32_t mode,
-                                                           uint32_t app);
-/* Frees matches, then actions, then the array of each. */
-ZEL_EXPORT uint32_t traverse_mat_match_action_pair_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                                       zel_match_action_pair_t *obj, uint32_t mode, uint32_t app);
-/* Frees the matches with what they own. */
-ZEL_EXPORT uint32_t traverse_mat_match_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                               zel_match_grp_t *obj, uint32_t mode, uint32_t app);
-/* Frees the actions. */
-ZEL_EXPORT uint32_t traverse_mat_action_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                                zel_action_grp_t *obj, uint32_t mode, uint32_t app);
-/* Frees the service elements of a service that is not cached. */
-ZEL_EXPORT uint32_t traverse_mat_match_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_match_t *obj,
-                                           uint32_t mode, uint32_t app);
-/* An action owns nothing. */
-ZEL_EXPORT uint32_t traverse_mat_action_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_action_t *obj,
-                                            uint32_t mode, uint32_t app);
-/* Frees the interfaces. */
-ZEL_EXPORT uint32_t traverse_mat_if_group_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                              zel_if_group_t *obj, uint32_t mode, uint32_t app);
-/* A redirect owns nothing. */
-ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
-                                                     zel_action_param_redirect_t *obj, uint32_t mode, uint32_t app);
-
-/* ------------------------------------------------------------------------
- * Decoders
- *
- * Read elements of the TLV array at *cursor (0 at the array's start) into a
- * record that the caller allocated zero-filled, until the record's end marker.
- * The start marker may have been consumed or not.  *tlv_subtotal is set to the
- * number of elements consumed, those of contained records included.
- *
- * Return 0 at the end marker, or the platform's status when an element could not
- * be read before it (reported to err_cb); the record then holds what came.
- *
- * Tolerant by contract: fields may come in any order, the last of repeated ones
- * stands, a missing one leaves the record as it was, element lengths are not
- * looked at (a field's full width is read, so every value must be followed by
- * readable memory, see platform/transport.h), and unknown elements are skipped
- * one by one with a report to warn_cb.  Counts must come before members.  The
- * detail of every element goes to dbg_cb.
- *
- * Members and arrays are allocated and belong to the record; release them with
- * free_contained_mat_obj_mem().  When memory runs out, err_cb is told and the
- * record holds, with counts to match, the members that were built.
- *
- * app_type is the first component of the cache key.  A match or action is
- * entered into the handle's cache at its end marker, and a reference is filled
- * by copying the cached record, pointers included, and marked cached.  Whoever
- * calls these decoders directly empties the cache before the records go.
- * ------------------------------------------------------------------------ */
-
-/* 1 to 2: the message header. */
-ZEL_EXPORT int32_t zel_parse_kob_header_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                 zel_kob_header_t *record, uint32_t *tlv_subtotal);
-/* 138 to 139: one statistics query. */
-ZEL_EXPORT int32_t zel_parse_stat_request_entry_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                         uint32_t *cursor, zel_stat_request_entry_t *record,
-                                                         uint32_t *tlv_subtotal);
-/*
- * 135 to 136: statistics queries.  A num_requests above 131,072 that no message of this many
- * elements can satisfy is lowered to the number of the message's elements.  app_type is not used.
- */
-ZEL_EXPORT int32_t zel_parse_stat_request_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                   zel_stat_request_t *record, uint32_t *tlv_subtotal,
-                                                   uint32_t app_type);
-/* 159 to 160: a VRF setting. */
-ZEL_EXPORT int32_t zel_parse_action_set_vrf_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                     zel_action_set_vrf_t *record, uint32_t *tlv_subtotal);
-/* 85 to 86: a NAT rewrite. */
-ZEL_EXPORT int32_t zel_parse_action_nat_rewrite_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                         uint32_t *cursor, zel_action_nat_rewrite_t *record,
-                                                         uint32_t *tlv_subtotal);
-/* 73 to 74: the layer-3 address record of a redirect. */
-ZEL_EXPORT int32_t zel_parse_l3_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                       uint32_t *cursor, zel_l3_redirect_ipv4_t *record,
-                                                       uint32_t *tlv_subtotal);
-/* 65 to 66: the layer-2 address record of a redirect. */
-ZEL_EXPORT int32_t zel_parse_l2_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                       uint32_t *cursor, zel_l2_redirect_ipv4_t *record,
-                                                       uint32_t *tlv_subtotal);
-/* 56 to 57: the label of a redirect. */
-ZEL_EXPORT int32_t zel_parse_action_label_param_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                         uint32_t *cursor, zel_action_label_param_t *record,
-                                                         uint32_t *tlv_subtotal);
-/* 79 to 80: a redirect; the address record that arrives last stands.  app_type is not used. */
-ZEL_EXPORT int32_t zel_parse_action_param_redirect_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                            uint32_t *cursor, zel_action_param_redirect_t *record,
-                                                            uint32_t *tlv_subtotal, uint32_t app_type);
-/* 91 to 92: a LISP decapsulation. */
-ZEL_EXPORT int32_t zel_parse_action_lisp_decapsulation_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                                uint32_t *cursor,
-                                                                zel_action_lisp_decapsulation_t *record,
-                                                                uint32_t *tlv_subtotal);
-/* 128 to 129: one interface. */
-ZEL_EXPORT int32_t zel_parse_if_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                 zel_if_element_t *record, uint32_t *tlv_subtotal);
-/* 125 to 126: an interface group with its interfaces.  app_type is not used. */
-ZEL_EXPORT int32_t zel_parse_if_group_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                               zel_if_group_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* 53 to 54: a LISP instance. */
-ZEL_EXPORT int32_t zel_parse_match_lisp_inst_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                      zel_match_lisp_inst_t *record, uint32_t *tlv_subtotal);
-/* 49 to 50: a LISP protocol. */
-ZEL_EXPORT int32_t zel_parse_match_lisp_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                       uint32_t *cursor, zel_match_lisp_proto_t *record,
-                                                       uint32_t *tlv_subtotal);
-/* 46 to 47: an EXP value. */
-ZEL_EXPORT int32_t zel_parse_match_exp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                zel_match_exp_t *record, uint32_t *tlv_subtotal);
-/* 43 to 44: an ARP opcode. */
-ZEL_EXPORT int32_t zel_parse_match_arp_opcode_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                       uint32_t *cursor, zel_match_arp_opcode_t *record,
-                                                       uint32_t *tlv_subtotal);
-/* 40 to 41: an Ethernet type. */
-ZEL_EXPORT int32_t zel_parse_match_eth_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                      zel_match_eth_proto_t *record, uint32_t *tlv_subtotal);
-/* 9 to 10: one five-tuple. */
-ZEL_EXPORT int32_t zel_parse_match_service_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                            uint32_t *cursor, zel_match_service_element_t *record,
-                                                            uint32_t *tlv_subtotal);
-/* 20 to 21: a service with its five-tuples.  app_type is not used. */
-ZEL_EXPORT int32_t zel_parse_match_service_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                    zel_match_service_t *record, uint32_t *tlv_subtotal,
-                                                    uint32_t app_type);
-/* 32 to 33: a label to match. */
-ZEL_EXPORT int32_t zel_parse_match_label_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                  zel_match_label_t *record, uint32_t *tlv_subtotal);
-/* 29 to 30: an ACL reference; its last byte stays the caller's zero. */
-ZEL_EXPORT int32_t zel_parse_match_acl_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                zel_match_acl_t *record, uint32_t *tlv_subtotal);
-/*
- * 96 to 97: an action.  The parameter that arrives last stands, whatever type says.  A reference
- * that the cache cannot resolve is reported to err_cb and fills nothing.
- */
-ZEL_EXPORT int32_t zel_parse_action_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                             zel_action_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* 60 to 61: an action group with its actions. */
-ZEL_EXPORT int32_t zel_parse_action_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                 zel_action_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* 23 to 24: a match, like an action. */
-ZEL_EXPORT int32_t zel_parse_match_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                            zel_match_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* 101 to 102: a match group with its matches. */
-ZEL_EXPORT int32_t zel_parse_match_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                zel_match_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* 107 to 108: a pair with both its groups. */
-ZEL_EXPORT int32_t zel_parse_match_action_pair_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                        uint32_t *cursor, zel_match_action_pair_t *record,
-                                                        uint32_t *tlv_subtotal, uint32_t app_type);
-/* 113 to 114: a pair group with its pairs. */
-ZEL_EXPORT int32_t zel_parse_match_action_pair_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
-                                                            uint32_t *cursor, zel_match_action_pair_grp_t *record,
-                                                            uint32_t *tlv_subtotal, uint32_t app_type);
-/* 116 to 117: a policy with pair group and interface group. */
-ZEL_EXPORT int32_t zel_parse_policy_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                             zel_policy_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-/* 122 to 123: a policy list with its policies. */
-ZEL_EXPORT int32_t zel_parse_policy_list_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
-                                                  zel_policy_list_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
-
-/* ------------------------------------------------------------------------
- * Object cache
- *
- * Which matches and actions the current message has carried in full.  Kept in
- * the handle, ordered by application, MAT type and id, and empty between
- * messages.  It borrows the objects and never frees them.
- * ------------------------------------------------------------------------ */
-
-/* Only the first ten bytes are compared. */
-typedef struct {
-    uint32_t app_type;
-    uint32_t mat_type;
-    uint16_t mat_id;
-} zel_mat_cache_key_t;
-
-typedef struct {
-    uint64_t link[2]; /* the tree's own; first, so that a tree node is an entry */
-    zel_mat_cache_key_t key;
-    void *obj; /* borrowed */
-} zel_mat_cache_entry_t;
-
-/* Compares two zel_mat_cache_key_t: 1 when a sorts after b, 2 when before, 0 when equal. */
-ZEL_EXPORT uint32_t zel_mat_cache_comp_func(const void *a, const void *b);
-
-/* The entry of a key, or null.  It stays valid until it is deleted or the cache is emptied. */
-ZEL_EXPORT zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
-                                                      uint16_t mat_id);
-
-/*
- * Enters an object.  When memory is short (reported to err_cb) it is not
- * entered; when the tree refuses the key (dbg_cb) the earlier object stands and
- * the refused entry's memory is not reclaimed.
- */
-ZEL_EXPORT void zel_store_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, uint16_t mat_id,
-                                    void *obj);
-
-/* Removes and frees one entry that zel_found_mat_cache() returned.  Returns 0. */
-ZEL_EXPORT int32_t zel_del_mat_cache_entry(zel_api_handle_t *handle, zel_mat_cache_entry_t *entry);
-
-/* Removes and frees all entries.  Returns the last, non-zero, result of ravl_is_empty(). */
-ZEL_EXPORT int32_t zel_empty_mat_cache(zel_api_handle_t *handle);
+ZEL_EXPORT uint32_t free_contained_mat_obj_mem(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
+                                               void *obj);
 
 /* ------------------------------------------------------------------------
  * Message parser
@@ -1062,7 +654,8 @@ ZEL_EXPORT int32_t zel_empty_mat_cache(zel_api_handle_t *handle);
  * app_type_inout in: application type until the header comes; out, when it came: the header's
  *
  * Returns the last top-level record of the MAT type that the request kind names,
- * or null when there is none (a delete request carries none).  The record is
+ * or null when there is none (a delete request carries none) and when memory for
+ * a record ran out, which err_cb is told; then nothing stays allocated.  The record is
  * the caller's: free_contained_mat_obj_mem(), then free().  One exception: when
  * a message of a kind that names a pair group or an interface group carries a
  * policy instead, the result lies within that policy and must not be freed.
@@ -1075,6 +668,14 @@ ZEL_EXPORT int32_t zel_empty_mat_cache(zel_api_handle_t *handle);
 ZEL_EXPORT void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *handle, void *kob_msg,
                                         uint32_t *mat_type_out, uint32_t *api_type_out, uint16_t *policy_id_out,
                                         uint32_t *app_type_inout);
+
+/*
+ * The same for a TLV array in memory (addition).  The array must be followed by 64
+ * readable bytes, as a received payload is.  *header: in, app_type alone, as
+ * app_type_inout above; out, the message's header, operation code included, or what
+ * it was when no header came.
+ */
+ZEL_EXPORT void *zel_parse_tlv_array(zel_api_handle_t *handle, const void *tlv_array, zel_kob_header_t *header);
 
 /* ------------------------------------------------------------------------
  * Verifier (addition)
@@ -1100,7 +701,9 @@ ZEL_EXPORT void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *hand
  * such a one of the same kind, before them; and nothing after the object.
  *
  * An element whose id no record has may come from a newer peer.  Wherever it
- * stands, it is passed over and counted; the parser will warn of each.
+ * stands, it is passed over and counted; the parser will warn of each.  An element
+ * that is newer than the first release may be missing, because older peers do not
+ * send it.  A release note names such elements; the first release has none.
  *
  * Nothing is allocated, traced or changed; time is linear in the message and
  * some 17 KiB of stack are used.  Reentrant.
@@ -1314,6 +917,562 @@ ZEL_EXPORT zel_stat_results_t *zel_parse_stats(void *kob_msg);
 
 /* Frees a block of zel_parse_stats(); null is ignored. */
 ZEL_EXPORT void zel_free_stat_results(zel_stat_results_t *results);
+
+/* ------------------------------------------------------------------------
+ * The codec
+ *
+ * For programs that embed the codec: a client or a service needs none of what follows.
+ * The request calls and the message parser use these calls themselves.
+ * ------------------------------------------------------------------------ */
+
+/* ------------------------------------------------------------------------
+ * Message assembly
+ * ------------------------------------------------------------------------ */
+
+/*
+ * Builds and sends one request: sizes the graph, allocates one zero-filled
+ * buffer of exactly the message's size, writes header and graph, sends it (in
+ * parts above ZEL_KOB_MP_THRESHOLD bytes) and frees the buffer.
+ *
+ * result  out: the token when the transport accepted the message, else 0
+ * obj     root record of the kind that api_type carries; null sends the header alone
+ *
+ * Returns ZEL_SEND_DONE once a send was attempted, accepted or not,
+ * ZEL_SEND_ERR_NO_TRANSPORT or ZEL_SEND_ERR_NO_MEMORY.  Elements that could not
+ * be written and refusals by the transport are reported to err_cb.
+ */
+ZEL_EXPORT uint32_t send_to_zel(uint32_t *result, uint32_t api_type, zel_api_handle_t *handle, uint16_t policy_id,
+                                const void *obj, uint32_t op_code, void *kob_msg);
+
+/* Encoded size of a graph, without header.  Leaves the handle's cache empty. */
+ZEL_EXPORT uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
+                                             const void *obj);
+
+/*
+ * Appends a graph to the TLV array in buffer, whose capacity is given in bytes.
+ * Returns what traverse_mat_obj() returns; failed writes are only reported.
+ */
+ZEL_EXPORT uint32_t assemble_mat_obj_for_kob(zel_api_handle_t *handle, uint32_t app_type, void *buffer,
+                                             uint32_t capacity, uint32_t mat_type, const void *obj);
+
+/* ------------------------------------------------------------------------
+ * Element writer and markers
+ * ------------------------------------------------------------------------ */
+
+/*
+ * Appends one element to the TLV array of array_size bytes.  Returns 0, or the
+ * platform's status, reported to err_cb with field_name; the array is then as
+ * the platform left it.
+ */
+ZEL_EXPORT int32_t tlv_add_element(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size, uint16_t element_id,
+                                   uint16_t length, const void *value, const char *field_name);
+
+/* Append the start or end marker of a MAT type; types without markers are reported to err_cb. */
+ZEL_EXPORT void zel_add_tlv_struct_start(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array,
+                                         uint32_t array_size);
+ZEL_EXPORT void zel_add_tlv_struct_end(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array,
+                                       uint32_t array_size);
+
+/* The value byte, 0, of every start and of every end marker. */
+ZEL_EXPORT extern const uint8_t zel_tlv_struct_start;
+ZEL_EXPORT extern const uint8_t zel_tlv_struct_end;
+
+/* One zero word for the platform's operation index.  The library never touches it. */
+ZEL_EXPORT extern uint32_t ddb_kobops_ix_t;
+
+/* ------------------------------------------------------------------------
+ * Encoded sizes
+ *
+ * Bytes that the encoder of the same record appends: the sum of tlv_size_get()
+ * over its elements, markers included.  Sums are not checked for overflow of 32
+ * bits.  The functions with a handle enter every match and action into its
+ * cache, and count a later one with the same id as a reference: whoever calls
+ * them directly empties the cache before the pass that encodes.  app_type is the
+ * first component of the cache key.  A null record has size 0.  Match types that
+ * cannot carry a parameter are reported to err_cb.
+ * ------------------------------------------------------------------------ */
+
+/*
+ * Size of the message header: request kind, application, policy and operation of the request.
+ * Constant.
+ */
+ZEL_EXPORT uint32_t zel_kob_header_get_tlv_sz(void);
+/* Size of one statistics query: the policy and pair whose counters are asked for. */
+ZEL_EXPORT uint32_t zel_stat_request_entry_get_tlv_sz(void);
+/*
+ * Size of a statistics request: queries, with a 32-bit count.  Depends on the count alone; the
+ * entries are not read, and app_type is not used.
+ */
+ZEL_EXPORT uint32_t zel_stat_request_get_tlv_sz(const zel_stat_request_t *record, uint32_t app_type);
+/* Size of the parameter of an action that puts packets into a VRF. */
+ZEL_EXPORT uint32_t zel_action_set_vrf_get_tlv_sz(void);
+/* Size of the parameter of an action that rewrites addresses and ports. */
+ZEL_EXPORT uint32_t zel_action_nat_rewrite_get_tlv_sz(void);
+/* Size of the next hop of a layer-3 redirect. */
+ZEL_EXPORT uint32_t zel_l3_redirect_ipv4_get_tlv_sz(void);
+/* Size of the next hop of a layer-2 redirect, with its Ethernet addresses. */
+ZEL_EXPORT uint32_t zel_l2_redirect_ipv4_get_tlv_sz(void);
+/* Size of the label that a redirect can insert. */
+ZEL_EXPORT uint32_t zel_action_label_param_get_tlv_sz(void);
+/*
+ * Size of the parameter of an action that redirects packets: the label always, the next hop by
+ * type.  Depends on the redirect type; app_type is not used.
+ */
+ZEL_EXPORT uint32_t zel_action_param_redirect_get_tlv_sz(const zel_action_param_redirect_t *record, uint32_t app_type);
+/* Size of the parameter of an action that takes a packet out of its LISP tunnel. */
+ZEL_EXPORT uint32_t zel_action_lisp_decapsulation_get_tlv_sz(void);
+/* Size of one interface, VLAN or VRF that a policy is bound to. */
+ZEL_EXPORT uint32_t zel_if_element_get_tlv_sz(void);
+/*
+ * Size of the interfaces of a policy.  Depends on the count alone; the elements are not read, and
+ * app_type is not used.
+ */
+ZEL_EXPORT uint32_t zel_if_group_get_tlv_sz(const zel_if_group_t *record, uint32_t app_type);
+/* Size of the parameter of a match on a LISP instance. */
+ZEL_EXPORT uint32_t zel_match_lisp_inst_get_tlv_sz(void);
+/* Size of the parameter of a match on LISP encapsulation: UDP port and destination locator. */
+ZEL_EXPORT uint32_t zel_match_lisp_proto_get_tlv_sz(void);
+/* Size of the parameter of a match on the EXP bits. */
+ZEL_EXPORT uint32_t zel_match_exp_get_tlv_sz(void);
+/* Size of the parameter of a match on an ARP opcode. */
+ZEL_EXPORT uint32_t zel_match_arp_opcode_get_tlv_sz(void);
+/* Size of the parameter of a match on an Ethernet type. */
+ZEL_EXPORT uint32_t zel_match_eth_proto_get_tlv_sz(void);
+/* Size of a five-tuple with masks: an element of a service, or a match parameter of its own. */
+ZEL_EXPORT uint32_t zel_match_service_element_get_tlv_sz(void);
+/*
+ * Size of the parameter of a match on several five-tuples, any of which matches.  Depends on the
+ * count alone; the elements are not read, and app_type is not used.
+ */
+ZEL_EXPORT uint32_t zel_match_service_get_tlv_sz(const zel_match_service_t *record, uint32_t app_type);
+/* Size of the parameter of a match on a label. */
+ZEL_EXPORT uint32_t zel_match_label_get_tlv_sz(void);
+/* Size of the parameter of a match on an access list, by its name. */
+ZEL_EXPORT uint32_t zel_match_acl_get_tlv_sz(void);
+/*
+ * Size of an action: what is done with a packet that matched, with the parameter of its type.  An
+ * action that the cache holds already counts as a reference.
+ */
+ZEL_EXPORT uint32_t zel_action_get_tlv_sz(zel_api_handle_t *handle, const zel_action_t *record, uint32_t app_type);
+/* Size of the actions of a pair. */
+ZEL_EXPORT uint32_t zel_action_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_action_grp_t *record,
+                                              uint32_t app_type);
+/*
+ * Size of a match: what a packet is compared with, with the parameter of its type. A match that
+ * the cache holds already counts as a reference.
+ */
+ZEL_EXPORT uint32_t zel_match_get_tlv_sz(zel_api_handle_t *handle, const zel_match_t *record, uint32_t app_type);
+/* Size of the matches of a pair, and how they combine. */
+ZEL_EXPORT uint32_t zel_match_grp_get_tlv_sz(zel_api_handle_t *handle, const zel_match_grp_t *record,
+                                             uint32_t app_type);
+/* Size of a pair: what to match, and what to do then. */
+ZEL_EXPORT uint32_t zel_match_action_pair_get_tlv_sz(zel_api_handle_t *handle, const zel_match_action_pair_t *record,
+                                                     uint32_t app_type);
+/* Size of the pairs of a policy, in the order in which they are tried. */
+ZEL_EXPORT uint32_t zel_match_action_pair_grp_get_tlv_sz(zel_api_handle_t *handle,
+                                                         const zel_match_action_pair_grp_t *record, uint32_t app_type);
+/* Size of a policy: its pairs, and the interfaces that it is bound to. */
+ZEL_EXPORT uint32_t zel_policy_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_t *record, uint32_t app_type);
+/* Size of several policies. */
+ZEL_EXPORT uint32_t zel_policy_list_get_tlv_sz(zel_api_handle_t *handle, const zel_policy_list_t *record,
+                                               uint32_t app_type);
+
+/* ------------------------------------------------------------------------
+ * Encoders
+ *
+ * Append a record and all that it contains to the TLV array of array_size bytes.
+ * The result is the status of the last write, the end marker's; writes that fail
+ * before it are reported to err_cb and leave a gap.  Matches and actions already
+ * in the handle's cache are written as references, others are entered into it;
+ * app_type is the first component of the key.  A null record writes nothing and
+ * gives 0.  Match groups and policy lists send the platform's heartbeat while
+ * they are encoded; the counter of the former is shared by the whole process and
+ * not synchronised.
+ * ------------------------------------------------------------------------ */
+
+/*
+ * Elements 1 to 2: the message header: request kind, application, policy and operation of the
+ * request.
+ */
+ZEL_EXPORT int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                             const zel_kob_header_t *record);
+/* Elements 138 to 139: one statistics query: the policy and pair whose counters are asked for. */
+ZEL_EXPORT int32_t zel_add_stat_request_entry_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                     const zel_stat_request_entry_t *record);
+/* Elements 135 to 136: a statistics request: queries, with a 32-bit count. app_type is not used. */
+ZEL_EXPORT int32_t zel_add_stat_request_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                               const zel_stat_request_t *record, uint32_t app_type);
+/* Elements 159 to 160: the parameter of an action that puts packets into a VRF. */
+ZEL_EXPORT int32_t zel_add_action_set_vrf_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                 const zel_action_set_vrf_t *record);
+/* Elements 85 to 86: the parameter of an action that rewrites addresses and ports. */
+ZEL_EXPORT int32_t zel_add_action_nat_rewrite_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                     const zel_action_nat_rewrite_t *record);
+/* Elements 73 to 74: the next hop of a layer-3 redirect. */
+ZEL_EXPORT int32_t zel_add_l3_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                   const zel_l3_redirect_ipv4_t *record);
+/* Elements 65 to 66: the next hop of a layer-2 redirect, with its Ethernet addresses. */
+ZEL_EXPORT int32_t zel_add_l2_redirect_ipv4_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                   const zel_l2_redirect_ipv4_t *record);
+/* Elements 56 to 57: the label that a redirect can insert. */
+ZEL_EXPORT int32_t zel_add_action_label_param_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                     const zel_action_label_param_t *record);
+/*
+ * Elements 79 to 80: the parameter of an action that redirects packets: the label always, the next
+ * hop by type. app_type is not used.
+ */
+ZEL_EXPORT int32_t zel_add_action_param_redirect_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                        const zel_action_param_redirect_t *record, uint32_t app_type);
+/* Elements 91 to 92: the parameter of an action that takes a packet out of its LISP tunnel. */
+ZEL_EXPORT int32_t zel_add_action_lisp_decapsulation_to_tlv(zel_api_handle_t *handle, void *tlv_array,
+                                                            uint32_t array_size,
+                                                            const zel_action_lisp_decapsulation_t *record);
+/*
+ * Elements 96 to 97: an action: what is done with a packet that matched, with the parameter of its
+ * type.  Or a reference to it.
+ */
+ZEL_EXPORT int32_t zel_add_action_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                         const zel_action_t *record, uint32_t app_type);
+/* Elements 60 to 61: the actions of a pair. */
+ZEL_EXPORT int32_t zel_add_action_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                             const zel_action_grp_t *record, uint32_t app_type);
+/* Elements 128 to 129: one interface, VLAN or VRF that a policy is bound to. */
+ZEL_EXPORT int32_t zel_add_if_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                             const zel_if_element_t *record);
+/* Elements 125 to 126: the interfaces of a policy. app_type is not used. */
+ZEL_EXPORT int32_t zel_add_if_group_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                           const zel_if_group_t *record, uint32_t app_type);
+/* Elements 53 to 54: the parameter of a match on a LISP instance. */
+ZEL_EXPORT int32_t zel_add_match_lisp_inst_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                  const zel_match_lisp_inst_t *record);
+/*
+ * Elements 49 to 50: the parameter of a match on LISP encapsulation: UDP port and destination
+ * locator.
+ */
+ZEL_EXPORT int32_t zel_add_match_lisp_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                   const zel_match_lisp_proto_t *record);
+/* Elements 46 to 47: the parameter of a match on the EXP bits. */
+ZEL_EXPORT int32_t zel_add_match_exp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                            const zel_match_exp_t *record);
+/* Elements 43 to 44: the parameter of a match on an ARP opcode. */
+ZEL_EXPORT int32_t zel_add_match_arp_opcode_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                   const zel_match_arp_opcode_t *record);
+/* Elements 40 to 41: the parameter of a match on an Ethernet type. */
+ZEL_EXPORT int32_t zel_add_match_eth_proto_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                  const zel_match_eth_proto_t *record);
+/*
+ * Elements 9 to 10: a five-tuple with masks: an element of a service, or a match parameter of its
+ * own.
+ */
+ZEL_EXPORT int32_t zel_add_match_service_element_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                        const zel_match_service_element_t *record);
+/*
+ * Elements 20 to 21: the parameter of a match on several five-tuples, any of which matches.
+ * app_type is not used.
+ */
+ZEL_EXPORT int32_t zel_add_match_service_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                const zel_match_service_t *record, uint32_t app_type);
+/* Elements 32 to 33: the parameter of a match on a label. */
+ZEL_EXPORT int32_t zel_add_match_label_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                              const zel_match_label_t *record);
+/* Elements 29 to 30: the parameter of a match on an access list, by its name. */
+ZEL_EXPORT int32_t zel_add_match_acl_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                            const zel_match_acl_t *record);
+/*
+ * Elements 23 to 24: a match: what a packet is compared with, with the parameter of its type.  Or a
+ * reference to it.  A type that cannot carry a parameter is reported to err_cb.
+ */
+ZEL_EXPORT int32_t zel_add_match_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                        const zel_match_t *record, uint32_t app_type);
+/*
+ * Elements 101 to 102: the matches of a pair, and how they combine.  Sends a heartbeat at every
+ * 32nd match of the process.
+ */
+ZEL_EXPORT int32_t zel_add_match_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                            const zel_match_grp_t *record, uint32_t app_type);
+/* Elements 107 to 108: a pair: what to match, and what to do then. */
+ZEL_EXPORT int32_t zel_add_match_action_pair_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                    const zel_match_action_pair_t *record, uint32_t app_type);
+/* Elements 113 to 114: the pairs of a policy, in the order in which they are tried. */
+ZEL_EXPORT int32_t zel_add_match_action_pair_grp_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                                        const zel_match_action_pair_grp_t *record, uint32_t app_type);
+/* Elements 116 to 117: a policy: its pairs, and the interfaces that it is bound to. */
+ZEL_EXPORT int32_t zel_add_policy_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                         const zel_policy_t *record, uint32_t app_type);
+/* Elements 122 to 123: several policies.  Sends a heartbeat at every 32nd policy of the list. */
+ZEL_EXPORT int32_t zel_add_policy_list_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                              const zel_policy_list_t *record, uint32_t app_type);
+
+/*
+ * Decides whether a match or action is written whole or as a reference, and in
+ * the latter case writes it (MAT_TRAVERSE_ENCODE: *size is the array's size) or
+ * counts it (MAT_TRAVERSE_SIZE: its bytes are added to *size).  The first
+ * occurrence of an id enters the handle's cache in any mode but
+ * MAT_TRAVERSE_FREE.  record is a zel_match_t or zel_action_t.  Returns
+ * ZEL_COMPRESS_DONE or ZEL_COMPRESS_WHOLE; unknown MAT types, and unknown modes
+ * for a repeated object, are reported to err_cb and give the latter.
+ */
+ZEL_EXPORT uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size, uint32_t mat_type,
+                                 const void *record, uint32_t mode, uint32_t app_type);
+
+/* ------------------------------------------------------------------------
+ * Traversal
+ *
+ * value is the accumulator of MAT_TRAVERSE_SIZE, the array's capacity (only
+ * read) of MAT_TRAVERSE_ENCODE, and unused, may be null, for MAT_TRAVERSE_FREE.
+ * buffer is used by MAT_TRAVERSE_ENCODE alone.  Free mode releases the members
+ * and arrays below obj, never obj itself, sets released pointers to null and
+ * leaves counts as they are; a match that is marked cached keeps its parameter,
+ * which belongs to the object it was copied from.  A null obj is an empty graph.
+ * ------------------------------------------------------------------------ */
+
+/*
+ * Traverses a graph of any MAT type and empties the handle's cache.  Returns 0,
+ * or 1 for a MAT type that cannot be traversed as a root (1, 2, 4, 6, 15 and
+ * above), silently.
+ */
+ZEL_EXPORT uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, uint32_t mat_type,
+                                     void *obj, uint32_t app, uint32_t mode);
+
+/*
+ * The same for one type, without emptying the cache.  Return 0.  An unknown mode
+ * is reported to err_cb, except by the match and the action.
+ */
+/* Frees the policies with what they own. */
+ZEL_EXPORT uint32_t traverse_mat_policy_list_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                 zel_policy_list_t *obj, uint32_t mode, uint32_t app);
+/* Frees the interface group's interfaces, then the pair group's pairs. */
+ZEL_EXPORT uint32_t traverse_mat_policy_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_policy_t *obj,
+                                            uint32_t mode, uint32_t app);
+/* Frees the pairs with what they own. */
+ZEL_EXPORT uint32_t traverse_mat_match_action_pair_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                           zel_match_action_pair_grp_t *obj, uint32_t mode,
+                                                           uint32_t app);
+/* Frees matches, then actions, then the array of each. */
+ZEL_EXPORT uint32_t traverse_mat_match_action_pair_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                       zel_match_action_pair_t *obj, uint32_t mode, uint32_t app);
+/* Frees the matches with what they own. */
+ZEL_EXPORT uint32_t traverse_mat_match_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                               zel_match_grp_t *obj, uint32_t mode, uint32_t app);
+/* Frees the actions. */
+ZEL_EXPORT uint32_t traverse_mat_action_grp_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                zel_action_grp_t *obj, uint32_t mode, uint32_t app);
+/* Frees the service elements of a service that is not cached. */
+ZEL_EXPORT uint32_t traverse_mat_match_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_match_t *obj,
+                                           uint32_t mode, uint32_t app);
+/* An action owns nothing. */
+ZEL_EXPORT uint32_t traverse_mat_action_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_action_t *obj,
+                                            uint32_t mode, uint32_t app);
+/* Frees the interfaces. */
+ZEL_EXPORT uint32_t traverse_mat_if_group_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                              zel_if_group_t *obj, uint32_t mode, uint32_t app);
+/* A redirect owns nothing. */
+ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value,
+                                                     zel_action_param_redirect_t *obj, uint32_t mode, uint32_t app);
+
+/* ------------------------------------------------------------------------
+ * Decoders
+ *
+ * Read elements of the TLV array at *cursor (0 at the array's start) into a
+ * record that the caller allocated zero-filled, until the record's end marker.
+ * The start marker may have been consumed or not.  *tlv_subtotal is set to the
+ * number of elements consumed, those of contained records included.
+ *
+ * Return 0 at the end marker, or the platform's status when an element could not
+ * be read before it (reported to err_cb); the record then holds what came.
+ *
+ * Tolerant by contract: fields may come in any order, the last of repeated ones
+ * stands, a missing one leaves the record as it was, element lengths are not
+ * looked at (a field's full width is read, so every value must be followed by
+ * readable memory, see platform/transport.h), and unknown elements are skipped
+ * one by one with a report to warn_cb.  Counts must come before members.  The
+ * detail of every element goes to dbg_cb.
+ *
+ * Counts.  Counts are accepted as they are until those of one message add up to
+ * 131,072.  Beyond that, a count that asks for more members than the message has
+ * elements left is lowered: to any number, 0 included.  No message that
+ * send_to_zel() builds is affected.
+ *
+ * Members and arrays are allocated and belong to the record; release them with
+ * free_contained_mat_obj_mem().  When memory runs out, err_cb is told and the
+ * record holds, with counts to match, the members that were built.
+ *
+ * app_type is the first component of the cache key.  A match or action is
+ * entered into the handle's cache at its end marker, and a reference is filled
+ * by copying the cached record, pointers included, and marked cached.  Whoever
+ * calls these decoders directly empties the cache before the records go.
+ * ------------------------------------------------------------------------ */
+
+/*
+ * Elements 1 to 2: the message header: request kind, application, policy and operation of the
+ * request.
+ */
+ZEL_EXPORT int32_t zel_parse_kob_header_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                 zel_kob_header_t *record, uint32_t *tlv_subtotal);
+/* Elements 138 to 139: one statistics query: the policy and pair whose counters are asked for. */
+ZEL_EXPORT int32_t zel_parse_stat_request_entry_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                         uint32_t *cursor, zel_stat_request_entry_t *record,
+                                                         uint32_t *tlv_subtotal);
+/* Elements 135 to 136: a statistics request: queries, with a 32-bit count. app_type is not used. */
+ZEL_EXPORT int32_t zel_parse_stat_request_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                   zel_stat_request_t *record, uint32_t *tlv_subtotal,
+                                                   uint32_t app_type);
+/* Elements 159 to 160: the parameter of an action that puts packets into a VRF. */
+ZEL_EXPORT int32_t zel_parse_action_set_vrf_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                     zel_action_set_vrf_t *record, uint32_t *tlv_subtotal);
+/* Elements 85 to 86: the parameter of an action that rewrites addresses and ports. */
+ZEL_EXPORT int32_t zel_parse_action_nat_rewrite_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                         uint32_t *cursor, zel_action_nat_rewrite_t *record,
+                                                         uint32_t *tlv_subtotal);
+/* Elements 73 to 74: the next hop of a layer-3 redirect. */
+ZEL_EXPORT int32_t zel_parse_l3_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_l3_redirect_ipv4_t *record,
+                                                       uint32_t *tlv_subtotal);
+/* Elements 65 to 66: the next hop of a layer-2 redirect, with its Ethernet addresses. */
+ZEL_EXPORT int32_t zel_parse_l2_redirect_ipv4_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_l2_redirect_ipv4_t *record,
+                                                       uint32_t *tlv_subtotal);
+/* Elements 56 to 57: the label that a redirect can insert. */
+ZEL_EXPORT int32_t zel_parse_action_label_param_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                         uint32_t *cursor, zel_action_label_param_t *record,
+                                                         uint32_t *tlv_subtotal);
+/*
+ * Elements 79 to 80: the parameter of an action that redirects packets: the label always, the next
+ * hop by type.  The next hop that arrives last stands.  app_type is not used.
+ */
+ZEL_EXPORT int32_t zel_parse_action_param_redirect_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                            uint32_t *cursor, zel_action_param_redirect_t *record,
+                                                            uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 91 to 92: the parameter of an action that takes a packet out of its LISP tunnel. */
+ZEL_EXPORT int32_t zel_parse_action_lisp_decapsulation_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                                uint32_t *cursor,
+                                                                zel_action_lisp_decapsulation_t *record,
+                                                                uint32_t *tlv_subtotal);
+/* Elements 128 to 129: one interface, VLAN or VRF that a policy is bound to. */
+ZEL_EXPORT int32_t zel_parse_if_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                 zel_if_element_t *record, uint32_t *tlv_subtotal);
+/* Elements 125 to 126: the interfaces of a policy. app_type is not used. */
+ZEL_EXPORT int32_t zel_parse_if_group_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                               zel_if_group_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 53 to 54: the parameter of a match on a LISP instance. */
+ZEL_EXPORT int32_t zel_parse_match_lisp_inst_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                      zel_match_lisp_inst_t *record, uint32_t *tlv_subtotal);
+/*
+ * Elements 49 to 50: the parameter of a match on LISP encapsulation: UDP port and destination
+ * locator.
+ */
+ZEL_EXPORT int32_t zel_parse_match_lisp_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_match_lisp_proto_t *record,
+                                                       uint32_t *tlv_subtotal);
+/* Elements 46 to 47: the parameter of a match on the EXP bits. */
+ZEL_EXPORT int32_t zel_parse_match_exp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                zel_match_exp_t *record, uint32_t *tlv_subtotal);
+/* Elements 43 to 44: the parameter of a match on an ARP opcode. */
+ZEL_EXPORT int32_t zel_parse_match_arp_opcode_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                       uint32_t *cursor, zel_match_arp_opcode_t *record,
+                                                       uint32_t *tlv_subtotal);
+/* Elements 40 to 41: the parameter of a match on an Ethernet type. */
+ZEL_EXPORT int32_t zel_parse_match_eth_proto_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                      zel_match_eth_proto_t *record, uint32_t *tlv_subtotal);
+/*
+ * Elements 9 to 10: a five-tuple with masks: an element of a service, or a match parameter of its
+ * own.
+ */
+ZEL_EXPORT int32_t zel_parse_match_service_element_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                            uint32_t *cursor, zel_match_service_element_t *record,
+                                                            uint32_t *tlv_subtotal);
+/*
+ * Elements 20 to 21: the parameter of a match on several five-tuples, any of which matches.
+ * app_type is not used.
+ */
+ZEL_EXPORT int32_t zel_parse_match_service_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                    zel_match_service_t *record, uint32_t *tlv_subtotal,
+                                                    uint32_t app_type);
+/* Elements 32 to 33: the parameter of a match on a label. */
+ZEL_EXPORT int32_t zel_parse_match_label_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                  zel_match_label_t *record, uint32_t *tlv_subtotal);
+/*
+ * Elements 29 to 30: the parameter of a match on an access list, by its name.  The last byte of the
+ * record stays the caller's zero.
+ */
+ZEL_EXPORT int32_t zel_parse_match_acl_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                zel_match_acl_t *record, uint32_t *tlv_subtotal);
+/*
+ * Elements 96 to 97: an action: what is done with a packet that matched, with the parameter of its
+ * type.  The parameter that arrives last stands, whatever type says.  A reference that the cache
+ * cannot resolve is reported to err_cb and fills nothing.
+ */
+ZEL_EXPORT int32_t zel_parse_action_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                             zel_action_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 60 to 61: the actions of a pair. */
+ZEL_EXPORT int32_t zel_parse_action_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                 zel_action_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/*
+ * Elements 23 to 24: a match: what a packet is compared with, with the parameter of its type.  The
+ * parameter that arrives last stands, whatever type says.  A reference that the cache cannot
+ * resolve is reported to err_cb and fills nothing.
+ */
+ZEL_EXPORT int32_t zel_parse_match_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                            zel_match_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 101 to 102: the matches of a pair, and how they combine. */
+ZEL_EXPORT int32_t zel_parse_match_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                zel_match_grp_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 107 to 108: a pair: what to match, and what to do then. */
+ZEL_EXPORT int32_t zel_parse_match_action_pair_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                        uint32_t *cursor, zel_match_action_pair_t *record,
+                                                        uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 113 to 114: the pairs of a policy, in the order in which they are tried. */
+ZEL_EXPORT int32_t zel_parse_match_action_pair_grp_from_tlv(zel_api_handle_t *handle, const void *tlv_array,
+                                                            uint32_t *cursor, zel_match_action_pair_grp_t *record,
+                                                            uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 116 to 117: a policy: its pairs, and the interfaces that it is bound to. */
+ZEL_EXPORT int32_t zel_parse_policy_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                             zel_policy_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+/* Elements 122 to 123: several policies. */
+ZEL_EXPORT int32_t zel_parse_policy_list_from_tlv(zel_api_handle_t *handle, const void *tlv_array, uint32_t *cursor,
+                                                  zel_policy_list_t *record, uint32_t *tlv_subtotal, uint32_t app_type);
+
+/* ------------------------------------------------------------------------
+ * Object cache
+ *
+ * Which matches and actions the current message has carried in full.  Kept in
+ * the handle, ordered by application, MAT type and id, and empty between
+ * messages.  It borrows the objects and never frees them.
+ * ------------------------------------------------------------------------ */
+
+/* Only the first ten bytes are compared. */
+typedef struct {
+    uint32_t app_type;
+    uint32_t mat_type;
+    uint16_t mat_id;
+} zel_mat_cache_key_t;
+
+typedef struct {
+    uint64_t link[2]; /* the tree's own; first, so that a tree node is an entry */
+    zel_mat_cache_key_t key;
+    void *obj; /* borrowed */
+} zel_mat_cache_entry_t;
+
+/* Compares two zel_mat_cache_key_t: 1 when a sorts after b, 2 when before, 0 when equal. */
+ZEL_EXPORT uint32_t zel_mat_cache_comp_func(const void *a, const void *b);
+
+/* The entry of a key, or null.  It stays valid until it is deleted or the cache is emptied. */
+ZEL_EXPORT zel_mat_cache_entry_t *zel_found_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
+                                                      uint16_t mat_id);
+
+/*
+ * Enters an object.  When memory is short (reported to err_cb) it is not
+ * entered; when the tree refuses the key (dbg_cb) the earlier object stands and
+ * the refused entry's memory is not reclaimed.
+ */
+ZEL_EXPORT void zel_store_mat_cache(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, uint16_t mat_id,
+                                    void *obj);
+
+/* Removes and frees one entry that zel_found_mat_cache() returned.  Returns 0. */
+ZEL_EXPORT int32_t zel_del_mat_cache_entry(zel_api_handle_t *handle, zel_mat_cache_entry_t *entry);
+
+/* Removes and frees all entries.  Returns the last, non-zero, result of ravl_is_empty(). */
+ZEL_EXPORT int32_t zel_empty_mat_cache(zel_api_handle_t *handle);
 
 #ifdef __cplusplus
 }

@@ -1,5 +1,5 @@
 /*
- * heartbeat.h - the sign of life towards the system manager.
+ * heartbeat.h - tells the system manager that the process is alive.
  */
 #ifndef ZEL_PLATFORM_HEARTBEAT_H
 #define ZEL_PLATFORM_HEARTBEAT_H
@@ -11,9 +11,9 @@ extern "C" {
 #endif
 
 /*
- * Called about every 32 objects of a long encoding, so that a process which
- * encodes a very large graph is not taken for dead.  The argument is always 0.
- * Must be cheap and must not block.
+ * Called about every 32 objects of an encoding, so that the system manager's watchdog
+ * does not end a process that encodes a very large graph.  The argument is always 0.
+ * Must not block, and must be cheap: it may well do nothing in most calls.
  */
 void fu_keeper_update_and_send_heartbeat(int32_t reserved);
 

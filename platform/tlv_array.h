@@ -1,15 +1,18 @@
 /*
  * tlv_array.h - arrays of TLV elements: the body of every message.
  *
- * An element is a 16-bit type, a 16-bit length and that many bytes of value; how
- * it is laid out and padded is the platform's, and the same on both sides.  An
- * array costs 4 bytes of its own, and a zero-filled buffer is an empty array.
+ * An element is a 16-bit type, a 16-bit length and that many bytes of value.  How it is
+ * laid out and padded is the platform's decision, the same on both sides.  The library
+ * relies on this much:
  *
- * Whatever bytes an array holds, the readers must stay inside it: a value
- * pointer plus length lies within the array, and an array that is damaged gives
- * a non-zero status.  The library trusts nothing else about a received array,
- * but its decoders read up to 64 bytes from a value pointer whatever the length
- * says (see transport.h for the bytes that must follow).
+ *   - a zero-filled buffer is an empty array;
+ *   - an array takes 4 bytes of its own and, for each element, the
+ *     tlv_size_get(length) bytes of that element, and nothing else.
+ *
+ * Received arrays are not trusted.  Whatever bytes an array holds, the readers stay
+ * inside it: value and length lie within the array, and a damaged array gives a non-zero
+ * status.  The library's decoders themselves read up to 64 bytes from a value pointer,
+ * whatever the length is; transport.h says which bytes must follow a received array.
  *
  * "reserved" is a machine word that the library always gives as 0.
  */
@@ -37,19 +40,20 @@ int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_
 uint32_t tlv_size_get(uint32_t length);
 
 /*
- * Reads the element at *cursor (0: the first) and moves the cursor behind it.
- * Returns 0, or non-zero at the end of the array or on a damaged element; what
- * the status means is the platform's, the library passes it on.  The value is
- * not aligned.  A cursor of one array is only ever used with that array.
- *
- * Beforehand, *type and *length may hold a guess at what comes; a type of 0 is
- * none.  A platform can be quicker about an element that was guessed right.  The
- * result is the same whatever was guessed.
+ * Reads the element at *cursor (0: the first) and moves the cursor behind it.  Returns
+ * 0, or non-zero at the end of the array or on a damaged element; what the status means
+ * is the platform's, the library passes it on.  type, length and value are outputs and
+ * are set when 0 is returned.  The value is not aligned and is borrowed from the array.
+ * The library uses a cursor with the array that it came from only.  Called once per
+ * element of a message: make it O(1).
  */
 int32_t tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
                                uintptr_t reserved, uint32_t *cursor);
 
-/* Number of elements in the array; reading that many must terminate. */
+/*
+ * Number of elements in the array.  May be wrong for a damaged array, but reading so many
+ * elements must come to an end.
+ */
 uint32_t tlv_array_get_num_tlvs(const void *array, uintptr_t reserved);
 
 #ifdef __cplusplus

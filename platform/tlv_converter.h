@@ -1,19 +1,20 @@
 /*
  * tlv_converter.h - the table-driven converter between records and TLV elements.
  *
- * The library describes its statistics records by tables (zel_table_header_t
- * followed by rows of zel_table_row_t, see zel.h) and leaves the conversion, and
- * the wire form of the elements, to the converter.  It forwards its callers'
- * arguments untouched; the meanings below are those that the library's own call,
- * zel_parse_stats(), and the names of the accessors in zel.h rely on.
+ * The library describes its statistics records by tables: zel_table_header_t followed
+ * by rows of zel_table_row_t, see zel.h.  The converter converts records by these
+ * tables and decides on the wire form of the elements.  The library passes its
+ * callers' arguments on unchanged.  The meanings below are those that its own call,
+ * zel_parse_stats(), and the accessors in zel.h rely on.
  *
- * Per row, one element with the row's id carries the field's bytes: a scalar its
- * width, a fixed array width times count.  A record array carries, for each of
- * the count() records, the elements of its nested table.  In the block that a
- * record is converted into, nested records follow the record directly.
+ * For each row, one element with the row's id carries the bytes of the field: width
+ * bytes for a scalar, width times count for a fixed array.  A record array carries,
+ * for each of its count() records, the elements of the nested table.  In the block
+ * that a record is converted into, nested records follow the record directly.
  *
- * Input is untrusted.  Calls return 0 or a non-zero code, and read and write
- * nothing outside what they are given.
+ * Tables are trusted, elements are not.  A call must not read or write outside the
+ * memory that it is given.  Calls that return int32_t return 0, or a non-zero code on
+ * failure.
  */
 #ifndef ZEL_PLATFORM_TLV_CONVERTER_H
 #define ZEL_PLATFORM_TLV_CONVERTER_H
@@ -49,7 +50,7 @@ int32_t tlvu_table_get_struct_size_from_tlv(int32_t *size, const void *tlv, uint
 int32_t tlvu_get_field(const void *tlv, uintptr_t size, uintptr_t element, void *value, uintptr_t capacity,
                        const void *table);
 
-/* Starts an iteration over the elements of tlv that the table knows; element 0: all of them. */
+/* Starts an iteration over the elements of tlv that have a row in the table; element 0: all of them. */
 int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const void *table, uintptr_t flags,
                             uint16_t element);
 
@@ -57,7 +58,7 @@ int32_t tlvu_field_itr_init(void *itr, const void *tlv, uintptr_t size, const vo
 int32_t tlvu_field_itr_get_next(void *itr, void *field);
 
 /* Prints a conversion error, printf-like. */
-void tlvu_error_print(const char *format, ...);
+void tlvu_error_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #ifdef __cplusplus
 }

@@ -1,24 +1,24 @@
 /*
  * transport.h - the message transport (kob) that the library sends and receives with.
  *
- * One of the facilities that a platform supplies; see the other headers in this
- * folder.  All have C linkage and are called on the thread that called the
- * library.  A message record is whatever the platform says it is: the library
- * passes the caller's pointer through and never looks behind it.
+ * All calls have C linkage and are made on the thread that called the library.
+ * kob_msg is a message record.  What it is is the platform's decision: the library
+ * passes the caller's pointer on and never reads through it.
  *
  * Arguments called "reserved" are machine words that the library always gives
  * as 0.
  *
- * Payloads.  A received payload is one TLV array (platform/tlv_array.h) or a
- * response header with its body.  It must be
+ * A received payload is one TLV array (platform/tlv_array.h), or a response header and
+ * its body.  The platform must see to it that a payload
  *
- *   - followed by at least 64 readable bytes, zero unless the platform has a
- *     reason: decoders read a field's full width whatever its element's length
- *     says, and the widest field is 64 bytes;
- *   - aligned to 4 bytes, so that a response header can be read in place;
- *   - when it is a response, no shorter than the response header, 268 bytes;
- *   - stable and valid until the message is released, which is the caller's and
- *     the platform's business: the library keeps no pointer into it.
+ *   - is followed by at least 64 readable bytes, which should be 0: decoders read the
+ *     full width of a field whatever the length of its element is, and the widest
+ *     field has 64 bytes;
+ *   - is aligned to 4 bytes, so that a response header can be read in place;
+ *   - has at least 268 bytes, those of the response header, if it is a response;
+ *   - does not change, and stays valid, during the library's calls.  When the caller
+ *     and the platform release it is their own agreement: the library keeps no
+ *     pointer into it between calls.
  */
 #ifndef ZEL_PLATFORM_TRANSPORT_H
 #define ZEL_PLATFORM_TRANSPORT_H
@@ -36,9 +36,9 @@ typedef struct {
 } mpkob_segment_t;
 
 /*
- * Sends one message of at most 120832 bytes.  Returns 0 when the transport took
- * it, and then kob_rr_token_get(kob_msg) identifies the exchange.  The buffer is
- * freed as soon as the call returns, so the transport copies what it keeps.
+ * Sends one message of at most 120832 bytes.  Returns 0 when the transport has taken
+ * it, and then kob_rr_token_get(kob_msg) identifies the exchange.  The library frees
+ * the buffer after the call, so the transport must copy what it keeps.
  */
 int32_t fu_kob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *buffer,
                     uint32_t size, void *kob_msg, uintptr_t reserved1, uintptr_t reserved2);
@@ -50,7 +50,10 @@ int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t op
 /* The token that pairs a request with its response; never 0 for a message that was sent. */
 uint32_t kob_rr_token_get(void *kob_msg);
 
-/* Why the last call on this transport handle failed.  Asked once per place that reports it. */
+/*
+ * Why the last call on this transport handle failed.  The library may ask several times
+ * for one failure: once for each destination of its report.
+ */
 int32_t kob_errno_get(uint32_t kob_handle);
 
 /* Payload of a received message, or null when it has none. */

@@ -1,5 +1,5 @@
-// The interface that libzel asks for, marked as exported: the contract itself
-// leaves it to each port how its symbols become visible.
+// The headers of platform/ with default visibility, because this platform exports what they
+// declare.  The headers themselves leave visibility to each port.
 #pragma once
 
 #pragma GCC visibility push(default)

@@ -15,9 +15,8 @@ using namespace zel::platform;
 namespace {
 
 constexpr uint32_t default_timeout_ms = 5000;
-constexpr uint32_t default_max_message = 16 * 1024 * 1024;
 
-// Responses that arrived and that nobody has asked for yet, oldest first.
+// Responses that have arrived and have not been fetched, oldest first.
 class Inbox {
 public:
     explicit Inbox(uint64_t max_bytes) : max_bytes_(max_bytes) {}
@@ -67,8 +66,8 @@ private:
 };
 
 struct Client {
-    const Endpoint *endpoint;
-    char *place;
+    const ClientOperations *operations;
+    char *location; // owned
     kob_client_options_t options;
     Inbox inbox;
     ClientLink *link = nullptr;
@@ -77,41 +76,41 @@ struct Client {
     int32_t last_error = KOB_OK;
 };
 
-// ---- Handles: an index into this table and, above it, how often the place was used
+// ---- Handles: an index into a table of slots and, above it, how often the slot was used
 
 constexpr uint32_t num_handles = 64;
 constexpr uint32_t index_bits = 8;
 constexpr uint32_t first_index = 2; // 0 is a failure, and 1 says that there is no transport
 
-struct Place {
+struct Slot {
     std::atomic<Client *> client;
     std::atomic<uint32_t> uses;
 };
 
-constinit Place places[num_handles]{};
+constinit Slot slots[num_handles]{};
 
 uint32_t enter(Client *client)
 {
     for (uint32_t i = 0; i < num_handles; ++i) {
         Client *vacant = nullptr;
-        if (places[i].client.compare_exchange_strong(vacant, client))
-            return places[i].uses.load() << index_bits | (first_index + i);
+        if (slots[i].client.compare_exchange_strong(vacant, client))
+            return slots[i].uses.load() << index_bits | (first_index + i);
     }
     return 0;
 }
 
-Place *find_place(uint32_t handle)
+Slot *find_slot(uint32_t handle)
 {
     const uint32_t index = (handle & ((1U << index_bits) - 1)) - first_index;
-    if (index >= num_handles || (places[index].uses.load() << index_bits) != (handle & ~((1U << index_bits) - 1)))
+    if (index >= num_handles || (slots[index].uses.load() << index_bits) != (handle & ~((1U << index_bits) - 1)))
         return nullptr;
-    return &places[index];
+    return &slots[index];
 }
 
 Client *find_client(uint32_t handle)
 {
-    const Place *const place = find_place(handle);
-    return place != nullptr ? place->client.load() : nullptr;
+    const Slot *const slot = find_slot(handle);
+    return slot != nullptr ? slot->client.load() : nullptr;
 }
 
 // ---- Connections
@@ -126,17 +125,17 @@ void disconnect(Client &client)
 {
     if (client.link == nullptr)
         return;
-    client.endpoint->disconnect(client.link);
+    client.operations->disconnect(*client.link);
     client.link = nullptr;
 }
 
-// Saves the responses that a broken connection still holds.
+// Gives up a broken connection; the responses that it still holds go to the inbox.
 void abandon(Client &client)
 {
     if (client.link == nullptr)
         return;
     kob_msg msg{};
-    while (client.endpoint->receive(client.link, msg, Deadline::in(0)) == KOB_OK)
+    while (client.operations->receive(*client.link, msg, Deadline::in(0)) == KOB_OK)
         client.inbox.put(msg);
     disconnect(client);
 }
@@ -145,17 +144,18 @@ int32_t send_once(Client &client, const Frame &frame, const void *payload, const
 {
     if (client.link == nullptr) {
         client.tokens_before_link = client.last_token;
-        const int32_t error = client.endpoint->connect(client.place, client.options.max_message, deadline, client.link);
+        const int32_t error =
+            client.operations->connect(client.location, client.options.max_message, deadline, client.link);
         if (error != KOB_OK)
             return error;
     }
-    const int32_t error = client.endpoint->send(client.link, frame, payload, deadline);
+    const int32_t error = client.operations->send(*client.link, frame, payload, deadline);
     if (error != KOB_OK)
         abandon(client); // it may hold half a message
     return error;
 }
 
-// Sends a request; a connection that turns out to be broken is made anew, once.
+// Sends a request.  If the connection turns out to be broken, connects again, once.
 int32_t send_request(Client &client, Frame frame, const void *payload, kob_msg_t *msg)
 {
     const Deadline deadline = Deadline::in(client.options.timeout_ms);
@@ -186,7 +186,7 @@ int32_t await_response(Client &client, uint32_t token, kob_msg &response, const 
         if (went_over_an_earlier_connection(client, token))
             return KOB_ERR_RESTARTED;
         kob_msg arrived{};
-        const int32_t error = client.endpoint->receive(client.link, arrived, deadline);
+        const int32_t error = client.operations->receive(*client.link, arrived, deadline);
         if (error == KOB_OK)
             client.inbox.put(arrived);
         else if (error != KOB_ERR_TIMEOUT)
@@ -216,9 +216,9 @@ char *gather(const mpkob_segment_t *segments, uint32_t num_segments, uint32_t to
 
 uint32_t kob_open(const char *address, const kob_client_options_t *options, int32_t *error)
 {
-    const char *place = nullptr;
-    const Endpoint *const endpoint = find_endpoint(address, place);
-    if (endpoint == nullptr) {
+    const char *location = nullptr;
+    const Endpoint *const endpoint = find_endpoint(address, location);
+    if (endpoint == nullptr || endpoint->client == nullptr) {
         set_error(error, KOB_ERR_ADDRESS);
         return 0;
     }
@@ -231,28 +231,29 @@ uint32_t kob_open(const char *address, const kob_client_options_t *options, int3
 
     uint32_t handle = 0;
     void *const storage = std::malloc(sizeof(Client));
-    char *const own_place = strdup(place);
-    if (storage != nullptr && own_place != nullptr)
-        handle = enter(new (storage) Client{endpoint, own_place, complete, Inbox(uint64_t{2} * complete.max_message)});
+    char *const own_location = strdup(location);
+    if (storage != nullptr && own_location != nullptr)
+        handle = enter(new (storage)
+                           Client{endpoint->client, own_location, complete, Inbox(uint64_t{2} * complete.max_message)});
     set_error(error, handle != 0 ? KOB_OK : KOB_ERR_MEMORY);
     if (handle == 0) {
-        std::free(own_place);
+        std::free(own_location);
         std::free(storage);
     }
-    return handle; // cppcheck-suppress memleak ; the client owns its place
+    return handle; // cppcheck-suppress memleak ; the client owns its location
 }
 
 void kob_close(uint32_t kob_handle)
 {
-    Place *const place = find_place(kob_handle);
-    Client *const client = place != nullptr ? place->client.load() : nullptr;
+    Slot *const slot = find_slot(kob_handle);
+    Client *const client = slot != nullptr ? slot->client.load() : nullptr;
     if (client == nullptr)
         return;
-    place->uses.fetch_add(1);
-    place->client.store(nullptr);
+    slot->uses.fetch_add(1);
+    slot->client.store(nullptr);
     disconnect(*client);
     client->inbox.clear();
-    std::free(client->place);
+    std::free(client->location);
     std::free(client);
 }
 

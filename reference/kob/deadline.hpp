@@ -23,7 +23,7 @@ public:
 
     bool has_passed() const { return now_ms() >= at_ms_; }
 
-    // For poll() and its kin; never negative, which would stand for ever.
+    // Milliseconds for poll() and epoll_wait(); never negative, which would mean no limit.
     int remaining() const
     {
         const uint64_t now = now_ms();

@@ -1,23 +1,48 @@
-// Which endpoint serves an address.
+// The table of endpoints.
 #include "reference/kob/endpoint.hpp"
 
+#include "reference/kob/unix/endpoint.hpp"
+
+#include <atomic>
 #include <cstring>
 
 namespace zel::platform {
 
-static constexpr const Endpoint *endpoints[] = {&unix_endpoint};
+namespace {
 
-const Endpoint *find_endpoint(const char *address, const char *&place)
+// Filled from the start; what has been entered stays.
+constinit std::atomic<const Endpoint *> endpoints[8] = {&unix_socket::endpoint};
+
+bool has_scheme(const Endpoint &endpoint, const char *scheme, std::size_t length)
 {
-    const char *const colon = std::strchr(address, ':');
+    return std::strlen(endpoint.scheme) == length && std::memcmp(endpoint.scheme, scheme, length) == 0;
+}
+
+} // namespace
+
+bool register_endpoint(const Endpoint &endpoint)
+{
+    for (auto &entry : endpoints) {
+        const Endpoint *present = nullptr;
+        if (entry.compare_exchange_strong(present, &endpoint))
+            return true;
+        if (has_scheme(*present, endpoint.scheme, std::strlen(endpoint.scheme)))
+            return false;
+    }
+    return false;
+}
+
+const Endpoint *find_endpoint(const char *address, const char *&location)
+{
+    const char *const colon = address != nullptr ? std::strchr(address, ':') : nullptr;
     if (colon == nullptr)
         return nullptr;
-    const auto length = static_cast<std::size_t>(colon - address);
-    for (const Endpoint *const endpoint : endpoints) {
-        if (std::strlen(endpoint->scheme) != length || std::memcmp(endpoint->scheme, address, length) != 0)
+    for (const auto &entry : endpoints) {
+        const Endpoint *const endpoint = entry.load();
+        if (endpoint == nullptr || !has_scheme(*endpoint, address, static_cast<std::size_t>(colon - address)))
             continue;
-        place = colon + 1;
-        return endpoint->is_place(place) ? endpoint : nullptr;
+        location = colon + 1;
+        return endpoint->is_location(location) ? endpoint : nullptr;
     }
     return nullptr;
 }

@@ -1,6 +1,7 @@
-// The ways in which a service can be reached: one row per scheme of addresses.
-// Tokens, handles and the order of responses are not an endpoint's business; it
-// carries whole messages between one service and its clients.
+// Endpoints: the ways in which a client reaches a service, one per scheme of addresses.
+//
+// An endpoint carries whole messages between a service and its clients.  Tokens, handles
+// and the order of responses are the business of kob/client.cpp and kob/service.cpp.
 #pragma once
 
 #include "reference/kob/deadline.hpp"
@@ -9,36 +10,59 @@
 
 namespace zel::platform {
 
-struct ClientLink;      // a connection to a service; each endpoint has its own
-struct ServiceEndpoint; // a service and its clients; each endpoint has its own
+// A client's connection, and a service with its connections.  An endpoint derives classes
+// of its own from them, in a namespace of its own.
+struct ClientLink {};
+struct ServiceLink {};
 
-// All of these return KOB_OK or a KOB_ERR_* value.  place is the address behind
-// the scheme.
-struct Endpoint {
-    const char *scheme;
+// All calls that return int32_t return KOB_OK or a KOB_ERR_* value.  location is the address
+// behind the scheme.
 
-    bool (*is_place)(const char *place);
-
-    // A link that fails with anything but KOB_ERR_TIMEOUT while receiving is of no
-    // further use, nor is one that failed while sending.
-    int32_t (*connect)(const char *place, uint32_t max_message, Deadline deadline, ClientLink *&link);
-    int32_t (*send)(ClientLink *link, const Frame &frame, const void *payload, Deadline deadline);
-    int32_t (*receive)(ClientLink *link, kob_msg &msg, Deadline deadline);
-    void (*disconnect)(ClientLink *link);
-
-    // The options are complete: none of them is 0.
-    int32_t (*listen)(const char *place, const kob_service_options_t &options, ServiceEndpoint *&service);
-    int (*descriptor)(const ServiceEndpoint *service);
-    int32_t (*await)(ServiceEndpoint *service, kob_msg &msg, Deadline deadline);
-    int32_t (*reply)(ServiceEndpoint *service, const kob_msg &request, const mpkob_segment_t *segments,
-                     uint32_t num_segments, uint32_t total);
-    void (*close)(ServiceEndpoint *service);
+struct ClientOperations {
+    // A link is of no further use after a failure of send, or after a failure of receive
+    // other than KOB_ERR_TIMEOUT.  disconnect frees it.
+    int32_t (*connect)(const char *location, uint32_t max_message, Deadline deadline, ClientLink *&link);
+    int32_t (*send)(ClientLink &link, const Frame &frame, const void *payload, Deadline deadline);
+    int32_t (*receive)(ClientLink &link, kob_msg &msg, Deadline deadline);
+    void (*disconnect)(ClientLink &link);
 };
 
-extern const Endpoint unix_endpoint;
+// The options of a service that every endpoint has.  None of the numbers is 0.
+struct ServiceLimits {
+    uint32_t max_message;
+    uint32_t max_clients;
+    uint32_t max_queued;
+    uint32_t max_memory;
+    uint32_t idle_ms;
+    kob_refusal_cb_t on_refusal; // may be null
+    void *context;
+};
 
-// The row for an address and, in place, the rest of the address; null when there
-// is none or the rest is not acceptable.
-const Endpoint *find_endpoint(const char *address, const char *&place);
+struct ServiceOperations {
+    // own holds the caller's options, of which the endpoint reads those that only it has.
+    // They may be 0, which stands for the default.  close frees the service.
+    int32_t (*listen)(const char *location, const ServiceLimits &limits, const kob_service_options_t &own,
+                      ServiceLink *&service);
+    int (*descriptor)(const ServiceLink &service);
+    int32_t (*await)(ServiceLink &service, kob_msg &msg, Deadline deadline);
+    int32_t (*reply)(ServiceLink &service, const kob_msg &request, const mpkob_segment_t *segments,
+                     uint32_t num_segments, uint32_t total);
+    void (*close)(ServiceLink &service);
+};
+
+struct Endpoint {
+    const char *scheme;
+    bool (*is_location)(const char *location);
+    const ClientOperations *client;   // null: an endpoint for services alone
+    const ServiceOperations *service; // null: an endpoint for clients alone
+};
+
+// Adds an endpoint, which must stay valid.  False when the table is full or the scheme is
+// taken.  May be called on any thread, at any time.
+bool register_endpoint(const Endpoint &endpoint);
+
+// The endpoint for an address and, in location, the rest of the address.  Null when there is
+// none, or when the endpoint does not accept the location.
+const Endpoint *find_endpoint(const char *address, const char *&location);
 
 } // namespace zel::platform

@@ -1,4 +1,4 @@
-// What every packet of the transport begins with, and what makes one acceptable.
+// The header of every packet of the transport, and the check of a received one.
 #pragma once
 
 #include "zel-platform/kob.h"
@@ -8,15 +8,15 @@
 
 namespace zel::platform {
 
-// Changes with the layout, so that peers that do not fit are told apart.
+// Changes when the layout changes, so that a peer with another layout is refused.
 constexpr uint32_t frame_magic = 0x4b4f4201;
 
 enum class FrameKind : uint16_t { request = 1, response = 2, refusal = 3 };
 
-// A message is one packet, or several in order: each holds the bytes of the
-// payload from its offset on, and the message is whole when total bytes arrived.
+// A message is one packet, or several in order.  Each holds the bytes of the payload from
+// its offset on.  The message is whole when total bytes have arrived.
 struct Frame {
-    uint32_t magic;
+    uint32_t magic; // frame_magic
     FrameKind kind;
     uint16_t in_parts; // 1: sent as a multi-part message, even if it fits in one packet
     uint32_t token;    // pairs a request with its response; never 0

@@ -55,8 +55,9 @@ const char *kob_error_text(int32_t error)
         "interrupted by a signal",
         "argument missing",
         "system error",
+        "the folder of the address does not exist",
     };
-    static_assert(std::size(texts) == KOB_ERR_SYSTEM + 1);
+    static_assert(std::size(texts) == zel::platform::last_error_code + 1);
     return error >= 0 && static_cast<std::size_t>(error) < std::size(texts) ? texts[error] : "unknown transport error";
 }
 
@@ -82,8 +83,8 @@ uint32_t kob_msg_client(const kob_msg_t *msg) { return msg->client; }
 
 uint32_t kob_rr_token_get(void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->token; }
 
-// A message that arrived in parts has been put together, so that readers of
-// responses need not know how they travelled.
+// Also gives the payload of a message that arrived in parts: the readers of responses do not
+// ask how a response came.
 void *kob_payload_get(void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->payload; }
 
 int32_t mpkob_is_mpkob(uint32_t, void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->in_parts != 0 ? 1 : 0; }

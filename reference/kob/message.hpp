@@ -12,25 +12,30 @@ struct kob_msg {
     uint32_t in_parts;
     int32_t refusal;       // KOB_OK, or why the service refused the request
     uint32_t client;       // connection that a request came by
-    uint32_t client_index; // and its place among the service's clients
+    uint32_t client_index; // index of that connection among the service's
     void *payload;         // owned; null when there is none
 };
 
 namespace zel::platform {
 
-// Gives a record another message.  The record takes over from's payload.
+constexpr uint32_t default_max_message = 16 * 1024 * 1024;
+
+// The largest KOB_ERR_* value.
+constexpr uint32_t last_error_code = KOB_ERR_NO_FOLDER;
+
+// Puts another message into a record, which then owns its payload.
 void replace(kob_msg &msg, const kob_msg &from);
 
-// Sets an error that the caller may not want to know.
+// Sets an output that may be null.
 inline void set_error(int32_t *error, int32_t value)
 {
     if (error != nullptr)
         *error = value;
 }
 
-// What is wrong with a whole payload, or null.  Requests are a TLV array;
-// responses a header, after which a TLV array may follow.  Its used length is
-// held against the bytes that are there: no reader of the array could do that.
+// What is wrong with a whole payload, or null.  A request is a TLV array; a response is a
+// header that a TLV array may follow.  Compares the used bytes of the array with the bytes
+// that have arrived, which the readers of an array cannot do.
 const char *payload_fault(FrameKind kind, const void *payload, uint32_t size);
 
 } // namespace zel::platform

@@ -1,5 +1,5 @@
-// The service's half of the transport: completes the options and hands over to
-// the endpoint that the address names.
+// The service's half of the transport: fills in the default options and calls the endpoint
+// that the address names.
 #include "zel-platform/kob_service.h"
 
 #include "reference/kob/endpoint.hpp"
@@ -10,40 +10,38 @@
 using namespace zel::platform;
 
 struct kob_service {
-    const Endpoint *endpoint;
-    ServiceEndpoint *clients;
+    const ServiceOperations *operations;
+    ServiceLink *link;
     uint32_t max_message;
 };
 
 namespace {
 
-void set_default(uint32_t &option, uint32_t value)
+uint32_t either(uint32_t given, uint64_t otherwise)
 {
-    if (option == 0)
-        option = value;
+    return given != 0 ? given : static_cast<uint32_t>(std::min<uint64_t>(otherwise, UINT32_MAX));
 }
 
-kob_service_options_t completed(const kob_service_options_t *given)
+ServiceLimits limits_of(const kob_service_options_t &given)
 {
-    kob_service_options_t options = given != nullptr ? *given : kob_service_options_t{};
-    set_default(options.max_message, 16 * 1024 * 1024);
-    options.max_message = std::min(options.max_message, KOB_MESSAGE_LIMIT);
-    set_default(options.max_clients, 64);
-    set_default(options.max_queued, 2 * options.max_message);
-    set_default(options.max_memory,
-                static_cast<uint32_t>(std::min(uint64_t{4} * options.max_message, uint64_t{UINT32_MAX})));
-    set_default(options.idle_ms, 10000);
-    set_default(options.permissions, 0600);
-    return options;
+    ServiceLimits limits{};
+    limits.max_message = std::min(either(given.max_message, default_max_message), KOB_MESSAGE_LIMIT);
+    limits.max_clients = either(given.max_clients, 64);
+    limits.max_queued = either(given.max_queued, uint64_t{2} * limits.max_message);
+    limits.max_memory = either(given.max_memory, uint64_t{4} * limits.max_message);
+    limits.idle_ms = either(given.idle_ms, 10000);
+    limits.on_refusal = given.on_refusal;
+    limits.context = given.context;
+    return limits;
 }
 
 } // namespace
 
 kob_service_t *kob_service_open(const char *address, const kob_service_options_t *options, int32_t *error)
 {
-    const char *place = nullptr;
-    const Endpoint *const endpoint = find_endpoint(address, place);
-    if (endpoint == nullptr) {
+    const char *location = nullptr;
+    const Endpoint *const endpoint = find_endpoint(address, location);
+    if (endpoint == nullptr || endpoint->service == nullptr) {
         set_error(error, KOB_ERR_ADDRESS);
         return nullptr;
     }
@@ -52,10 +50,11 @@ kob_service_t *kob_service_open(const char *address, const kob_service_options_t
         set_error(error, KOB_ERR_MEMORY);
         return nullptr;
     }
-    const kob_service_options_t complete = completed(options);
-    service->endpoint = endpoint;
-    service->max_message = complete.max_message;
-    const int32_t code = endpoint->listen(place, complete, service->clients);
+    const kob_service_options_t given = options != nullptr ? *options : kob_service_options_t{};
+    const ServiceLimits limits = limits_of(given);
+    service->operations = endpoint->service;
+    service->max_message = limits.max_message;
+    const int32_t code = endpoint->service->listen(location, limits, given, service->link);
     set_error(error, code);
     if (code == KOB_OK)
         return service;
@@ -63,13 +62,15 @@ kob_service_t *kob_service_open(const char *address, const kob_service_options_t
     return nullptr;
 }
 
-int kob_service_fd(const kob_service_t *service) { return service->endpoint->descriptor(service->clients); }
+int kob_service_fd(const kob_service_t *service) { return service->operations->descriptor(*service->link); }
 
 int32_t kob_service_receive(kob_service_t *service, kob_msg_t *msg, int32_t timeout_ms)
 {
+    if (msg == nullptr)
+        return KOB_ERR_ARGUMENT;
     const Deadline deadline = timeout_ms < 0 ? Deadline::never() : Deadline::in(static_cast<uint32_t>(timeout_ms));
     kob_msg request{};
-    const int32_t error = service->endpoint->await(service->clients, request, deadline);
+    const int32_t error = service->operations->await(*service->link, request, deadline);
     if (error == KOB_OK)
         replace(*msg, request);
     return error;
@@ -83,13 +84,13 @@ int32_t kob_service_reply(kob_service_t *service, const kob_msg_t *request, cons
         total += segments[i].length;
     if (total > service->max_message)
         return KOB_ERR_TOO_LARGE;
-    return service->endpoint->reply(service->clients, *request, segments, num_segments, static_cast<uint32_t>(total));
+    return service->operations->reply(*service->link, *request, segments, num_segments, static_cast<uint32_t>(total));
 }
 
 void kob_service_close(kob_service_t *service)
 {
     if (service == nullptr)
         return;
-    service->endpoint->close(service->clients);
+    service->operations->close(*service->link);
     std::free(service);
 }

@@ -1,7 +1,7 @@
-// The converter between records and elements, driven by description tables.
-// Tables are the library's and trusted; bodies are anybody's.
+// The converter between records and elements, driven by description tables.  Tables come
+// from the library and are trusted; bodies come from anywhere and are not.
 #include "reference/contract.hpp"
-#include "zel-platform/tlv_check.h"
+#include "reference/tlv/array.hpp"
 #include "zel-platform/tlv_field.h"
 #include "zel.h"
 
@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+using namespace zel::platform;
 
 namespace {
 
@@ -37,7 +39,7 @@ private:
 
 bool is_record_array(const zel_table_row_t &row) { return row.kind == ZEL_FIELD_RECORD_ARRAY; }
 
-// The count function's result is signed; less than nothing is nothing.
+// The count function's result is signed; a negative number counts as 0.
 uint32_t count_of(const zel_table_row_t &row, const void *record)
 {
     return static_cast<uint32_t>(std::max(row.count(record), 0));
@@ -70,28 +72,25 @@ uint64_t size_of_elements(const Table &table, const char *record)
 
 int32_t write_elements(const Table &table, const char *record, void *array, uint32_t capacity);
 
-// Writes a nested record where its element's value will be, so that it is not copied.
+// Writes a nested record in its element's place in the array, without a copy.
 int32_t write_nested(const zel_table_row_t &row, const char *record, void *array, uint32_t capacity)
 {
     const uint64_t length = TLV_ARRAY_OVERHEAD + size_of_elements(Table(row.nested), record);
     if (length > UINT16_MAX)
         return TLVU_NO_ROOM;
-    uint32_t used;
-    std::memcpy(&used, array, sizeof used);
+    const uint32_t used = used_bytes(array);
     const uint32_t size = TLV_ELEMENT_OVERHEAD + static_cast<uint32_t>(length);
     if (size > capacity - TLV_ARRAY_OVERHEAD - used)
         return TLVU_NO_ROOM;
 
-    char *const element = static_cast<char *>(array) + TLV_ARRAY_OVERHEAD + used;
-    const uint16_t header[] = {static_cast<uint16_t>(row.element), static_cast<uint16_t>(length)};
-    std::memcpy(element, header, sizeof header);
-    char *const nested = element + TLV_ELEMENT_OVERHEAD;
-    std::memset(nested, 0, TLV_ARRAY_OVERHEAD);
+    auto *const element = static_cast<unsigned char *>(array) + TLV_ARRAY_OVERHEAD + used;
+    write_header(element, {static_cast<uint16_t>(row.element), static_cast<uint16_t>(length)});
+    unsigned char *const nested = element + TLV_ELEMENT_OVERHEAD;
+    set_used_bytes(nested, 0);
     const int32_t code = write_elements(Table(row.nested), record, nested, static_cast<uint32_t>(length));
     if (code != TLVU_OK)
         return code;
-    used += size;
-    std::memcpy(array, &used, sizeof used);
+    set_used_bytes(array, used + size);
     return TLVU_OK;
 }
 
@@ -99,9 +98,8 @@ int32_t write_elements(const Table &table, const char *record, void *array, uint
 {
     for (const zel_table_row_t *row = table.begin(); !Table::is_end(row); ++row) {
         if (!is_record_array(*row)) {
-            if (row->size > UINT16_MAX ||
-                tlv_array_add_tlv(array, capacity, static_cast<uint16_t>(row->element),
-                                  static_cast<uint16_t>(row->size), record + row->offset, 0) != TLV_OK)
+            if (row->size > UINT16_MAX || append(array, capacity, static_cast<uint16_t>(row->element),
+                                                 static_cast<uint16_t>(row->size), record + row->offset) != TLV_OK)
                 return TLVU_NO_ROOM;
             continue;
         }
@@ -119,7 +117,7 @@ int32_t write_elements(const Table &table, const char *record, void *array, uint
 
 // ---- From elements to record
 
-// The elements of an array that a table knows.
+// The elements of an array that have a row in a table.
 class Elements {
 public:
     Elements(const void *array, const Table &table, uint32_t cursor = 0) : array_(array), table_(table), cursor_(cursor)
@@ -129,7 +127,7 @@ public:
     int32_t next()
     {
         for (;;) {
-            const int32_t status = tlv_array_get_next_tlv(array_, &type, &length, &value, 0, &cursor_);
+            const int32_t status = zel::platform::next(array_, cursor_, type, length, value);
             if (status != TLV_OK)
                 return status == TLV_END ? TLVU_END : TLVU_DAMAGED;
             row = table_.find(type);
@@ -151,14 +149,15 @@ private:
     uint32_t cursor_;
 };
 
-// The field holds zeros already, where a shorter value ends.
+// Copies a value into its field, which is zero-filled: a shorter value leaves zeros behind
+// it, and the bytes of a longer one beyond the field are ignored.
 void fill_field(void *field, const Elements &from)
 {
     std::memcpy(field, from.value, std::min<uint32_t>(from.length, from.row->size));
 }
 
-// Bytes of the block that a body converts to, or a code.  Whatever is measured
-// here is sound and needs no second look.
+// Adds the bytes of the block that a body converts to.  Also checks the whole body, so that
+// the functions below need not.
 int32_t measure(const Table &table, const void *body, uint64_t &size)
 {
     size += table.record_size();
@@ -175,7 +174,7 @@ int32_t measure(const Table &table, const void *body, uint64_t &size)
     return code == TLVU_END ? TLVU_OK : code;
 }
 
-// Hands out a zero-filled block from its start to its end.
+// A zero-filled block of memory that is given out from its start to its end.
 struct Block {
     char *next;
 
@@ -200,7 +199,7 @@ int32_t read_record(const Table &table, const void *body, char *record, Block &b
 int32_t read_nested(const Table &table, const void *body, const zel_table_row_t &row, char *record, Block &block)
 {
     const uint32_t count = count_elements(table, body, &row);
-    // Less than nothing is no number of records here: whoever reads the field unsigned takes it for many.
+    // A negative count is refused here: a reader of the unsigned field would take it for a large one.
     if (row.count(record) != int64_t{count})
         return TLVU_COUNT;
     char *nested = count != 0 ? block.take(uint64_t{count} * row.width) : nullptr;
@@ -217,7 +216,7 @@ int32_t read_nested(const Table &table, const void *body, const zel_table_row_t 
     return TLVU_OK;
 }
 
-// Fields first: they hold the numbers of the records.
+// Fields first, because the numbers of records are fields.
 int32_t read_record(const Table &table, const void *body, char *record, Block &block)
 {
     for (Elements elements(body, table); elements.next() == TLVU_OK;) {
@@ -233,7 +232,8 @@ int32_t read_record(const Table &table, const void *body, char *record, Block &b
     return TLVU_OK;
 }
 
-// Bytes of the block, for a body that may be measured; at most what an int32_t holds.
+// Checks a body and measures the block that it converts to, which has at most INT32_MAX bytes.
+// body_size 0: the body's own used bytes are its size.
 int32_t checked_size(const Table &table, const void *body, uintptr_t body_size, uint32_t &size)
 {
     if (body == nullptr)
@@ -259,17 +259,15 @@ int32_t tlvu_table_convert_struct_to_tlv(void *tlv, uintptr_t capacity, const vo
     const auto room = static_cast<uint32_t>(std::min<uintptr_t>(capacity, UINT32_MAX));
     if (tlv_array_check(tlv, room) != TLV_OK)
         return room < TLV_ARRAY_OVERHEAD ? TLVU_NO_ROOM : TLVU_DAMAGED;
-    uint32_t used;
-    std::memcpy(&used, tlv, sizeof used);
+    const uint32_t used = used_bytes(tlv);
     const int32_t code = write_elements(Table(table), static_cast<const char *>(record), tlv, room);
     if (code != TLVU_OK) {
-        std::memcpy(tlv, &used, sizeof used); // none rather than some
+        set_used_bytes(tlv, used); // none rather than some
         return code;
     }
     if (written != nullptr) {
-        std::memcpy(&used, tlv, sizeof used);
-        used += TLV_ARRAY_OVERHEAD;
-        std::memcpy(written, &used, sizeof used);
+        const uint32_t bytes = TLV_ARRAY_OVERHEAD + used_bytes(tlv);
+        std::memcpy(written, &bytes, sizeof bytes);
     }
     return TLVU_OK;
 }

@@ -15,10 +15,11 @@
 
 using zel::platform::TraceSwitch;
 
-// An application type is a number that the service's users agree on; what it
-// stands for is not known here, so the rows carry the number.
+// What an application type stands for is an agreement between a service and its users, so
+// the names are the numbers.
 const char *const g_applications[] = {"app0", "app1", "app2",  "app3",  "app4",  "app5",  "app6",  "app7",
                                       "app8", "app9", "app10", "app11", "app12", "app13", "app14", "app15"};
+const uint32_t g_num_applications = std::size(g_applications);
 
 const char trc_dbg_modname[] = "zel";
 
@@ -33,14 +34,15 @@ struct Event {
     char text[text_size];
 };
 
-// The latest events; num_recorded counts all there ever were.
+// The latest events.  num_recorded counts all that were ever recorded.
 constexpr uint32_t history_size = 256;
 Event history[history_size];
 uint32_t num_recorded = 0;
 pthread_mutex_t history_lock = PTHREAD_MUTEX_INITIALIZER;
 
-// Once a log was opened this number stays; what it stands for is exchanged
-// under it, so that no writer ever holds a number that has been closed.
+// The descriptor of the log; -1 before the first one is opened.  From then on the number stays
+// the same, and dup3() puts another file behind it, so that no thread writes to a descriptor
+// that has been closed and used again for something else.
 std::atomic<int> log_file{-1};
 
 constinit TraceSwitch switches[] = {TraceSwitch(true), TraceSwitch(false), TraceSwitch(false)};
@@ -63,7 +65,7 @@ void copy_text(char (&text)[text_size], const void *record, uint32_t length)
     text[copied] = '\0';
 }
 
-// Texts may bring their own newline, or several; a line gets exactly one.
+// A line of output.  Ends with exactly one newline, however many the text has.
 struct Line {
     char text[text_size + 128];
     std::size_t length = 0;
@@ -79,7 +81,7 @@ struct Line {
         grow(std::vsnprintf(text + length, room(), format, arguments)); // NOLINT(clang-analyzer-valist.Uninitialized)
     }
 
-    // In one piece, so that lines of several processes do not mix.
+    // With a single write(), so that the lines of several processes do not mix.
     bool write_to(int fd)
     {
         while (length > 0 && text[length - 1] == '\n')
@@ -165,7 +167,7 @@ void trc_his_log_event_for_uuid_inst(uint32_t log, uint32_t module, uint32_t ins
     line.write_to(file);
 }
 
-// ---- What goes where
+// ---- Selection of destinations
 
 int32_t zel_trace_select(uint32_t destination, const char *ids)
 {
@@ -208,7 +210,7 @@ int32_t zel_trace_init(void)
 
 int32_t zel_trace_dump(int fd)
 {
-    // Copied event by event, so that no writer waits for the descriptor.
+    // Copies one event at a time, so that no other thread waits until the descriptor is written.
     pthread_mutex_lock(&history_lock);
     const uint32_t end = num_recorded;
     pthread_mutex_unlock(&history_lock);

@@ -1,4 +1,4 @@
-// A set of trace ids that any thread may ask and change.
+// A set of trace ids, which any thread may read and change at any time.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@ public:
 
     constexpr explicit TraceSwitch(bool takes_all) : takes_all_(takes_all) {}
 
-    // "all" reaches beyond the ids that can be named.
+    // "all" includes ids of num_ids and above, which cannot be named.
     bool takes(uint32_t id) const
     {
         if (takes_all_.load(std::memory_order_relaxed))

@@ -1,272 +1,222 @@
-// The balanced tree.  For the library's own keys it is a table, which costs a fraction
-// of what any tree does; see there.
+// The tree of platform/avl_tree.h: AVL trees in a hash table.
 //
-// A node is the two links at the start of an entry: pointers whose lowest bit
-// says that the subtree on this side is the taller one.  There is no way up, so
-// a change walks down once and remembers what it needs.
+// Up to few_entries entries lie in one AVL tree, whose root is the handle's.  A larger
+// tree is split by a hash of the keys' bytes into 2^k AVL trees, the buckets, so that
+// most operations look at one or two entries.  Whatever the keys are, no operation costs
+// more than in a single AVL tree: if all keys fall into one bucket, that bucket is one.
+//
+// Buckets that hold entries are in a list, in the order in which they got their first
+// entry.  The root is an entry of the first bucket in the list, so that deleting the root
+// until the tree is empty frees entries in about the order of their insertion.  That is
+// what makes the allocator fast.
+//
+// The array of buckets is allocated on growth and freed when the tree becomes empty.
 #include "reference/contract.hpp"
-#include "reference/tree/key_table.hpp"
+#include "reference/expect.hpp"
+#include "reference/tree/avl.hpp"
 #include "zel.h"
 
-// Absent from a program without the library.
-#pragma weak zel_mat_cache_comp_func
+#include <cstdlib>
+#include <cstring>
+
+using namespace zel::platform;
+using avl::Link;
+using avl::Node;
 
 namespace {
 
-using Word [[gnu::may_alias]] = uintptr_t;
+constexpr uint32_t few_entries = 16;
+constexpr uint32_t first_num_buckets = 32;
+constexpr uint32_t max_num_buckets = uint32_t{1} << 30;
+constexpr uint32_t growth = 8;             // times as many buckets
+constexpr uint32_t entries_per_bucket = 1; // on average, before the next growth
 
-constexpr uintptr_t lean_bit = 1;
-
-enum Side : unsigned { left = 0, right = 1 };
-
-struct [[gnu::may_alias]] Node {
-    uintptr_t link[2];
+struct Bucket {
+    Link root;
+    uint32_t next; // index in the list of buckets that hold entries
+    uint32_t previous;
 };
-static_assert(sizeof(Node) <= 16);
+
+// The bucket at index 0 has no entries: it is the start and the end of the list.
+constexpr uint32_t list_head = 0;
 
 // How the tree uses the words of ravl_tree_t.
 struct [[gnu::may_alias]] Tree {
-    uintptr_t root;
-    ravl_compare_t compare; // null in a table
-    uintptr_t key_offset;
+    Link root; // of the AVL tree, or any entry when there are buckets
+    avl::KeyOrder order;
+    uintptr_t num_entries;
+    uintptr_t grow_above; // number of entries above which the tree grows
+    Bucket *buckets;      // num_buckets and the list's head
+    uint32_t num_buckets; // a power of two; 0: a single AVL tree
+    uint32_t key_size;
 };
+static_assert(sizeof(Tree) <= sizeof(ravl_tree_t));
 
-Node *target(uintptr_t link)
+Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
+
+uint32_t word_at(const void *bytes, uint32_t offset)
 {
-    // The tag lives in the pointer, so it has to be an integer now and then.
-    return reinterpret_cast<Node *>(link & ~lean_bit); // NOLINT(performance-no-int-to-ptr)
+    uint32_t word;
+    std::memcpy(&word, static_cast<const char *>(bytes) + offset, sizeof word);
+    return word;
 }
 
-Side other(Side side) { return side == left ? right : left; }
+uint32_t combine(uint32_t hash, uint32_t next) { return hash * 0x9e3779b1 + next; }
 
-// Makes a link lead elsewhere.  Its lean bit belongs to the node that it is in.
-void redirect(Word *link, const Node *node) { *link = reinterpret_cast<uintptr_t>(node) | (*link & lean_bit); }
-
-bool leans(const Node *node, Side side) { return (node->link[side] & lean_bit) != 0; }
-
-bool is_even(const Node *node) { return ((node->link[left] | node->link[right]) & lean_bit) == 0; }
-
-void lean(Node *node, Side side) { node->link[side] |= lean_bit; }
-
-void straighten(Node *node, Side side) { node->link[side] &= ~lean_bit; }
-
-const void *key_of(const Tree &tree, const Node *node)
+uint32_t hash_of_any(const void *key, uint32_t size)
 {
-    return reinterpret_cast<const char *>(node) + tree.key_offset;
+    uint32_t hash = 0;
+    uint32_t at = 0;
+    for (; size - at >= sizeof(uint32_t); at += sizeof(uint32_t))
+        hash = combine(hash, word_at(key, at));
+    for (; at != size; ++at)
+        hash = combine(hash, static_cast<const unsigned char *>(key)[at]);
+    return hash;
 }
 
-enum Order : uint32_t { equal = 0, sorts_after = 1, sorts_before = 2 };
-
-// ---- Balance
-
-// Brings a node into balance whose subtree on a side is taller by two.  Returns
-// the node that takes its place; that is even unless the height stays the same.
-Node *rotate(Node *top, Side side)
+// Adjacent values of a key's last word give adjacent hashes, and so adjacent buckets:
+// ids that count up are entered and freed in the order of memory.
+uint32_t hash_of(const void *key, uint32_t size)
 {
-    const Side opposite = other(side);
-    Node *const child = target(top->link[side]);
-    if (!leans(child, opposite)) {
-        const uintptr_t still_leaning = is_even(child) ? lean_bit : 0;
-        top->link[side] = reinterpret_cast<uintptr_t>(target(child->link[opposite])) | still_leaning;
-        child->link[opposite] = reinterpret_cast<uintptr_t>(top) | still_leaning;
-        straighten(child, side);
-        return child;
-    }
-    Node *const grandchild = target(child->link[opposite]);
-    child->link[opposite] = reinterpret_cast<uintptr_t>(target(grandchild->link[side]));
-    top->link[side] = reinterpret_cast<uintptr_t>(target(grandchild->link[opposite]));
-    if (leans(grandchild, side))
-        lean(top, opposite);
-    else if (leans(grandchild, opposite))
-        lean(child, side);
-    grandchild->link[side] = reinterpret_cast<uintptr_t>(child);
-    grandchild->link[opposite] = reinterpret_cast<uintptr_t>(top);
-    return grandchild;
+    constexpr uint32_t three_words = 12; // the library's keys
+    const uint32_t hash = expect(size == three_words)
+                              ? combine(combine(word_at(key, 0), word_at(key, 4)), word_at(key, 8))
+                              : hash_of_any(key, size);
+    return hash ^ hash >> 16; // the lower bits choose the bucket
 }
 
-// ---- Looking up and inserting
-
-[[gnu::noinline]] Node *find(const Tree &tree, const void *key)
+Bucket &bucket_of(const Tree &tree, const void *key)
 {
-    Node *node = target(tree.root);
-    while (node != nullptr) {
-        const uint32_t order = tree.compare(key, key_of(tree, node));
-        if (order == equal)
-            return node;
-        node = target(node->link[order == sorts_after ? right : left]);
-    }
-    return nullptr;
+    return tree.buckets[1 + (hash_of(key, tree.key_size) & (tree.num_buckets - 1))];
 }
 
-// All nodes between the deepest leaning one, which a link leads to, and a new leaf were
-// even and lean now.
-void rebalance_above(const Tree &tree, Word *leaning, const Node *leaf)
+// ---- The list of buckets that hold entries
+
+void append(Tree &tree, Bucket &bucket)
 {
-    const void *const key = key_of(tree, leaf);
-    const auto way_down = [&](const Node *node) {
-        return tree.compare(key, key_of(tree, node)) == sorts_after ? right : left;
-    };
-    Node *const top = target(*leaning);
-    const Side side = way_down(top);
-    for (Node *node = target(top->link[side]); node != leaf;) {
-        const Side next = way_down(node);
-        lean(node, next);
-        node = target(node->link[next]);
-    }
-    if (leans(top, other(side)))
-        straighten(top, other(side));
-    else if (!leans(top, side))
-        lean(top, side);
-    else
-        redirect(leaning, rotate(top, side));
+    Bucket &head = tree.buckets[list_head];
+    const auto index = static_cast<uint32_t>(&bucket - tree.buckets);
+    bucket.next = list_head;
+    bucket.previous = head.previous;
+    tree.buckets[head.previous].next = index;
+    head.previous = index;
 }
 
-[[gnu::noinline]] bool insert(Tree &tree, Node *entry)
+void unlink(Tree &tree, const Bucket &bucket)
 {
-    Word *link = &tree.root;
-    Word *leaning = link;
-    while (Node *const node = target(*link)) {
-        const uint32_t order = tree.compare(key_of(tree, entry), key_of(tree, node));
-        if (order == equal)
-            return false;
-        if (!is_even(node))
-            leaning = link;
-        link = &node->link[order == sorts_after ? right : left];
-    }
-    *entry = {};
-    redirect(link, entry);
-    if (link != &tree.root)
-        rebalance_above(tree, leaning, entry);
+    tree.buckets[bucket.previous].next = bucket.next;
+    tree.buckets[bucket.next].previous = bucket.previous;
+}
+
+// The head's root is null, and so is the tree's when the list is empty.
+void update_root(Tree &tree) { tree.root = tree.buckets[tree.buckets[list_head].next].root; }
+
+// ---- Operations on the buckets
+
+bool insert_into_buckets(Tree &tree, Node *entry)
+{
+    Bucket &bucket = bucket_of(tree, tree.order.key_of(entry));
+    const bool was_empty = bucket.root == 0;
+    if (!avl::insert(bucket.root, tree.order, entry))
+        return false;
+    if (was_empty)
+        append(tree, bucket);
+    update_root(tree);
     return true;
 }
 
-// ---- Deleting
-
-// The links from the root down to a node.
-struct Path {
-    // A tree of height 96 has more nodes than an address space has room for.
-    Word *links[96];
-    unsigned length = 0;
-
-    void push(Word *link) { links[length++] = link; }
-    Word *pop() { return links[--length]; }
-};
-
-// The link to an entry, or null when this tree does not hold it.
-Word *descend_to(Tree &tree, const Node *entry, Path &path)
+bool remove_from_buckets(Tree &tree, Node *entry)
 {
-    Word *link = &tree.root;
-    for (Node *node = target(*link); node != entry; node = target(*link)) {
-        const uint32_t order = node == nullptr ? equal : tree.compare(key_of(tree, entry), key_of(tree, node));
-        if (order == equal)
-            return nullptr;
-        path.push(link);
-        link = &node->link[order == sorts_after ? right : left];
-    }
-    return link;
+    // The root lies in the first bucket.
+    const bool is_root = tree.root == reinterpret_cast<uintptr_t>(entry);
+    Bucket &bucket = is_root ? tree.buckets[tree.buckets[list_head].next] : bucket_of(tree, tree.order.key_of(entry));
+    if (!avl::remove(bucket.root, tree.order, entry))
+        return false;
+    if (bucket.root == 0)
+        unlink(tree, bucket);
+    update_root(tree);
+    return true;
 }
 
-// Takes the entry's neighbour out of its taller subtree and puts it in the entry's
-// place.  Returns the link behind which the tree has become lower.
-Word *replace_by_neighbour(Word *link, Node *entry, Path &path)
-{
-    const Side side = leans(entry, right) ? right : left;
-    path.push(link);
-    const unsigned below_entry = path.length;
-    Word *shrunk = &entry->link[side];
-    Node *neighbour = target(*shrunk);
-    while (Node *const nearer = target(neighbour->link[other(side)])) {
-        path.push(shrunk);
-        shrunk = &neighbour->link[other(side)];
-        neighbour = nearer;
-    }
-    redirect(shrunk, target(neighbour->link[side]));
-    *neighbour = *entry;
-    redirect(link, neighbour);
-    // The path ran through the entry's link and runs through the neighbour's now.
-    if (path.length == below_entry)
-        return &neighbour->link[side];
-    path.links[below_entry] = &neighbour->link[side];
-    return shrunk;
-}
+// ---- Growth
 
-void rebalance_up(Path &path, const Word *shrunk)
+void move_into_buckets(Tree &tree, Node *node)
 {
-    while (path.length != 0) {
-        Word *const link = path.pop();
-        Node *const node = target(*link);
-        const Side side = shrunk == &node->link[right] ? right : left;
-        if (leans(node, side)) {
-            straighten(node, side);
-        } else if (!leans(node, other(side))) {
-            lean(node, other(side));
-            return;
-        } else {
-            Node *const top = rotate(node, other(side));
-            redirect(link, top);
-            if (!is_even(top))
-                return;
-        }
-        shrunk = link;
-    }
-}
-
-[[gnu::noinline]] void remove(Tree &tree, Node *entry)
-{
-    Path path;
-    Word *link = descend_to(tree, entry, path);
-    if (link == nullptr)
+    if (node == nullptr)
         return;
-    Node *const left_child = target(entry->link[left]);
-    Node *const right_child = target(entry->link[right]);
-    if (left_child != nullptr && right_child != nullptr)
-        link = replace_by_neighbour(link, entry, path);
-    else
-        redirect(link, left_child != nullptr ? left_child : right_child);
-    rebalance_up(path, link);
+    const Node links = *node; // insertion overwrites them
+    move_into_buckets(tree, avl::target(links.link[avl::left]));
+    insert_into_buckets(tree, node);
+    move_into_buckets(tree, avl::target(links.link[avl::right]));
 }
 
-// ---- A tree or a table
+// Allocates more buckets and moves all entries there.  Without memory, the tree stays as it
+// is and tries again when it holds twice as many entries.
+void grow(Tree &tree)
+{
+    const Tree before = tree;
+    tree.grow_above = 2 * before.grow_above;
+    if (before.num_buckets > max_num_buckets / growth)
+        return;
+    const uint32_t num_buckets = before.num_buckets == 0 ? first_num_buckets : growth * before.num_buckets;
+    auto *const buckets = static_cast<Bucket *>(std::calloc(std::size_t{num_buckets} + 1, sizeof(Bucket)));
+    if (buckets == nullptr)
+        return;
+    tree.buckets = buckets;
+    tree.num_buckets = num_buckets;
+    tree.grow_above = uintptr_t{entries_per_bucket} * num_buckets;
+    if (before.num_buckets == 0)
+        return move_into_buckets(tree, avl::target(before.root));
+    for (uint32_t i = before.buckets[list_head].next; i != list_head; i = before.buckets[i].next)
+        move_into_buckets(tree, avl::target(before.buckets[i].root));
+    std::free(before.buckets);
+}
 
-Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
-KeyTable &as_table(ravl_tree *tree) { return *reinterpret_cast<KeyTable *>(tree); }
-
-// Nearly always a table, and a few instructions then, among which a tree's would cost
-// registers: hence the hints below, and functions of their own for the tree.
-bool is_table(ravl_tree *tree) { return as_table(tree).is_table(); }
+// Frees the buckets of an empty tree, because nothing tears a handle down.
+void shrink(Tree &tree)
+{
+    std::free(tree.buckets);
+    tree.buckets = nullptr;
+    tree.num_buckets = 0;
+    tree.grow_above = few_entries;
+}
 
 } // namespace
 
-int32_t ravl_init(ravl_tree *tree, uint32_t, uint32_t key_offset, ravl_compare_t compare)
+int32_t ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
     *tree = {};
-    if (compare == zel_mat_cache_comp_func && key_offset == offsetof(KeyTable::Entry, key))
-        return 0;
-    as_tree(tree).compare = compare;
-    as_tree(tree).key_offset = key_offset;
+    as_tree(tree) = {0, {compare, key_offset}, 0, few_entries, nullptr, 0, key_size};
     return 0;
 }
 
-// These two in place wherever this is compiled together with the library.
-[[gnu::used, gnu::always_inline]] inline int32_t ravl_insert(ravl_tree *tree, void *entry)
+int32_t ravl_insert(ravl_tree *tree, void *entry)
 {
-    if (is_table(tree)) [[likely]]
-        return as_table(tree).insert(static_cast<KeyTable::Entry *>(entry));
-    return insert(as_tree(tree), static_cast<Node *>(entry));
+    Tree &self = as_tree(tree);
+    auto *const node = static_cast<Node *>(entry);
+    const bool is_new =
+        self.num_buckets == 0 ? avl::insert(self.root, self.order, node) : insert_into_buckets(self, node);
+    if (!is_new)
+        return 0;
+    if (!expect(++self.num_entries <= self.grow_above))
+        grow(self);
+    return 1;
 }
 
-[[gnu::used, gnu::always_inline]] inline void *ravl_lookup(ravl_tree *tree, const void *key)
+void *ravl_lookup(ravl_tree *tree, const void *key)
 {
-    if (is_table(tree)) [[likely]]
-        return as_table(tree).find(*static_cast<const zel_mat_cache_key_t *>(key));
-    return find(as_tree(tree), key);
+    const Tree &self = as_tree(tree);
+    return avl::find(self.num_buckets == 0 ? self.root : bucket_of(self, key).root, self.order, key);
 }
 
 void ravl_delete(ravl_tree *tree, void *entry)
 {
-    if (is_table(tree)) [[likely]]
-        return as_table(tree).remove(static_cast<KeyTable::Entry *>(entry));
-    remove(as_tree(tree), static_cast<Node *>(entry));
+    Tree &self = as_tree(tree);
+    auto *const node = static_cast<Node *>(entry);
+    const bool was_there =
+        self.num_buckets == 0 ? avl::remove(self.root, self.order, node) : remove_from_buckets(self, node);
+    if (was_there && --self.num_entries == 0)
+        shrink(self);
 }
 
 int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

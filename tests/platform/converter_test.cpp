@@ -92,6 +92,51 @@ TEST(Converter, OtherElementsAreUnderstoodAndOtherCountsRefused)
         EXPECT_EQ(decode(array_with({{155, count}, {156, entry}, {156, entry}}), block), TLVU_COUNT);
 }
 
+// One byte outside a field would be seen in the field's surroundings.
+TEST(Converter, LongValuesStayWithinTheirFields)
+{
+    const std::pair<const void *, const zel_table_row_t *> tables[] = {
+        {&zel_stats_tbl, zel_stats_tbl.rows},
+        {&zel_stat_result_entry_tbl, zel_stat_result_entry_tbl.rows},
+        {&zel_stat_results_tbl, zel_stat_results_tbl.rows},
+    };
+    for (const auto &[described, rows] : tables) {
+        for (const auto *row = rows; row->element != ZEL_FIELD_NONE; ++row) {
+            if (row->kind == ZEL_FIELD_RECORD_ARRAY)
+                continue;
+            SCOPED_TRACE(row->element);
+            Bytes value(row->size + 100, 0xff);
+            std::fill_n(value.begin(), row->size, static_cast<unsigned char>(row->element == 155 ? 0 : 1));
+            const Bytes body = array_with({{static_cast<uint16_t>(row->element), value}});
+            int32_t size = 0;
+            ASSERT_EQ(tlvu_table_get_struct_size_from_tlv(&size, body.data(), 0, described), TLVU_OK);
+            Bytes bytes(static_cast<std::size_t>(size) + 200, 0xee);
+            Bytes expected = bytes;
+            std::fill_n(expected.begin(), size, static_cast<unsigned char>(0));
+            std::copy_n(value.begin(), row->size, expected.begin() + static_cast<std::ptrdiff_t>(row->offset));
+            void *record = bytes.data();
+            ASSERT_EQ(tlvu_table_convert_tlv_to_struct(&record, body.data(), bytes.size(), described, 1), TLVU_OK);
+            EXPECT_EQ(bytes, expected);
+
+            Bytes field(row->size + 200, 0xee);
+            Bytes expected_field = field;
+            std::copy_n(value.begin(), row->size, expected_field.begin());
+            ASSERT_EQ(tlvu_get_field(body.data(), 0, row->element, field.data(), row->size, described), TLVU_OK);
+            EXPECT_EQ(field, expected_field);
+        }
+    }
+}
+
+TEST(Converter, MissingPointersAreNamed)
+{
+    const Bytes body = encode({});
+    void *record = nullptr;
+    EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, body.data(), 1000, table, 1), TLVU_ARGUMENT);
+    for (const uintptr_t caller_owned : {0U, 1U})
+        EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, nullptr, 1000, table, caller_owned), TLVU_ARGUMENT);
+    EXPECT_EQ(tlvu_field_itr_init(&record, nullptr, 0, table, 0, 0), TLVU_ARGUMENT);
+}
+
 TEST(Converter, WritesAllOrNothing)
 {
     std::vector<Entry> entries = some_entries(2);

@@ -1,5 +1,11 @@
 // TLV arrays: what goes in comes out, and no array, whatever it claims, is left.
 #include "bytes.hpp"
+#include "reference/tlv/array.hpp"
+
+#include <algorithm>
+#include <span>
+
+using namespace zel::platform;
 
 namespace {
 
@@ -55,6 +61,65 @@ TEST(TlvArray, NoBytesLeadOutside)
         ASSERT_EQ(status, size == array.size() ? TLV_END : TLV_DAMAGED);
         ASSERT_EQ(tlv_array_get_num_tlvs(array.data(), 0), elements.size() + (status == TLV_END ? 0 : 1));
     }
+}
+
+// next_is() finds what tlv_array_get_next_tlv() reads, and nothing else.
+void expect_only_at(const Bytes &array, uint32_t cursor, const Element *expected)
+{
+    for (uint16_t type = 0; type < 8; ++type) {
+        for (uint16_t length = 0; length < 70; ++length) {
+            uint32_t behind = cursor;
+            const void *value = nullptr;
+            const bool is_expected =
+                expected != nullptr && expected->first == type && expected->second.size() == length;
+            ASSERT_EQ(next_is(array.data(), behind, type, length, value), is_expected);
+            ASSERT_EQ(behind, is_expected ? cursor + TLV_ELEMENT_OVERHEAD + length : cursor);
+            ASSERT_TRUE(is_expected ? std::ranges::equal(expected->second,
+                                                         std::span(static_cast<const unsigned char *>(value), length))
+                                    : value == nullptr);
+        }
+    }
+}
+
+TEST(TlvArray, ExpectedElementsAreFoundWithinTheArrayAlone)
+{
+    Random random(2);
+    for (int round = 0; round < 300; ++round) {
+        Bytes array(TLV_ARRAY_OVERHEAD + random() % 64);
+        const auto used = static_cast<uint32_t>(array.size() - TLV_ARRAY_OVERHEAD);
+        for (auto &byte : array)
+            byte = static_cast<unsigned char>(random() % 4 == 0 ? random() % 8 : 0);
+        std::memcpy(array.data(), &used, sizeof used);
+        int32_t status = 0;
+        uint32_t cursor = 0;
+        for (const Element &element : read_all(array, status)) {
+            expect_only_at(array, cursor, &element);
+            cursor += tlv_size_get(static_cast<uint32_t>(element.second.size()));
+        }
+        expect_only_at(array, cursor, nullptr); // the end, or damage
+        expect_only_at(array, 0xffffffff, nullptr);
+        ASSERT_FALSE(HasFailure()) << "round " << round;
+    }
+}
+
+template <uint16_t Length> void expect_same_for_constant_length()
+{
+    const Bytes value(Length, 7);
+    const Bytes expected = array_with({{9, value}});
+    Bytes array(expected.size());
+    EXPECT_EQ(append(array.data(), static_cast<uint32_t>(array.size()), 9, Length, value.data()), TLV_OK);
+    EXPECT_EQ(array, expected);
+    EXPECT_EQ(append(array.data(), static_cast<uint32_t>(array.size()), 9, Length, value.data()), TLV_NO_ROOM);
+    EXPECT_EQ(array, expected);
+}
+
+TEST(TlvArray, ConstantLengthsGiveTheSameBytes)
+{
+    expect_same_for_constant_length<0>();
+    expect_same_for_constant_length<1>();
+    expect_same_for_constant_length<4>();
+    expect_same_for_constant_length<6>();
+    expect_same_for_constant_length<65>();
 }
 
 } // namespace

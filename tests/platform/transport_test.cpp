@@ -1,6 +1,8 @@
 // The transport end to end, and what its errors are called.
 #include "transport_support.hpp"
 
+#include <algorithm>
+#include <barrier>
 #include <fstream>
 #include <sys/stat.h>
 
@@ -54,10 +56,34 @@ TEST_F(TransportTest, ResponsesMayComeInAnyOrderAndUnfetchedOnesAreBounded)
     }
     for (int i = 0; i <= 64; ++i)
         EXPECT_EQ(fetch(0, 0), i < 64 ? KOB_OK : KOB_ERR_TIMEOUT);
-    open_client({}); // takes the same place at the service, and gets no answers of the old one's
+    open_client({}); // gets the same index at the service, and no answers of the old one's
     ask();
     EXPECT_EQ(reply(response_of(4), requests[0]), KOB_ERR_PEER_GONE);
     EXPECT_EQ(fetch(0, 0), KOB_ERR_TIMEOUT);
+}
+
+TEST_F(TransportTest, UnfetchedResponsesAreBoundedInBytes)
+{
+    constexpr uint32_t max_message = 10000;
+    open_client({0, max_message});
+    const uint32_t other = ask();
+    const Message request = std::exchange(received, Message(kob_msg_alloc(), kob_msg_free));
+    ask();
+    const auto last_kept = [&](uint32_t size) { // of 10 responses whose first byte counts
+        for (unsigned char i = 0; i < 10; ++i) {
+            Bytes response = response_of(size - 268);
+            response[0] = i;
+            EXPECT_EQ(reply(response, request), KOB_OK);
+            EXPECT_EQ(fetch(other + 1, 0), KOB_ERR_TIMEOUT);
+        }
+        std::string kept;
+        while (fetch(other, 0) == KOB_OK)
+            kept += std::to_string(payload(message)[0]);
+        return kept;
+    };
+    EXPECT_EQ(last_kept(max_message), "89") << "twice the largest message, and the latest";
+    EXPECT_EQ(last_kept(max_message / 2 + 1), "789");
+    EXPECT_EQ(last_kept(1000), "0123456789");
 }
 
 TEST_F(TransportTest, WaitingEndsWithATimeout)
@@ -131,7 +157,8 @@ TEST_F(TransportTest, HandlesAndAddressesAreChecked)
 {
     int32_t error = 0;
     const std::string endless = "unix:" + std::string(108, 'x');
-    for (const char *bad : {"", "unix", "unix:", "tcp:host", "unixx:/tmp/x", "/tmp/x", endless.c_str()}) {
+    for (const char *bad :
+         {"", "unix", "unix:", "tcp:host", "unixx:/tmp/x", "/tmp/x", "unix:@abstract", endless.c_str()}) {
         EXPECT_TRUE(kob_open(bad, nullptr, &error) == 0 && error == KOB_ERR_ADDRESS) << bad;
         EXPECT_TRUE(kob_service_open(bad, nullptr, &error) == nullptr && error == KOB_ERR_ADDRESS) << bad;
     }
@@ -145,6 +172,8 @@ TEST_F(TransportTest, HandlesAndAddressesAreChecked)
         kob_close(handle);
     }
     EXPECT_EQ(fu_kob_send(kob, 0, 0, 0, nullptr, 0, nullptr, 0, 0), KOB_ERR_ARGUMENT);
+    EXPECT_EQ(kob_receive(kob, 0, nullptr, 0), KOB_ERR_ARGUMENT);
+    EXPECT_EQ(kob_service_receive(service, nullptr, 0), KOB_ERR_ARGUMENT);
 
     std::vector<uint32_t> handles;
     while (const uint32_t handle = kob_open(address.c_str(), nullptr, &error))
@@ -152,7 +181,8 @@ TEST_F(TransportTest, HandlesAndAddressesAreChecked)
     EXPECT_TRUE(error == KOB_ERR_MEMORY && handles.size() == 63);
     for (const uint32_t handle : handles)
         kob_close(handle);
-    EXPECT_STREQ(kob_error_text(-1), kob_error_text(KOB_ERR_SYSTEM + 1));
+    EXPECT_STREQ(kob_error_text(-1), kob_error_text(KOB_ERR_NO_FOLDER + 1));
+    EXPECT_STRNE(kob_error_text(-1), kob_error_text(KOB_ERR_NO_FOLDER));
 }
 
 TEST_F(TransportTest, SocketFileIsPrivateReplacedWhenStaleAndRemoved)
@@ -172,7 +202,57 @@ TEST_F(TransportTest, SocketFileIsPrivateReplacedWhenStaleAndRemoved)
     std::ofstream(path) << "not a socket";
     EXPECT_TRUE(kob_service_open(address.c_str(), nullptr, &error) == nullptr && error == KOB_ERR_IN_USE);
     EXPECT_EQ(stat(path.c_str(), &file), 0) << "it stays";
-    EXPECT_TRUE(kob_service_open("unix:/no/folder/x", nullptr, &error) == nullptr && error == KOB_ERR_ADDRESS);
+    EXPECT_TRUE(kob_service_open("unix:/no/folder/x", nullptr, &error) == nullptr && error == KOB_ERR_NO_FOLDER);
+    EXPECT_TRUE(kob_open("unix:/no/folder/x", nullptr, &error) != 0) << "a client may start before its service";
+}
+
+TEST_F(TransportTest, PermissionsHoldWhateverTheUmaskIs)
+{
+    for (const mode_t mask : {0000U, 0022U, 0777U}) {
+        const mode_t before = umask(mask);
+        options.permissions = 0660;
+        open_service();
+        umask(before);
+        struct stat file {};
+        EXPECT_TRUE(stat(path.c_str(), &file) == 0 && (file.st_mode & 07777) == 0660) << std::oct << mask;
+    }
+}
+
+TEST_F(TransportTest, ClosingLeavesTheSocketOfASuccessor)
+{
+    kob_service_t *const predecessor = std::exchange(service, nullptr);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    open_service();
+    kob_service_close(predecessor);
+    expect_exchange();
+}
+
+// At the file that a dead service left behind, and at no file.
+TEST_F(TransportTest, OfServicesThatStartAtOnceOneGetsTheAddress)
+{
+    constexpr int num_starters = 8;
+    for (int round = 0; round < 50; ++round) {
+        close_service();
+        if (round % 2 == 0)
+            close(raw_socket(bind));
+        std::barrier start(num_starters);
+        std::vector<kob_service_t *> ready(num_starters);
+        std::vector<int32_t> errors(num_starters);
+        std::vector<std::thread> starters;
+        for (std::size_t i = 0; i < num_starters; ++i)
+            starters.emplace_back([&, i] {
+                start.arrive_and_wait();
+                ready[i] = kob_service_open(address.c_str(), &options, &errors[i]);
+            });
+        for (std::thread &starter : starters)
+            starter.join();
+        ASSERT_EQ(std::ranges::count(errors, KOB_OK), 1) << "round " << round;
+        ASSERT_EQ(std::ranges::count(errors, KOB_ERR_IN_USE), num_starters - 1);
+        service = *std::ranges::find_if(ready, [](const auto *one) { return one != nullptr; });
+        expect_exchange();
+        ASSERT_FALSE(HasFailure());
+    }
+    EXPECT_NE(access((path + ".kob-lock").c_str(), F_OK), 0);
 }
 
 } // namespace

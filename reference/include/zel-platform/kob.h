@@ -7,7 +7,8 @@
  * An endpoint address names a service.  The part before the first colon says how
  * it is reached:
  *
- *     unix:PATH   a local socket (SOCK_SEQPACKET) at a path of at most 107 bytes
+ *     unix:PATH   a local socket (SOCK_SEQPACKET) at a path of at most 107 bytes that
+ *                 does not begin with '@'
  *
  * All times are milliseconds, all sizes bytes.  A record or object of the
  * transport is used by one thread at a time; different ones are independent.
@@ -53,7 +54,8 @@ enum {
     KOB_ERR_IN_USE = 12,      /* a service listens at the address already, or it is not a socket */
     KOB_ERR_INTERRUPTED = 13, /* a signal arrived while waiting */
     KOB_ERR_ARGUMENT = 14,    /* an argument is missing */
-    KOB_ERR_SYSTEM = 15       /* the system refused in another way; errno says how */
+    KOB_ERR_SYSTEM = 15,      /* the system refused in another way; errno says how */
+    KOB_ERR_NO_FOLDER = 16    /* the folder that a service's address names does not exist */
 };
 
 /* A result in words; never null. */

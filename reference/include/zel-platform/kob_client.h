@@ -9,11 +9,11 @@
  *     kob_msg_free(msg);
  *     kob_close(kob);
  *
- * A connection is made by the first request, and made again by the first request
- * after it broke, so a client may start before its service and outlive it.  When
- * the service was replaced, requests that it had not answered are lost: waiting
- * for them ends with KOB_ERR_PEER_GONE, or KOB_ERR_RESTARTED once a later request
- * has reached the new one.
+ * The first request connects, and so does the first request after a connection broke.
+ * A client may therefore start before its service and outlive it.  When a service ends,
+ * the requests that it has not answered are lost: waiting for them ends with
+ * KOB_ERR_PEER_GONE, or with KOB_ERR_RESTARTED once a later request has reached another
+ * service at the address.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_KOB_CLIENT_H
 #define ZEL_PLATFORM_REFERENCE_KOB_CLIENT_H
@@ -51,8 +51,8 @@ void kob_close(uint32_t kob_handle);
  *
  * Returns KOB_OK; KOB_ERR_TIMEOUT; KOB_ERR_PEER_GONE or KOB_ERR_RESTARTED as above;
  * KOB_ERR_TOO_LARGE, KOB_ERR_BUSY or KOB_ERR_BAD_FRAME when the service refused the
- * request or its answer is not acceptable here; KOB_ERR_HANDLE.  msg is unchanged
- * unless KOB_OK.
+ * request or its answer is not acceptable here; KOB_ERR_ARGUMENT when msg is null;
+ * KOB_ERR_HANDLE.  msg is unchanged unless KOB_OK.
  */
 int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t timeout_ms);
 

@@ -10,11 +10,11 @@
  *     }
  *     kob_service_close(service);
  *
- * No call waits for a client.  Replies that a client does not read at once are
- * queued, up to a limit; parts of messages are put together, up to a limit and
- * for a limited time.  A client that oversteps, or sends what is not a request,
- * is told where that is possible, cut off where it is not, and reported.  When
- * the memory for all clients runs out, the client that holds most of it goes.
+ * No call waits for a client.  Replies that a client does not read at once are queued,
+ * up to a limit.  Parts of messages are put together, up to a limit and for a limited
+ * time.  A client that exceeds a limit, or sends something that is not a request, is
+ * reported and gets a refusal; if that is not possible, it is cut off.  When the memory
+ * for all clients runs out, the client that holds most of it is cut off.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
 #define ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
@@ -30,10 +30,9 @@ extern "C" {
 typedef struct kob_service kob_service_t;
 
 /*
- * Told once of every packet or client that was refused, and why, on the thread
- * that is in a call of the service.  Must not call the service.  client is a
- * connection's number, as kob_msg_client() gives it; reason is valid during the
- * call.
+ * Called once for every packet or client that was refused, on the thread that is in a
+ * call of the service.  Must not call the service.  client is the number of the
+ * connection, as kob_msg_client() gives it; reason is valid during the call.
  */
 typedef void (*kob_refusal_cb_t)(void *context, uint32_t client, const char *reason);
 
@@ -43,7 +42,7 @@ typedef struct {
     uint32_t max_clients;        /* connections at a time; 64.  Further ones are closed at once */
     uint32_t max_queued;         /* reply bytes that wait for one client; twice max_message */
     uint32_t max_memory;         /* half messages and waiting replies of all clients; 4 x max_message */
-    uint32_t idle_ms;            /* a half message without progress for so long is given up; 10000 */
+    uint32_t idle_ms;            /* a client whose half message does not grow for so long is cut off; 10000 */
     uint32_t permissions;        /* mode bits of the socket file; 0600 */
     kob_refusal_cb_t on_refusal; /* may be null */
     void *context;               /* for on_refusal */
@@ -51,8 +50,11 @@ typedef struct {
 
 /*
  * Listens at an address.  options may be null.  A socket file that a dead service
- * left behind is replaced.  Returns null with a reason in *error, which may be
- * null: KOB_ERR_ADDRESS, KOB_ERR_IN_USE, KOB_ERR_DENIED, KOB_ERR_MEMORY or
+ * left behind is replaced.  If several services start at one address at a time, at
+ * most one gets it; meanwhile there is a file PATH.kob-lock beside the socket.
+ *
+ * Returns null with a reason in *error, which may be null: KOB_ERR_ADDRESS,
+ * KOB_ERR_NO_FOLDER, KOB_ERR_IN_USE, KOB_ERR_DENIED, KOB_ERR_MEMORY or
  * KOB_ERR_SYSTEM.  The caller closes the service.
  */
 kob_service_t *kob_service_open(const char *address, const kob_service_options_t *options, int32_t *error);
@@ -70,7 +72,8 @@ int kob_service_fd(const kob_service_t *service);
  * 0: for as long as it takes.
  *
  * Returns KOB_OK, KOB_ERR_TIMEOUT (there may be more to do: look at the
- * descriptor), KOB_ERR_INTERRUPTED or KOB_ERR_SYSTEM.
+ * descriptor), KOB_ERR_INTERRUPTED, KOB_ERR_ARGUMENT when msg is null, or
+ * KOB_ERR_SYSTEM.  msg is unchanged unless KOB_OK.
  */
 int32_t kob_service_receive(kob_service_t *service, kob_msg_t *msg, int32_t timeout_ms);
 
@@ -78,9 +81,9 @@ int32_t kob_service_receive(kob_service_t *service, kob_msg_t *msg, int32_t time
 uint32_t kob_msg_client(const kob_msg_t *msg);
 
 /*
- * Answers a request with the segments' bytes, which are copied.  The request's
- * record says where to; it may be answered later, in any order, and more than
- * once.  A reply above KOB_PLAIN_LIMIT travels in parts.
+ * Answers a request with the bytes of the segments, which are copied.  request is the
+ * record that the request was received in.  Requests may be answered later, in any
+ * order, and more than once.  A reply above KOB_PLAIN_LIMIT travels in parts.
  *
  * Returns KOB_OK when the reply was sent or queued; KOB_ERR_PEER_GONE;
  * KOB_ERR_TOO_LARGE; KOB_ERR_BUSY when the client has too much unread and was cut

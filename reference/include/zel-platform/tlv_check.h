@@ -1,8 +1,10 @@
 /*
- * tlv_check.h - what this platform's TLV arrays answer, and the check of an array that was received.
+ * tlv_check.h - layout and status codes of this platform's TLV arrays, and the check of a
+ * received array.
  *
- * An array is a 32-bit number of bytes that are used behind it, then elements of
- * a 16-bit type, a 16-bit length and the value, without padding, all in host order.
+ * An array is a 32-bit number, the bytes of all elements, followed by the elements.  An
+ * element is a 16-bit type, a 16-bit length and the value.  There is no padding, and
+ * numbers are in host order.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_TLV_CHECK_H
 #define ZEL_PLATFORM_REFERENCE_TLV_CHECK_H
@@ -19,7 +21,7 @@ extern "C" {
 #define TLV_ARRAY_OVERHEAD 4u
 #define TLV_ELEMENT_OVERHEAD 4u
 
-/* Status of the calls in platform/tlv_array.h. */
+/* Status codes of the calls in platform/tlv_array.h. */
 enum {
     TLV_OK = 0,
     TLV_END = 1,     /* the array has no further element */
@@ -28,10 +30,10 @@ enum {
 };
 
 /*
- * Holds an array against the size bytes that are really there, which the calls
- * of platform/tlv_array.h cannot know.  Whoever receives an array does this once;
- * after that no reader leaves those bytes.  Returns TLV_OK, or TLV_DAMAGED when
- * the array claims more.  Reads nothing outside.  Reentrant.
+ * Checks a received array of size bytes.  Returns TLV_OK, or TLV_DAMAGED when the array
+ * claims to be larger.  The calls of platform/tlv_array.h do not have the size, so every
+ * receiver of an array must call this once; after TLV_OK no call reads beyond size bytes.
+ * Reads nothing outside the size bytes itself.  Reentrant.
  */
 int32_t tlv_array_check(const void *array, uint32_t size);
 

@@ -1,18 +1,17 @@
 /*
- * tlv_field.h - what the converter's calls answer, and the records of its iteration.
+ * tlv_field.h - codes of the converter's calls, and the records of its iteration.
  *
- * See platform/tlv_converter.h.  A body is one TLV array (platform/tlv_array.h).
- * Every field is one element.  Every record of a record array is one element with
- * the row's id, whose value is a TLV array again, of the nested table's elements.
+ * See platform/tlv_converter.h.  A body is one TLV array (platform/tlv_array.h).  Every
+ * field is one element.  Every record of a record array is one element with the row's
+ * id; its value is a TLV array again, with the elements of the nested table.
  *
- * An element that is longer than its field comes from a newer peer, and its
- * further bytes are ignored; a shorter one leaves zeros behind it; one that the
- * table does not know is passed over.  The number of records must be what count()
- * says, neither more nor less.
+ * A newer peer may send elements that are longer than the field: the further bytes are
+ * ignored.  A shorter element leaves zeros behind it.  An element without a row in the
+ * table is skipped.  The number of records must be exactly what count() returns.
  *
- * The calls have no other measure of a body than its own used length when size
- * is 0, so a received body is checked when it arrives (tlv_check.h); this
- * platform's transport does that.  A size other than 0 is checked here.
+ * When size is 0, the calls rely on the number of bytes at the start of the body.  A
+ * received body must therefore be checked when it arrives (tlv_check.h); this platform's
+ * transport does so.  A size other than 0 is checked by the calls.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_TLV_FIELD_H
 #define ZEL_PLATFORM_REFERENCE_TLV_FIELD_H

@@ -1,10 +1,10 @@
 /*
  * trace_control.h - which reports of the trace facility go where.
  *
- * There are three destinations: the event history, a ring of the latest events
- * in memory that can be dumped at any time; the console, which is stderr; and the
- * history log, a file.  Each has its own set of trace ids.  Before zel_trace_init()
- * the history takes every id and the other two take none.
+ * There are three destinations: the event history, which keeps the latest 256 events
+ * in memory; the console, which is stderr; and the history log, a file.  Each has its
+ * own set of trace ids.  Before zel_trace_init() the history takes every id and the
+ * other two take none.
  *
  * All calls may be made on any thread at any time.
  */
@@ -31,7 +31,7 @@ enum zel_trace_destination { ZEL_TRACE_TO_HISTORY = 0, ZEL_TRACE_TO_CONSOLE = 1,
  *
  * A list of ids is as for zel_trace_select().  A variable that is not set leaves
  * its destination as it is.  Returns 0, or the errno value of the first variable
- * that could not be followed (EINVAL: not a list of ids); the others still apply.
+ * that could not be applied (EINVAL: not a list of ids); the others are applied.
  */
 int32_t zel_trace_init(void);
 

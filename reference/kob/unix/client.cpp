@@ -1,6 +1,5 @@
 // The client's half of the local socket endpoint.
-#include "reference/kob/unix/client.hpp"
-
+#include "reference/kob/unix/endpoint.hpp"
 #include "reference/kob/unix/packet.hpp"
 #include "reference/kob/unix/socket.hpp"
 
@@ -9,10 +8,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-namespace zel::platform {
+namespace zel::platform::unix_socket {
 
-struct ClientLink {
-    ClientLink(int connected, uint32_t max_message)
+namespace {
+
+struct Link : ClientLink {
+    Link(int connected, uint32_t max_message)
         : socket(connected), budget{0, max_message}, inbound(FrameKind::response, max_message, &budget)
     {}
 
@@ -21,7 +22,7 @@ struct ClientLink {
     Inbound inbound;
 };
 
-namespace {
+Link &as_link(ClientLink &link) { return static_cast<Link &>(link); }
 
 int32_t connect_error(int error)
 {
@@ -42,13 +43,14 @@ int32_t connect_error(int error)
     }
 }
 
-// A local connect() waits only for room in the service's queue, and as long as a send would.
+// A connect() to a local socket waits only for room in the service's queue, and no longer
+// than SO_SNDTIMEO.
 int32_t connect_before(int socket, const char *path, const Deadline &deadline)
 {
     const sockaddr_un address = socket_address(path);
     do {
         const int remaining = deadline.remaining();
-        // Zero would stand for ever.
+        // A timeout of 0 would never end.
         const timeval timeout{remaining / 1000, remaining % 1000 * 1000 + 1};
         (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         if (connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
@@ -57,19 +59,17 @@ int32_t connect_before(int socket, const char *path, const Deadline &deadline)
     return connect_error(errno);
 }
 
-} // namespace
-
-int32_t unix_connect(const char *place, uint32_t max_message, Deadline deadline, ClientLink *&link)
+int32_t connect_to(const char *location, uint32_t max_message, Deadline deadline, ClientLink *&link)
 {
     const int connected = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (connected < 0)
         return KOB_ERR_SYSTEM;
     widen_send_buffer(connected);
-    int32_t error = connect_before(connected, place, deadline);
+    int32_t error = connect_before(connected, location, deadline);
     if (error == KOB_OK) {
-        void *const storage = std::malloc(sizeof(ClientLink));
+        void *const storage = std::malloc(sizeof(Link));
         if (storage != nullptr) {
-            link = new (storage) ClientLink(connected, max_message);
+            link = new (storage) Link(connected, max_message);
             return KOB_OK;
         }
         error = KOB_ERR_MEMORY;
@@ -78,23 +78,25 @@ int32_t unix_connect(const char *place, uint32_t max_message, Deadline deadline,
     return error;
 }
 
-int32_t unix_send(ClientLink *link, const Frame &frame, const void *payload, Deadline deadline)
+int32_t send_to(ClientLink &link, const Frame &frame, const void *payload, Deadline deadline)
 {
-    Outbound out{frame, payload, 0, false};
+    const int socket = as_link(link).socket;
+    Outbound out{frame, static_cast<const char *>(payload), 0, false};
     for (;;) {
-        const int32_t error = send_packets(link->socket, out);
-        if (error != KOB_ERR_TIMEOUT || !wait_for(link->socket, POLLOUT, deadline))
+        const int32_t error = send_packets(socket, out);
+        if (error != KOB_ERR_TIMEOUT || !wait_for(socket, POLLOUT, deadline))
             return error;
-        if (deadline.has_passed()) // ready again and again, but never for a whole packet
+        if (deadline.has_passed()) // the socket has room, but never for a whole packet
             return KOB_ERR_TIMEOUT;
     }
 }
 
-int32_t unix_receive(ClientLink *link, kob_msg &msg, Deadline deadline)
+int32_t receive_from(ClientLink &link, kob_msg &msg, Deadline deadline)
 {
+    Link &self = as_link(link);
     for (;;) {
         Fault fault{};
-        switch (link->inbound.step(link->socket, msg, fault)) {
+        switch (receive_packet(self.socket, self.inbound, msg, fault)) {
         case Step::message:
             return KOB_OK;
         case Step::part:
@@ -102,10 +104,10 @@ int32_t unix_receive(ClientLink *link, kob_msg &msg, Deadline deadline)
                 return KOB_ERR_TIMEOUT;
             continue;
         case Step::nothing:
-            if (!wait_for(link->socket, POLLIN, deadline))
+            if (!wait_for(self.socket, POLLIN, deadline))
                 return KOB_ERR_TIMEOUT;
             continue;
-        case Step::refused: // for the one who waits for it, as if the service had refused
+        case Step::refused: // reported to the caller that waits for it, as if the service had refused
             msg = {};
             msg.token = fault.token;
             msg.refusal = fault.error;
@@ -118,11 +120,16 @@ int32_t unix_receive(ClientLink *link, kob_msg &msg, Deadline deadline)
     }
 }
 
-void unix_disconnect(ClientLink *link)
+void disconnect(ClientLink &link)
 {
-    close(link->socket);
-    link->inbound.reset();
-    std::free(link);
+    Link &self = as_link(link);
+    close(self.socket);
+    self.inbound.reset();
+    std::free(&self);
 }
 
-} // namespace zel::platform
+} // namespace
+
+constinit const ClientOperations client_operations = {connect_to, send_to, receive_from, disconnect};
+
+} // namespace zel::platform::unix_socket

@@ -3,10 +3,12 @@
 
 #include "reference/kob/unix/socket.hpp"
 
+#include <cstdio>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
-namespace zel::platform {
+namespace zel::platform::unix_socket {
 
 namespace {
 
@@ -19,8 +21,9 @@ int32_t open_error(int error)
         return KOB_ERR_DENIED;
     case ENOENT:
     case ENOTDIR:
-        return KOB_ERR_ADDRESS;
+        return KOB_ERR_NO_FOLDER;
     case EADDRINUSE:
+    case EWOULDBLOCK: // another service is starting
         return KOB_ERR_IN_USE;
     default:
         return KOB_ERR_SYSTEM;
@@ -29,7 +32,57 @@ int32_t open_error(int error)
 
 const sockaddr *generic(const sockaddr_un &address) { return reinterpret_cast<const sockaddr *>(&address); }
 
-// True for the socket file of a service that is no more.
+bool is_same_file(const struct stat &a, const struct stat &b) { return a.st_ino == b.st_ino && a.st_dev == b.st_dev; }
+
+// A lock on starting a service at a path: a file beside the socket, which exists only while a
+// service starts.  Between bind() and listen(), a socket refuses connections like the socket
+// of a dead service.  Without the lock, a second service would then replace it.
+class StartLock {
+public:
+    explicit StartLock(const char *path) { (void)std::snprintf(name_, sizeof name_, "%s.kob-lock", path); }
+    StartLock(const StartLock &) = delete;
+    StartLock &operator=(const StartLock &) = delete;
+    ~StartLock()
+    {
+        if (file_ < 0)
+            return;
+        unlink(name_); // before the lock is released; see has_name()
+        ::close(file_);
+    }
+
+    // Does not wait.
+    int32_t take()
+    {
+        for (;;) {
+            file_ = ::open(name_, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+            if (file_ < 0)
+                return open_error(errno);
+            const bool is_locked = flock(file_, LOCK_EX | LOCK_NB) == 0;
+            const int32_t error = is_locked ? KOB_OK : open_error(errno);
+            if (is_locked && has_name())
+                return KOB_OK;
+            ::close(file_);
+            file_ = -1;
+            if (error != KOB_OK)
+                return error;
+        }
+    }
+
+private:
+    // False when the previous owner of the lock has removed the file since it was opened here:
+    // then another file may be there, and locked by another service.
+    bool has_name() const
+    {
+        struct stat opened {
+        }, named{};
+        return fstat(file_, &opened) == 0 && lstat(name_, &named) == 0 && is_same_file(opened, named);
+    }
+
+    char name_[sizeof(sockaddr_un::sun_path) + 16];
+    int file_ = -1;
+};
+
+// True for the socket file of a service that is gone.
 bool is_left_behind(const sockaddr_un &address)
 {
     struct stat file {};
@@ -47,35 +100,52 @@ int open_spare() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 } // namespace
 
-int32_t Listener::bind_to(const sockaddr_un &address)
+int32_t Listener::bind_to_path()
 {
-    if (bind(socket_, generic(address), sizeof address) == 0)
+    if (bind(socket_, generic(address_), sizeof address_) == 0)
         return KOB_OK;
     if (errno != EADDRINUSE)
         return open_error(errno);
-    if (!is_left_behind(address) || unlink(address.sun_path) != 0)
+    if (!is_left_behind(address_) || unlink(address_.sun_path) != 0)
         return KOB_ERR_IN_USE;
-    return bind(socket_, generic(address), sizeof address) == 0 ? KOB_OK : open_error(errno);
+    return bind(socket_, generic(address_), sizeof address_) == 0 ? KOB_OK : open_error(errno);
+}
+
+// The file has the permissions of the socket at bind(), less the umask.  This adds what the
+// umask took.  It works on a descriptor of the file: chmod() with the path would follow a
+// symbolic link that has replaced the file.
+int32_t Listener::set_permissions(uint32_t permissions)
+{
+    const int file = ::open(address_.sun_path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (file < 0)
+        return KOB_ERR_SYSTEM;
+    bool is_set = fstat(file, &file_) == 0 && S_ISSOCK(file_.st_mode);
+    if (is_set && (file_.st_mode & 07777) != permissions) {
+        char name[32]; // fchmod() does not take such a descriptor
+        (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", file);
+        is_set = chmod(name, permissions) == 0;
+    }
+    ::close(file);
+    return is_set ? KOB_OK : KOB_ERR_SYSTEM;
 }
 
 int32_t Listener::open(const char *path, uint32_t permissions, uint32_t backlog)
 {
     address_ = socket_address(path);
+    StartLock lock(path);
+    if (const int32_t error = lock.take(); error != KOB_OK)
+        return error;
     socket_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (socket_ < 0)
         return KOB_ERR_SYSTEM;
-    // The file takes its mode from the socket, less the umask, so that it is never
-    // more open than asked for, not even before the second call.
-    int32_t error = fchmod(socket_, permissions) == 0 ? bind_to(address_) : KOB_ERR_SYSTEM;
-    if (error == KOB_OK) {
-        if (chmod(path, permissions) != 0 || lstat(path, &file_) != 0 ||
-            listen(socket_, static_cast<int>(backlog)) != 0)
-            error = open_error(errno);
+    int32_t error = fchmod(socket_, permissions) == 0 ? bind_to_path() : KOB_ERR_SYSTEM;
+    if (error == KOB_OK)
+        error = set_permissions(permissions);
+    if (error == KOB_OK && listen(socket_, static_cast<int>(backlog)) != 0)
+        error = open_error(errno);
+    if (error == KOB_OK)
         spare_ = open_spare();
-        if (error != KOB_OK)
-            unlink(path);
-    }
-    if (error != KOB_OK)
+    else
         close();
     return error;
 }
@@ -95,9 +165,10 @@ int Listener::accept()
 
 void Listener::close()
 {
+    // While the socket is open, its file's inode number is not given to another file.
     struct stat file {};
     const bool was_bound = file_.st_ino != 0;
-    if (was_bound && lstat(address_.sun_path, &file) == 0 && file.st_ino == file_.st_ino && file.st_dev == file_.st_dev)
+    if (was_bound && lstat(address_.sun_path, &file) == 0 && is_same_file(file, file_))
         unlink(address_.sun_path);
     if (socket_ >= 0)
         ::close(socket_);
@@ -107,4 +178,4 @@ void Listener::close()
     spare_ = -1;
 }
 
-} // namespace zel::platform
+} // namespace zel::platform::unix_socket

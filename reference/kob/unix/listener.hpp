@@ -6,29 +6,32 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-namespace zel::platform {
+namespace zel::platform::unix_socket {
 
 class Listener {
 public:
-    // Takes the place of a socket file that nobody listens on any more.  The path must fit.
+    // Binds to a path, which must be one that is_socket_path() accepts, and listens.  Replaces
+    // the socket file of a service that is gone.  Of several services that start at one path
+    // at a time, one gets it.
     int32_t open(const char *path, uint32_t permissions, uint32_t backlog);
 
-    // A new connection, or -1 when none is waiting.  When the process is out of
-    // descriptors, connections are closed as they come instead of waiting for ever.
+    // A new connection, or -1 when none is waiting.  When the process has no descriptor left,
+    // closes the connection, because it would otherwise wait for ever.
     int accept();
 
-    // Removes the file, unless another service has replaced it meanwhile.
+    // Removes the file, unless it is another service's by now.
     void close();
 
     int socket() const { return socket_; }
 
 private:
-    int32_t bind_to(const sockaddr_un &address);
+    int32_t bind_to_path();
+    int32_t set_permissions(uint32_t permissions);
 
     int socket_ = -1;
-    int spare_ = -1; // given up for a moment to accept a connection that cannot be kept
+    int spare_ = -1; // closed for a moment to accept a connection when descriptors run out
     sockaddr_un address_{};
-    struct stat file_ {};
+    struct stat file_ {}; // of the socket file, once there is one
 };
 
-} // namespace zel::platform
+} // namespace zel::platform::unix_socket

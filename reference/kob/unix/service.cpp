@@ -1,7 +1,6 @@
-// The service's half of the local socket endpoint: many clients, none of which
-// is trusted and none of which is waited for.
-#include "reference/kob/unix/service.hpp"
-
+// The service's half of the local socket endpoint.  It has many clients, does not trust
+// them and waits for none of them.
+#include "reference/kob/unix/endpoint.hpp"
 #include "reference/kob/unix/listener.hpp"
 #include "reference/kob/unix/packet.hpp"
 #include "reference/kob/unix/socket.hpp"
@@ -13,7 +12,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-namespace zel::platform {
+namespace zel::platform::unix_socket {
 
 namespace {
 
@@ -34,42 +33,42 @@ struct Connection {
     uint64_t last_part_ms = 0;
     Reply *first = nullptr; // replies that wait, oldest first
     Reply *last = nullptr;
-    uint32_t queued = 0; // bytes of them
-    bool wants_room = false;
+    uint32_t queued = 0;          // bytes of them
+    bool is_room_watched = false; // epoll reports when the socket has room
 
     uint64_t held() const { return uint64_t{inbound.held()} + queued; }
 };
 
-// What epoll says of the listener instead of an index.
+// The listener's tag at epoll; a connection's is its index.
 constexpr uint64_t listener_tag = UINT64_MAX;
+
+constexpr uint32_t default_permissions = 0600; // of the socket file
 
 uint32_t cost(const Reply *reply) { return static_cast<uint32_t>(sizeof *reply) + reply->out.frame.total; }
 
-} // namespace
+struct Service : ServiceLink {
+    explicit Service(const ServiceLimits &given) : limits(given), budget{0, given.max_memory} {}
 
-struct ServiceEndpoint {
-    explicit ServiceEndpoint(const kob_service_options_t &given) : options(given), budget{0, given.max_memory} {}
-
-    kob_service_options_t options;
+    ServiceLimits limits;
     Budget budget;
     Listener listener;
     int epoll = -1;
-    Connection **connections = nullptr; // max_clients places, null where vacant
+    Connection **connections = nullptr; // max_clients of them, null where there is none
     uint32_t last_serial = 0;
-    uint64_t next_sweep_ms = UINT64_MAX; // no half message grows too old before
+    uint64_t next_sweep_ms = UINT64_MAX; // before that time no half message expires
 };
 
-namespace {
+Service &as_service(ServiceLink &service) { return static_cast<Service &>(service); }
 
-void report(const ServiceEndpoint &service, uint32_t client, const char *reason)
+void report(const Service &service, uint32_t client, const char *reason)
 {
-    if (service.options.on_refusal != nullptr)
-        service.options.on_refusal(service.options.context, client, reason);
+    if (service.limits.on_refusal != nullptr)
+        service.limits.on_refusal(service.limits.context, client, reason);
 }
 
 // ---- Connections
 
-void drop_replies(ServiceEndpoint &service, Connection &connection)
+void drop_replies(Service &service, Connection &connection)
 {
     while (Reply *const reply = connection.first) {
         connection.first = reply->next;
@@ -80,7 +79,7 @@ void drop_replies(ServiceEndpoint &service, Connection &connection)
     connection.queued = 0;
 }
 
-void hang_up(ServiceEndpoint &service, uint32_t index)
+void hang_up(Service &service, uint32_t index)
 {
     Connection *const connection = service.connections[index];
     service.connections[index] = nullptr;
@@ -90,14 +89,14 @@ void hang_up(ServiceEndpoint &service, uint32_t index)
     std::free(connection);
 }
 
-void cut_off(ServiceEndpoint &service, uint32_t index, const char *reason)
+void cut_off(Service &service, uint32_t index, const char *reason)
 {
     const uint32_t client = service.connections[index]->serial;
     hang_up(service, index);
     report(service, client, reason);
 }
 
-bool watch(const ServiceEndpoint &service, int operation, int socket, uint32_t events, uint64_t tag)
+bool watch(const Service &service, int operation, int socket, uint32_t events, uint64_t tag)
 {
     epoll_event event{};
     event.events = events;
@@ -105,41 +104,41 @@ bool watch(const ServiceEndpoint &service, int operation, int socket, uint32_t e
     return epoll_ctl(service.epoll, operation, socket, &event) == 0;
 }
 
-void set_wants_room(ServiceEndpoint &service, uint32_t index, bool wants_room)
+void watch_for_room(Service &service, uint32_t index, bool is_watched)
 {
     Connection &connection = *service.connections[index];
-    if (connection.wants_room == wants_room)
+    if (connection.is_room_watched == is_watched)
         return;
-    connection.wants_room = wants_room;
-    const uint32_t events = wants_room ? EPOLLIN | EPOLLOUT : EPOLLIN;
+    connection.is_room_watched = is_watched;
+    const uint32_t events = is_watched ? EPOLLIN | EPOLLOUT : EPOLLIN;
     watch(service, EPOLL_CTL_MOD, connection.socket, events, index);
 }
 
-// Puts a new connection in a vacant place; closes it when there is none.
-void admit(ServiceEndpoint &service, int socket)
+// Enters a new connection; closes it when there are max_clients already.
+void admit(Service &service, int socket)
 {
     const uint32_t serial = ++service.last_serial;
-    Connection **const end = service.connections + service.options.max_clients;
-    Connection **const place = std::find(service.connections, end, nullptr);
-    void *const storage = place != end ? std::malloc(sizeof(Connection)) : nullptr;
+    Connection **const end = service.connections + service.limits.max_clients;
+    Connection **const vacant = std::find(service.connections, end, nullptr);
+    void *const storage = vacant != end ? std::malloc(sizeof(Connection)) : nullptr;
     if (storage == nullptr) {
         close(socket);
         report(service, serial, "too many clients");
         return;
     }
     widen_send_buffer(socket);
-    const auto index = static_cast<uint32_t>(place - service.connections);
-    *place = new (storage) Connection(socket, serial, service.options.max_message, &service.budget);
+    const auto index = static_cast<uint32_t>(vacant - service.connections);
+    *vacant = new (storage) Connection(socket, serial, service.limits.max_message, &service.budget);
     if (!watch(service, EPOLL_CTL_ADD, socket, EPOLLIN, index))
         cut_off(service, index, "too many clients for the system");
 }
 
 // Cuts off the client that holds most of the memory.  False when none holds any.
-bool make_room(ServiceEndpoint &service)
+bool make_room(Service &service)
 {
     uint32_t largest = 0;
     uint64_t held = 0;
-    for (uint32_t i = 0; i < service.options.max_clients; ++i) {
+    for (uint32_t i = 0; i < service.limits.max_clients; ++i) {
         if (service.connections[i] != nullptr && service.connections[i]->held() > held) {
             largest = i;
             held = service.connections[i]->held();
@@ -154,7 +153,7 @@ bool make_room(ServiceEndpoint &service)
 // ---- Replies
 
 // Sends what the client takes.  False when the connection is of no further use.
-bool flush(ServiceEndpoint &service, uint32_t index)
+bool flush(Service &service, uint32_t index)
 {
     Connection &connection = *service.connections[index];
     while (Reply *const reply = connection.first) {
@@ -170,7 +169,7 @@ bool flush(ServiceEndpoint &service, uint32_t index)
         service.budget.give_back(cost(reply));
         std::free(reply);
     }
-    set_wants_room(service, index, connection.first != nullptr);
+    watch_for_room(service, index, connection.first != nullptr);
     return true;
 }
 
@@ -179,15 +178,15 @@ Reply *new_reply(const Frame &frame)
 {
     auto *const reply = static_cast<Reply *>(std::malloc(sizeof(Reply) + frame.total));
     if (reply != nullptr)
-        *reply = {nullptr, {frame, reply + 1, 0, false}};
+        *reply = {nullptr, {frame, reinterpret_cast<const char *>(reply + 1), 0, false}};
     return reply;
 }
 
-// Queues a reply, which becomes the connection's.  May cut off clients, this one included.
-int32_t enqueue(ServiceEndpoint &service, uint32_t index, Reply *reply)
+// Queues a reply, which the connection then owns.  May cut off clients, this one included.
+int32_t enqueue(Service &service, uint32_t index, Reply *reply)
 {
     Connection &connection = *service.connections[index];
-    if (cost(reply) > service.options.max_queued - std::min(connection.queued, service.options.max_queued)) {
+    if (cost(reply) > service.limits.max_queued - std::min(connection.queued, service.limits.max_queued)) {
         std::free(reply);
         cut_off(service, index, "does not read its replies");
         return KOB_ERR_BUSY;
@@ -210,7 +209,7 @@ int32_t enqueue(ServiceEndpoint &service, uint32_t index, Reply *reply)
 // ---- Requests
 
 // Reports a refused message, and tells its sender.
-void refuse(ServiceEndpoint &service, uint32_t index, const Fault &fault)
+void refuse(Service &service, uint32_t index, const Fault &fault)
 {
     char reason[128];
     (void)std::snprintf(reason, sizeof reason, "%s: %u bytes", fault.reason, fault.total);
@@ -225,22 +224,22 @@ void refuse(ServiceEndpoint &service, uint32_t index, const Fault &fault)
 }
 
 // Takes one packet from a client.  True when it completed a request.
-bool read_packet(ServiceEndpoint &service, uint32_t index, kob_msg &msg)
+bool read_packet(Service &service, uint32_t index, kob_msg &msg)
 {
     Connection &connection = *service.connections[index];
     Fault fault{};
-    switch (connection.inbound.step(connection.socket, msg, fault)) {
+    switch (receive_packet(connection.socket, connection.inbound, msg, fault)) {
     case Step::message:
         msg.client = connection.serial;
         msg.client_index = index;
         return true;
     case Step::part:
         connection.last_part_ms = now_ms();
-        service.next_sweep_ms = std::min(service.next_sweep_ms, connection.last_part_ms + service.options.idle_ms);
+        service.next_sweep_ms = std::min(service.next_sweep_ms, connection.last_part_ms + service.limits.idle_ms);
         return false;
     case Step::refused:
         refuse(service, index, fault);
-        if (fault.error == KOB_ERR_BUSY) // too late for this message, but its sender may try again
+        if (fault.error == KOB_ERR_BUSY) // this message is lost, but its sender may try again
             make_room(service);
         return false;
     case Step::hostile:
@@ -255,30 +254,30 @@ bool read_packet(ServiceEndpoint &service, uint32_t index, kob_msg &msg)
     return false;
 }
 
-// Gives up half messages that have stopped growing.  One whose next part waits to
-// be read is not to blame: it was this service that did not come.
-void sweep(ServiceEndpoint &service)
+// Cuts off clients whose half messages have not grown for idle_ms.  A client whose next part
+// is there to be read stays: the delay is this service's.
+void sweep(Service &service)
 {
     const uint64_t now = now_ms();
     if (now < service.next_sweep_ms)
         return;
     service.next_sweep_ms = UINT64_MAX;
-    for (uint32_t i = 0; i < service.options.max_clients; ++i) {
+    for (uint32_t i = 0; i < service.limits.max_clients; ++i) {
         const Connection *const connection = service.connections[i];
         if (connection == nullptr || !connection->inbound.is_half())
             continue;
-        const uint64_t expiry = connection->last_part_ms + service.options.idle_ms;
+        const uint64_t expiry = connection->last_part_ms + service.limits.idle_ms;
         if (now < expiry)
             service.next_sweep_ms = std::min(service.next_sweep_ms, expiry);
         else if (wait_for(connection->socket, POLLIN, Deadline::in(0)))
-            service.next_sweep_ms = now + service.options.idle_ms;
+            service.next_sweep_ms = now + service.limits.idle_ms;
         else
             cut_off(service, i, "left a message half sent");
     }
 }
 
 // Serves one event.  True when it completed a request.
-bool serve(ServiceEndpoint &service, const epoll_event &event, kob_msg &msg)
+bool serve(Service &service, const epoll_event &event, kob_msg &msg)
 {
     if (event.data.u64 == listener_tag) {
         const int socket = service.listener.accept();
@@ -294,56 +293,76 @@ bool serve(ServiceEndpoint &service, const epoll_event &event, kob_msg &msg)
     return (event.events & ~uint32_t{EPOLLOUT}) != 0 && read_packet(service, index, msg);
 }
 
-} // namespace
-
-int32_t unix_listen(const char *place, const kob_service_options_t &options, ServiceEndpoint *&service)
+void close_service(ServiceLink &service)
 {
-    void *const storage = std::malloc(sizeof(ServiceEndpoint));
-    // An array of pointers, so the size of one is meant.
-    auto *const connections = static_cast<Connection **>(
-        std::calloc(options.max_clients, sizeof(Connection *))); // NOLINT(bugprone-sizeof-expression)
+    Service &self = as_service(service);
+    for (uint32_t i = 0; i < self.limits.max_clients; ++i) {
+        if (self.connections[i] != nullptr)
+            hang_up(self, i);
+    }
+    self.listener.close();
+    if (self.epoll >= 0)
+        close(self.epoll);
+    std::free(self.connections);
+    std::free(&self);
+}
+
+int32_t start(Service &service, const char *path, uint32_t permissions)
+{
+    service.epoll = epoll_create1(EPOLL_CLOEXEC);
+    if (service.epoll < 0)
+        return KOB_ERR_SYSTEM;
+    if (const int32_t error = service.listener.open(path, permissions, service.limits.max_clients); error != KOB_OK)
+        return error;
+    return watch(service, EPOLL_CTL_ADD, service.listener.socket(), EPOLLIN, listener_tag) ? KOB_OK : KOB_ERR_SYSTEM;
+}
+
+int32_t listen_at(const char *path, const ServiceLimits &limits, const kob_service_options_t &own,
+                  ServiceLink *&service)
+{
+    void *const storage = std::malloc(sizeof(Service));
+    auto *const connections = static_cast<Connection **>(std::calloc(limits.max_clients, sizeof(Connection *)));
     if (storage == nullptr || connections == nullptr) {
         std::free(connections);
         std::free(storage);
         return KOB_ERR_MEMORY;
     }
-    service = new (storage) ServiceEndpoint(options);
-    service->connections = connections;
-    service->epoll = epoll_create1(EPOLL_CLOEXEC);
-    int32_t error = service->epoll >= 0 ? KOB_OK : KOB_ERR_SYSTEM;
+    auto *const started = new (storage) Service(limits);
+    started->connections = connections;
+    const int32_t error = start(*started, path, own.permissions != 0 ? own.permissions : default_permissions);
     if (error == KOB_OK)
-        error = service->listener.open(place, options.permissions, options.max_clients);
-    if (error == KOB_OK && !watch(*service, EPOLL_CTL_ADD, service->listener.socket(), EPOLLIN, listener_tag))
-        error = KOB_ERR_SYSTEM;
-    if (error != KOB_OK)
-        unix_close(service);
+        service = started;
+    else
+        close_service(*started);
     return error;
 }
 
-int unix_descriptor(const ServiceEndpoint *service) { return service->epoll; }
+int descriptor(const ServiceLink &service) { return static_cast<const Service &>(service).epoll; }
 
 // One event at a time: the system takes turns among the clients that have one.
-int32_t unix_await(ServiceEndpoint *service, kob_msg &msg, Deadline deadline)
+int32_t await_request(ServiceLink &service, kob_msg &msg, Deadline deadline)
 {
+    Service &self = as_service(service);
     do {
-        sweep(*service);
-        const int wait = std::min(deadline.remaining(), Deadline(service->next_sweep_ms).remaining());
+        sweep(self);
+        const int wait = std::min(deadline.remaining(), Deadline(self.next_sweep_ms).remaining());
         epoll_event event{};
-        const int ready = epoll_wait(service->epoll, &event, 1, wait);
+        const int ready = epoll_wait(self.epoll, &event, 1, wait);
         if (ready < 0)
             return errno == EINTR ? KOB_ERR_INTERRUPTED : KOB_ERR_SYSTEM;
-        if (ready > 0 && serve(*service, event, msg))
+        if (ready > 0 && serve(self, event, msg))
             return KOB_OK;
     } while (!deadline.has_passed());
     return KOB_ERR_TIMEOUT;
 }
 
-int32_t unix_reply(ServiceEndpoint *service, const kob_msg &request, const mpkob_segment_t *segments,
-                   uint32_t num_segments, uint32_t total)
+int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segment_t *segments, uint32_t num_segments,
+                 uint32_t total)
 {
+    Service &self = as_service(service);
     const uint32_t index = request.client_index;
-    if (index >= service->options.max_clients || service->connections[index] == nullptr ||
-        service->connections[index]->serial != request.client)
+    if (index >= self.limits.max_clients || self.connections[index] == nullptr ||
+        self.connections[index]->serial != request.client)
         return KOB_ERR_PEER_GONE;
 
     Frame frame{};
@@ -364,20 +383,11 @@ int32_t unix_reply(ServiceEndpoint *service, const kob_msg &request, const mpkob
             std::memcpy(end, segments[i].address, segments[i].length);
         end += segments[i].length;
     }
-    return enqueue(*service, index, reply);
+    return enqueue(self, index, reply);
 }
 
-void unix_close(ServiceEndpoint *service)
-{
-    for (uint32_t i = 0; i < service->options.max_clients; ++i) {
-        if (service->connections[i] != nullptr)
-            hang_up(*service, i);
-    }
-    service->listener.close();
-    if (service->epoll >= 0)
-        close(service->epoll);
-    std::free(service->connections);
-    std::free(service);
-}
+} // namespace
 
-} // namespace zel::platform
+constinit const ServiceOperations service_operations = {listen_at, descriptor, await_request, reply_to, close_service};
+
+} // namespace zel::platform::unix_socket

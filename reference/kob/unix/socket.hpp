@@ -11,13 +11,15 @@
 
 namespace zel::platform {
 
+// A path that begins with '@' is refused: elsewhere that means an abstract name, which has
+// no permissions.
 inline bool is_socket_path(const char *path)
 {
     const std::size_t length = std::strlen(path);
-    return length > 0 && length < sizeof(sockaddr_un::sun_path);
+    return length > 0 && length < sizeof(sockaddr_un::sun_path) && path[0] != '@';
 }
 
-// The path must be one.
+// For a path that is_socket_path() accepts.
 inline sockaddr_un socket_address(const char *path)
 {
     sockaddr_un address{};
@@ -26,8 +28,8 @@ inline sockaddr_un socket_address(const char *path)
     return address;
 }
 
-// Asks for room for the largest packet; where the system grants less than it
-// needs, sending says so.
+// Asks for room for the largest packet.  If the system grants less, sending such a packet
+// fails with KOB_ERR_TOO_LARGE.
 inline void widen_send_buffer(int socket)
 {
     const int bytes = 256 * 1024;

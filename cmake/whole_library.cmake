@@ -9,10 +9,14 @@ function(add_whole_library name)
         get_target_property(folder ${library} SOURCE_DIR)
         list(TRANSFORM sources PREPEND ${folder}/)
         add_library(${name}_${library} OBJECT ${sources})
-        target_include_directories(${name}_${library} PRIVATE $<TARGET_PROPERTY:${library},INCLUDE_DIRECTORIES>)
+        target_include_directories(${name}_${library} PRIVATE
+            ${PROJECT_SOURCE_DIR}/reference/include $<TARGET_PROPERTY:${library},INCLUDE_DIRECTORIES>)
+        target_link_libraries(${name}_${library} PRIVATE zel_wire)
         target_compile_options(${name}_${library} PRIVATE
             $<TARGET_PROPERTY:${library},COMPILE_OPTIONS> -flto -ffat-lto-objects)
-        target_compile_definitions(${name}_${library} PRIVATE ${ARGN})
+        # The library takes the platform's inline functions instead of calling it for every element.
+        target_compile_definitions(${name}_${library} PRIVATE
+            ZEL_INLINE_ELEMENTS="reference/tlv/array.hpp" ${ARGN})
         set_target_properties(${name}_${library} PROPERTIES
             CXX_VISIBILITY_PRESET hidden
             VISIBILITY_INLINES_HIDDEN ON)

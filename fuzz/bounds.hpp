@@ -2,8 +2,7 @@
 // counting what the allocator adds.
 #pragma once
 
-#include "decode/peculiarities.hpp"
-#include "wire/mat_objects.hpp"
+#include "wire/format.hpp"
 #include "zel-platform/tlv_check.h"
 
 #include <algorithm>
@@ -11,21 +10,23 @@
 
 namespace fuzz {
 
-template <class... O> constexpr std::size_t largest_record(zel::MatObjectList<O...>)
+constexpr std::size_t largest_record()
 {
-    return std::max({sizeof(typename O::record)...});
+    std::size_t largest = 0;
+    for (const zel::wire::Record *const object : zel::wire::mat_objects)
+        largest = std::max<std::size_t>(largest, object->size);
+    return largest;
 }
 
-// A member that is granted to a count takes a place in an array, and a record.
-constexpr std::size_t member_cost = sizeof(void *) + largest_record(zel::MatObjects{});
+// A member that a count is allowed takes a place in an array, and a record.
+constexpr std::size_t member_cost = sizeof(void *) + largest_record();
 
-// Any element may raise by one what the message is granted, and may besides begin
+// Any element may raise by one what the message is allowed, and may besides begin
 // a record at the top of the message or put an object into the cache.
-constexpr std::size_t element_cost =
-    member_cost + std::max(largest_record(zel::MatObjects{}), sizeof(zel_mat_cache_entry_t));
+constexpr std::size_t element_cost = member_cost + std::max(largest_record(), sizeof(zel_mat_cache_entry_t));
 
-// Whatever the message's size: the members that are granted without question.
-constexpr std::size_t fixed_cost = zel::Claims{nullptr}.unquestioned * member_cost;
+// Counts are accepted as they are up to this sum, whatever the message's size.
+constexpr std::size_t fixed_cost = 131072 * member_cost;
 
 // Elements are as long as an element's header at least; a damaged one counts, too.
 constexpr std::size_t parse_bound(std::size_t message_size)

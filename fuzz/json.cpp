@@ -3,7 +3,6 @@
 #include "heap.hpp"
 #include "target.hpp"
 
-#include "tools/json/json_writer.hpp"
 #include "tools/message/message.hpp"
 #include "zel-platform/tlv_check.h"
 
@@ -29,7 +28,7 @@ void check_message(const Message &message)
     REQUIRE(tlv_array_check(bytes.data(), static_cast<uint32_t>(bytes.size())) == TLV_OK);
     REQUIRE(zel_verify_tlv_array(bytes.data(), &strict, nullptr) == ZEL_VERIFY_OK);
 
-    const Message decoded = decode_message(list_elements(bytes, "message"));
+    const Message decoded = decode_message(bytes, "message");
     const std::optional<Message> again = read(message_to_json(decoded).dump());
     REQUIRE(again.has_value());
     REQUIRE(encode_message(*again) == bytes);

@@ -1,82 +1,52 @@
 // The elements of requests, from the wire description.
 #include "elements.hpp"
 
-#include "wire/mat_objects.hpp"
-
-#include <algorithm>
+#include "wire/format.hpp"
 
 namespace fuzz {
 namespace {
 
-using Elements = std::vector<ElementFacts>;
 using Role = ElementFacts::Role;
+using zel::wire::Element;
+using zel::wire::Kind;
+using zel::wire::Member;
+using zel::wire::Record;
 
-// Records occur in several others; an element is entered once.
-void add(Elements &elements, const ElementFacts &facts)
+ElementFacts facts_of_value(uint16_t id, const Record &record, const Member &member)
 {
-    if (std::ranges::find(elements, facts.id, &ElementFacts::id) == elements.end())
-        elements.push_back(facts);
+    if (member.kind == Kind::sequence)
+        return {id, Role::count, member.width, member.record->start};
+    if (record.is_shareable() && member.offset == record.sharing.id)
+        return {id, Role::identity, member.width, record.start};
+    return {id, Role::value, member.width, 0};
 }
 
-template <class R> void add_record(Elements &elements);
-
-template <class R, uint16_t Id, auto Member> void add_member(Elements &elements, zel::Field<Id, Member>)
+ElementFacts facts_of(uint16_t id, const Element &element)
 {
-    ElementFacts facts{Id, Role::value, sizeof(zel::Value<Member>), 0};
-    if constexpr (zel::is_shareable<R>) {
-        if constexpr (std::is_same_v<decltype(Member), decltype(&R::id)>) {
-            if (Member == &R::id)
-                facts = {Id, Role::identity, facts.width, zel::Wire<R>::start};
-        }
+    switch (element.kind) {
+    case Element::Kind::start:
+        return {id, Role::start, 1, element.record->end};
+    case Element::Kind::end:
+        return {id, Role::end, 1, 0};
+    default:
+        return facts_of_value(id, *element.record, *element.member);
     }
-    add(elements, facts);
 }
 
-template <class R, auto Member> void add_member(Elements &elements, zel::Embedded<Member>)
+std::vector<ElementFacts> all_elements()
 {
-    add_record<zel::Value<Member>>(elements);
-}
-
-template <class R, uint16_t Id, auto Count, auto Array>
-void add_member(Elements &elements, zel::Sequence<Id, Count, Array>)
-{
-    using Member = zel::Element<Array>;
-    add(elements, {Id, Role::count, sizeof(zel::Value<Count>), zel::Wire<Member>::start});
-    add_record<Member>(elements);
-}
-
-template <uint32_t Value, auto... Path> void add_option(Elements &elements, zel::Option<Value, Path...>)
-{
-    add_record<zel::Target<Path...>>(elements);
-}
-
-template <class R, auto Selector, class... O> void add_member(Elements &elements, zel::Choice<Selector, O...>)
-{
-    (add_option(elements, O{}), ...);
-}
-
-template <class R> void add_record(Elements &elements)
-{
-    add(elements, {zel::Wire<R>::start, Role::start, 1, zel::Wire<R>::end});
-    add(elements, {zel::Wire<R>::end, Role::end, 1, 0});
-    std::apply([&](auto... member) { (add_member<R>(elements, member), ...); }, zel::Wire<R>::members);
-}
-
-template <class... O> Elements all_elements(zel::MatObjectList<O...>)
-{
-    Elements elements;
-    add(elements, {zel::reference_mat_type_id, Role::value, sizeof(zel::Reference::mat_type), 0});
-    add(elements, {zel::reference_mat_id_id, Role::value, sizeof(zel::Reference::mat_id), 0});
-    add_record<zel_kob_header_t>(elements);
-    (add_record<typename O::record>(elements), ...);
-    return elements;
+    std::vector<ElementFacts> all;
+    for (uint16_t id = 0; id < zel::wire::num_element_ids; ++id)
+        if (zel::wire::message_format.is_known(id))
+            all.push_back(facts_of(id, zel::wire::message_format.element(id)));
+    return all;
 }
 
 } // namespace
 
 const std::vector<ElementFacts> &known_elements()
 {
-    static const Elements elements = all_elements(zel::MatObjects{});
+    static const std::vector<ElementFacts> elements = all_elements();
     return elements;
 }
 

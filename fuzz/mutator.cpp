@@ -2,7 +2,7 @@
 // keep the array readable, so that what gets mutated is the meaning.
 #include "elements.hpp"
 #include "target.hpp"
-#include "wire/mat_objects.hpp"
+#include "wire/format.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -290,8 +290,8 @@ private:
             return;
         const uint32_t mat_type = below(8) != 0 ? mat_type_of(start_id) : small_number();
         const uint32_t mat_id = number_in(identity->value);
-        Element type{zel::reference_mat_type_id, Bytes(sizeof(zel::Reference::mat_type))};
-        Element id{zel::reference_mat_id_id, Bytes(sizeof(zel::Reference::mat_id))};
+        Element type{zel::wire::reference_mat_type.id, Bytes(zel::wire::reference_mat_type.width)};
+        Element id{zel::wire::reference_mat_id.id, Bytes(zel::wire::reference_mat_id.width)};
         put_number(type.value, mat_type);
         put_number(id.value, mat_id);
         const At end = end_of_record(start, elements_.end());
@@ -301,8 +301,7 @@ private:
 
     static uint32_t mat_type_of(uint16_t start_id)
     {
-        const auto &all = zel::mat_type_facts;
-        return static_cast<uint32_t>(std::ranges::find(all, start_id, &zel::MatTypeFacts::start) - all.begin());
+        return zel::wire::message_format.element(start_id).record->mat_type;
     }
 
     void insert()

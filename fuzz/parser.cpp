@@ -9,6 +9,7 @@
 #include "target.hpp"
 
 #include "platform/tlv_array.h"
+#include "wire/record_names.hpp"
 
 #include <iterator>
 
@@ -65,78 +66,46 @@ void check_parser(Received &received, std::size_t size)
 
 // ---- One decoder
 
-template <class R> uint32_t cursor_of_first(const void *array)
+// The cursor at the first start marker of a record, or at the array's first element.
+uint32_t cursor_of_first(uint16_t start, const void *array)
 {
     uint16_t type = 0;
     uint16_t length = 0;
     const void *value = nullptr;
     for (uint32_t cursor = 0, at = 0; tlv_array_get_next_tlv(array, &type, &length, &value, 0, &cursor) == 0;
          at = cursor)
-        if (type == zel::Wire<R>::start)
+        if (type == start)
             return at;
     return 0;
 }
 
-// The MAT type of a record; none when it is not an object, and owns nothing.
-template <class R, class... O> constexpr uint32_t mat_type_of(zel::MatObjectList<O...>)
-{
-    return ((std::is_same_v<R, typename O::record> ? O::type : uint32_t{ZEL_MAT_TYPE_NONE}) + ...);
-}
-
 template <class R, class... App>
-void decode(int32_t (*decoder)(zel_api_handle_t *, const void *, uint32_t *, R *, uint32_t *, App...),
+void decode(const zel::wire::Record &record,
+            int32_t (*decoder)(zel_api_handle_t *, const void *, uint32_t *, R *, uint32_t *, App...),
             const void *array)
 {
     zel_api_handle_t handle = fresh_handle();
-    auto *const record = static_cast<R *>(std::calloc(1, sizeof(R)));
-    uint32_t cursor = cursor_of_first<R>(array);
+    auto *const object = static_cast<R *>(std::calloc(1, sizeof(R)));
+    uint32_t cursor = cursor_of_first(record.start, array);
     uint32_t subtotal = 0;
-    const int32_t status = decoder(&handle, array, &cursor, record, &subtotal, App{}...);
+    const int32_t status = decoder(&handle, array, &cursor, object, &subtotal, App{}...);
     REQUIRE(subtotal <= tlv_array_get_num_tlvs(array, 0));
     REQUIRE(status == 0 || reports.errors != 0);
     zel_empty_mat_cache(&handle);
-    (void)free_contained_mat_obj_mem(&handle, 0, mat_type_of<R>(zel::MatObjects{}), record);
-    std::free(record);
+    // A record without MAT type owns nothing.
+    (void)free_contained_mat_obj_mem(&handle, 0, record.mat_type, object);
+    std::free(object);
 }
 
-template <auto Decoder> void decode(const void *array) { decode(Decoder, array); }
+#define DECODER(object) [](const void *array) { decode(zel::wire::object, zel_parse_##object##_from_tlv, array); },
 
-constexpr void (*decoders[])(const void *) = {
-    decode<zel_parse_kob_header_from_tlv>,
-    decode<zel_parse_stat_request_entry_from_tlv>,
-    decode<zel_parse_stat_request_from_tlv>,
-    decode<zel_parse_action_set_vrf_from_tlv>,
-    decode<zel_parse_action_nat_rewrite_from_tlv>,
-    decode<zel_parse_l3_redirect_ipv4_from_tlv>,
-    decode<zel_parse_l2_redirect_ipv4_from_tlv>,
-    decode<zel_parse_action_label_param_from_tlv>,
-    decode<zel_parse_action_param_redirect_from_tlv>,
-    decode<zel_parse_action_lisp_decapsulation_from_tlv>,
-    decode<zel_parse_if_element_from_tlv>,
-    decode<zel_parse_if_group_from_tlv>,
-    decode<zel_parse_match_lisp_inst_from_tlv>,
-    decode<zel_parse_match_lisp_proto_from_tlv>,
-    decode<zel_parse_match_exp_from_tlv>,
-    decode<zel_parse_match_arp_opcode_from_tlv>,
-    decode<zel_parse_match_eth_proto_from_tlv>,
-    decode<zel_parse_match_service_element_from_tlv>,
-    decode<zel_parse_match_service_from_tlv>,
-    decode<zel_parse_match_label_from_tlv>,
-    decode<zel_parse_match_acl_from_tlv>,
-    decode<zel_parse_action_from_tlv>,
-    decode<zel_parse_action_grp_from_tlv>,
-    decode<zel_parse_match_from_tlv>,
-    decode<zel_parse_match_grp_from_tlv>,
-    decode<zel_parse_match_action_pair_from_tlv>,
-    decode<zel_parse_match_action_pair_grp_from_tlv>,
-    decode<zel_parse_policy_from_tlv>,
-    decode<zel_parse_policy_list_from_tlv>,
-};
+constexpr void (*decoders[])(const void *) = {DECODER(kob_header) ZEL_LEAF_RECORDS(DECODER) ZEL_PLAIN_RECORDS(DECODER)
+                                                  ZEL_CACHED_RECORDS(DECODER)};
 
 void check_decoder(std::size_t choice, const void *array, std::size_t size)
 {
     // And the record that it is given.
-    const Heap heap(parse_bound(size) + largest_record(zel::MatObjects{}));
+    const Heap heap(parse_bound(size) + largest_record());
     decoders[choice % std::size(decoders)](array);
 }
 

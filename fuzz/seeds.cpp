@@ -3,12 +3,12 @@
 #include "elements.hpp"
 #include "frames_script.hpp"
 #include "support/graphs.hpp"
-#include "tools/json/request_kinds.hpp"
-#include "tools/message/element_facts.hpp"
+#include "tools/json/names.hpp"
 #include "tools/message/message.hpp"
 #include "zel-platform/tlv_check.h"
 
 #include <filesystem>
+#include <fmt/core.h>
 #include <fstream>
 #include <random>
 #include <set>
@@ -34,8 +34,10 @@ void write_dictionaries(const Folder &folder)
     std::set<std::string_view> names{"ref", "any", "hex:"};
     for (const fuzz::ElementFacts &known : fuzz::known_elements()) {
         ids += fmt::format("\"\\x{:02x}\\x{:02x}\"\n", known.id & 0xff, known.id >> 8);
-        const tools::ElementFacts &facts = tools::facts_of_element(known.id);
-        names.insert({facts.record, facts.field});
+        const zel::wire::Element element = zel::wire::message_format.element(known.id);
+        names.insert(element.record->name);
+        if (element.member != nullptr)
+            names.insert(element.member->name);
     }
     for (const tools::Name &kind : tools::request_kind_names)
         names.insert(kind.name);

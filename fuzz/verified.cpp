@@ -7,8 +7,8 @@
 #include "target.hpp"
 
 #include "platform/tlv_array.h"
-#include "tools/message/graph_equal.hpp"
-#include "wire/known_elements.hpp"
+#include "wire/format.hpp"
+#include "wire/graph.hpp"
 
 #include <vector>
 
@@ -28,19 +28,8 @@ uint32_t used_bytes(const void *array)
 
 // ---- What a message must become when it is read and written again
 
-// The width that readers give to an element's value when that is not its own, or 0.
-template <class R, class Member> uint32_t shortened_width_of(uint16_t, Member) { return 0; }
-template <class R, uint16_t Id, auto Member> uint32_t shortened_width_of(uint16_t id, zel::Field<Id, Member>)
-{
-    return id == Id ? zel::shortened_width<Member> : 0;
-}
-
-uint32_t shortened_width(uint16_t id)
-{
-    using R = zel_match_acl_t;
-    return std::apply([id](auto... member) { return (shortened_width_of<R>(id, member) + ...); },
-                      zel::Wire<R>::members);
-}
+// Readers drop the last byte of an ACL.
+constexpr uint16_t acl_id = zel::wire::match_acl_members[0].id;
 
 // The same without unknown elements, and without what readers drop of a value.
 Bytes canonical(const void *array)
@@ -51,12 +40,12 @@ Bytes canonical(const void *array)
     const void *value = nullptr;
     uint32_t cursor = 0;
     while (tlv_array_get_next_tlv(array, &type, &length, &value, 0, &cursor) == TLV_OK) {
-        if (!zel::is_known_element(type))
+        if (!zel::wire::message_format.is_known(type))
             continue;
         const auto *const from = static_cast<const uint8_t *>(value);
         Bytes kept(from, from + length);
-        if (const uint32_t width = shortened_width(type); width != 0) {
-            kept.resize(width);
+        if (type == acl_id) {
+            kept.resize(ZEL_ACL_SIZE - 1);
             kept.resize(length);
         }
         tlv_array_add_tlv(bytes.data(), static_cast<uint32_t>(bytes.size()), type, length, kept.data(), 0);
@@ -111,14 +100,11 @@ Bytes encode(const zel_kob_header_t &header, uint32_t mat_type, const void *root
     return bytes;
 }
 
-template <class... O> bool equal(const Parsed &a, const Parsed &b, zel::MatObjectList<O...>)
+bool equal(const Parsed &a, const Parsed &b)
 {
-    const auto equal_as = [&]<class R>(R *) {
-        return tools::equal(*static_cast<const R *>(a.root), *static_cast<const R *>(b.root));
-    };
-    return a.root == nullptr || b.root == nullptr
-               ? a.root == b.root
-               : ((a.mat_type == O::type && equal_as(static_cast<typename O::record *>(nullptr))) || ...);
+    if (a.root == nullptr || b.root == nullptr)
+        return a.root == b.root;
+    return zel::wire::equal(*zel::wire::object_of(a.mat_type), a.root, b.root);
 }
 
 void check_accepted(Received &received, uint32_t unknown_elements)
@@ -140,7 +126,7 @@ void check_accepted(Received &received, uint32_t unknown_elements)
         const zel_verify_options_t strict{sizeof strict, 1};
         REQUIRE(zel_verify_tlv_array(again.payload(), &strict, nullptr) == ZEL_VERIFY_OK);
         const Parsed reparsed(again);
-        REQUIRE(equal(parsed, reparsed, zel::MatObjects{}));
+        REQUIRE(equal(parsed, reparsed));
     }
     REQUIRE(heap.live_bytes() == 0);
 }

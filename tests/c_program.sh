@@ -8,7 +8,7 @@ trap 'rm -rf "$work"' EXIT
 
 nm --defined-only "$library" | awk 'NF == 3 {print $3}' | sort -u >"$work/defined"
 nm -u "$library" | awk '$1 == "U" {print $2}' | sort -u | comm -23 - "$work/defined" >"$work/needed"
-printf '%s\n' calloc free getpid memcpy memmove memset snprintf strncpy _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
+printf '%s\n' calloc free getpid memcpy memmove memset snprintf strlen strncpy _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
 comm -23 "$work/needed" "$work/libc" >"$work/platform"
 
 # Nothing runs before main().

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <set>
 
 using namespace test;
 
@@ -182,6 +183,66 @@ TEST(Decode, PeculiarFields)
     zel_match_exp_t exp{};
     decode(zel_parse_match_exp_from_tlv, handle, array("48:1f 47"), exp);
     EXPECT_EQ(exp.exp, 0x1f);
+}
+
+// The platform gets the caller's own cursor for every element, those of contained records included.
+TEST(Decode, PullsWithTheCallersCursor)
+{
+    auto *list = Graphs([] { return 2; }, counted()).make<zel_policy_list_t>();
+    auto handle = fresh_handle();
+    Message sent;
+    zel_policy_list_update(&handle, list, 1, &sent);
+    free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
+    Message received{platform.sends[0].message};
+    received.payload.resize(received.payload.size() + 64);
+    for (const bool is_watched : {true, false}) {
+        handle = fresh_handle();
+        handle.dbg_cb = is_watched ? dbg_cb : nullptr;
+        zel_kob_header_t header{};
+        void *const object = zel_parse_tlv_array(&handle, received.payload.data(), &header);
+        ASSERT_GT(platform.cursors.size(), 100u);
+        EXPECT_EQ(std::set(platform.cursors.begin(), platform.cursors.end()).size(), 1u);
+        free_graph(ZEL_MAT_TYPE_POLICY_LIST, object);
+    }
+    uint32_t cursor = 0, subtotal = 0;
+    auto *const request = zeroed<zel_stat_request_t>();
+    handle = fresh_handle();
+    zel_parse_stat_request_from_tlv(&handle, array("137:02000000 138 140:05000000 139 138 139 136").data(), &cursor,
+                                    request, &subtotal, 1);
+    EXPECT_EQ(platform.cursors, std::vector<const uint32_t *>(7, &cursor));
+    free_graph(ZEL_MAT_TYPE_STAT_REQUEST, request);
+}
+
+// The debug flag alone, without a callback, traces every element.
+TEST(Decode, DetailForTheTraceFacilityAlone)
+{
+    auto handle = fresh_handle(1);
+    handle.dbg_cb = nullptr;
+    zel_match_t match{};
+    uint32_t cursor = 0, subtotal = 0;
+    zel_parse_match_from_tlv(&handle, array("23 25:01000000 26:0500 27:0600 28:06000000 40 42:0008 41 24").data(),
+                             &cursor, &match, &subtotal, 1);
+    EXPECT_EQ(subtotal, 9u);
+    const auto is_detail = [](const std::string &line) { return line.find("tlv type: ") != std::string::npos; };
+    EXPECT_EQ(std::count_if(platform.log.begin(), platform.log.end(), is_detail), 9);
+    zel_empty_mat_cache(&handle);
+}
+
+// A request without memory for its first entry has no array either: the free traversal
+// leaves the array of a request without entries alone.
+TEST(Decode, RequestWithoutMemoryForItsFirstEntry)
+{
+    for (const int failing : {1, 2, 3}) { // the array, the first entry, the second
+        auto handle = fresh_handle();
+        heap.fail_calloc = failing;
+        zel_stat_request_t request{};
+        uint32_t cursor = 0, subtotal = 0;
+        zel_parse_stat_request_from_tlv(&handle, array("135 137:02000000 138 139 138 139 136").data(), &cursor,
+                                        &request, &subtotal, 1);
+        EXPECT_EQ(request.num_requests, failing == 3 ? 1u : 0u);
+        free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_STAT_REQUEST, &request);
+        EXPECT_TRUE(heap.live.empty()) << failing;
+    }
 }
 
 TEST(Decode, References)

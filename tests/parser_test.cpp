@@ -203,6 +203,44 @@ TEST(Parser, RoundTripsOfRandomGraphs)
     }
 }
 
+// When a further object cannot be allocated there is no answer, and nothing is lost.
+TEST(Parser, NoMemoryForAFurtherObject)
+{
+    // A policy, which also stands for the pair group that the kind names, then a pair group.
+    const Bytes payload = message(3, "116 113 115:0000 114 125 127:0000 126 117 113 115:0000 114");
+    for (const int failing : {1, 2}) {
+        auto handle = fresh_handle();
+        heap.fail_calloc = failing;
+        const Parsed parsed = parse(handle, payload);
+        EXPECT_EQ(parsed.object, nullptr);
+        EXPECT_EQ(parsed.mat_type, uint32_t{ZEL_MAT_TYPE_MATCH_ACTION_PAIR_GROUP});
+        EXPECT_EQ(platform.reported("err").size(), 1u);
+        EXPECT_TRUE(heap.live.empty()) << failing;
+    }
+}
+
+// Headers with as many application types as objects make no look-up slow: the cache stays a
+// balanced tree whatever the keys.
+TEST(Parser, KeysOfManyApplications)
+{
+    const auto word = [](uint32_t n) { return Bytes{uint8_t(n), uint8_t(n >> 8), uint8_t(n >> 16), uint8_t(n >> 24)}; };
+    const auto half = [](uint32_t n) { return Bytes{uint8_t(n), uint8_t(n >> 8)}; };
+    constexpr uint32_t num_objects = 20000;
+    for (const uint32_t stride : {1u, 64u, 16384u, 0x10001u, 0x9e3779b1u}) {
+        std::vector<ReadElement> elements;
+        for (uint32_t i = 0; i < num_objects; ++i) {
+            elements.insert(elements.end(), {{1, {0}}, {5, word(i * stride)}, {2, {0}}});
+            elements.insert(elements.end(), {{23, {0}}, {26, half(i / 4096 * 16384)}, {24, {0}}});
+        }
+        auto handle = fresh_handle();
+        handle.dbg_cb = nullptr;
+        zel_kob_header_t header{};
+        zel_parse_tlv_array(&handle, array(elements).data(), &header);
+        EXPECT_LT(platform.comparisons, num_objects * 60u) << stride; // 3 searches of 20 levels at most
+        free_heap();
+    }
+}
+
 // Nobody who listens changes what is read: a decoder that is not asked for details takes
 // a shorter way through what it expects, from which any element may lead it away.
 TEST(Parser, ReadsTheSameWhetherItIsWatchedOrNot)

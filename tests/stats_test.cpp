@@ -144,5 +144,7 @@ TEST(Statistics, ParsedResults)
     EXPECT_EQ(zel_parse_stats(&message), nullptr);
     message.empty = true;
     EXPECT_EQ(zel_parse_stats(&message), nullptr);
+    const int frees = heap.frees;
     zel_free_stat_results(nullptr);
+    EXPECT_EQ(heap.frees, frees);
 }

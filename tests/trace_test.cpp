@@ -60,6 +60,33 @@ TEST(Trace, LongTextsAreCutInTheRecord)
     EXPECT_EQ(platform.reports[0], "err: Failed to encode " + name + "  tlv element: -28");
 }
 
+// An application type beyond the platform's table is printed as a number.
+TEST(Trace, ApplicationsWithoutAName)
+{
+    for (const auto &[app_type, name] :
+         {std::pair{2u, "other"}, {3u, "3"}, {100000u, "100000"}, {UINT32_MAX, "4294967295"}}) {
+        auto handle = fresh_handle(1);
+        handle.app_type = app_type;
+        store(handle);
+        ASSERT_EQ(platform.log.size(), 3u);
+        EXPECT_NE(platform.log[2].find("zel_store_mat_cache(216)[" + std::string(name) + "]: "), std::string::npos);
+        zel_empty_mat_cache(&handle);
+    }
+}
+
+// The length that the log gets is that of the text in the record, even when formatting fails.
+TEST(Trace, TextsThatCannotBeFormatted)
+{
+    auto handle = fresh_handle(1);
+    platform.history_check = 0;
+    platform.fail_formatting = true;
+    store(handle);
+    const Strings expected = {"subtype 7536640 104", "history 7536640 104 zel", "check 104 0 0 1",
+                              "log 648 7536640 1 0 104 zel"};
+    EXPECT_EQ(platform.log, expected);
+    zel_empty_mat_cache(&handle);
+}
+
 // The transport's errno is asked for once per destination.
 TEST(Trace, SideEffectsOncePerDestination)
 {

@@ -2,6 +2,7 @@
 #include "platform/tlv_array.h"
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
+#include "wire/verify.hpp"
 
 #include <gtest/gtest.h>
 #include <random>
@@ -178,4 +179,76 @@ TEST(Verify, MessagesAndRecordsOfOtherSizes)
     EXPECT_EQ(report.offset, 77u);
     EXPECT_EQ(report.size, offsetof(zel_verify_report_t, offset));
     EXPECT_STREQ(zel_verify_rule_text(ZEL_VERIFY_TRAILING + 1), "unknown rule");
+}
+
+namespace {
+
+// The format of a later release, in which interfaces have one more field and policies one
+// more group.
+namespace later {
+
+constexpr wire::Member new_field{
+    .kind = wire::Kind::field, .id = 162, .offset = 0, .width = 4, .since = 2, .name = "mtu", .text = "if_ele mtu"};
+
+constexpr auto if_element_members = [] {
+    std::array<wire::Member, 6> members{};
+    members[0] = wire::if_element.members[0];
+    members[1] = new_field;
+    std::copy(wire::if_element.members.begin() + 1, wire::if_element.members.end(), members.begin() + 2);
+    return members;
+}();
+constexpr wire::Record if_element{"if_element",
+                                  "",
+                                  TLV_ZEL_IF_ELEMENT,
+                                  129,
+                                  sizeof(zel_if_element_t),
+                                  if_element_members,
+                                  ZEL_MAT_TYPE_IF_ELEMENT,
+                                  "",
+                                  "interface"};
+
+constexpr auto if_group_members = [] {
+    std::array<wire::Member, 1> members{wire::if_group.members[0]};
+    members[0].record = &if_element;
+    return members;
+}();
+constexpr wire::Record if_group{
+    "if_group",       "", TLV_ZEL_IF_GROUP, 126, sizeof(zel_if_group_t), if_group_members, ZEL_MAT_TYPE_IF_GROUP, "",
+    "interface group"};
+
+constexpr const wire::Record *objects[] = {&if_element, &if_group};
+constexpr wire::MessageFormat format = wire::make_format(wire::kob_header, objects);
+
+} // namespace later
+
+uint32_t verify_as(const wire::MessageFormat &format, const Bytes &array, bool strict)
+{
+    zel_verify_report_t report;
+    return wire::verify(format, array.data(), strict, report);
+}
+
+} // namespace
+
+// A member that is newer than the first release may be absent, and only at its own place
+// present; whoever does not know it passes over it, unless strict.
+TEST(Verify, MembersThatOlderPeersDoNotHave)
+{
+    const auto group = [](const std::string &interface) {
+        return message(ZEL_API_INTERFACE_GROUP_UPDATE, "125 127:0100 128 " + interface + " 129 126");
+    };
+    const std::string rest = " 131:00000000 132:00000000 133:0000 134:00000000";
+    const Bytes older = group("130:00000000" + rest);
+    const Bytes newer = group("130:00000000 162:dc050000" + rest);
+    const Bytes misplaced = group("130:00000000" + rest + " 162:dc050000");
+    const Bytes too_narrow = group("130:00000000 162:dc05" + rest);
+    const Bytes incomplete = group("162:dc050000" + rest);
+    for (const bool strict : {false, true}) {
+        EXPECT_EQ(verify_as(later::format, older, strict), ZEL_VERIFY_OK);
+        EXPECT_EQ(verify_as(later::format, newer, strict), ZEL_VERIFY_OK);
+        EXPECT_EQ(verify_as(later::format, misplaced, strict), ZEL_VERIFY_PLACE);
+        EXPECT_EQ(verify_as(later::format, too_narrow, strict), ZEL_VERIFY_WIDTH);
+        EXPECT_EQ(verify_as(later::format, incomplete, strict), ZEL_VERIFY_PLACE);
+        EXPECT_EQ(verify_as(wire::message_format, older, strict), ZEL_VERIFY_OK);
+        EXPECT_EQ(verify_as(wire::message_format, newer, strict), strict ? ZEL_VERIFY_UNKNOWN : ZEL_VERIFY_OK);
+    }
 }

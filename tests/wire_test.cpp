@@ -1,8 +1,9 @@
 // What goes onto the wire: elements, texts, sizes, and what a failed write changes.
+#include "support/golden.hpp"
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
+#include "wire/records.hpp"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -10,19 +11,25 @@ using namespace test;
 
 namespace {
 
-std::string line_of(const ElementWrite &write, const std::string &report)
+// What names an element in the report that its write has failed.
+std::string text_in(const std::string &report)
+{
+    const std::string before = "Failed to encode ";
+    return report.substr(before.size(), report.find("  tlv element: -28") - before.size());
+}
+
+std::string line_of(const ElementWrite &write, const std::string &text)
 {
     std::ostringstream line;
-    const std::string before = "Failed to encode ";
     line << write.id << ' ' << write.value.size() << ' ' << std::hex;
     for (const uint8_t byte : write.value)
         line << (byte >> 4) << (byte & 15);
-    line << ' ' << report.substr(before.size(), report.find("  tlv element: -28") - before.size());
+    line << ' ' << text << '\n';
     return line.str();
 }
 
-// All elements of a request, with the texts that name them when their write fails.
-Strings dump(uint32_t api_type, const void *root)
+// All elements of a request, one a line and indented by nesting.
+std::string dump(uint32_t api_type, const void *root)
 {
     auto handle = fresh_handle();
     platform.fail_write = -1;
@@ -34,21 +41,16 @@ Strings dump(uint32_t api_type, const void *root)
     for (const auto &report : platform.reported("err"))
         if (report.find("Failed") == 0)
             reports.push_back(report);
-    Strings lines;
-    for (size_t i = 0; i < platform.writes.size() && i < reports.size(); ++i)
-        lines.push_back(line_of(platform.writes[i], reports[i]));
+    std::string lines =
+        "# Every element of the message, in order: id, length, value (bytes as they lie in memory), field text.\n";
+    size_t depth = 0;
+    for (size_t i = 0; i < platform.writes.size() && i < reports.size(); ++i) {
+        const std::string text = text_in(reports[i]);
+        depth -= text == zel::wire::end_marker_text ? 1 : 0;
+        lines += std::string(2 * depth, ' ') + line_of(platform.writes[i], text);
+        depth += text == zel::wire::start_marker_text ? 1 : 0;
+    }
     EXPECT_EQ(reports.size(), platform.writes.size());
-    return lines;
-}
-
-// A golden file has one element a line, indented by nesting: id, length, value, text.
-Strings golden(const char *name)
-{
-    std::ifstream file(std::string(GOLDEN_DIR "/") + name);
-    Strings lines;
-    for (std::string line; std::getline(file, line);)
-        if (line.find('#') != 0)
-            lines.push_back(line.substr(line.find_first_not_of(' ')));
     return lines;
 }
 
@@ -61,11 +63,11 @@ TEST(Wire, GoldenElements)
     Graphs policies(scripted({2, 2, 12, 2, 7, 1, 1, 2, 0, 0}),
                     scripted({0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 2, 14, 26, 5, 6, 7, 0, 0, 6}));
     auto *list = policies.make<zel_policy_list_t>();
-    EXPECT_EQ(dump(ZEL_API_POLICY_LIST_UPDATE, list), golden("policy_list.elements"));
+    expect_golden("policy_list.elements", dump(ZEL_API_POLICY_LIST_UPDATE, list));
     free_graph(ZEL_MAT_TYPE_POLICY_LIST, list);
 
     auto *request = Graphs(scripted({2}), scripted({})).make<zel_stat_request_t>();
-    EXPECT_EQ(dump(ZEL_API_STATS_PULL, request), golden("stat_request.elements"));
+    expect_golden("stat_request.elements", dump(ZEL_API_STATS_PULL, request));
     free_graph(ZEL_MAT_TYPE_STAT_REQUEST, request);
 }
 
@@ -140,6 +142,53 @@ TEST(Wire, MarkersOfMatTypes)
         EXPECT_EQ(platform.writes[1].value, Bytes{0});
         EXPECT_EQ(platform.writes[1].capacity, 77u);
     }
+}
+
+// Records whose members are fields alone are sized by their count.
+TEST(Wire, SizesOfMembersWithoutContent)
+{
+    const zel_if_group_t interfaces{5, nullptr};
+    const zel_stat_request_t queries{5, nullptr};
+    const zel_match_service_t service{5, nullptr};
+    EXPECT_EQ(zel_if_group_get_tlv_sz(&interfaces, 1), 16 + 5 * zel_if_element_get_tlv_sz());
+    EXPECT_EQ(zel_stat_request_get_tlv_sz(&queries, 1), 18 + 5 * zel_stat_request_entry_get_tlv_sz());
+    EXPECT_EQ(zel_match_service_get_tlv_sz(&service, 1), 16 + 5 * zel_match_service_element_get_tlv_sz());
+}
+
+// The first match of a process sends one.  Run in a process of its own.
+TEST(WireDeathTest, HeartbeatAtTheFirstMatch)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto first_match = [] {
+        auto handle = fresh_handle();
+        Bytes array(1000);
+        zel_match_t match{};
+        zel_match_t *matches[] = {&match, &match};
+        const zel_match_grp_t group{0, 0, 0, 2, matches};
+        zel_add_match_grp_to_tlv(&handle, array.data(), 1000, &group, 1);
+        std::exit(platform.heartbeats);
+    };
+    EXPECT_EXIT(first_match(), testing::ExitedWithCode(1), "");
+}
+
+// The counter rises after the heartbeat: one that encodes a match itself sends another.
+TEST(Wire, HeartbeatsThatEncode)
+{
+    auto handle = fresh_handle();
+    Bytes array(1 << 16);
+    zel_match_t match{};
+    zel_match_t *matches[] = {&match};
+    const zel_match_grp_t group{0, 0, 0, 1, matches};
+    const auto encode = [&] { zel_add_match_grp_to_tlv(&handle, array.data(), 1 << 16, &group, 1); };
+    bool is_nested = false;
+    platform.on_heartbeat = [&] {
+        if (!std::exchange(is_nested, true))
+            encode();
+    };
+    for (int i = 0; i < 32 && platform.heartbeats == 0; ++i)
+        encode();
+    EXPECT_EQ(platform.heartbeats, 2);
+    zel_empty_mat_cache(&handle);
 }
 
 // Matches count over the whole process, policies by index.

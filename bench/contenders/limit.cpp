@@ -5,7 +5,7 @@
 #include "bench/by_id.hpp"
 #include "bench/contender.hpp"
 #include "bench/zel_graph.hpp"
-#include "wire/mat_objects.hpp"
+#include "wire/format.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -17,33 +17,39 @@
 namespace bench {
 namespace {
 
-using zel::Choice, zel::Element, zel::Embedded, zel::Field, zel::follow, zel::is_shareable, zel::MatObjectOf,
-    zel::num_members, zel::Option, zel::reference_mat_id_id, zel::reference_mat_type_id, zel::Sequence, zel::Value,
-    zel::Wire;
+namespace wire = zel::wire;
+using wire::Kind, wire::Member, wire::Option, wire::Record;
 
 constexpr uint32_t app_type = 1;
 constexpr uint32_t header_bytes = 4;
 constexpr uint32_t marker_bytes = header_bytes + 1;
 constexpr uint32_t reference_bytes = 2 * marker_bytes + 2 * header_bytes + 4 + 2;
-template <std::size_t I> using Index = std::integral_constant<std::size_t, I>;
-template <class V> constexpr uint32_t element_bytes = header_bytes + sizeof(V);
 
-// Not by std::apply(), which is a call.
-template <class R, class Visit, std::size_t... I> INLINE void visit_members(Visit visit, std::index_sequence<I...>)
+constexpr uint32_t element_bytes(uint32_t width) { return header_bytes + width; }
+
+// Unrolls the members of a record.
+template <const Record &R, class Visit> INLINE void for_each_member(Visit visit)
 {
-    (visit(std::get<I>(Wire<R>::members), Index<I>{}), ...);
+    [&]<std::size_t... I>(std::index_sequence<I...>) INLINE_LAMBDA { (visit.template operator()<I>(), ...); }
+    (std::make_index_sequence<R.members.size()>{});
 }
-template <class R, class Visit> INLINE void for_each_wire_member(Visit visit)
+
+// Calls visit with the option that the selector selects.
+template <const Record &R, std::size_t I, class Visit> INLINE void visit_selected(uint32_t selector, Visit visit)
 {
-    visit_members<R>(visit, std::make_index_sequence<num_members<R>>{});
+    [&]<std::size_t... O>(std::index_sequence<O...>) INLINE_LAMBDA
+    {
+        ((selector == R.members[I].options[O].value && (visit.template operator()<O>(), true)) || ...);
+    }
+    (std::make_index_sequence<R.members[I].options.size()>{});
 }
 
 using ReadObjects = OfMatchesAndActions<ById<const zel_match_t *>, ById<const zel_action_t *>>;
 
 // The part for a record's kind of object.
-template <class R, class Both> INLINE auto &part_for(Both &both)
+template <const Record &R, class Both> INLINE auto &part_for(Both &both)
 {
-    if constexpr (std::is_same_v<R, zel_match_t>)
+    if constexpr (R == wire::match)
         return both.matches;
     else
         return both.actions;
@@ -55,47 +61,34 @@ class Sizer {
 public:
     explicit Sizer(SeenIds &seen) : seen_(seen) { seen.clear(); }
 
-    template <class R> INLINE uint32_t size(const R &record)
+    template <const Record &R> INLINE uint32_t size(const void *record)
     {
-        if constexpr (is_shareable<R>) {
-            if (!part_for<R>(seen_).enter(record.id))
+        if constexpr (R.is_shareable()) {
+            if (!part_for<R>(seen_).enter(wire::id_of(R, record)))
                 return reference_bytes;
         }
         uint32_t total = 2 * marker_bytes;
-        for_each_wire_member<R>([&](auto member, auto) INLINE_LAMBDA { total += member_size(record, member); });
+        for_each_member<R>([&]<std::size_t I>() INLINE_LAMBDA { total += member_size<R, I>(record); });
         return total;
     }
 
 private:
-    template <class R, uint16_t Id, auto Member> INLINE uint32_t member_size(const R &, Field<Id, Member>)
+    template <const Record &R, std::size_t I> INLINE uint32_t member_size(const void *record)
     {
-        return element_bytes<Value<Member>>;
-    }
-    template <class R, auto Member> INLINE uint32_t member_size(const R &record, Embedded<Member>)
-    {
-        return size(record.*Member);
-    }
-    template <class R, uint16_t Id, auto Count, auto Array>
-    INLINE uint32_t member_size(const R &record, Sequence<Id, Count, Array>)
-    {
-        uint32_t total = element_bytes<Value<Count>>;
-        for (uint32_t i = 0; i < record.*Count; ++i)
-            total += size(*(record.*Array)[i]);
+        constexpr const Member &member = R.members[I];
+        uint32_t total = member.id != 0 ? element_bytes(member.width) : 0;
+        if constexpr (member.kind == Kind::embedded) {
+            total = size<*member.record>(wire::part(record, member.offset));
+        } else if constexpr (member.kind == Kind::sequence) {
+            for (uint32_t i = 0; i < wire::count_of(record, member); ++i)
+                total += size<*member.record>(wire::array_of(record, member)[i]);
+        } else if constexpr (member.kind == Kind::choice) {
+            visit_selected<R, I>(wire::number_at(record, member), [&]<std::size_t O>() INLINE_LAMBDA {
+                constexpr const Option &option = member.options[O];
+                total = size<*option.record>(wire::part(record, option.offset));
+            });
+        }
         return total;
-    }
-    template <class R, auto Selector, class... O> INLINE uint32_t member_size(const R &record, Choice<Selector, O...>)
-    {
-        uint32_t total = 0;
-        (option_size(record, record.*Selector, O{}, total) || ...);
-        return total;
-    }
-    template <class R, uint32_t Select, auto... Path>
-    INLINE bool option_size(const R &record, uint32_t selector, Option<Select, Path...>, uint32_t &total)
-    {
-        if (selector != Select)
-            return false;
-        total = size(follow<Path...>(record));
-        return true;
     }
 
     SeenIds &seen_;
@@ -109,58 +102,57 @@ public:
 
     unsigned char *at() const { return at_; }
 
-    template <class R> INLINE void write(const R &record)
+    template <const Record &R> INLINE void write(const void *record)
     {
-        if constexpr (is_shareable<R>) {
-            if (!part_for<R>(seen_).enter(record.id)) {
-                marker(Wire<R>::start);
-                element(reference_mat_type_id, MatObjectOf<R>::type);
-                element(reference_mat_id_id, record.id);
-                marker(Wire<R>::end);
-                return;
-            }
+        if constexpr (R.is_shareable()) {
+            if (!part_for<R>(seen_).enter(wire::id_of(R, record)))
+                return write_reference<R>(wire::id_of(R, record));
         }
-        marker(Wire<R>::start);
-        for_each_wire_member<R>([&](auto member, auto) INLINE_LAMBDA { write_member(record, member); });
-        marker(Wire<R>::end);
+        marker(R.start);
+        for_each_member<R>([&]<std::size_t I>() INLINE_LAMBDA { write_member<R, I>(record); });
+        marker(R.end);
     }
 
 private:
-    template <class V> INLINE void element(uint16_t id, const V &value)
+    template <uint16_t Width> INLINE void element(uint16_t id, const void *value)
     {
-        const uint16_t header[] = {id, sizeof value};
+        const uint16_t header[] = {id, Width};
         std::memcpy(at_, header, sizeof header);
-        std::memcpy(at_ + sizeof header, &value, sizeof value);
-        at_ += element_bytes<V>;
+        std::memcpy(at_ + sizeof header, value, Width);
+        at_ += element_bytes(Width);
     }
-    INLINE void marker(uint16_t id) { element(id, uint8_t{0}); }
 
-    template <class R, uint16_t Id, auto Member> INLINE void write_member(const R &record, Field<Id, Member>)
+    INLINE void marker(uint16_t id)
     {
-        element(Id, record.*Member);
+        const uint8_t zero = 0;
+        element<1>(id, &zero);
     }
-    template <class R, auto Member> INLINE void write_member(const R &record, Embedded<Member>)
+
+    template <const Record &R> INLINE void write_reference(uint16_t id)
     {
-        write(record.*Member);
+        marker(R.start);
+        element<4>(wire::reference_mat_type.id, &R.mat_type);
+        element<2>(wire::reference_mat_id.id, &id);
+        marker(R.end);
     }
-    template <class R, uint16_t Id, auto Count, auto Array>
-    INLINE void write_member(const R &record, Sequence<Id, Count, Array>)
+
+    template <const Record &R, std::size_t I> INLINE void write_member(const void *record)
     {
-        element(Id, record.*Count);
-        for (uint32_t i = 0; i < record.*Count; ++i)
-            write(*(record.*Array)[i]);
-    }
-    template <class R, auto Selector, class... O> INLINE void write_member(const R &record, Choice<Selector, O...>)
-    {
-        (write_option(record, record.*Selector, O{}) || ...);
-    }
-    template <class R, uint32_t Select, auto... Path>
-    INLINE bool write_option(const R &record, uint32_t selector, Option<Select, Path...>)
-    {
-        if (selector != Select)
-            return false;
-        write(follow<Path...>(record));
-        return true;
+        constexpr const Member &member = R.members[I];
+        const void *const place = wire::part(record, member.offset);
+        if constexpr (member.id != 0)
+            element<member.width>(member.id, place);
+        if constexpr (member.kind == Kind::embedded) {
+            write<*member.record>(place);
+        } else if constexpr (member.kind == Kind::sequence) {
+            for (uint32_t i = 0; i < wire::count_of(record, member); ++i)
+                write<*member.record>(wire::array_of(record, member)[i]);
+        } else if constexpr (member.kind == Kind::choice) {
+            visit_selected<R, I>(wire::number_at(record, member), [&]<std::size_t O>() INLINE_LAMBDA {
+                constexpr const Option &option = member.options[O];
+                write<*option.record>(wire::part(record, option.offset));
+            });
+        }
     }
 
     SeenIds &seen_;
@@ -171,18 +163,15 @@ private:
 
 // Bytes of the elements from a member on that come one after the other whatever they
 // contain.  Room is checked once for such a run, the headers one by one.
-template <class R, std::size_t From> consteval uint32_t run_bytes()
+template <const Record &R> consteval uint32_t run_bytes(std::size_t from)
 {
-    constexpr auto bytes_of = []<uint16_t Id, auto Member>(const Field<Id, Member> &)
-    {
-        return element_bytes<Value<Member>>;
-    };
-    if constexpr (From == num_members<R>)
-        return marker_bytes;
-    else if constexpr (requires { bytes_of(std::get<From>(Wire<R>::members)); })
-        return bytes_of(std::get<From>(Wire<R>::members)) + run_bytes<R, From + 1>();
-    else
-        return 0;
+    uint32_t bytes = 0;
+    for (; from < R.members.size(); ++from) {
+        if (R.members[from].kind != Kind::field)
+            return bytes;
+        bytes += element_bytes(R.members[from].width);
+    }
+    return bytes + marker_bytes;
 }
 
 class Reader {
@@ -192,20 +181,22 @@ public:
         objects.clear();
     }
 
-    template <class R> INLINE void read(R &record)
+    template <const Record &R> INLINE void read(void *record)
     {
-        if constexpr (is_shareable<R>) {
-            record.cached = 0;
+        if constexpr (R.is_shareable()) {
+            wire::cached_flag(R, record) = 0;
             need(reference_bytes);
-            if (header_at(at_ + marker_bytes) == header(reference_mat_type_id, 4))
-                return read_reference(record);
+            if (header_at(at_ + marker_bytes) == header(wire::reference_mat_type.id, 4))
+                return read_reference<R>(record);
         }
-        need(marker_bytes + run_bytes<R, 0>());
-        marker(Wire<R>::start);
-        for_each_wire_member<R>([&](auto member, auto i) INLINE_LAMBDA { read_member<R, i>(record, member); });
-        marker(Wire<R>::end);
-        if constexpr (is_shareable<R>)
-            part_for<R>(objects_).enter(record.id, &record);
+        need(marker_bytes + run_bytes<R>(0));
+        marker(R.start);
+        for_each_member<R>([&]<std::size_t I>() INLINE_LAMBDA { read_member<R, I>(record); });
+        marker(R.end);
+        if constexpr (R == wire::match)
+            objects_.matches.enter(wire::id_of(R, record), static_cast<const zel_match_t *>(record));
+        else if constexpr (R == wire::action)
+            objects_.actions.enter(wire::id_of(R, record), static_cast<const zel_action_t *>(record));
     }
 
 private:
@@ -225,11 +216,11 @@ private:
     }
     INLINE void need(uint32_t bytes) { expect(std::size_t(end_ - at_) >= bytes); }
 
-    template <class V> INLINE void element(uint16_t id, V &value)
+    template <uint16_t Width> INLINE void element(uint16_t id, void *value)
     {
-        expect(header_at(at_) == header(id, sizeof value));
-        std::memcpy(&value, at_ + header_bytes, sizeof value);
-        at_ += element_bytes<V>;
+        expect(header_at(at_) == header(id, Width));
+        std::memcpy(value, at_ + header_bytes, Width);
+        at_ += element_bytes(Width);
     }
     INLINE void marker(uint16_t id)
     {
@@ -237,57 +228,53 @@ private:
         at_ += marker_bytes;
     }
 
-    template <class R> INLINE void read_reference(R &record)
+    template <const Record &R> INLINE void read_reference(void *record)
     {
         uint32_t type;
         uint16_t id;
-        marker(Wire<R>::start);
-        element(reference_mat_type_id, type);
-        element(reference_mat_id_id, id);
-        marker(Wire<R>::end);
-        const R *const *const object = part_for<R>(objects_).find(id);
-        expect(type == MatObjectOf<R>::type && object != nullptr);
-        record = **object;
-        record.cached = 1;
+        marker(R.start);
+        element<4>(wire::reference_mat_type.id, &type);
+        element<2>(wire::reference_mat_id.id, &id);
+        marker(R.end);
+        const auto *const object = part_for<R>(objects_).find(id);
+        expect(type == R.mat_type && object != nullptr);
+        std::memcpy(record, *object, R.size);
+        wire::cached_flag(R, record) = 1;
     }
 
-    template <class R, std::size_t, uint16_t Id, auto Member> INLINE void read_member(R &record, Field<Id, Member>)
+    template <const Record &R, std::size_t I> INLINE void read_member(void *record)
     {
-        element(Id, record.*Member);
-        if constexpr (std::is_same_v<R, zel_match_acl_t>)
-            record.acl[sizeof record.acl - 1] = 0;
+        constexpr const Member &member = R.members[I];
+        void *const place = wire::part(record, member.offset);
+        if constexpr (member.kind == Kind::field) {
+            element<member.width>(member.id, place);
+            if constexpr (R == wire::match_acl)
+                static_cast<zel_match_acl_t *>(record)->acl[ZEL_ACL_SIZE - 1] = 0;
+            return;
+        } else if constexpr (member.kind == Kind::embedded) {
+            read<*member.record>(place);
+        } else if constexpr (member.kind == Kind::sequence) {
+            read_sequence<R, I>(record);
+        } else {
+            visit_selected<R, I>(wire::number_at(record, member), [&]<std::size_t O>() INLINE_LAMBDA {
+                constexpr const Option &option = member.options[O];
+                read<*option.record>(wire::part(record, option.offset));
+            });
+        }
+        need(run_bytes<R>(I + 1));
     }
-    template <class R, std::size_t I, auto Member> INLINE void read_member(R &record, Embedded<Member>)
+
+    template <const Record &R, std::size_t I> INLINE void read_sequence(void *record)
     {
-        read(record.*Member);
-        need(run_bytes<R, I + 1>());
-    }
-    template <class R, std::size_t I, uint16_t Id, auto Count, auto Array>
-    INLINE void read_member(R &record, Sequence<Id, Count, Array>)
-    {
-        need(element_bytes<Value<Count>>);
-        element(Id, record.*Count);
-        const uint32_t count = record.*Count;
-        auto **const members =
-            count == 0 ? nullptr : static_cast<Element<Array> **>(std::malloc(count * sizeof(Element<Array> *)));
+        constexpr const Member &member = R.members[I];
+        need(element_bytes(member.width));
+        element<member.width>(member.id, wire::part(record, member.offset));
+        const uint32_t count = wire::count_of(record, member);
+        auto *const members =
+            count == 0 ? nullptr : static_cast<wire::PointerArray>(std::malloc(count * sizeof(void *)));
         for (uint32_t i = 0; i < count; ++i)
-            read(*(members[i] = static_cast<Element<Array> *>(std::malloc(sizeof(Element<Array>)))));
-        record.*Array = members;
-        need(run_bytes<R, I + 1>());
-    }
-    template <class R, std::size_t I, auto Selector, class... O>
-    INLINE void read_member(R &record, Choice<Selector, O...>)
-    {
-        (read_option(record, record.*Selector, O{}) || ...);
-        need(run_bytes<R, I + 1>());
-    }
-    template <class R, uint32_t Select, auto... Path>
-    INLINE bool read_option(R &record, uint32_t selector, Option<Select, Path...>)
-    {
-        if (selector != Select)
-            return false;
-        read(follow<Path...>(record));
-        return true;
+            read<*member.record>(members[i] = std::malloc(member.record->size));
+        wire::array_of(record, member) = members;
     }
 
     ReadObjects &objects_;
@@ -297,33 +284,25 @@ private:
 
 // ---- Releasing
 
-template <class R> INLINE void release_members(R &record);
-
-template <class R, uint16_t Id, auto Member> INLINE void release_member(R &, Field<Id, Member>) {}
-template <class R, auto Member> INLINE void release_member(R &record, Embedded<Member>)
+template <const Record &R> INLINE void release_members(void *record)
 {
-    release_members(record.*Member);
-}
-template <class R, uint16_t Id, auto Count, auto Array>
-INLINE void release_member(R &record, Sequence<Id, Count, Array>)
-{
-    for (uint32_t i = 0; i < record.*Count; ++i) {
-        release_members(*(record.*Array)[i]);
-        std::free((record.*Array)[i]);
-    }
-    std::free(static_cast<void *>(record.*Array));
-}
-// Of all parameters, only a service owns something.
-template <class R, auto Selector, class... O> INLINE void release_member(R &record, Choice<Selector, O...>)
-{
-    if constexpr (std::is_same_v<R, zel_match_t>)
-        if (record.cached == 0 && record.type == ZEL_MATCH_TYPE_SERVICE)
-            release_members(record.param.service);
-}
-
-template <class R> INLINE void release_members(R &record)
-{
-    for_each_wire_member<R>([&](auto member, auto) INLINE_LAMBDA { release_member(record, member); });
+    for_each_member<R>([&]<std::size_t I>() INLINE_LAMBDA {
+        constexpr const Member &member = R.members[I];
+        if constexpr (member.kind == Kind::embedded) {
+            release_members<*member.record>(wire::part(record, member.offset));
+        } else if constexpr (member.kind == Kind::sequence) {
+            for (uint32_t i = 0; i < wire::count_of(record, member); ++i) {
+                release_members<*member.record>(wire::array_of(record, member)[i]);
+                std::free(wire::array_of(record, member)[i]);
+            }
+            std::free(wire::array_of(record, member));
+        } else if constexpr (R == wire::match && member.kind == Kind::choice) {
+            // Of all parameters, only a service owns something.
+            auto &match = *static_cast<zel_match_t *>(record);
+            if (match.cached == 0 && match.type == ZEL_MATCH_TYPE_SERVICE)
+                release_members<wire::match_service>(&match.param.service);
+        }
+    });
 }
 
 // ---- The rows
@@ -343,19 +322,19 @@ public:
         root_ = to_zel(message);
     }
 
-    Encoded encode() override { return is_list() ? encode_as<zel_policy_list_t>() : encode_as<zel_policy_t>(); }
+    Encoded encode() override { return is_list() ? encode_as<wire::policy_list>() : encode_as<wire::policy>(); }
 
     void *decode(Bytes bytes) override
     {
-        return is_list() ? decode_as<zel_policy_list_t>(bytes) : decode_as<zel_policy_t>(bytes);
+        return is_list() ? decode_as<wire::policy_list>(bytes) : decode_as<wire::policy>(bytes);
     }
 
     void release(void *root) override
     {
         if (is_list())
-            release_members(*static_cast<zel_policy_list_t *>(root));
+            release_members<wire::policy_list>(root);
         else
-            release_members(*static_cast<zel_policy_t *>(root));
+            release_members<wire::policy>(root);
         std::free(root);
     }
 
@@ -367,26 +346,25 @@ public:
 private:
     bool is_list() const { return header_.api_type == ZEL_API_POLICY_LIST_UPDATE; }
 
-    template <class Root> Encoded encode_as()
+    template <const Record &Root> Encoded encode_as()
     {
-        const auto &root = *static_cast<const Root *>(root_);
         Sizer sizer(seen_);
-        const uint32_t used = sizer.size(header_) + sizer.size(root);
+        const uint32_t used = sizer.size<wire::kob_header>(&header_) + sizer.size<Root>(root_);
         auto *const message = static_cast<unsigned char *>(std::malloc(sizeof used + used));
         std::memcpy(message, &used, sizeof used);
         Writer writer(seen_, message + sizeof used);
-        writer.write(header_);
-        writer.write(root);
+        writer.write<wire::kob_header>(&header_);
+        writer.write<Root>(root_);
         return encoded_in(message, sizeof used + used);
     }
 
-    template <class Root> void *decode_as(Bytes bytes)
+    template <const Record &Root> void *decode_as(Bytes bytes)
     {
         Reader reader(read_, bytes.subspan(sizeof(uint32_t)));
         zel_kob_header_t header;
-        reader.read(header);
-        auto *const root = static_cast<Root *>(std::malloc(sizeof(Root)));
-        reader.read(*root);
+        reader.read<wire::kob_header>(&header);
+        void *const root = std::malloc(Root.size);
+        reader.read<Root>(root);
         return root;
     }
 

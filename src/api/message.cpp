@@ -1,7 +1,7 @@
 // From a request to a message on the transport.
+#include "model/elements.hpp"
 #include "model/trace.hpp"
 #include "platform/transport.h"
-#include "wire/mat_objects.hpp"
 #include "zel.h"
 
 #include <array>
@@ -9,9 +9,6 @@
 
 namespace zel {
 namespace {
-
-// What a TLV array costs before its first element.
-constexpr uint32_t array_overhead = 4;
 
 // The object that each request kind carries.  A delete names its policy in the header.
 constexpr auto carried_types = [] {

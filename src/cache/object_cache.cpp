@@ -1,4 +1,4 @@
-// The object cache for callers outside, and its order.
+// The exported operations of the object cache, and the order of its keys.
 #include "cache/object_cache.hpp"
 
 using namespace zel;
@@ -6,7 +6,8 @@ using namespace zel;
 namespace {
 
 // 1 when a key sorts after another, 2 when before, by the sign of their difference.
-// Without branches: a descent asks this at every level, and nobody can predict the answer.
+// Without branches: a search of a tree compares at every level, and the result cannot be
+// predicted.
 uint32_t order_of(int64_t difference)
 {
     constexpr int sign_bit = 63;
@@ -21,7 +22,7 @@ uint32_t zel_mat_cache_comp_func(const void *a, const void *b)
 {
     const auto &x = *static_cast<const zel_mat_cache_key_t *>(a);
     const auto &y = *static_cast<const zel_mat_cache_key_t *>(b);
-    if (x.app_type != y.app_type) [[unlikely]] // one message, one application
+    if (x.app_type != y.app_type) [[unlikely]] // a message has one application
         return order_of(int64_t{x.app_type} - y.app_type);
     const auto joined = [](const zel_mat_cache_key_t &key) { return int64_t{key.mat_type} << 16 | key.mat_id; };
     return order_of(joined(x) - joined(y));

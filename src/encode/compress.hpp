@@ -2,22 +2,19 @@
 #pragma once
 
 #include "cache/object_cache.hpp"
-#include "wire/mat_objects.hpp"
-#include "zel.h"
-
-#include <stdint.h>
+#include "wire/records.hpp"
 
 namespace zel {
 
-// Whether the message has not carried the object yet; from now on it has.
-template <class R>
-[[gnu::always_inline]] inline bool is_first_occurrence(zel_api_handle_t *handle, uint32_t app_type, const R &object)
+// Whether the message has not carried the object yet.  Enters it into the cache if so.
+[[gnu::always_inline]] inline bool is_first_occurrence(zel_api_handle_t *handle, uint32_t app_type,
+                                                       const wire::Record &record, const void *object)
 {
-    constexpr uint32_t mat_type = MatObjectOf<R>::type;
-    if (find_in_cache(*handle, app_type, mat_type, object.id) != nullptr)
+    const uint16_t id = wire::id_of(record, object);
+    if (find_in_cache(*handle, app_type, record.mat_type, id) != nullptr)
         return false;
-    // The cache lends its objects to its callers, hence a pointer to non-const; encoding never writes to them.
-    store_in_cache(*handle, app_type, mat_type, object.id, const_cast<R *>(&object));
+    // The cache gives its objects out as non-const; encoding never writes to them.
+    store_in_cache(*handle, app_type, record.mat_type, id, const_cast<void *>(object));
     return true;
 }
 

@@ -1,8 +1,8 @@
-// The element writer and the markers of MAT objects.
+// The exported element writer and markers, and references.
 #include "encode/element.hpp"
 
 #include "model/trace.hpp"
-#include "wire/mat_objects.hpp"
+#include "wire/format.hpp"
 
 const uint8_t zel_tlv_struct_start = 0;
 const uint8_t zel_tlv_struct_end = 0;
@@ -15,34 +15,45 @@ namespace zel {
           status);
 }
 
+void write_reference(const ElementWriter &writer, const wire::Record &record, const void *object)
+{
+    const wire::Reference reference{record.mat_type, wire::id_of(record, object)};
+    writer.add_start(record.start);
+    for (const wire::Member &member : wire::reference_members)
+        writer.add(member.id, member.width, wire::part(&reference, member.offset), member.text);
+    writer.add_end(record.end);
+}
+
 namespace {
 
-void add_marker(const zel_api_handle_t &handle, const char *function, uint32_t mat_type, uint16_t id, void *array,
-                uint32_t size, const uint8_t &value, const char *text)
+// The record of a MAT type; a type that has no markers is reported.
+const wire::Record *find_object(const zel_api_handle_t &handle, const char *function, uint32_t mat_type)
 {
-    if (id == 0)
+    const wire::Record *const record = wire::object_of(mat_type);
+    if (record == nullptr)
         trace(handle, Severity::error, function, "unkown type: %d"_trace, mat_type);
-    else
-        add_element(handle, array, size, id, sizeof value, &value, text);
+    return record;
 }
 
 } // namespace
 } // namespace zel
 
+using namespace zel;
+
 int32_t tlv_add_element(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size, uint16_t element_id,
                         uint16_t length, const void *value, const char *field_name)
 {
-    return zel::add_element(*handle, tlv_array, array_size, element_id, length, value, field_name);
+    return ElementWriter{handle, tlv_array, array_size}.add(element_id, length, value, field_name);
 }
 
 void zel_add_tlv_struct_start(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array, uint32_t array_size)
 {
-    zel::add_marker(*handle, __func__, mat_type, zel::facts_of(mat_type).start, tlv_array, array_size,
-                    zel_tlv_struct_start, zel::start_marker_text);
+    if (const wire::Record *const record = find_object(*handle, __func__, mat_type))
+        ElementWriter{handle, tlv_array, array_size}.add_start(record->start);
 }
 
 void zel_add_tlv_struct_end(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array, uint32_t array_size)
 {
-    zel::add_marker(*handle, __func__, mat_type, zel::facts_of(mat_type).end, tlv_array, array_size, zel_tlv_struct_end,
-                    zel::end_marker_text);
+    if (const wire::Record *const record = find_object(*handle, __func__, mat_type))
+        ElementWriter{handle, tlv_array, array_size}.add_end(record->end);
 }

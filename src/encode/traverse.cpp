@@ -1,7 +1,7 @@
-// Traversal: one graph, three modes.  Sizing and encoding hand the whole graph to
-// the size functions and the encoders; only releasing walks the members here.
-#include "encode/walk.hpp"
+// Traversal: one graph, three modes.  Sizing and encoding hand the whole graph to the size
+// functions and the encoders; only releasing walks the members here.
 #include "model/trace.hpp"
+#include "wire/records.hpp"
 
 #include <cstdlib>
 #include <type_traits>
@@ -9,86 +9,91 @@
 namespace zel {
 namespace {
 
-template <class M> void release_array(M **&members)
-{
-    std::free(static_cast<void *>(members));
-    members = nullptr;
-}
+using wire::Kind;
+using wire::Member;
+using wire::Record;
 
-// Records that own nothing, actions among them: a redirect holds its records by value.
-void release(zel_if_element_t &) {}
-void release(zel_stat_request_entry_t &) {}
-void release(zel_match_service_element_t &) {}
-void release(zel_action_param_redirect_t &) {}
-void release(zel_action_t &) {}
+// ---- Releasing
 
-void release(zel_match_t &match);
-void release(zel_match_action_pair_t &pair);
-void release(zel_policy_t &policy);
+void release(const Record &record, void *object);
 
 // Members in ascending order, each after what it owns.  The index is signed like
 // the comparison that peers make, so that a count of 2^31 and more has no members.
-template <class Count, class M> void release_members(Count count, M **members)
+void release_members(const Member &sequence, void *object)
 {
-    const auto end = static_cast<int32_t>(count);
+    wire::Pointer *const members = wire::array_of(object, sequence);
+    const auto end = static_cast<int32_t>(wire::count_of(object, sequence));
     for (int32_t i = 0; members != nullptr && i < end; ++i) {
-        // Members lie anywhere; the next may be on its way while this one is released.
+        // Members lie anywhere; this loads the next one while the current one is released.
         if (i + 1 < end)
             __builtin_prefetch(members[i + 1]);
         if (members[i] == nullptr)
             continue;
-        release(*members[i]);
+        if (sequence.record->owns_memory)
+            release(*sequence.record, members[i]);
         std::free(members[i]);
         members[i] = nullptr;
     }
 }
 
-// The array goes even when the count is 0.
-template <class Count, class M> void release_group(Count count, M **&members)
+void release_array(const Member &sequence, void *object)
 {
-    release_members(count, members);
-    release_array(members);
+    wire::PointerArray &array = wire::array_of(object, sequence);
+    std::free(array);
+    array = nullptr;
 }
 
-// Unlike a group's, the array of a request without entries is left alone.
-void release(zel_stat_request_t &request)
+// The array of a group is freed even when its count is 0; that of a statistics request is not.
+bool keeps_array(const Record &record, const Member &sequence, const void *object)
 {
-    if (request.num_requests != 0)
-        release_group(request.num_requests, request.requests);
+    return &record == &wire::stat_request && wire::count_of(object, sequence) == 0;
 }
-
-// An object that was filled from the cache shares its parameter with the object
-// that owns it.
-void release(zel_match_t &match)
-{
-    if (match.cached == 0 && match.type == ZEL_MATCH_TYPE_SERVICE)
-        release_group(match.param.service.num_elements, match.param.service.elements);
-}
-
-void release(zel_match_grp_t &group) { release_group(group.num_match, group.matches); }
-
-void release(zel_action_grp_t &group) { release_group(group.num_action, group.actions); }
-
-void release(zel_if_group_t &group) { release_group(group.num_if, group.if_elements); }
 
 // Both groups' members before either array.
-void release(zel_match_action_pair_t &pair)
+void release_pair(zel_match_action_pair_t &pair)
 {
-    release_members(pair.match_group.num_match, pair.match_group.matches);
-    release_members(pair.action_group.num_action, pair.action_group.actions);
-    release_array(pair.match_group.matches);
-    release_array(pair.action_group.actions);
+    const Member &matches = wire::match_grp.members.back();
+    const Member &actions = wire::action_grp.members.back();
+    release_members(matches, &pair.match_group);
+    release_members(actions, &pair.action_group);
+    release_array(matches, &pair.match_group);
+    release_array(actions, &pair.action_group);
 }
 
-void release(zel_match_action_pair_grp_t &group) { release_group(group.num_pair, group.pairs); }
-
-void release(zel_policy_t &policy)
+// The interfaces before the pairs.
+void release_policy(zel_policy_t &policy)
 {
-    release(policy.if_group);
-    release(policy.match_action_pair_group);
+    release(wire::if_group, &policy.if_group);
+    release(wire::match_action_pair_grp, &policy.match_action_pair_group);
 }
 
-void release(zel_policy_list_t &list) { release_group(list.num_policy, list.policies); }
+void release_nested(const Record &record, const Member &member, void *object)
+{
+    if (member.kind == Kind::sequence && !keeps_array(record, member, object)) {
+        release_members(member, object);
+        release_array(member, object);
+    } else if (member.kind == Kind::choice) {
+        const wire::Option *const option = wire::selected(object, member);
+        if (option != nullptr && option->record->owns_memory)
+            release(*option->record, wire::part(object, option->offset));
+    }
+}
+
+// What the record owns.  An object that was filled from the cache shares its parameter with
+// the object that owns it.
+void release(const Record &record, void *object)
+{
+    if (&record == &wire::match_action_pair)
+        return release_pair(*static_cast<zel_match_action_pair_t *>(object));
+    if (&record == &wire::policy)
+        return release_policy(*static_cast<zel_policy_t *>(object));
+    if (record.is_shareable() && wire::cached_flag(record, object) != 0)
+        return;
+    for (const Member &member : record.nested())
+        release_nested(record, member, object);
+}
+
+// ---- The traversal of each type
 
 struct Call {
     const char *function;
@@ -99,7 +104,8 @@ struct Call {
     uint32_t app;
 };
 
-template <class R, class Encode, class Size> uint32_t traverse(const Call &call, R *obj, Encode encode, Size size)
+template <const Record &Description, class R, class Encode, class Size>
+uint32_t traverse(const Call &call, R *obj, Encode encode, Size size)
 {
     switch (call.mode) {
     case MAT_TRAVERSE_ENCODE:
@@ -113,10 +119,10 @@ template <class R, class Encode, class Size> uint32_t traverse(const Call &call,
         break;
     case MAT_TRAVERSE_FREE:
         if (obj != nullptr)
-            release(*obj);
+            release(Description, obj);
         break;
     default:
-        if constexpr (!is_shareable<R>)
+        if constexpr (!Description.is_shareable())
             trace(*call.handle, Severity::error, call.function, "unsurported mode: %d"_trace, call.mode);
     }
     return 0;
@@ -132,8 +138,8 @@ using namespace zel;
     uint32_t traverse_mat_##name##_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_##object##_t *obj, \
                                        uint32_t mode, uint32_t app)                                                    \
     {                                                                                                                  \
-        return traverse({__func__, handle, buffer, value, mode, app}, obj, zel_add_##object##_to_tlv,                  \
-                        zel_##object##_get_tlv_sz);                                                                    \
+        return traverse<wire::object>({__func__, handle, buffer, value, mode, app}, obj, zel_add_##object##_to_tlv,    \
+                                      zel_##object##_get_tlv_sz);                                                      \
     }
 
 TRAVERSAL(policy_list, policy_list)
@@ -162,7 +168,7 @@ void traverse_stat_request(const Call &call, zel_stat_request_t *obj)
         break;
     case MAT_TRAVERSE_FREE:
         if (obj != nullptr)
-            release(*obj);
+            release(wire::stat_request, obj);
         break;
     }
 }

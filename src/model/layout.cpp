@@ -58,6 +58,7 @@ static_assert(sizeof(zel_policy_list_t) == on(8, 16));
 static_assert(offsetof(zel_api_handle_t, debug) == 8);
 static_assert(offsetof(zel_api_handle_t, err_cb) == on(12, 16));
 static_assert(offsetof(zel_api_handle_t, mat_cache) == on(24, 40));
+static_assert(sizeof(zel_api_handle_t) <= 512); // fits on a small stack
 static_assert(sizeof(zel_mat_cache_key_t) == 12);
 static_assert(offsetof(zel_mat_cache_entry_t, link) == 0);
 static_assert(offsetof(zel_mat_cache_entry_t, key) == 16);

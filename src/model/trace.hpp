@@ -1,12 +1,13 @@
 // The one trace procedure: every report of the library passes through trace().
 #pragma once
 
+#include "model/fixed_string.hpp"
 #include "platform/trace.h"
-#include "wire/fixed_string.hpp"
 #include "zel.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <stdint.h>
 #include <type_traits>
 
@@ -19,8 +20,8 @@ enum class Severity : uint32_t {
     detail = ZEL_TRACE_DEBUG,
 };
 
-// Where a report comes from.  Field tooling finds some sites by their line
-// number; those name it, all others take the line they stand on.
+// Where a report comes from.  Field tooling identifies some reports by their line
+// number: those give it.  All others have the line on which they stand.
 struct Site {
     constexpr Site(const char *function_name, int line_number = __builtin_LINE(), uint32_t instance = 1)
         : function(function_name), line(line_number), history_log_instance(instance)
@@ -43,12 +44,20 @@ struct TraceRecord {
     char text[512];
 };
 
-// An argument with a side effect is given as a callable and evaluated anew for
-// every destination.
-template <class T> auto trace_argument(const T &argument)
+// Integers travel as 32 bits, so that few forms of report() are compiled.  An argument
+// with a side effect is given as a callable and evaluated for each destination.
+template <class T> constexpr auto report_argument(T argument)
+{
+    if constexpr (std::is_integral_v<T>)
+        return static_cast<uint32_t>(argument);
+    else
+        return argument;
+}
+
+template <class T> auto value_of(const T &argument)
 {
     if constexpr (std::is_invocable_v<T>)
-        return argument();
+        return static_cast<uint32_t>(argument());
     else
         return argument;
 }
@@ -65,14 +74,34 @@ inline zel_trace_cb_t callback_of(const zel_api_handle_t &handle, Severity sever
     }
 }
 
-// Fills a record; returns its length: id, text and terminating NUL.
+// The name of an application, or its number when the platform says that it has no row.
+class ApplicationName {
+public:
+    explicit ApplicationName(uint32_t app_type)
+    {
+        const bool has_row = &g_num_applications == nullptr || app_type < g_num_applications;
+        name_ = has_row ? g_applications[app_type] : number_;
+        if (!has_row)
+            (void)std::snprintf(number_, sizeof number_, "%u", app_type);
+    }
+    ApplicationName(const ApplicationName &) = delete;
+    ApplicationName &operator=(const ApplicationName &) = delete;
+
+    const char *text() const { return name_; }
+
+private:
+    const char *name_;
+    char number_[11];
+};
+
+// Fills a record; returns its length: id, text and terminating NUL.  A text that cannot
+// be formatted counts as far as it stands in the record.
 template <class... Args> uint32_t fill_record(TraceRecord &record, uint32_t id, const char *format, const Args &...args)
 {
-    constexpr int longest = sizeof record.text - 1;
     record.id = id;
-    const int length =
-        std::min(std::snprintf(record.text, sizeof record.text, format, trace_argument(args)...), longest);
-    return static_cast<uint32_t>(length) + sizeof record.id + 1;
+    record.text[0] = '\0';
+    (void)std::snprintf(record.text, sizeof record.text, format, value_of(args)...);
+    return static_cast<uint32_t>(std::strlen(record.text) + sizeof record.id + 1);
 }
 
 // The trace facility's three destinations.
@@ -85,29 +114,30 @@ template <class... Args> void log(Severity severity, const Site &site, const cha
         trc_hist_event(ZEL_TRACE_MODULE_ID, length, &record);
     }
     if (trc_chk_int(id, 0, 0, 1) != 0)
-        dbgout(1, trc_dbg_modname, 0, format, trace_argument(args)...);
+        dbgout(1, trc_dbg_modname, 0, format, value_of(args)...);
     const auto length = fill_record(record, id, format, args...);
     trc_his_log_event_for_uuid_inst(ZEL_TRACE_HISLOG_ID, ZEL_TRACE_MODULE_ID, site.history_log_instance, 0, length,
                                     &record);
 }
 
-// The benchmark has a build without reports, to show what silent ones cost.
+// The benchmark has a build without reports, which shows what they cost when nobody
+// listens.
 #ifdef ZEL_NO_TRACE
 inline constexpr bool reports_are_compiled_in = false;
 #else
 inline constexpr bool reports_are_compiled_in = true;
 #endif
 
-// By value: an argument whose address is taken would be kept in memory where it
-// comes from, and most of them never get here.
+// By value: references would force every caller to keep these variables in memory,
+// although reports are rare.
 template <class... Args>
 [[gnu::cold, gnu::noinline]] void report(const zel_api_handle_t &handle, Severity severity, Site site,
                                          const char *format, Args... args)
 {
     if (handle.debug != 0)
-        log(severity, site, format, site.function, site.line, g_applications[handle.app_type], args...);
+        log(severity, site, format, site.function, site.line, ApplicationName(handle.app_type).text(), args...);
     if (const auto callback = callback_of(handle, severity))
-        callback(format + trace_prefix_length, trace_argument(args)...);
+        callback(format + trace_prefix_length, value_of(args)...);
 }
 
 // Reports a text, made by _trace, to the trace facility when the handle's debug
@@ -119,7 +149,7 @@ template <class... Args>
     if constexpr (!reports_are_compiled_in)
         return;
     if (handle.debug != 0 || callback_of(handle, severity) != nullptr) [[unlikely]]
-        report(handle, severity, site, format, args...);
+        report(handle, severity, site, format, report_argument(args)...);
 }
 
 } // namespace zel

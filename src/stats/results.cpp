@@ -35,4 +35,8 @@ zel_stat_results_t *zel_parse_stats(void *kob_msg)
     return results;
 }
 
-void zel_free_stat_results(zel_stat_results_t *results) { std::free(results); }
+void zel_free_stat_results(zel_stat_results_t *results)
+{
+    if (results != nullptr)
+        std::free(results);
+}

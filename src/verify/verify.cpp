@@ -1,8 +1,11 @@
-// The exported verifier: a message from end to end, and its report.
+// The exported verifier: its options, its report and the report's text.
+#include "wire/verify.hpp"
 #include "receive/payload.hpp"
-#include "verify/verifier.hpp"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
 
 namespace zel {
 namespace {
@@ -23,48 +26,6 @@ void hand_out(const zel_verify_report_t &report, zel_verify_report_t *out)
     const uint32_t size = out->size;
     std::memcpy(out, &report, std::min<std::size_t>(size, sizeof report));
     out->size = size;
-}
-
-template <class R> bool verify_object(Verification &v, const char *noun)
-{
-    const Place place{nullptr, noun, 0};
-    v.place = &place;
-    const bool is_verified = verify_record<R>(v, ZEL_VERIFY_OBJECT);
-    v.place = nullptr;
-    return is_verified;
-}
-
-template <class... O> bool verify_object(Verification &v, uint32_t mat_type, MatObjectList<O...>)
-{
-    return ((mat_type == O::type && verify_object<typename O::record>(v, O::noun.text)) || ...);
-}
-
-bool verify_header(Verification &v, zel_kob_header_t &header)
-{
-    const Place place{nullptr, "header", 0};
-    v.place = &place;
-    const bool is_verified = verify_record(v, header, ZEL_VERIFY_HEADER);
-    v.place = nullptr;
-    return is_verified;
-}
-
-bool verify_end(Verification &v)
-{
-    if (v.at_end && v.index == tlv_array_get_num_tlvs(v.array, 0))
-        return true;
-    return refuse(v, ZEL_VERIFY_TRAILING, 0, v.type);
-}
-
-bool verify_message(Verification &v)
-{
-    zel_kob_header_t header{};
-    read_next(v);
-    if (!verify_header(v, header))
-        return false;
-    const bool may_lack_object = header.api_type == ZEL_API_POLICY_DELETE;
-    if (!(may_lack_object && v.at_end) && !verify_object(v, get_mat_obj_type(header.api_type), MatObjects{}))
-        return false;
-    return verify_end(v);
 }
 
 constexpr const char *rule_texts[] = {
@@ -101,13 +62,10 @@ uint32_t zel_verify_mat_obj_from_kob(uint32_t kob_ctx, void *kob_msg, const zel_
 
 uint32_t zel_verify_tlv_array(const void *tlv_array, const zel_verify_options_t *options, zel_verify_report_t *report)
 {
-    Verification v{.array = tlv_array, .strict = read_options(options).strict != 0};
-    if (tlv_array == nullptr)
-        v.report.rule = ZEL_VERIFY_NO_MESSAGE;
-    else
-        verify_message(v);
-    hand_out(v.report, report);
-    return v.report.rule;
+    zel_verify_report_t full;
+    wire::verify(wire::message_format, tlv_array, read_options(options).strict != 0, full);
+    hand_out(full, report);
+    return full.rule;
 }
 
 const char *zel_verify_rule_text(uint32_t rule)

@@ -2,7 +2,7 @@
 // its own, so that a lost or swapped one shows.
 #pragma once
 
-#include "wire/mat_objects.hpp"
+#include "wire/format.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +10,8 @@
 #include <vector>
 
 namespace test {
+
+namespace wire = zel::wire;
 
 using Number = std::function<uint32_t()>;
 
@@ -26,85 +28,87 @@ inline Number scripted(std::vector<uint32_t> script)
 
 template <class R> R *zeroed() { return static_cast<R *>(std::calloc(1, sizeof(R))); }
 
+// The description of the records that tests make by type.
+inline const wire::Record &record_of(const zel_policy_list_t *) { return wire::policy_list; }
+inline const wire::Record &record_of(const zel_policy_t *) { return wire::policy; }
+inline const wire::Record &record_of(const zel_match_t *) { return wire::match; }
+inline const wire::Record &record_of(const zel_stat_request_t *) { return wire::stat_request; }
+
 class Graphs {
 public:
     // The number of members of each sequence, and the id of each match and action.
     Graphs(Number members, Number id) : members_(std::move(members)), id_(std::move(id)) {}
 
     // A record on the heap, as a client would allocate it.
-    template <class R> R *make()
-    {
-        R *record = zeroed<R>();
-        if constexpr (zel::is_shareable<R>) {
-            // An object's content follows from its id, so that it can occur again.
-            const uint32_t id = id_();
-            value_ = 256 * id;
-            fill_members(*record);
-            record->id = static_cast<uint16_t>(id);
-        } else {
-            fill_members(*record);
-        }
-        return record;
-    }
+    template <class R> R *make() { return static_cast<R *>(make(record_of(static_cast<R *>(nullptr)))); }
 
-    void *make(uint32_t mat_type) { return make(mat_type, zel::MatObjects{}); }
+    void *make(uint32_t mat_type) { return make(*wire::object_of(mat_type)); }
+
+    void *make(const wire::Record &record)
+    {
+        void *const object = std::calloc(1, record.size);
+        if (!record.is_shareable()) {
+            fill(record, object);
+            return object;
+        }
+        // An object's content follows from its id, so that it can occur again.
+        const uint32_t id = id_();
+        value_ = 256 * id;
+        fill(record, object);
+        wire::at<uint16_t>(object, record.sharing.id) = static_cast<uint16_t>(id);
+        return object;
+    }
 
 private:
-    template <class... O> void *make(uint32_t mat_type, zel::MatObjectList<O...>)
+    void fill(const wire::Record &record, void *object)
     {
-        void *root = nullptr;
-        ((mat_type == O::type && (root = make<typename O::record>())), ...);
-        return root;
+        for (const wire::Member &member : record.members)
+            fill(record, member, object);
     }
 
-    template <class R> void fill_members(R &record)
+    void fill(const wire::Record &record, const wire::Member &member, void *object)
     {
-        std::apply([&](auto... member) { (fill(record, member), ...); }, zel::Wire<R>::members);
+        switch (member.kind) {
+        case wire::Kind::field:
+            return fill_value(member, object);
+        case wire::Kind::embedded:
+            return fill(*member.record, wire::part(object, member.offset));
+        case wire::Kind::sequence:
+            return fill_sequence(member, object);
+        case wire::Kind::choice:
+            return fill_choice(record, member, object);
+        }
     }
 
-    template <class V> void fill_value(V &value)
+    void fill_value(const wire::Member &field, void *object)
     {
-        auto *bytes = reinterpret_cast<uint8_t *>(&value);
-        for (size_t i = 0; i < sizeof value; ++i)
+        auto *const bytes = static_cast<uint8_t *>(wire::part(object, field.offset));
+        for (size_t i = 0; i < field.width; ++i)
             bytes[i] = static_cast<uint8_t>(i == 0 ? value_ : value_ >> 8 ^ (0xa0 + i));
         ++value_;
-    }
-
-    template <class R, uint16_t Id, auto Member> void fill(R &record, zel::Field<Id, Member>)
-    {
-        fill_value(record.*Member);
         // The last byte of an ACL arrives as 0.
-        if constexpr (std::is_same_v<R, zel_match_acl_t>)
-            record.acl[sizeof record.acl - 1] = 0;
+        if (field.width == ZEL_ACL_SIZE)
+            bytes[ZEL_ACL_SIZE - 1] = 0;
     }
 
-    template <class R, auto Member> void fill(R &record, zel::Embedded<Member>) { fill_members(record.*Member); }
-
-    template <class R, uint16_t Id, auto Count, auto Array> void fill(R &record, zel::Sequence<Id, Count, Array>)
+    void fill_sequence(const wire::Member &sequence, void *object)
     {
-        using Member = zel::Element<Array>;
-        const uint32_t n = members_();
-        record.*Count = static_cast<zel::Value<Count>>(n);
-        if (n == 0)
+        const uint32_t count = members_();
+        wire::set_count(object, sequence, count);
+        if (count == 0)
             return;
-        record.*Array = static_cast<Member **>(std::calloc(n, sizeof(Member *)));
-        for (uint32_t i = 0; i < n; ++i)
-            (record.*Array)[i] = make<Member>();
+        wire::array_of(object, sequence) = static_cast<wire::PointerArray>(std::calloc(count, sizeof(void *)));
+        for (uint32_t i = 0; i < count; ++i)
+            wire::array_of(object, sequence)[i] = make(*sequence.record);
     }
 
     // Which option follows from the object's id, too; some have none.
-    template <class R, auto Selector, class... O> void fill(R &record, zel::Choice<Selector, O...>)
+    void fill_choice(const wire::Record &record, const wire::Member &choice, void *object)
     {
         const uint32_t id = value_ / 256;
-        record.*Selector = zel::is_shareable<R> ? id % 12 + 1 : id / 12 % 3;
-        (fill_option(record, record.*Selector, O{}), ...);
-    }
-
-    template <class R, uint32_t Value, auto... Path>
-    void fill_option(R &record, uint32_t selector, zel::Option<Value, Path...>)
-    {
-        if (selector == Value)
-            fill_members(zel::follow<Path...>(record));
+        wire::at<uint32_t>(object, choice.offset) = record.is_shareable() ? id % 12 + 1 : id / 12 % 3;
+        if (const wire::Option *const option = wire::selected(object, choice))
+            fill(*option->record, wire::part(object, option->offset));
     }
 
     Number members_;

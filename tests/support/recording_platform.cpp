@@ -20,6 +20,8 @@ void __real_free(void *);
 int32_t __real_tlv_array_add_tlv(void *, uint32_t, uint16_t, uint16_t, const void *, uintptr_t);
 uint32_t __real_tlv_size_get(uint32_t);
 uint32_t __real_tlv_array_get_num_tlvs(const void *, uintptr_t);
+int32_t __real_tlv_array_get_next_tlv(const void *, uint16_t *, uint16_t *, const void **, uintptr_t, uint32_t *);
+uint32_t __real_zel_mat_cache_comp_func(const void *, const void *);
 int32_t __real_ravl_init(ravl_tree *, uint32_t, uint32_t, ravl_compare_t);
 int32_t __real_ravl_insert(ravl_tree *, void *);
 int32_t __real_ravl_is_empty(ravl_tree *);
@@ -151,6 +153,7 @@ std::vector<ReadElement> elements_of(const Bytes &array)
 using namespace test;
 
 const char *const g_applications[] = {"none", "tester", "other"};
+const uint32_t g_num_applications = 3;
 const char trc_dbg_modname[] = "zel";
 
 // The converter only remembers its arguments, as words, in order.
@@ -180,6 +183,8 @@ static bool is_in_arena(const void *p)
 
 void *__wrap_calloc(size_t n, size_t size)
 {
+    if (heap.is_platforms)
+        return __real_calloc(n, size);
     heap.callocs.emplace_back(n, size);
     if (heap.fail_calloc > 0 && --heap.fail_calloc == 0)
         return nullptr;
@@ -190,8 +195,11 @@ void *__wrap_calloc(size_t n, size_t size)
 
 void __wrap_free(void *p)
 {
+    if (heap.is_platforms)
+        return __real_free(p);
     if (heap.order && p != nullptr)
         heap.freed.push_back(p);
+    ++heap.frees;
     heap.live.erase(p);
     if (!is_in_arena(p))
         __real_free(p);
@@ -222,6 +230,31 @@ uint32_t __wrap_tlv_array_get_num_tlvs(const void *array, uintptr_t reserved)
     return platform.extra_elements + __real_tlv_array_get_num_tlvs(array, reserved);
 }
 
+int32_t __wrap_tlv_array_get_next_tlv(const void *array, uint16_t *type, uint16_t *length, const void **value,
+                                      uintptr_t reserved, uint32_t *cursor)
+{
+    platform.cursors.push_back(cursor);
+    return __real_tlv_array_get_next_tlv(array, type, length, value, reserved, cursor);
+}
+
+uint32_t __wrap_zel_mat_cache_comp_func(const void *a, const void *b)
+{
+    ++platform.comparisons;
+    return __real_zel_mat_cache_comp_func(a, b);
+}
+
+int __wrap_snprintf(char *text, size_t size, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(text, size, format, args);
+    va_end(args);
+    if (!platform.fail_formatting)
+        return length;
+    text[3] = '\0';
+    return -1;
+}
+
 int32_t __wrap_ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
     note("init", key_size, key_offset);
@@ -230,7 +263,12 @@ int32_t __wrap_ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset
 
 int32_t __wrap_ravl_insert(ravl_tree *tree, void *entry)
 {
-    return platform.fail_insert > 0 && --platform.fail_insert == 0 ? 0 : __real_ravl_insert(tree, entry);
+    if (platform.fail_insert > 0 && --platform.fail_insert == 0)
+        return 0;
+    heap.is_platforms = true;
+    const int32_t is_linked = __real_ravl_insert(tree, entry);
+    heap.is_platforms = false;
+    return is_linked;
 }
 
 int32_t __wrap_ravl_is_empty(ravl_tree *tree) { return __real_ravl_is_empty(tree) != 0 ? 9 : 0; }
@@ -238,10 +276,17 @@ int32_t __wrap_ravl_is_empty(ravl_tree *tree) { return __real_ravl_is_empty(tree
 void __wrap_ravl_delete(ravl_tree *tree, void *entry)
 {
     note("delete");
+    heap.is_platforms = true;
     __real_ravl_delete(tree, entry);
+    heap.is_platforms = false;
 }
 
-void fu_keeper_update_and_send_heartbeat(int32_t reserved) { platform.heartbeats += reserved == 0 ? 1 : 1000; }
+void fu_keeper_update_and_send_heartbeat(int32_t reserved)
+{
+    platform.heartbeats += reserved == 0 ? 1 : 1000;
+    if (platform.on_heartbeat)
+        platform.on_heartbeat();
+}
 
 int32_t trc_hist_event_subtype_check(uint32_t module, uint32_t trace_id)
 {

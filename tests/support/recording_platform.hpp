@@ -4,6 +4,7 @@
 #include "zel.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,6 +50,7 @@ struct Platform {
     int32_t history_check = 1;     // of the event history: 0 records
     int32_t console_check = 0;     // of the console: non-zero prints
     int32_t converter_result = 0;
+    bool fail_formatting = false;            // snprintf leaves a text half written
     zel_stat_results_t *converted = nullptr; // block that the converter hands out
 
     // What it saw.
@@ -59,6 +61,9 @@ struct Platform {
     std::vector<uintptr_t> converter_arguments;
     Strings converter_errors;
     int heartbeats = 0;
+    std::function<void()> on_heartbeat;
+    std::vector<const uint32_t *> cursors; // that elements were pulled with
+    size_t comparisons = 0;                // of cache keys
 
     Strings reported(const std::string &severity) const;
 };
@@ -66,7 +71,9 @@ struct Platform {
 // The heap as the library sees it: calloc and free are wrapped by the linker.
 struct Heap {
     int fail_calloc = 0; // the n-th calloc from now fails
-    bool order = false;  // remember what is freed, in order
+    int frees = 0;
+    bool is_platforms = false; // what the platform allocates for itself does not count
+    bool order = false;        // remember what is freed, in order
     std::vector<void *> freed;
     std::vector<std::pair<size_t, size_t>> callocs;
     Bytes *arena = nullptr; // where calloc takes blocks from, one behind the other, so that runs can be compared

@@ -23,6 +23,14 @@ consteval FixedString<A + B - 1> operator+(const FixedString<A> &a, const FixedS
     return sum;
 }
 
+// A string of N bytes with its NUL.
+template <std::size_t N> consteval FixedString<N> fixed_string(const char *string)
+{
+    FixedString<N> fixed;
+    std::copy_n(string, N, fixed.text);
+    return fixed;
+}
+
 // The text with static storage, for interfaces that take a C string.
 template <FixedString Text> inline constexpr const char *c_str = Text.text;
 

@@ -1,6 +1,7 @@
-// What the reader of JSON refuses, in which words and at which place.
+// What the JSON reader refuses: the text of the error, its line and its path.
 #include "tools/tool_graphs.hpp"
 
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 
 #include <span>
@@ -23,6 +24,7 @@ constexpr uint32_t policy = ZEL_MAT_TYPE_POLICY;
 // clang-format off
 const Bad bad_json[] = {
     Bad{match, "{\"id\": 1,\n\"id\": 2}", "2: the member \"id\" stands twice in one object"},
+    Bad{match, "{\"exp\": {\"id\": 1},\n\"id\": 2, \"exp\"\n: 3}", "2: the member \"exp\" stands twice in one object"},
     Bad{match, "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[", "1: nested deeper than 64 levels"},
     Bad{match, "3", "1: .: expected an object, found 3"}};
 
@@ -87,7 +89,19 @@ TEST(BadInput, MoreMembersThanACountHolds)
               "test.json:1: .: 65536 are too many; at most 65535 can be sent");
 }
 
-// In the parser's words behind this.
+TEST(BadInput, AMemberTwiceAmongMany)
+{
+    constexpr int members = 50000;
+    std::string text = "{";
+    for (int i = 0; i < members; ++i)
+        text += fmt::format("\"{}\": {{\"m\": {}}},\n", i, i);
+    EXPECT_EQ(parse_json(text + "\"m\": 0}", "test.json").root.children.size(), members + 1u);
+    for (const int twice : {0, members / 2, members - 1})
+        EXPECT_EQ(complaint([&] { parse_json(text + fmt::format("\"{}\": 0}}", twice), "test.json"); }),
+                  fmt::format("test.json:{}: the member \"{}\" stands twice in one object", members + 1, twice));
+}
+
+// The parser's own text follows.
 TEST(BadInput, WhatIsNotJson)
 {
     const auto read = [](const char *text) { return complaint([&] { graph_from_json(match, text); }); };
@@ -98,7 +112,7 @@ TEST(BadInput, WhatIsNotJson)
     EXPECT_EQ(read("{} {}").find("test.json:1: not JSON: "), 0u);
 }
 
-// Whatever a typing error makes of a policy, it is a policy or it is refused.
+// A policy with any byte changed is still a policy or is refused.
 TEST(BadInput, AnyByteMayBeWrong)
 {
     const std::string text = read_file(EXAMPLES_DIR "/policies/lisp_overlay.json");

@@ -1,9 +1,11 @@
 // Rule sets become policies that match exactly what the rules match.
 #include "tools/tool_graphs.hpp"
 
+#include "tools/json/text_values.hpp"
 #include "tools/zelctl/classbench.hpp"
 #include "tools/zelctl/packet_file.hpp"
 
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -32,7 +34,7 @@ struct Packet {
     uint8_t protocol;
 };
 
-// What a rule set says: ranges and prefixes, nothing expanded.
+// The first rule that matches, by its ranges and prefixes.
 std::optional<std::size_t> first_rule(const std::vector<Rule> &rules, const Packet &p)
 {
     for (std::size_t i = 0; i < rules.size(); ++i) {
@@ -45,7 +47,7 @@ std::optional<std::size_t> first_rule(const std::vector<Rule> &rules, const Pack
     return std::nullopt;
 }
 
-// What a service makes of the policy: the first pair with a five-tuple that matches.
+// The first pair with a five-tuple that matches, as a service finds it.
 std::optional<std::size_t> first_pair(const zel_policy_t &policy, const Packet &p)
 {
     const auto &group = policy.match_action_pair_group;
@@ -161,7 +163,7 @@ TEST(Classbench, RulesBecomePairsInOrder)
     EXPECT_NE(json.find(R"("actions":[{"ref":4}])"), std::string::npos);
     EXPECT_TRUE(equal_graphs(graph, graph_from_json(ZEL_MAT_TYPE_POLICY, json)));
 
-    // Every packet of the trace was made for a rule, so some rule matches it.
+    // Every packet of the trace was made for some rule.
     for (const service::PacketHeader &p : read_packet_file(EXAMPLES_DIR "/classbench/small.trace"))
         EXPECT_TRUE(first_pair(policy, {p.sip, p.dip, p.sport, p.dport, p.protocol}));
 }

@@ -5,7 +5,15 @@ set -eu
 zelctl=$1
 examples=$2
 dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
+last="the start"
+
+# A command that fails outside of expect() ends the script: say which came before it.
+finish() {
+    code=$?
+    [ "$code" -eq 0 ] || echo "command_line: ended with $code after: $last" >&2
+    rm -rf "$dir"
+}
+trap finish EXIT
 export ZEL_SERVICE="unix:$dir/nobody"
 
 fail() {
@@ -17,6 +25,7 @@ fail() {
 expect() {
     code=$1
     shift
+    last=$*
     got=0
     "$@" >"$dir/out" 2>"$dir/err" </dev/null || got=$?
     [ "$got" -eq "$code" ] || fail "expected exit code $code, got $got: $* $(cat "$dir/err")"
@@ -37,6 +46,9 @@ expect 2 "$zelctl" policy delete seven
 expect 2 "$zelctl" policy delete 65536
 expect 2 "$zelctl" --timeout -1 stats
 expect 2 "$zelctl" stats --interval 2
+expect 2 "$zelctl" stats --watch --interval 1e300
+says "not in range 0.001000 to 86400.000000"
+expect 2 "$zelctl" stats --watch --interval 0
 expect 2 "$zelctl" send no_such_kind "$dir/x"
 says "match_action_pair_group_update"
 expect 2 "$zelctl" send match_update "$dir/x"
@@ -78,14 +90,26 @@ expect 0 "$zelctl" decode "$dir/a.msg"
 says "lisp_proto {"
 says "[match pre_match_id]"
 head -c 100 "$dir/a.msg" >"$dir/cut.msg"
-expect 3 "$zelctl" decode "$dir/cut.msg"
-says "zelctl: $dir/cut.msg: offset 4"
-expect 3 "$zelctl" verify "$dir/cut.msg"
 expect 0 "$zelctl" verify --strict "$dir/a.msg"
 says "a.msg: accepted, 0 unknown elements"
 printf '\002\000\000\000\001\000' >"$dir/damaged.msg"
-expect 3 "$zelctl" verify "$dir/damaged.msg"
-says "damaged.msg: header: an element is damaged: expected 1, found 0 (element 0, id 0, offset 4)"
+# A start marker with the value 1.
+(head -c 8 "$dir/a.msg" && printf '\001' && tail -c +10 "$dir/a.msg") >"$dir/marker.msg"
+(cat "$dir/a.msg" && printf more) >"$dir/more.msg"
+for command in verify decode "--json decode"; do
+    # shellcheck disable=SC2086
+    expect 3 "$zelctl" $command "$dir/cut.msg"
+    says "zelctl: $dir/cut.msg: no message: its first four bytes claim more than the 100 bytes there are"
+    # shellcheck disable=SC2086
+    expect 3 "$zelctl" $command "$dir/damaged.msg"
+    says "damaged.msg: header: an element is damaged: expected 1, found 0 (element 0, id 0, offset 4)"
+    # shellcheck disable=SC2086
+    expect 3 "$zelctl" $command "$dir/marker.msg"
+    says "marker.msg: header: the value of a marker is not 0: expected 0, found 1 (element 0, id 1, offset 4)"
+    # shellcheck disable=SC2086
+    expect 3 "$zelctl" $command "$dir/more.msg"
+    says "4 bytes follow the last element"
+done
 expect 2 "$zelctl" encode
 expect 5 "$zelctl" encode "$dir/a.json" -o "$dir/no/such/folder"
 says "cannot be written"
@@ -96,7 +120,9 @@ if [ -w /dev/full ]; then
 fi
 
 # A rule set becomes a policy that can be applied, through a pipe or a file.
-"$zelctl" import classbench "$examples/classbench/small.rules" --policy 9 | "$zelctl" policy check - >"$dir/out"
+last="import through a pipe"
+{ "$zelctl" import classbench "$examples/classbench/small.rules" --policy 9 || echo "import ended with $?"; } |
+    "$zelctl" policy check - >"$dir/out"
 says "policy 9 without fault"
 printf '[{"id": 1, "set_vrf": 4}, {"id": 2, "type": 77}]' >"$dir/actions.json"
 expect 0 "$zelctl" import classbench "$examples/classbench/small.rules" --actions "$dir/actions.json" -o "$dir/p.json"

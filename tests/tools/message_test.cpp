@@ -1,5 +1,5 @@
-// Messages: what is encoded is what the library sends, and what is decoded is what
-// it would make of it; anything else is refused at the place of the fault.
+// Messages: what is encoded is what the library sends, what is decoded is what the
+// library's parser makes of it, and all else is refused with the place of the fault.
 #include "tools/tool_graphs.hpp"
 
 #include "tools/message/element_tree.hpp"
@@ -7,6 +7,7 @@
 #include "zel-platform/kob_client.h"
 #include "zel-platform/kob_service.h"
 
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -25,9 +26,9 @@ Message random_message(uint32_t api_type, uint32_t seed)
     return message;
 }
 
-Message decode(const std::string &bytes) { return decode_message(list_elements(bytes, "m")); }
+Message decode(const std::string &bytes) { return decode_message(bytes, "m"); }
 
-// A service that keeps what it gets.
+// A service that receives messages and gives their bytes.
 class Wire {
 public:
     Wire() : address_("unix:/tmp/zelctl_message_test." + std::to_string(getpid()))
@@ -87,7 +88,7 @@ TEST(Message, EncodesWhatTheLibrarySendsAndDecodesWhatItParses)
             const std::string bytes = wire.send(message);
             ASSERT_EQ(encode_message(message), bytes) << "request kind " << api_type << ", seed " << seed;
             const Message decoded = decode(bytes);
-            EXPECT_TRUE(tools::equal(decoded.header, message.header));
+            EXPECT_TRUE(zel::wire::equal(zel::wire::kob_header, &decoded.header, &message.header));
             if (message.graph.root() == nullptr)
                 continue;
             ASSERT_TRUE(equal_graphs(decoded.graph, message.graph));
@@ -108,19 +109,19 @@ TEST(Message, GoesThroughJsonUnchanged)
 TEST(Message, AnyPartOfAMessageIsRefused)
 {
     const std::string bytes = encode_message(random_message(ZEL_API_POLICY_UPDATE, 5));
-    const ElementList list = list_elements(bytes, "m");
+    const ElementList list = list_elements(bytes);
     for (const RawElement &element : list.elements) {
         std::string part = bytes.substr(0, element.offset);
         const uint32_t used = element.offset - 4;
         part.replace(0, 4, reinterpret_cast<const char *>(&used), 4);
         const std::string said = complaint([&] { decode(part); });
-        unsigned offset = 0;
-        ASSERT_EQ(std::sscanf(said.c_str(), "m: offset %u: ", &offset), 1) << said;
-        ASSERT_LE(offset, element.offset) << "cut before element " << element.id;
+        const std::size_t place = said.rfind("offset ");
+        ASSERT_NE(place, std::string::npos) << said;
+        ASSERT_LE(std::stoul(said.substr(place + 7)), element.offset) << "cut before element " << element.id;
     }
 }
 
-// Whatever byte is wrong, the answer is a refusal or a graph that can be written.
+// A message with any bit changed is refused or gives a graph that can be written.
 TEST(Message, DamageIsNeverMoreThanRefused)
 {
     const std::string bytes = encode_message(random_message(ZEL_API_POLICY_UPDATE, 9));
@@ -129,8 +130,10 @@ TEST(Message, DamageIsNeverMoreThanRefused)
         for (const int bit : {0, 1, 7}) {
             std::string damaged = bytes;
             damaged[i] = static_cast<char>(damaged[i] ^ (1 << bit));
-            show_element_tree(list_elements(damaged, "m"));
-            refused += !complaint([&] { message_to_json(decode(damaged)).dump(); }).empty();
+            show_element_tree(list_elements(damaged));
+            const std::string said = complaint([&] { message_to_json(decode(damaged)).dump(); });
+            ASSERT_EQ(said, complaint([&] { verify_message(damaged, "m"); }));
+            refused += !said.empty();
         }
     EXPECT_GT(refused, bytes.size());
 }
@@ -147,15 +150,69 @@ TEST(Message, FaultsAreNamedWithTheirPlace)
         changed.replace(offset, 2, reinterpret_cast<const char *>(&value), 2);
         return complaint([&] { decode(changed); });
     };
-    EXPECT_EQ(with(13, 99), "m: request kind 99 is not known");
-    EXPECT_EQ(with(44, 999), "m: offset 49: expected element 23 (start of match), found element 25 (match op_mode)");
-    EXPECT_EQ(with(46, 2), "m: offset 44: element 23 (start of match) should have 1 bytes and has 2");
+    EXPECT_EQ(with(13, 99),
+              "m: header: the request kind is not known: expected 11, found 99 (element 1, id 4, offset 9)");
+    EXPECT_EQ(
+        with(44, 999),
+        "m: match: not the object that the request kind names: expected 23, found 25 (element 7, id 25, offset 49)");
+    EXPECT_EQ(with(46, 2), "m: match: a value has the wrong length: expected 1, found 2 (element 6, id 23, offset 44)");
     EXPECT_EQ(with(73, ZEL_MATCH_TYPE_ACL),
-              "m: offset 77: expected element 29 (start of match_acl), found element 46 (start of match_exp)");
-    EXPECT_EQ(with(84, 500), "m: offset 82: this element is cut short");
+              "m: match: type and parameter disagree: expected 29, found 46 (element 11, id 46, offset 77)");
+    EXPECT_EQ(with(48, 1 | 25 << 8),
+              "m: match: the value of a marker is not 0: expected 0, found 1 (element 6, id 23, offset 44)");
+    EXPECT_EQ(with(84, 500), "m: match: an element is damaged: expected 48, found 0 (element 12, id 0, offset 82)");
     EXPECT_EQ(complaint([&] { decode(bytes + "more"); }), "m: offset 97: 4 bytes follow the last element");
     EXPECT_EQ(complaint([&] { decode(bytes.substr(0, 50)); }),
-              "m: offset 4: no message: its first four bytes claim more than the 50 bytes there are");
+              "m: no message: its first four bytes claim more than the 50 bytes there are");
+}
+
+// An element of a newer peer is passed over, counted, and marked in the tree, wherever it
+// stands.
+TEST(Message, UnknownElementsAreCountedAsTheyAreShown)
+{
+    const std::string bytes = encode_message(random_message(ZEL_API_POLICY_UPDATE, 9));
+    const Graph graph = std::move(decode(bytes).graph);
+    for (const RawElement &element : list_elements(bytes).elements) {
+        std::string newer = bytes;
+        newer.insert(element.offset, "\xe7\x03\x02\0AB\xc8\0\0\0", 10);
+        const auto used = static_cast<uint32_t>(newer.size() - 4);
+        newer.replace(0, 4, reinterpret_cast<const char *>(&used), 4);
+        EXPECT_EQ(verify_message(newer, "m").unknown_elements, 2u);
+        EXPECT_TRUE(equal_graphs(decode(newer).graph, graph));
+        const std::string tree = show_element_tree(list_elements(newer));
+        EXPECT_NE(tree.find("unknown 4142\n"), std::string::npos);
+        EXPECT_NE(complaint([&] { verify_message(newer, "m", true); }).find("(element "), std::string::npos);
+    }
+}
+
+// A service's answer to a show request: messages one after the other.
+TEST(Message, MessagesThatFollowEachOther)
+{
+    std::string bytes;
+    std::vector<Message> sent;
+    for (uint32_t seed = 0; seed < 20; ++seed)
+        bytes += encode_message(sent.emplace_back(random_message(ZEL_API_POLICY_UPDATE, seed)));
+    const std::vector<Message> read = decode_messages(bytes, "answer");
+    ASSERT_EQ(read.size(), sent.size());
+    for (std::size_t i = 0; i < read.size(); ++i) {
+        EXPECT_EQ(read[i].header.policy_id, sent[i].header.policy_id);
+        EXPECT_EQ(read[i].header.op_code, sent[i].header.op_code);
+        EXPECT_TRUE(equal_graphs(read[i].graph, sent[i].graph));
+    }
+    EXPECT_TRUE(decode_messages({}, "answer").empty());
+
+    const std::string first = encode_message(sent[0]);
+    const auto said = [](const std::string &body) { return complaint([&] { decode_messages(body, "answer"); }); };
+    for (std::size_t rest = 1; rest < 4; ++rest)
+        EXPECT_EQ(
+            said(first + std::string(rest, '\0')),
+            fmt::format("answer, message 2: no message: its first four bytes claim more than the {} bytes there are",
+                        rest));
+    EXPECT_EQ(said(first + first.substr(0, first.size() - 1)),
+              fmt::format("answer, message 2: no message: its first four bytes claim more than the {} bytes there are",
+                          first.size() - 1));
+    EXPECT_EQ(said(first + std::string(4, '\0')), "answer, message 2: header: the message ends too early: expected 1, "
+                                                  "found 0 (element 0, id 0, offset 4)");
 }
 
 TEST(Message, ElementsOfNewerPeersArePassedOver)
@@ -167,17 +224,17 @@ TEST(Message, ElementsOfNewerPeersArePassedOver)
     bytes.insert(9, reinterpret_cast<const char *>(newer), sizeof newer);
     bytes[0] = static_cast<char>(bytes[0] + 6);
     EXPECT_EQ(decode(bytes).header.policy_id, 7);
-    EXPECT_EQ(show_element_tree(list_elements(bytes, "m")),
-              "  offset     id length\n"
-              "       4      1      1  kob_header {\n"
-              "       9    999      2    unknown 4241\n"
-              "      15      4      4    api_type policy_delete "
-              "(0x0000000a) [kob_header api_type]\n"
-              "      23      5      4    app_type 0 [kob_header app_type]\n"
-              "      31      6      2    policy_id 7 [kob_header policy_id]\n"
-              "      37      7      4    op_code remove (0x00000002) "
-              "[kob_header op_code]\n"
-              "      45      2      1  } kob_header\n");
+    EXPECT_EQ(verify_message(bytes, "m").unknown_elements, 1u);
+    EXPECT_EQ(show_element_tree(list_elements(bytes)), "  offset     id length\n"
+                                                       "       4      1      1  kob_header {\n"
+                                                       "       9    999      2    unknown 4241\n"
+                                                       "      15      4      4    api_type policy_delete "
+                                                       "(0x0000000a) [kob_header api_type]\n"
+                                                       "      23      5      4    app_type 0 [kob_header app_type]\n"
+                                                       "      31      6      2    policy_id 7 [kob_header policy_id]\n"
+                                                       "      37      7      4    op_code remove (0x00000002) "
+                                                       "[kob_header op_code]\n"
+                                                       "      45      2      1  } kob_header\n");
 }
 
 TEST(Message, JsonOfAnotherObjectThanTheHeaderSays)

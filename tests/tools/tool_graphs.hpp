@@ -2,32 +2,38 @@
 #pragma once
 
 #include "support/graphs.hpp"
-#include "tools/json/json_reader.hpp"
-#include "tools/json/json_writer.hpp"
+#include "tools/json/reader.hpp"
+#include "tools/json/writer.hpp"
+#include "wire/graph.hpp"
 
 #include <random>
 
 namespace test {
 
-// What the reader of policies insists on and random numbers do not give: no two
-// pairs, and no two policies, of one id.
+// Gives pairs and policies ids of their own, which the reader requires.
 inline void number_members(zel_match_action_pair_grp_t &group)
 {
     for (uint16_t i = 0; i < group.num_pair; ++i)
         group.pairs[i]->id = i;
 }
-inline void number_members(zel_policy_t &policy) { number_members(policy.match_action_pair_group); }
-inline void number_members(zel_policy_list_t &list)
+
+inline void number_members(const tools::Graph &graph)
 {
+    if (graph.record() == &zel::wire::match_action_pair_grp)
+        return number_members(graph.as<zel_match_action_pair_grp_t>());
+    if (graph.record() == &zel::wire::policy)
+        return number_members(graph.as<zel_policy_t>().match_action_pair_group);
+    if (graph.record() != &zel::wire::policy_list)
+        return;
+    const auto &list = graph.as<zel_policy_list_t>();
     for (uint16_t i = 0; i < list.num_policy; ++i) {
         list.policies[i]->id = i;
-        number_members(*list.policies[i]);
+        number_members(list.policies[i]->match_action_pair_group);
     }
 }
-template <class R> void number_members(R &) {}
 
-// Up to three members in every sequence, and so few ids that objects occur again;
-// except for services, which would not have the same number of elements again.
+// Up to three members in every sequence, and so few ids that objects occur again.
+// Services always get a new id, because their number of elements is random.
 inline tools::Graph random_graph(uint32_t mat_type, uint32_t seed)
 {
     const auto random = std::make_shared<std::mt19937>(seed);
@@ -37,22 +43,20 @@ inline tools::Graph random_graph(uint32_t mat_type, uint32_t seed)
     };
     Graphs graphs([random] { return (*random)() % 4; }, id);
     tools::Graph graph(mat_type, graphs.make(mat_type));
-    tools::visit_mat_type(mat_type, [&]<class R>(R *) { number_members(graph.as<R>()); });
+    number_members(graph);
     return graph;
 }
 
 inline bool equal_graphs(const tools::Graph &a, const tools::Graph &b)
 {
-    bool same = false;
-    tools::visit_mat_type(a.mat_type(), [&]<class R>(R *) { same = tools::equal(a.as<R>(), b.as<R>()); });
-    return same && a.mat_type() == b.mat_type();
+    return a.record() == b.record() && zel::wire::equal(*a.record(), a.root(), b.root());
 }
 
 inline tools::Graph graph_from_json(uint32_t mat_type, std::string_view text)
 {
     const tools::Document document = tools::parse_json(text, "test.json");
     tools::JsonReader reader(0);
-    return read_graph(reader, mat_type, document);
+    return read_graph(reader, *zel::wire::object_of(mat_type), document);
 }
 
 // What BadInput says, or nothing when it is not thrown.

@@ -7,7 +7,7 @@ zeld=$2
 examples=$3
 dir=$(mktemp -d)
 export ZEL_SERVICE="unix:$dir/socket"
-"$zeld" --listen "$ZEL_SERVICE" >"$dir/ready" 2>"$dir/log" &
+"$zeld" --listen "$ZEL_SERVICE" --max-state 1M >"$dir/ready" 2>"$dir/log" &
 service=$!
 trap 'kill $service; rm -rf "$dir"' EXIT
 
@@ -38,6 +38,19 @@ until grep -q ready "$dir/ready"; do
     sleep 0.1
 done
 
+# A refused policy ends --each: those before it stay, those behind it are not sent.
+awk 'BEGIN {
+    printf "[{\"id\": 50}, {\"id\": 51, \"if_group\": ["
+    for (i = 1; i < 20000; ++i) printf "{}, "
+    printf "{}]}, {\"id\": 52}]"
+}' >"$dir/large.json"
+expect 1 "refused, limit" "$zelctl" policy apply "$dir/large.json"
+expect 1 "not found" "$zelctl" policy delete 50
+expect 1 "refused, limit" "$zelctl" policy apply --each "$dir/large.json"
+expect 0 "policy 50 deleted" "$zelctl" policy delete 50
+expect 1 "not found" "$zelctl" policy delete 51
+expect 1 "not found" "$zelctl" policy delete 52
+
 # Policies come back as they went out.
 expect 0 "policy 10 applied" "$zelctl" policy apply "$examples/policies/web_redirect.json"
 expect 0 "2 policies applied" "$zelctl" policy apply "$examples/policies/branch_nat.json"
@@ -48,7 +61,6 @@ for id in 10 20 21 30; do
     "$zelctl" policy show $id | cmp - "$dir/shown.json" || fail "policy $id changed on its way"
 done
 expect 0 "disabled" "$zelctl" policy show
-
 
 # Policies may use an id differently, but not in one request; --each makes a request each.
 "$zelctl" --json policy show >"$dir/all.json"

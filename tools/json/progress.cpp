@@ -25,7 +25,7 @@ void Progress::reached(std::size_t done)
     if (!watched_ || Clock::now() < next_)
         return;
     fmt::print(stderr, "\r{}: {} of {} ({} %)", work_, done, total_, total_ == 0 ? 100 : 100 * done / total_);
-    std::fflush(stderr);
+    (void)std::fflush(stderr);
     shown_ = true;
     next_ = Clock::now() + step;
 }

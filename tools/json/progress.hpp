@@ -1,4 +1,4 @@
-// Progress of long work, for whoever is watching standard error.
+// Progress of long work, shown on standard error when that is a terminal.
 #pragma once
 
 #include <chrono>
@@ -7,7 +7,7 @@
 
 namespace tools {
 
-// Says nothing when standard error is no terminal, nor in the first moments.
+// Writes nothing during the first 200 ms, and then at most every 200 ms.
 class Progress {
 public:
     Progress(std::string work, std::size_t total);

@@ -21,7 +21,7 @@ std::optional<uint64_t> read_digits(std::string_view digits, int base)
     return number;
 }
 
-// Takes what precedes the separator, or all that is left, off the front.
+// Removes the part before the first separator, or the whole text, and returns it.
 std::string_view take(std::string_view &text, char separator)
 {
     const std::size_t end = std::min(text.find(separator), text.size());
@@ -44,7 +44,7 @@ std::size_t character_length(std::span<const uint8_t> bytes)
             return 0;
         character = character << 6 | (bytes[i] & 0x3fu);
     }
-    // Neither longer than needed, nor half of a pair, nor outside the code.
+    // No overlong encoding, no surrogate, no code point above the largest.
     constexpr std::array<uint32_t, 5> least{0, 0, 0x80, 0x800, 0x10000};
     if (character < least.at(ones) || (character >= 0xd800 && character < 0xe000) || character > 0x10ffff)
         return 0;

@@ -7,9 +7,9 @@
 
 namespace tools {
 
-ElementList list_elements(std::string_view bytes, std::string source)
+ElementList list_elements(std::string_view bytes)
 {
-    ElementList list{std::move(source), {}, TLV_ARRAY_OVERHEAD, {}};
+    ElementList list{{}, TLV_ARRAY_OVERHEAD, {}};
     const auto *const begin = reinterpret_cast<const uint8_t *>(bytes.data());
     if (bytes.size() > UINT32_MAX || tlv_array_check(begin, static_cast<uint32_t>(bytes.size())) != TLV_OK) {
         list.fault =

@@ -1,4 +1,4 @@
-// The elements of a TLV array, as they lie in a file or a payload.
+// The elements of a TLV array in a file.
 #pragma once
 
 #include <cstdint>
@@ -16,13 +16,12 @@ struct RawElement {
 };
 
 struct ElementList {
-    std::string source; // what the bytes are called in messages
     std::vector<RawElement> elements;
     uint32_t end = 0;  // the offset behind the last element
-    std::string fault; // why there are no further elements, when that is not the array's end
+    std::string fault; // why the list ends before the bytes do; empty when it does not
 };
 
 // The bytes must outlive the list.
-ElementList list_elements(std::string_view bytes, std::string source);
+ElementList list_elements(std::string_view bytes);
 
 } // namespace tools

@@ -1,6 +1,8 @@
 #include "tools/message/element_tree.hpp"
 
-#include "tools/message/element_facts.hpp"
+#include "tools/json/notation.hpp"
+#include "tools/json/text_values.hpp"
+#include "wire/format.hpp"
 
 #include <fmt/core.h>
 
@@ -8,6 +10,8 @@
 
 namespace tools {
 namespace {
+
+using namespace zel::wire;
 
 constexpr std::size_t most_bytes_shown = 16;
 
@@ -19,22 +23,36 @@ std::string show_raw(std::span<const uint8_t> bytes)
     return bytes.size() > most_bytes_shown ? text + "..." : text;
 }
 
-std::string describe(const RawElement &element, const ElementFacts &facts)
+// A value in its notation.  A name or an IPv4 address is followed by the number.
+std::string show(const Member &member, const void *value)
 {
-    using Kind = ElementFacts::Kind;
-    switch (facts.kind) {
-    case Kind::start:
-        return fmt::format("{} {{", facts.record);
-    case Kind::end:
-        return fmt::format("}} {}", facts.record);
-    case Kind::value:
-        if (element.value.size() != facts.width)
-            return fmt::format("{} {} [{}]  ! should have {} bytes", facts.field, show_raw(element.value), facts.text,
-                               facts.width);
-        return fmt::format("{} {} [{}]", facts.field, facts.show(element.value), facts.text);
-    default:
-        return fmt::format("unknown {}", show_raw(element.value));
+    const Json shown = show_value(member, value);
+    if (shown.is_string() && (member.format == Format::number || member.format == Format::ipv4))
+        return fmt::format("{} ({})", shown.get<std::string>(), show_hex(load(member, value), member.width));
+    return shown.dump();
+}
+
+std::string describe_value(std::span<const uint8_t> value, const Member &member)
+{
+    const char *const name = member.kind == Kind::sequence ? member.count : member.name;
+    if (value.size() != member.width)
+        return fmt::format("{} {} [{}]  ! should have {} bytes", name, show_raw(value), member.text, member.width);
+    return fmt::format("{} {} [{}]", name, show(member, value.data()), member.text);
+}
+
+std::string describe(const RawElement &raw, const Element &element)
+{
+    switch (element.kind) {
+    case Element::Kind::start:
+        return fmt::format("{} {{", element.record->name);
+    case Element::Kind::end:
+        return fmt::format("}} {}", element.record->name);
+    case Element::Kind::value:
+        return describe_value(raw.value, *element.member);
+    case Element::Kind::unknown:
+        break;
     }
+    return fmt::format("unknown {}", show_raw(raw.value));
 }
 
 } // namespace
@@ -43,13 +61,13 @@ std::string show_element_tree(const ElementList &list)
 {
     std::string tree = fmt::format("{:>8} {:>6} {:>6}\n", "offset", "id", "length");
     std::size_t depth = 0;
-    for (const RawElement &element : list.elements) {
-        const ElementFacts &facts = facts_of_element(element.id);
-        if (facts.kind == ElementFacts::Kind::end && depth > 0)
+    for (const RawElement &raw : list.elements) {
+        const Element element = message_format.element(raw.id);
+        if (element.kind == Element::Kind::end && depth > 0)
             --depth;
-        tree += fmt::format("{:>8} {:>6} {:>6}  {:{}}{}\n", element.offset, element.id, element.value.size(), "",
-                            2 * depth, describe(element, facts));
-        if (facts.kind == ElementFacts::Kind::start)
+        tree += fmt::format("{:>8} {:>6} {:>6}  {:{}}{}\n", raw.offset, raw.id, raw.value.size(), "", 2 * depth,
+                            describe(raw, element));
+        if (element.kind == Element::Kind::start)
             ++depth;
     }
     if (!list.fault.empty())

@@ -1,5 +1,4 @@
-// A message as a tree of elements for people to read: where each stands, its id
-// and length, and what it means.
+// A message as a readable tree: offset, id, length and meaning of each element.
 #pragma once
 
 #include "tools/message/element_list.hpp"
@@ -8,8 +7,8 @@
 
 namespace tools {
 
-// One line an element, indented as the markers nest.  Shows whatever is there;
-// whether it is a message is for decode_message() to say.
+// One line an element, indented as the markers nest.  Shows any list of elements;
+// decode_message() says whether it is a message.
 std::string show_element_tree(const ElementList &list);
 
 } // namespace tools

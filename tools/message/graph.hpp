@@ -1,13 +1,12 @@
 // Graphs on the heap, laid out as the library expects them, and freed by it.
 #pragma once
 
-#include "wire/mat_objects.hpp"
+#include "wire/format.hpp"
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <new>
-#include <tuple>
+#include <span>
 #include <utility>
 
 namespace tools {
@@ -24,65 +23,58 @@ inline void free_graph(uint32_t mat_type, void *root) noexcept
 }
 
 // Zero-filled memory that the library can free.
-template <class T> T *allocate(std::size_t count = 1)
+inline void *allocate_bytes(std::size_t bytes, std::size_t count = 1)
 {
-    void *const block = std::calloc(count, sizeof(T));
+    void *const block = std::calloc(count, bytes);
     if (block == nullptr)
         throw std::bad_alloc();
-    return static_cast<T *>(block);
+    return block;
+}
+
+template <class T> T *allocate(std::size_t count = 1) { return static_cast<T *>(allocate_bytes(sizeof(T), count)); }
+
+// Fills an empty sequence with n zero-filled members.
+template <class R, class Count> std::span<R *> make_members(R **&array, Count &count, std::size_t n)
+{
+    if (n == 0)
+        return {};
+    array = allocate<R *>(n);
+    const std::span<R *> members(array, n);
+    for (R *&member : members) {
+        member = allocate<R>();
+        ++count;
+    }
+    return members;
 }
 
 // Owns a root record and everything below it.
 class Graph {
 public:
     Graph() = default;
-    explicit Graph(uint32_t mat_type, void *root) : mat_type_(mat_type), root_(root) {}
-    template <class R> static Graph make() { return Graph(zel::MatObjectOf<R>::type, allocate<R>()); }
+    // A zero-filled root.
+    explicit Graph(const zel::wire::Record &record) : record_(&record), root_(allocate_bytes(record.size)) {}
+    // Becomes the owner of a root.
+    Graph(uint32_t mat_type, void *root) : record_(zel::wire::object_of(mat_type)), root_(root) {}
 
-    Graph(Graph &&other) noexcept : mat_type_(other.mat_type_), root_(std::exchange(other.root_, nullptr)) {}
+    Graph(Graph &&other) noexcept : record_(other.record_), root_(std::exchange(other.root_, nullptr)) {}
     Graph &operator=(Graph &&other) noexcept
     {
-        std::swap(mat_type_, other.mat_type_);
+        std::swap(record_, other.record_);
         std::swap(root_, other.root_);
         return *this;
     }
-    ~Graph() { free_graph(mat_type_, root_); }
+    ~Graph() { free_graph(mat_type(), root_); }
 
-    uint32_t mat_type() const { return mat_type_; }
+    const zel::wire::Record *record() const { return record_; }
+    uint32_t mat_type() const { return record_ != nullptr ? record_->mat_type : uint32_t{ZEL_MAT_TYPE_NONE}; }
     void *root() const { return root_; }
     void *release() { return std::exchange(root_, nullptr); }
-    // The root as the record that its MAT type says it is.
+    // The root as its C type, which is up to the caller.
     template <class R> R &as() const { return *static_cast<R *>(root_); }
 
 private:
-    uint32_t mat_type_ = ZEL_MAT_TYPE_NONE;
+    const zel::wire::Record *record_ = nullptr;
     void *root_ = nullptr;
 };
-
-// Calls visit with a null pointer to the record of a MAT type; false when no
-// record has it.
-template <class Visit, class... O> bool visit_mat_type(uint32_t mat_type, Visit visit, zel::MatObjectList<O...>)
-{
-    return ((mat_type == O::type && (visit(static_cast<typename O::record *>(nullptr)), true)) || ...);
-}
-template <class Visit> bool visit_mat_type(uint32_t mat_type, Visit visit)
-{
-    return visit_mat_type(mat_type, visit, zel::MatObjects{});
-}
-
-// Appends a member to a sequence; the caller has made room for it.
-template <auto Count, auto Array, class R> zel::Element<Array> &append_member(R &record)
-{
-    auto *const member = allocate<zel::Element<Array>>();
-    (record.*Array)[record.*Count] = member;
-    ++(record.*Count);
-    return *member;
-}
-
-template <auto Array, class R> void make_room(R &record, std::size_t members)
-{
-    if (members != 0)
-        record.*Array = allocate<zel::Element<Array> *>(members);
-}
 
 } // namespace tools

@@ -1,72 +1,50 @@
 #include "tools/message/message.hpp"
 
-#include "tools/json/json_reader.hpp"
-#include "tools/json/json_writer.hpp"
-#include "tools/message/element_facts.hpp"
-#include "tools/message/message_decoder.hpp"
+#include "tools/json/reader.hpp"
+#include "tools/json/writer.hpp"
 #include "tools/message/tracing.hpp"
 #include "zel-platform/tlv_check.h"
 
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cstring>
+
 namespace tools {
+
+using namespace zel::wire;
+
 namespace {
 
-// "element 28 (match type)"
-std::string name_of(uint16_t id)
-{
-    using Kind = ElementFacts::Kind;
-    const ElementFacts &facts = facts_of_element(id);
-    switch (facts.kind) {
-    case Kind::start:
-        return fmt::format("element {} (start of {})", id, facts.record);
-    case Kind::end:
-        return fmt::format("element {} (end of {})", id, facts.record);
-    default:
-        return fmt::format("element {} ({})", id, facts.text);
-    }
-}
-
-constexpr std::string_view header_name = zel::Wire<zel_kob_header_t>::name.text;
-
-// The name of the object of a request kind; empty when there is none.
-std::string_view name_of_object(uint32_t api_type)
-{
-    std::string_view name;
-    visit_mat_type(get_mat_obj_type(api_type), [&]<class R>(R *) { name = zel::Wire<R>::name.text; });
-    return name;
-}
+// The record of the object of a request kind; null when the kind is not known.
+const Record *object_of_kind(uint32_t api_type) { return object_of(get_mat_obj_type(api_type)); }
 
 // Whether a request of this kind is complete without an object.
 bool may_lack_object(uint32_t api_type) { return api_type == ZEL_API_POLICY_DELETE; }
 
+// The size of the first array, or of all bytes when the array claims more.
+std::size_t array_size(std::string_view bytes)
+{
+    uint32_t used = 0;
+    std::memcpy(&used, bytes.data(), std::min(bytes.size(), sizeof used));
+    return std::min(TLV_ARRAY_OVERHEAD + std::size_t{used}, bytes.size());
+}
+
+// The verifier reads as many bytes as the array claims to have.
+void require_whole_array(std::string_view bytes, const std::string &source)
+{
+    if (bytes.size() > UINT32_MAX || tlv_array_check(bytes.data(), static_cast<uint32_t>(bytes.size())) != TLV_OK)
+        throw BadInput(fmt::format("{}: no message: its first four bytes claim more than the {} bytes there are",
+                                   source, bytes.size()));
+    if (const std::size_t end = array_size(bytes); end != bytes.size())
+        throw BadInput(fmt::format("{}: offset {}: {} bytes follow the last element", source, end, bytes.size() - end));
+}
+
+// Without memory, the library reports an error and leaves a part of the graph out.
+bool has_library_failed = false;
+void note_failure(const char *, ...) { has_library_failed = true; } // NOLINT(cert-dcl50-cpp): the callback's type
+
 } // namespace
-
-const RawElement *MessageDecoder::peek()
-{
-    while (next_ < list_.elements.size() &&
-           facts_of_element(list_.elements[next_].id).kind == ElementFacts::Kind::unknown)
-        ++next_;
-    return next_ < list_.elements.size() ? &list_.elements[next_] : nullptr;
-}
-
-void MessageDecoder::fail(const std::string &text)
-{
-    const RawElement *const element = peek();
-    throw BadInput(fmt::format("{}: offset {}: {}", list_.source, element != nullptr ? element->offset : list_.end,
-                               element == nullptr && !list_.fault.empty() ? list_.fault : text));
-}
-
-const RawElement &MessageDecoder::expect(uint16_t id, std::size_t length)
-{
-    const RawElement *const element = peek();
-    if (element == nullptr)
-        fail(fmt::format("expected {}, found the end of the message", name_of(id)));
-    if (element->id != id)
-        fail(fmt::format("expected {}, found {}", name_of(id), name_of(element->id)));
-    if (element->value.size() != length)
-        fail(fmt::format("{} should have {} bytes and has {}", name_of(id), length, element->value.size()));
-    ++next_;
-    return *element;
-}
 
 std::string encode_message(const Message &message)
 {
@@ -82,59 +60,76 @@ std::string encode_message(const Message &message)
     return bytes;
 }
 
-Message decode_message(const ElementList &list)
+zel_verify_report_t verify_message(std::string_view bytes, const std::string &source, bool is_strict)
 {
-    MessageDecoder decoder(list);
+    require_whole_array(bytes, source);
+    const zel_verify_options_t options{sizeof options, is_strict};
+    zel_verify_report_t report{};
+    report.size = sizeof report;
+    if (zel_verify_tlv_array(bytes.data(), &options, &report) == ZEL_VERIFY_OK)
+        return report;
+    char text[ZEL_VERIFY_TEXT_SIZE];
+    zel_verify_report_text(&report, text, sizeof text);
+    throw BadInput(source + ": " + text);
+}
+
+Message decode_message(std::string_view bytes, const std::string &source)
+{
+    verify_message(bytes, source);
+    std::string padded(bytes);
+    padded.resize(bytes.size() + ZEL_LABEL_SIZE); // the parser may read that far
     Message message;
-    decoder.decode(message.header);
-    const uint32_t api_type = message.header.api_type;
-    if (name_of_object(api_type).empty())
-        throw BadInput(fmt::format("{}: request kind {} is not known", list.source, api_type));
-    if (decoder.peek() != nullptr || !may_lack_object(api_type))
-        visit_mat_type(get_mat_obj_type(api_type), [&]<class R>(R *) {
-            message.graph = Graph::make<R>();
-            decoder.decode(message.graph.as<R>());
-        });
-    if (const RawElement *const further = decoder.peek())
-        decoder.fail(fmt::format("expected the end of the message, found {}", name_of(further->id)));
-    if (!list.fault.empty())
-        decoder.fail(list.fault);
+    zel_api_handle_t handle{};
+    zel_api_init(&handle, trace_flag(), 0, ZEL_KOB_NO_TRANSPORT, note_failure, nullptr, nullptr);
+    has_library_failed = false;
+    void *const root = zel_parse_tlv_array(&handle, padded.data(), &message.header);
+    message.graph = Graph(get_mat_obj_type(message.header.api_type), root);
+    if (has_library_failed)
+        throw std::bad_alloc();
     return message;
+}
+
+std::vector<Message> decode_messages(std::string_view bytes, const std::string &source)
+{
+    std::vector<Message> messages;
+    while (!bytes.empty()) {
+        const std::size_t size = array_size(bytes);
+        messages.push_back(
+            decode_message(bytes.substr(0, size), fmt::format("{}, message {}", source, messages.size() + 1)));
+        bytes.remove_prefix(size);
+    }
+    return messages;
 }
 
 Json message_to_json(const Message &message)
 {
-    Json json{{header_name, JsonWriter().write(message.header)}};
+    Json json{{kob_header.name, JsonWriter().write(kob_header, &message.header)}};
     if (message.graph.root() != nullptr)
-        json[std::string(name_of_object(message.header.api_type))] = write_graph(message.graph);
+        json[message.graph.record()->name] = write_graph(message.graph);
     return json;
 }
 
 Message message_from_json(const Document &document, uint32_t app_type)
 {
-    const Place root;
+    const JsonPath root;
     const Input in{document, document.root, root};
     if (!in.node.is_object())
         in.expected("an object");
     Message message;
     JsonReader reader(app_type);
-    if (!with_member(in, header_name, [&](const Input &header) { reader.read(header, message.header); }))
-        in.fail(fmt::format("the member \"{}\" is missing", header_name));
+    if (!with_member(in, kob_header.name,
+                     [&](const Input &header) { reader.read(header, kob_header, &message.header); }))
+        in.fail(fmt::format("the member \"{}\" is missing", kob_header.name));
 
     const uint32_t api_type = message.header.api_type;
-    const std::string_view object_name = name_of_object(api_type);
-    if (object_name.empty())
+    const Record *const object = object_of_kind(api_type);
+    if (object == nullptr)
         in.fail(fmt::format("request kind {} is not known", api_type));
-    for (const Node &child : in.node.children)
-        if (child.key != header_name && child.key != object_name) {
-            const Place place = root.in(child.key);
-            Input{document, child, place}.fail("unknown member; expected " + enumerated({header_name, object_name}));
-        }
-    const bool has_object = with_member(in, object_name, [&](const Input &object) {
-        message.graph = read_graph(reader, get_mat_obj_type(api_type), object);
-    });
+    refuse_unknown_members(in, {kob_header.name, object->name});
+    const bool has_object =
+        with_member(in, object->name, [&](const Input &value) { message.graph = read_graph(reader, *object, value); });
     if (!has_object && !may_lack_object(api_type))
-        in.fail(fmt::format("the member \"{}\" is missing", object_name));
+        in.fail(fmt::format("the member \"{}\" is missing", object->name));
     return message;
 }
 

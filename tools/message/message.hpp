@@ -1,13 +1,14 @@
-// Messages: a header and the graph that it announces, as the bytes that travel
-// and as JSON.
+// Messages: a header and the graph that it announces, as the bytes that are sent and
+// as JSON.
 #pragma once
 
-#include "tools/json/json_document.hpp"
+#include "tools/json/document.hpp"
 #include "tools/json/notation.hpp"
-#include "tools/message/element_list.hpp"
 #include "tools/message/graph.hpp"
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace tools {
 
@@ -19,10 +20,15 @@ struct Message {
 // The bytes that the library's send_to_zel() hands to the transport.
 std::string encode_message(const Message &message);
 
-// Reads what encode_message() writes and refuses everything else, as bad input
-// with the offset of the first fault; except that elements which the description
-// does not know are passed over, for a newer peer may have written them.
-Message decode_message(const ElementList &list);
+// Both throw BadInput with the report of the library's verifier when the bytes are not
+// exactly one message.  The error text begins with source.  The library's parser builds
+// the graph.
+zel_verify_report_t verify_message(std::string_view bytes, const std::string &source, bool is_strict = false);
+Message decode_message(std::string_view bytes, const std::string &source);
+
+// The same for messages that follow each other without a gap, as in the answer to a show
+// request.
+std::vector<Message> decode_messages(std::string_view bytes, const std::string &source);
 
 // {"kob_header": {...}, "policy": {...}}
 Json message_to_json(const Message &message);

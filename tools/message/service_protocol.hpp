@@ -59,9 +59,10 @@ constexpr uint32_t opcode_traffic = 0x1cc14; // payload: any number of element_p
 constexpr uint16_t element_show = 201;       // a ShowRequest
 constexpr uint16_t element_packet = 202;     // a PacketHeader
 
-// The answer's body is a message as send_to_zel() builds it for a policy list.
-// Policies may have different matches of one id, and then such a match is written
-// in full each time; a decoder takes references from the first one, as always.
+// The answer's body has one message for each policy, ordered by policy id.  A message is
+// the TLV array that send_to_zel() builds for a policy update with op_code_set.  The
+// arrays follow each other without a gap; the first four bytes of each say how many
+// bytes of it follow.
 struct ShowRequest {
     uint32_t app_type;
     uint32_t policy_id; // show_all for every policy of the application

@@ -1,5 +1,5 @@
-// The library's traces in the tools: on as soon as the environment asks for any,
-// with the variables of zel-platform/trace_control.h.
+// The library's traces in the tools: on when one of the environment variables of
+// zel-platform/trace_control.h is set.
 #pragma once
 
 #include "zel-platform/trace_control.h"

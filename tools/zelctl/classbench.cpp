@@ -22,7 +22,7 @@ std::string_view trim(std::string_view text)
     return text.substr(0, text.find_last_not_of(blanks) + 1);
 }
 
-// Takes the rules of a line apart, field by field.
+// Reads the fields of a line, one after the other.
 class LineReader {
 public:
     LineReader(std::string_view text, const std::string &file, uint32_t line) : rest_(text), file_(file), line_(line) {}
@@ -119,12 +119,13 @@ void fill_match(zel_match_t &match, const Rule &rule)
     const std::vector<MaskedPort> dports = expand(rule.dport);
     match.type = ZEL_MATCH_TYPE_SERVICE;
     zel_match_service_t &service = match.param.service;
-    tools::make_room<&zel_match_service_t::elements>(service, sports.size() * dports.size());
-    for (const MaskedPort &sport : sports)
-        for (const MaskedPort &dport : dports)
-            tools::append_member<&zel_match_service_t::num_elements, &zel_match_service_t::elements>(service) = {
-                rule.sip,   rule.sip_mask, rule.dip,   rule.dip_mask, sport.value,
-                sport.mask, dport.value,   dport.mask, rule.protocol};
+    const auto elements = tools::make_members(service.elements, service.num_elements, sports.size() * dports.size());
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+        const MaskedPort sport = sports[i / dports.size()];
+        const MaskedPort dport = dports[i % dports.size()];
+        *elements[i] = {rule.sip,   rule.sip_mask, rule.dip,   rule.dip_mask, sport.value,
+                        sport.mask, dport.value,   dport.mask, rule.protocol};
+    }
 }
 
 void fill_pair(zel_match_action_pair_t &pair, uint16_t id, const Rule &rule, const zel_action_t &action)
@@ -132,13 +133,11 @@ void fill_pair(zel_match_action_pair_t &pair, uint16_t id, const Rule &rule, con
     pair.id = id;
     pair.pre_pair_id = static_cast<uint16_t>(id - 1);
     pair.match_group.id = id;
-    tools::make_room<&zel_match_grp_t::matches>(pair.match_group, 1);
-    auto &match = tools::append_member<&zel_match_grp_t::num_match, &zel_match_grp_t::matches>(pair.match_group);
+    zel_match_t &match = *tools::make_members(pair.match_group.matches, pair.match_group.num_match, 1).front();
     match.id = id;
     fill_match(match, rule);
     pair.action_group.id = id;
-    tools::make_room<&zel_action_grp_t::actions>(pair.action_group, 1);
-    tools::append_member<&zel_action_grp_t::num_action, &zel_action_grp_t::actions>(pair.action_group) = action;
+    *tools::make_members(pair.action_group.actions, pair.action_group.num_action, 1).front() = action;
 }
 
 } // namespace
@@ -164,7 +163,7 @@ std::vector<MaskedPort> expand(PortRange range)
     std::vector<MaskedPort> ports;
     const uint32_t end = uint32_t{range.last} + 1;
     for (uint32_t first = range.first; first < end;) {
-        // The largest block that begins here and ends in time.
+        // The largest aligned block that begins here and ends within the range.
         const uint32_t aligned = first == 0 ? 0x10000 : first & -first;
         const uint32_t block = std::min(aligned, std::bit_floor(end - first));
         ports.push_back({static_cast<uint16_t>(first), static_cast<uint16_t>(0x10000 - block)});
@@ -179,16 +178,14 @@ tools::Graph make_policy(const std::vector<Rule> &rules, uint16_t policy_id, uin
     if (rules.size() > UINT16_MAX)
         throw tools::BadInput(
             fmt::format("{}: {} rules are too many; a policy has at most {} pairs", file, rules.size(), UINT16_MAX));
-    tools::Graph graph = tools::Graph::make<zel_policy_t>();
+    tools::Graph graph(zel::wire::policy);
     auto &policy = graph.as<zel_policy_t>();
     policy.id = policy_id;
     policy.app_type = app;
-    zel_match_action_pair_grp_t &pairs = policy.match_action_pair_group;
-    tools::make_room<&zel_match_action_pair_grp_t::pairs>(pairs, rules.size());
-    for (std::size_t i = 0; i < rules.size(); ++i)
-        fill_pair(
-            tools::append_member<&zel_match_action_pair_grp_t::num_pair, &zel_match_action_pair_grp_t::pairs>(pairs),
-            static_cast<uint16_t>(i + 1), rules[i], actions[i % actions.size()]);
+    zel_match_action_pair_grp_t &group = policy.match_action_pair_group;
+    const auto pairs = tools::make_members(group.pairs, group.num_pair, rules.size());
+    for (std::size_t i = 0; i < pairs.size(); ++i)
+        fill_pair(*pairs[i], static_cast<uint16_t>(i + 1), rules[i], actions[i % actions.size()]);
     return graph;
 }
 

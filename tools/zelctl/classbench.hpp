@@ -30,11 +30,11 @@ struct Rule {
 //     @10.0.0.0/8  192.168.1.0/24  0 : 65535  80 : 80  0x06/0xFF  [0x0000/0x0000]
 //
 // The last column, TCP flags, is not used.  Empty lines and lines that begin with #
-// are left out.  The protocol is one (mask 0xFF) or any (mask 0x00); 0 as the one
-// protocol is refused, because a service element cannot say it.  Throws BadInput.
+// are skipped.  The mask of the protocol is 0xFF for one protocol or 0x00 for any.  The one
+// protocol 0 is refused, because 0 means any in a service element.  Throws BadInput.
 std::vector<Rule> read_classbench(std::string_view text, const std::string &file);
 
-// Ports as a five-tuple has them: p matches when (p & mask) == value.
+// A port p matches when (p & mask) == value.
 struct MaskedPort {
     uint16_t value;
     uint16_t mask;
@@ -43,11 +43,10 @@ struct MaskedPort {
 // The fewest masked ports that match exactly the ports of a range.
 std::vector<MaskedPort> expand(PortRange range);
 
-// A policy with a pair for every rule, in order; the first that matches is meant.
-// Rule number n, from 0, becomes pair n + 1 with the match group and the match
-// n + 1; a pair's pre_pair_id names the one before.  The rules take the actions
-// in turn, each of which becomes one object of the message.  Throws BadInput when
-// there are more rules than ids.
+// A policy with a pair for every rule, in order; a packet belongs to the first rule that
+// matches.  Rule number n, counted from 0, becomes pair n + 1 with match group n + 1 and
+// match n + 1.  pre_pair_id is the id of the pair before.  Rule n gets action n modulo the
+// number of actions.  Throws BadInput when there are more rules than ids.
 tools::Graph make_policy(const std::vector<Rule> &rules, uint16_t policy_id, uint32_t app,
                          const std::vector<zel_action_t> &actions, const std::string &file);
 

@@ -1,9 +1,9 @@
 // zelctl encode, decode and verify: messages in files, without a service.
-#include "tools/json/json_reader.hpp"
 #include "tools/message/element_tree.hpp"
 #include "tools/zelctl/output.hpp"
 #include "tools/zelctl/request.hpp"
-#include "zel-platform/tlv_check.h"
+
+#include <fmt/core.h>
 
 #include <memory>
 
@@ -28,11 +28,10 @@ int run_encode(const Options &options, const EncodeArguments &arguments)
 int run_decode(const Options &options, const std::string &path)
 {
     const std::string bytes = tools::read_file(path);
-    const tools::ElementList list = tools::list_elements(bytes, path);
-    // The tree shows what is there even when it is no message.
+    // The tree shows the elements even when they are no message.
     if (!options.json)
-        fmt::print("{}", show_element_tree(list));
-    const tools::Message message = decode_message(list);
+        fmt::print("{}", show_element_tree(tools::list_elements(bytes)));
+    const tools::Message message = tools::decode_message(bytes, path);
     if (options.json)
         fmt::print("{}\n", message_to_json(message).dump(2));
     return exit_ok;
@@ -46,17 +45,9 @@ struct VerifyArguments {
 int run_verify(const VerifyArguments &arguments)
 {
     const std::string bytes = tools::read_file(arguments.path);
-    if (bytes.size() > UINT32_MAX || tlv_array_check(bytes.data(), static_cast<uint32_t>(bytes.size())) != TLV_OK)
-        throw tools::BadInput(arguments.path + ": no message: its first four bytes claim more than there is");
-    const zel_verify_options_t options{sizeof options, arguments.is_strict};
-    zel_verify_report_t report{};
-    report.size = sizeof report;
-    const uint32_t rule = zel_verify_tlv_array(bytes.data(), &options, &report);
-    char text[ZEL_VERIFY_TEXT_SIZE];
-    zel_verify_report_text(&report, text, sizeof text);
-    if (rule != ZEL_VERIFY_OK)
-        throw tools::BadInput(arguments.path + ": " + text);
-    fmt::print("{}: {}, {} unknown elements\n", arguments.path, text, report.unknown_elements);
+    const zel_verify_report_t report = tools::verify_message(bytes, arguments.path, arguments.is_strict);
+    fmt::print("{}: {}, {} unknown elements\n", arguments.path, zel_verify_rule_text(report.rule),
+               report.unknown_elements);
     return exit_ok;
 }
 

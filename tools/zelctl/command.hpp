@@ -1,5 +1,4 @@
-// What the commands of zelctl have in common: the global options, the exit codes,
-// and how a command is added to the command line.
+// The global options of zelctl, its exit codes, and how a command is added.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -26,10 +25,10 @@ struct Options {
     bool json = false;
 };
 
-// A command that was chosen, with its arguments bound; gives the exit code.
+// A command with its arguments bound; returns the exit code.
 using Command = std::function<int()>;
 
-// Where commands are added: each subcommand sets chosen when it is given.
+// Where commands are added.  The subcommand that is given sets chosen.
 struct CommandLine {
     CLI::App &app;
     const Options &options;

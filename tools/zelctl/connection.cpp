@@ -16,7 +16,7 @@
 namespace zelctl {
 namespace {
 
-// Both sides have a limit; the service's is the one that says what is too large.
+// The largest there is, so that only the service's own limit counts.
 constexpr uint32_t largest_message = KOB_MESSAGE_LIMIT;
 
 constexpr std::array error_names{
@@ -93,7 +93,7 @@ Answer Connection::request(uint32_t opcode, std::string_view array)
 
 int report(const Options &options, const Answer &answer, std::string_view done)
 {
-    const auto error = tools::Names<error_names>::show(answer.error);
+    const tools::Json error = tools::show_named(answer.error, error_names);
     if (options.json) {
         const tools::Json json{
             {"refused", answer.refused()}, {"error", error}, {"retval", answer.retval}, {"text", answer.text}};

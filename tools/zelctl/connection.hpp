@@ -1,4 +1,4 @@
-// The way to the service: one request out, its answer back.
+// A connection to the service: sends a request and waits for its answer.
 #pragma once
 
 #include "tools/zelctl/command.hpp"
@@ -13,7 +13,7 @@
 
 namespace zelctl {
 
-// No service, no answer, or no understandable one.
+// There is no service, or no answer, or the answer cannot be read.
 class NoService : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -42,11 +42,11 @@ public:
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
-    // One of the library's request calls; it gives the token that it got.
+    // Calls one of the library's request functions and returns the token.
     using Send = std::function<uint32_t(zel_api_handle_t *handle, kob_msg_t *msg)>;
     Answer request(const Send &send);
 
-    // A request of the service's own: a TLV array under an opcode.
+    // One of the service's own requests: a TLV array under an opcode.
     Answer request(uint32_t opcode, std::string_view array);
 
 private:
@@ -55,8 +55,8 @@ private:
     zel_api_handle_t handle_{};
 };
 
-// Tells about an answer on standard output, or about a refusal on standard error;
-// with --json as an object on standard output.  Gives the exit code.
+// Prints an answer to standard output or a refusal to standard error; with --json, prints
+// an object to standard output.  Returns the exit code.
 int report(const Options &options, const Answer &answer, std::string_view done);
 
 } // namespace zelctl

@@ -1,6 +1,6 @@
-// zelctl import: rule sets of other tools, as policies.
-#include "tools/json/json_reader.hpp"
-#include "tools/json/json_writer.hpp"
+// zelctl import: makes policies of rule sets in other formats.
+#include "tools/json/reader.hpp"
+#include "tools/json/writer.hpp"
 #include "tools/zelctl/classbench.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/output.hpp"
@@ -17,7 +17,7 @@ struct Arguments {
     std::string output = "-";
 };
 
-// Without a file of actions, every rule puts its packets into VRF 1.
+// Without a file of actions, every rule sets VRF 1.
 std::vector<zel_action_t> read_actions(const std::string &path)
 {
     if (path.empty()) {
@@ -28,15 +28,15 @@ std::vector<zel_action_t> read_actions(const std::string &path)
         return {action};
     }
     const tools::Document document = tools::read_json_file(path);
-    const tools::Place root;
+    const tools::JsonPath root;
     const tools::Input whole{document, document.root, root};
     if (document.root.kind != tools::Node::Kind::array || document.root.children.empty())
         whole.expected("an array of actions");
     tools::JsonReader reader(0);
     std::vector<zel_action_t> actions(document.root.children.size());
     for (std::size_t i = 0; i < actions.size(); ++i) {
-        const tools::Place place = root.at(i);
-        reader.read({document, document.root.children[i], place}, actions[i]);
+        const tools::JsonPath path_of_action = root.at(i);
+        reader.read({document, document.root.children[i], path_of_action}, zel::wire::action, &actions[i]);
     }
     return actions;
 }

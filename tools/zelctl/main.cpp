@@ -1,4 +1,4 @@
-// zelctl: the policy service's client for people and scripts.
+// zelctl: the command line client of the policy service.
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
 #include "tools/zelctl/command.hpp"
@@ -7,6 +7,7 @@
 
 #include <fmt/core.h>
 
+#include <cstdio>
 #include <cstring>
 #include <exception>
 
@@ -39,7 +40,7 @@ int complain(const std::exception &fault, int code)
     return code;
 }
 
-// Runs a command, whatever becomes of it.
+// Runs a command and turns each exception into a message and an exit code.
 int run(const Command &command)
 {
     try {
@@ -57,13 +58,8 @@ int run(const Command &command)
     }
 }
 
-} // namespace
-} // namespace zelctl
-
-int main(int argc, char **argv)
+int run_command_line(int argc, char **argv)
 {
-    using namespace zelctl;
-
     CLI::App app("Client of the policy service: applies, shows and deletes policies, reads counters, feeds traffic,\n"
                  "and looks into messages.",
                  "zelctl");
@@ -89,4 +85,17 @@ int main(int argc, char **argv)
         return exit_usage;
     }
     return run(chosen);
+}
+
+} // namespace
+} // namespace zelctl
+
+int main(int argc, char **argv)
+{
+    try {
+        return zelctl::run_command_line(argc, argv);
+    } catch (...) { // no memory for the command line, or none for an error message
+        (void)std::fputs("zelctl: failed\n", stderr);
+        return zelctl::exit_failed;
+    }
 }

@@ -16,7 +16,7 @@ namespace {
     throw OutputFailure(fmt::format("{}: cannot be written: {}", path, std::strerror(errno)));
 }
 
-// A file comes into being under another name and gets its own when it is complete.
+// Writes a draft beside the file, then renames it.
 void write_new_file(const std::string &path, std::string_view bytes)
 {
     const std::string draft = path + ".new";
@@ -39,7 +39,7 @@ void write_file(const std::string &path, std::string_view bytes)
 {
     if (path != "-")
         return write_new_file(path, bytes);
-    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    (void)std::fwrite(bytes.data(), 1, bytes.size(), stdout); // finish_output() reports a failure
     finish_output();
 }
 

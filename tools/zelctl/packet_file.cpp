@@ -1,39 +1,13 @@
 #include "tools/zelctl/packet_file.hpp"
 
-#include "tools/json/json_reader.hpp"
 #include "tools/json/progress.hpp"
+#include "tools/json/reader.hpp"
+#include "tools/json/text_values.hpp"
+#include "tools/message/packet_record.hpp"
 
 #include <fmt/core.h>
 
 #include <array>
-
-// A packet header has the shape of a record, so its JSON follows from a description
-// like theirs.  It does not travel by fields: the element ids mean nothing.
-template <> struct zel::Wire<service::PacketHeader> : Record<0, 0> {
-    static constexpr FixedString name = "packet_header";
-    static constexpr std::tuple members{
-        Field<0, &service::PacketHeader::sip>{},           Field<0, &service::PacketHeader::dip>{},
-        Field<0, &service::PacketHeader::sport>{},         Field<0, &service::PacketHeader::dport>{},
-        Field<0, &service::PacketHeader::ether_type>{},    Field<0, &service::PacketHeader::protocol>{},
-        Field<0, &service::PacketHeader::exp>{},           Field<0, &service::PacketHeader::arp_opcode>{},
-        Field<0, &service::PacketHeader::lisp_instance>{}, Field<0, &service::PacketHeader::interface>{},
-        Field<0, &service::PacketHeader::vrf>{},           Field<0, &service::PacketHeader::vlan>{},
-        Field<0, &service::PacketHeader::label_length>{},  Field<0, &service::PacketHeader::label>{},
-        Field<0, &service::PacketHeader::bytes>{},
-    };
-};
-
-namespace tools {
-
-using service::PacketHeader;
-template <> struct NotationOf<&PacketHeader::sip> : Is<Ipv4> {};
-template <> struct NotationOf<&PacketHeader::dip> : Is<Ipv4> {};
-template <> struct NotationOf<&PacketHeader::ether_type> : Is<Hex> {};
-template <> struct NotationOf<&PacketHeader::protocol> : Is<Names<protocols>> {};
-template <> struct NotationOf<&PacketHeader::label_length> : Is<Number, LengthOf<&PacketHeader::label>> {};
-template <> struct NotationOf<&PacketHeader::label> : Is<Text<0>, SetsLength<&PacketHeader::label_length>> {};
-
-} // namespace tools
 
 namespace zelctl {
 namespace {
@@ -43,7 +17,7 @@ using service::PacketHeader;
 constexpr uint16_t ether_type_ipv4 = 0x0800;
 constexpr uint32_t trace_packet_bytes = 64;
 
-// The columns of a trace, with the most that each can hold.
+// The columns of a trace and their largest values.
 struct Column {
     std::string_view name;
     uint64_t most;
@@ -92,9 +66,9 @@ PacketHeader read_trace_line(std::string_view text, const std::string &where)
 PacketHeader read_json_line(std::string_view text, const std::string &path, uint32_t line)
 {
     const tools::Document document = tools::parse_json(text, path, line);
-    const tools::Place root;
+    const tools::JsonPath root;
     PacketHeader header{};
-    tools::JsonReader(0).read({document, document.root, root}, header);
+    tools::JsonReader(0).read({document, document.root, root}, tools::packet_header, &header);
     return header;
 }
 

@@ -8,13 +8,13 @@
 
 namespace zelctl {
 
-// One header a line, in either of two formats, empty lines and lines that begin
-// with # left out:
+// Reads one header a line.  Empty lines and lines that begin with # are skipped.  A line
+// has one of two formats:
 //
 // - a JSON object with the fields of service::PacketHeader;
 // - a trace: source address, destination address, source port, destination port,
 //   protocol, and if given flags and rule number, which are not used; decimal
-//   numbers with blanks between them.  It means an IPv4 packet of 64 bytes.
+//   numbers with blanks between them.  The packet is taken to be IPv4 of 64 bytes.
 //
 // Throws BadInput.
 std::vector<service::PacketHeader> read_packet_file(const std::string &path);

@@ -1,13 +1,16 @@
-// zelctl policy: whole policies, from files to the service and back.
+// zelctl policy: applies, checks, deletes and shows whole policies.
 #include "platform/tlv_array.h"
-#include "tools/json/json_reader.hpp"
-#include "tools/json/json_writer.hpp"
+#include "tools/json/names.hpp"
 #include "tools/json/progress.hpp"
+#include "tools/json/reader.hpp"
+#include "tools/json/writer.hpp"
 #include "tools/message/message.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "zel-platform/tlv_check.h"
 
 #include <deque>
+#include <fmt/core.h>
+
 #include <memory>
 #include <optional>
 #include <set>
@@ -18,10 +21,10 @@ namespace {
 using tools::Document;
 using tools::Graph;
 using tools::Input;
-using tools::Place;
+using tools::JsonPath;
 
-// How policies are sent: in one request, of which all are applied or none, and in
-// which an id of a match or an action has one meaning; or in a request each.
+// Policies are sent in one request, or in one request each.  All policies of a request
+// are applied or none, and an id means one match and one action in all of them.
 enum class Requests { one, one_each };
 
 class PolicyFiles {
@@ -32,13 +35,13 @@ public:
     void read(const std::string &path)
     {
         const Document &document = documents_.emplace_back(tools::read_json_file(path));
-        const Place root;
+        const JsonPath root;
         const Input whole{document, document.root, root};
         if (document.root.kind != tools::Node::Kind::array)
             return read_policy(whole);
         for (std::size_t i = 0; i < document.root.children.size(); ++i) {
-            const Place place = root.at(i);
-            read_policy({document, document.root.children[i], place});
+            const JsonPath path_of_policy = root.at(i);
+            read_policy({document, document.root.children[i], path_of_policy});
         }
     }
 
@@ -58,7 +61,7 @@ private:
     {
         if (requests_ == Requests::one_each)
             reader_ = tools::JsonReader(app_);
-        const Graph &policy = policies_.emplace_back(read_graph(reader_, ZEL_MAT_TYPE_POLICY, in));
+        const Graph &policy = policies_.emplace_back(read_graph(reader_, zel::wire::policy, in));
         const uint16_t id = policy.as<zel_policy_t>().id;
         if (!ids_.insert(id).second)
             in.fail(fmt::format("policy {} has been given already", id));
@@ -129,13 +132,13 @@ int run_delete(const Options &options, uint16_t id)
     return report(options, answer, fmt::format("policy {} deleted", id));
 }
 
-std::string show_as_table(const zel_policy_list_t &list)
+std::string show_as_table(const std::vector<tools::Message> &policies)
 {
     std::string table =
         fmt::format("{:>6} {:>8} {:>10} {:>8} {:>12}\n", "policy", "version", "mode", "pairs", "interfaces");
-    for (uint32_t i = 0; i < list.num_policy; ++i) {
-        const zel_policy_t &policy = *list.policies[i];
-        const tools::Json mode = tools::Names<tools::op_modes>::show(policy.op_mode);
+    for (const tools::Message &message : policies) {
+        const auto &policy = message.graph.as<zel_policy_t>();
+        const tools::Json mode = tools::show_named(policy.op_mode, tools::op_modes);
         table += fmt::format("{:>6} {:>8} {:>10} {:>8} {:>12}\n", policy.id, policy.version,
                              mode.is_string() ? mode.get<std::string>() : mode.dump(),
                              policy.match_action_pair_group.num_pair, policy.if_group.num_if);
@@ -152,13 +155,15 @@ std::string show_request(const Options &options, std::optional<uint16_t> id)
     return array;
 }
 
-tools::Message decode_answer(const Options &options, const Answer &answer)
+// The policies of an answer, a message for each.
+std::vector<tools::Message> decode_answer(const Options &options, const Answer &answer)
 {
     try {
-        tools::Message message = decode_message(tools::list_elements(answer.body(), "answer"));
-        if (message.graph.mat_type() != ZEL_MAT_TYPE_POLICY_LIST)
-            throw tools::BadInput("answer: no policies in it");
-        return message;
+        std::vector<tools::Message> messages = tools::decode_messages(answer.body(), "answer");
+        for (const tools::Message &message : messages)
+            if (message.header.api_type != ZEL_API_POLICY_UPDATE)
+                throw tools::BadInput("answer: a message that is no policy");
+        return messages;
     } catch (const tools::BadInput &fault) {
         throw NoService(fmt::format("{}: {}", options.service, fault.what()));
     }
@@ -170,18 +175,19 @@ int run_show(const Options &options, std::optional<uint16_t> id)
     const Answer answer = connection.request(service::opcode_show, show_request(options, id));
     if (answer.refused())
         return report(options, answer, {});
-    const tools::Message message = decode_answer(options, answer);
-    const auto &list = message.graph.as<zel_policy_list_t>();
-    // A policy by itself, because the same id may mean something else in another one.
+    const std::vector<tools::Message> messages = decode_answer(options, answer);
+    if (!options.json && !id) {
+        fmt::print("{}", show_as_table(messages));
+        return exit_ok;
+    }
+    // Each policy by itself, because an id may mean another object in another policy.
     tools::Json policies = tools::Json::array();
-    for (uint32_t i = 0; i < list.num_policy; ++i)
-        policies.push_back(tools::JsonWriter().write(*list.policies[i]));
+    for (const tools::Message &message : messages)
+        policies.push_back(write_graph(message.graph));
     if (id && policies.size() == 1)
         fmt::print("{}\n", policies[0].dump(2));
-    else if (options.json || id)
-        fmt::print("{}\n", policies.dump(2));
     else
-        fmt::print("{}", show_as_table(list));
+        fmt::print("{}\n", policies.dump(2));
     return exit_ok;
 }
 

@@ -1,5 +1,5 @@
-// A request that somebody describes on the command line: its kind, its header and
-// the file with its object.  "send" sends it and "encode" writes it to a file.
+// A request from the command line: its kind, its header and the file with its object.
+// "send" sends it and "encode" writes it to a file.
 #pragma once
 
 #include "tools/message/message.hpp"

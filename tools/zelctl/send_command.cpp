@@ -2,7 +2,9 @@
 #include "tools/zelctl/request.hpp"
 #include "tools/zelctl/statistics.hpp"
 
-#include "tools/json/field_notation.hpp"
+#include "tools/json/names.hpp"
+
+#include <fmt/core.h>
 
 #include <memory>
 

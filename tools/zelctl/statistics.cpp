@@ -6,6 +6,12 @@
 
 namespace zelctl {
 
+// Counters that went back have been set to zero in between.
+static bool is_cleared(const Counters &before, const Counters &now)
+{
+    return now.packets < before.packets || now.bytes < before.bytes;
+}
+
 Statistics read_statistics(const Answer &answer)
 {
     const std::unique_ptr<zel_stat_results_t, void (*)(zel_stat_results_t *)> results(
@@ -40,10 +46,8 @@ std::string show_as_table(const Statistics &statistics, const Statistics *before
         table += fmt::format("\n{:>6} {:>6} {:>20} {:>20}", ids.first, ids.second, counters.packets, counters.bytes);
         if (before == nullptr)
             continue;
-        // Counters that went back were cleared by somebody, and count from there.
         const auto found = before->find(ids);
-        const Counters old =
-            found == before->end() || found->second.packets > counters.packets ? Counters{} : found->second;
+        const Counters old = found == before->end() || is_cleared(found->second, counters) ? Counters{} : found->second;
         table += fmt::format(" {:>14.1f} {:>14.1f}", static_cast<double>(counters.packets - old.packets) / seconds,
                              static_cast<double>(counters.bytes - old.bytes) / seconds);
     }

@@ -1,4 +1,4 @@
-// Counters that the service answered with, as a table or as JSON.
+// The counters in an answer of the service, as a table or as JSON.
 #pragma once
 
 #include "tools/zelctl/connection.hpp"
@@ -14,7 +14,7 @@ struct Counters {
     uint64_t bytes;
 };
 
-// By policy id and pair id, in the order of both.
+// Ordered by policy id, then pair id.
 using Statistics = std::map<std::pair<uint16_t, uint16_t>, Counters>;
 
 // Throws NoService when the answer carries no statistics that can be read.
@@ -22,7 +22,7 @@ Statistics read_statistics(const Answer &answer);
 
 std::string show_as_json(const Statistics &statistics);
 
-// With packets and bytes a second when the statistics of some seconds before are given.
+// With rates per second when the statistics of some seconds before are given.
 std::string show_as_table(const Statistics &statistics, const Statistics *before = nullptr, double seconds = 0);
 
 } // namespace zelctl

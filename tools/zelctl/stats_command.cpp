@@ -1,8 +1,10 @@
-// zelctl stats: the counters of pairs, once or again and again.
-#include "tools/json/field_notation.hpp"
+// zelctl stats: shows the counters of pairs, once or repeatedly.
+#include "tools/message/service_protocol.hpp"
 #include "tools/zelctl/statistics.hpp"
 
 #include <chrono>
+#include <fmt/core.h>
+
 #include <memory>
 #include <optional>
 #include <thread>
@@ -52,7 +54,7 @@ int run_stats(const Options &options, const Arguments &arguments)
         const double seconds = std::chrono::duration<double>(pulled - pulled_before).count();
         fmt::print("{}", options.json ? show_as_json(statistics)
                                       : show_as_table(statistics, before ? &*before : nullptr, seconds));
-        std::fflush(stdout);
+        (void)std::fflush(stdout);
         if (round == rounds)
             return exit_ok;
         before = std::move(statistics);
@@ -74,7 +76,7 @@ void add_stats_command(const CommandLine &line)
         stats->add_flag("--watch", arguments->watch, "Show them again and again, with rates, until interrupted");
     stats->add_option("--interval", arguments->interval, "Seconds between two looks")
         ->needs(watch)
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(0.001, 86400.0))
         ->capture_default_str();
     stats->add_option("--rounds", arguments->rounds, "End after so many looks")->needs(watch);
     when_given(line, stats, [&options = line.options, arguments] { return run_stats(options, *arguments); });

@@ -7,6 +7,8 @@
 #include "zel-platform/tlv_check.h"
 
 #include <algorithm>
+#include <fmt/core.h>
+
 #include <memory>
 #include <span>
 
@@ -15,8 +17,8 @@ namespace {
 
 using service::PacketHeader;
 
-// As many as fit in a message that travels in one piece.
-const std::size_t headers_at_a_time = (KOB_PLAIN_LIMIT - TLV_ARRAY_OVERHEAD) / tlv_size_get(sizeof(PacketHeader));
+// As many as fit in a message that is sent in one part.
+std::size_t headers_at_a_time() { return (KOB_PLAIN_LIMIT - TLV_ARRAY_OVERHEAD) / tlv_size_get(sizeof(PacketHeader)); }
 
 std::string encode_headers(std::span<const PacketHeader> headers)
 {
@@ -34,7 +36,7 @@ int run_traffic(const Options &options, const std::string &path)
     tools::Progress progress("sending packet headers", headers.size());
     uint64_t matched = 0;
     for (std::size_t sent = 0; sent < headers.size();) {
-        const auto some = std::span(headers).subspan(sent, std::min(headers_at_a_time, headers.size() - sent));
+        const auto some = std::span(headers).subspan(sent, std::min(headers_at_a_time(), headers.size() - sent));
         const Answer answer = connection.request(service::opcode_traffic, encode_headers(some));
         if (answer.refused())
             return report(options, answer, {});

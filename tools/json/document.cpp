@@ -1,4 +1,4 @@
-#include "tools/json/json_document.hpp"
+#include "tools/json/document.hpp"
 
 #include "tools/json/progress.hpp"
 
@@ -11,14 +11,15 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <unordered_set>
 
 namespace tools {
 namespace {
 
 constexpr std::size_t deepest = 64;
 
-// Where the parser is.  It reads at most one character beyond a token, so the line
-// before the last character read is the token's.
+// The parser reads at most one character beyond a token, so the token's line is the
+// line before the last character read.
 struct Position {
     uint32_t line;
     uint32_t previous_line;
@@ -35,10 +36,10 @@ struct Position {
     }
 };
 
-// Keeps the position while the parser reads.
-class PositionKeeper {
+// The iterator that the parser reads with; it counts lines.
+class LineCounter {
 public:
-    PositionKeeper(const char *at, Position &position) : at_(at), position_(&position) {}
+    LineCounter(const char *at, Position &position) : at_(at), position_(&position) {}
 
     using iterator_category = std::input_iterator_tag;
     using value_type = char;
@@ -47,19 +48,19 @@ public:
     using reference = const char &;
 
     reference operator*() const { return *at_; }
-    PositionKeeper &operator++()
+    LineCounter &operator++()
     {
         position_->pass(at_++);
         return *this;
     }
-    PositionKeeper operator++(int)
+    LineCounter operator++(int)
     {
-        PositionKeeper old = *this;
+        LineCounter old = *this;
         ++*this;
         return old;
     }
-    bool operator==(const PositionKeeper &other) const { return at_ == other.at_; }
-    bool operator!=(const PositionKeeper &other) const { return at_ != other.at_; }
+    bool operator==(const LineCounter &other) const { return at_ == other.at_; }
+    bool operator!=(const LineCounter &other) const { return at_ != other.at_; }
 
 private:
     const char *at_;
@@ -87,7 +88,7 @@ public:
 
     bool key(std::string &name)
     {
-        if (open_.back()->find(name) != nullptr)
+        if (!keys_.back().insert(name).second)
             throw BadInput(fmt::format("{}:{}: the member \"{}\" stands twice in one object", file_,
                                        position_.previous_line, name));
         key_ = std::move(name);
@@ -96,7 +97,8 @@ public:
 
     bool parse_error(std::size_t, const std::string &, const nlohmann::json::exception &error)
     {
-        // The parser counts lines and columns of its own; only its reason is of use here.
+        // The text has a line and a column that the parser counts differently; what follows
+        // them is the reason.
         const std::string_view text = error.what();
         const std::size_t column = text.find("column ");
         const std::size_t reason = text.find(": ", column == std::string_view::npos ? 0 : column);
@@ -112,11 +114,11 @@ private:
         node.line = position_.previous_line;
         node.number = number;
         node.text = std::move(text);
-        place(std::move(node));
+        add(std::move(node));
         return true;
     }
 
-    Node &place(Node node)
+    Node &add(Node node)
     {
         node.key = std::move(key_);
         key_.clear();
@@ -131,13 +133,15 @@ private:
         Node node;
         node.kind = kind;
         node.line = position_.previous_line;
-        open_.push_back(&place(std::move(node)));
+        open_.push_back(&add(std::move(node)));
+        keys_.emplace_back();
         return true;
     }
 
     bool close()
     {
         open_.pop_back();
+        keys_.pop_back();
         return true;
     }
 
@@ -145,7 +149,8 @@ private:
     Node &root_;
     const Position &position_;
     std::string key_;
-    std::vector<Node *> open_; // stays valid: only the innermost one's children grow
+    std::vector<Node *> open_;                          // stays valid: only the innermost one's children grow
+    std::vector<std::unordered_set<std::string>> keys_; // that each open object has had so far
 };
 
 } // namespace
@@ -182,8 +187,8 @@ Document parse_json(std::string_view text, std::string file, uint32_t line)
     Document document{std::move(file), {}};
     Position position{line, line, text.data(), Progress("reading " + document.file, text.size())};
     Builder builder(document.file, document.root, position);
-    nlohmann::json::sax_parse(PositionKeeper(text.data(), position),
-                              PositionKeeper(text.data() + text.size(), position), &builder);
+    nlohmann::json::sax_parse(LineCounter(text.data(), position), LineCounter(text.data() + text.size(), position),
+                              &builder);
     return document;
 }
 
@@ -209,7 +214,7 @@ Document read_json_file(const std::string &path) { return parse_json(read_file(p
 
 void Input::fail(std::string_view text) const
 {
-    throw BadInput(fmt::format("{}:{}: {}: {}", document.file, node.line, place.path(), text));
+    throw BadInput(fmt::format("{}:{}: {}: {}", document.file, node.line, path.text(), text));
 }
 
 void Input::expected(std::string_view what) const

@@ -1,4 +1,4 @@
-// JSON documents that remember the lines on which their values stand.
+// JSON documents whose values keep the number of their line, for error messages.
 #pragma once
 
 #include "tools/json/bad_input.hpp"
@@ -22,10 +22,10 @@ struct Node {
 
     bool is_object() const { return kind == Kind::object; }
 
-    // The member with a name, or null.
+    // The member with a name, or null.  Takes time linear in the number of members.
     const Node *find(std::string_view name) const;
 
-    // What stands here, for a message: a short value as it is, otherwise its kind.
+    // The value for an error message: a short value as it is, otherwise its kind.
     std::string described() const;
 };
 
@@ -34,9 +34,9 @@ struct Document {
     Node root;
 };
 
-// Reads one value from a text.  line is the number of the text's first line.
-// Refuses, as bad input: what is not JSON, a member twice, nesting beyond what
-// any of our formats has.
+// Reads one value from a text.  line is the number of the text's first line.  Throws
+// BadInput for a text that is not JSON, for an object with two members of one name,
+// and for more than 64 levels of nesting.
 Document parse_json(std::string_view text, std::string file, uint32_t line = 1);
 
 // The bytes of a file, of standard input for "-".
@@ -44,11 +44,11 @@ std::string read_file(const std::string &path);
 
 Document read_json_file(const std::string &path);
 
-// A value together with where it stands: what readers of documents pass around.
+// A value, its document and its path.
 struct Input {
     const Document &document;
     const Node &node;
-    const Place &place;
+    const JsonPath &path;
 
     [[noreturn]] void fail(std::string_view text) const;
     // "expected X, found Y"

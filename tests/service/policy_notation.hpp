@@ -1,4 +1,4 @@
-// Policies in a line of text, for tests that say what becomes of them:
+// Policies as a line of text, so that tests can state them and compare them:
 //
 //     1@3:5=80,6=443/7=100 2@4:5=80/ |1 2
 //
@@ -30,12 +30,12 @@ inline std::vector<std::string> split(const std::string &text, char separator)
 
 inline uint16_t number(const std::string &text) { return static_cast<uint16_t>(std::stoul(text)); }
 
-// Before and behind the first separator.
+// The parts before and behind the first separator.
 inline std::pair<std::string, std::string> halves(const std::string &text, char separator)
 {
-    const size_t place = text.find(separator);
-    return place == std::string::npos ? std::pair(text, std::string())
-                                      : std::pair(text.substr(0, place), text.substr(place + 1));
+    const size_t at = text.find(separator);
+    return at == std::string::npos ? std::pair(text, std::string())
+                                   : std::pair(text.substr(0, at), text.substr(at + 1));
 }
 
 template <class G, class Fill> void fill_group(G &group, uint16_t id, const std::string &text, Fill fill)
@@ -43,7 +43,7 @@ template <class G, class Fill> void fill_group(G &group, uint16_t id, const std:
     group.id = id;
     for (const std::string &part : split(text, ',')) {
         const auto [member_id, value] = halves(part, '=');
-        Owned<MemberOf<G>> member(allocate<MemberOf<G>>(1));
+        Owned<MemberOf<G>> member(allocate<MemberOf<G>>());
         member->id = number(member_id);
         fill(*member, number(value));
         append(group, std::move(member));
@@ -52,11 +52,11 @@ template <class G, class Fill> void fill_group(G &group, uint16_t id, const std:
 
 inline Owned<zel_policy_t> policy(uint16_t id, const std::string &text)
 {
-    Owned<zel_policy_t> result(allocate<zel_policy_t>(1));
+    Owned<zel_policy_t> result(allocate<zel_policy_t>());
     result->id = id;
     const auto [pairs, interfaces] = halves(text, '|');
     for (const std::string &part : split(pairs, ' ')) {
-        Owned<zel_match_action_pair_t> pair(allocate<zel_match_action_pair_t>(1));
+        Owned<zel_match_action_pair_t> pair(allocate<zel_match_action_pair_t>());
         const auto [ids, content] = halves(part, ':');
         const auto [pair_id, group_id] = halves(ids, '@');
         const auto [matches, actions] = halves(content, '/');
@@ -72,7 +72,7 @@ inline Owned<zel_policy_t> policy(uint16_t id, const std::string &text)
         append(result->match_action_pair_group, std::move(pair));
     }
     for (const std::string &part : split(interfaces, ' ')) {
-        Owned<zel_if_element_t> element(allocate<zel_if_element_t>(1));
+        Owned<zel_if_element_t> element(allocate<zel_if_element_t>());
         element->interface = number(part);
         append(result->if_group, std::move(element));
     }

@@ -1,9 +1,10 @@
-// A zeld of one's own, and a client of it.
+// A zeld process for a test, and a client of it.
 #pragma once
 
 #include "platform/tlv_array.h"
 #include "platform/transport.h"
 #include "policy_notation.hpp"
+#include "tools/zeld/message.hpp"
 #include "zel-platform/kob_client.h"
 
 #include <csignal>
@@ -11,27 +12,57 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace test {
 
+// A folder for one test process, removed at its end. Its name contains the process id:
+// the next run removes the folders of processes that crashed. The name is short, because
+// it is part of a socket's path.
+class TestFolder {
+public:
+    TestFolder()
+    {
+        for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
+            remove_if_abandoned(entry.path());
+        std::filesystem::create_directory(path);
+    }
+    ~TestFolder() { std::filesystem::remove_all(path); }
+    TestFolder(const TestFolder &) = delete;
+
+    const std::string path = fmt::format("{}{}", prefix, getpid());
+
+private:
+    static constexpr const char *prefix = "/tmp/zeld-test-";
+
+    static void remove_if_abandoned(const std::string &folder)
+    {
+        int owner = 0;
+        std::error_code ignored; // a folder of another user, or removed meanwhile
+        if (sscanf(folder.c_str(), "/tmp/zeld-test-%d", &owner) == 1 && kill(owner, 0) != 0 && errno == ESRCH)
+            std::filesystem::remove_all(folder, ignored);
+    }
+};
+
 class ZeldTest : public testing::Test {
 protected:
-    ~ZeldTest() override
-    {
-        kill_it();
-        std::filesystem::remove_all(folder);
-    }
+    ~ZeldTest() override { kill_it(); }
 
-    // Waits until it serves, or has exited.  True when it serves.
+    // Waits until zeld serves or has exited. Returns true when it serves.
     bool start(std::vector<std::string> options = {})
     {
         options.insert(options.begin(), {ZELD, "--listen", address});
         int out[2];
         EXPECT_EQ(pipe(out), 0);
+        const pid_t test = getpid();
         pid = fork();
         if (pid == 0) {
+            // zeld ends with the test, even when the test crashes.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != test)
+                _exit(127);
             dup2(out[1], 1);
             dup2(open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
             std::vector<char *> args;
@@ -77,22 +108,32 @@ protected:
         return count;
     }
 
-    // Short, because a socket's path has to be.
-    std::string folder = [] {
-        char name[] = "/tmp/zeld-test-XXXXXX";
-        return std::string(mkdtemp(name));
-    }();
+    const TestFolder test_folder;
+    const std::string &folder = test_folder.path;
     std::string address = "unix:" + folder + "/sock";
     std::string log_file = folder + "/log";
     std::string state_file = folder + "/state";
     pid_t pid = 0;
 };
 
+// A policy message with one more element in the policy, of an id that no record has.
+inline Bytes with_unknown_element(const Bytes &message)
+{
+    Bytes element(4 + tlv_size_get(0));
+    EXPECT_EQ(tlv_array_add_tlv(element.data(), static_cast<uint32_t>(element.size()), 777, 0, nullptr, 0), 0);
+    Bytes extended(message);
+    const size_t first_field = 4 + zel_kob_header_get_tlv_sz() + tlv_size_get(sizeof zel_tlv_struct_start);
+    extended.insert(extended.begin() + static_cast<ptrdiff_t>(first_field), element.begin() + 4, element.end());
+    const auto used = static_cast<uint32_t>(extended.size() - 4);
+    memcpy(extended.data(), &used, sizeof used);
+    return extended;
+}
+
 class Client {
 public:
     explicit Client(const std::string &address, uint32_t app = 1) : app_type(app)
     {
-        const kob_client_options_t options{60000, 0}; // longer than anything takes that happens at all
+        const kob_client_options_t options{60000, 0}; // milliseconds, longer than any request takes
         kob = kob_open(address.c_str(), &options, nullptr);
         zel_api_init(&handle, 0, app, kob, nullptr, nullptr, nullptr);
     }
@@ -134,32 +175,51 @@ public:
         return send_values(service::opcode_traffic, service::element_packet, packets);
     }
 
+    // The messages that show returns, one for each policy; none when it is refused.
+    std::vector<Bytes> shown_messages(uint32_t policy_id = service::show_all)
+    {
+        using service::ShowRequest;
+        std::vector<Bytes> messages;
+        if (send_values<ShowRequest>(service::opcode_show, service::element_show, {{app_type, policy_id}}) != 0)
+            return messages;
+        const auto *at = static_cast<const unsigned char *>(kob_payload_get(msg)) + ZEL_RESP_HDR_SIZE;
+        const auto *const end = at + kob_msg_size(msg) - ZEL_RESP_HDR_SIZE;
+        while (at < end) {
+            uint32_t used = 0;
+            memcpy(&used, at, sizeof used);
+            messages.emplace_back(at, at + sizeof used + used);
+            at += messages.back().size();
+        }
+        EXPECT_EQ(at, end);
+        return messages;
+    }
+
     // The application's policies in a line, or the refusal.
     std::string shown(uint32_t policy_id = service::show_all)
     {
-        using service::ShowRequest;
-        if (send_values<ShowRequest>(service::opcode_show, service::element_show, {{app_type, policy_id}}) != 0)
-            return text;
-        const auto *const body = static_cast<const char *>(kob_payload_get(msg)) + ZEL_RESP_HDR_SIZE;
-        Owned<zel_policy_list_t> list(allocate<zel_policy_list_t>(1));
-        zel_kob_header_t header{};
-        uint32_t cursor = 0, count = 0;
-        zel_parse_kob_header_from_tlv(&handle, body, &cursor, &header, &count);
-        zel_parse_policy_list_from_tlv(&handle, body, &cursor, list.get(), &count, app_type);
-        zel_empty_mat_cache(&handle);
         std::string line;
-        for (const auto *const policy : members(*list))
-            line += fmt::format("{}: {}; ", policy->id, text_of(*policy));
-        return line;
+        text.clear();
+        for (Bytes &message : shown_messages(policy_id)) {
+            message.resize(message.size() + KOB_PAYLOAD_TAIL);
+            const Request request = read_request(message.data());
+            EXPECT_EQ(request.header.api_type, uint32_t{ZEL_API_POLICY_UPDATE});
+            EXPECT_EQ(request.header.app_type, app_type);
+            EXPECT_EQ(request.header.op_code, uint32_t{service::op_code_set});
+            const auto &policy = *static_cast<const zel_policy_t *>(request.object.get());
+            EXPECT_EQ(request.header.policy_id, policy.id);
+            line += fmt::format("{}: {}; ", policy.id, text_of(policy));
+        }
+        return retval == 0 ? line : text;
     }
 
     // "policy/pair packets bytes, ..." or the refusal.
-    std::string counters(uint16_t policy_id, uint16_t pair_id, uint32_t flag = 0)
+    std::string counters(std::vector<zel_stat_request_entry_t> queries)
     {
-        zel_stat_request_entry_t entry{0, 0, 0, policy_id, pair_id, flag};
-        zel_stat_request_entry_t *entries[] = {&entry};
-        const zel_stat_request_t query{1, entries};
-        if (request(ZEL_API_STATS_PULL, service::op_code_stats, 0, &query) != 0)
+        std::vector<zel_stat_request_entry_t *> pointers;
+        for (zel_stat_request_entry_t &query : queries)
+            pointers.push_back(&query);
+        const zel_stat_request_t request_record{static_cast<uint32_t>(pointers.size()), pointers.data()};
+        if (request(ZEL_API_STATS_PULL, service::op_code_stats, 0, &request_record) != 0)
             return text;
         zel_stat_results_t *const results = zel_parse_stats(msg);
         std::string line;
@@ -170,6 +230,10 @@ public:
         }
         zel_free_stat_results(results);
         return line;
+    }
+    std::string counters(uint16_t policy_id, uint16_t pair_id, uint32_t flag = 0)
+    {
+        return counters({{0, 0, 0, policy_id, pair_id, flag}});
     }
 
     uint32_t app_type;

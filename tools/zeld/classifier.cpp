@@ -21,22 +21,22 @@ uint64_t transport(uint16_t sport, uint16_t dport, uint8_t protocol, uint8_t exp
 
 uint64_t overlay(uint32_t arp_opcode, uint32_t lisp_instance) { return uint64_t{arp_opcode} << 32 | lisp_instance; }
 
-// All of a field, for the mask of a pattern that wants a value.
+// All bits of a field: the mask of a pattern that compares the whole field.
 template <class V> constexpr V all = static_cast<V>(~V{0});
 
 template <class R> bool is_active(const R &record) { return record.op_mode == service::op_mode_active; }
 
 } // namespace
 
-Words words_of(const PacketHeader &packet)
+PackedHeader pack(const PacketHeader &packet)
 {
     return {addresses(packet.sip, packet.dip),
             transport(packet.sport, packet.dport, packet.protocol, packet.exp, packet.ether_type),
             overlay(packet.arp_opcode, packet.lisp_instance)};
 }
 
-// Translates a policy's graph.  What never matches becomes a clause without
-// patterns, or no rule at all.
+// Translates a policy's graph. A match that never matches becomes a clause without
+// patterns; a pair that never matches becomes no rule.
 class Compiler {
 public:
     Compiler(Classifier &out, const zel_policy_t &policy) : out_(out)
@@ -78,7 +78,7 @@ private:
             });
             break;
         default:
-            return; // a combination that is not known never matches
+            return; // an unknown logical_op never matches
         }
         out_.rules_.push_back({position, first, num_clauses()});
     }
@@ -93,7 +93,7 @@ private:
     uint32_t num_clauses() const { return static_cast<uint32_t>(out_.clauses_.size()); }
     uint32_t num_patterns() const { return static_cast<uint32_t>(out_.patterns_.size()); }
 
-    void add(const Words &value, const Words &mask, uint32_t label = Classifier::no_label)
+    void add(const PackedHeader &value, const PackedHeader &mask, uint32_t label = Classifier::no_label)
     {
         Pattern pattern{value, mask, label};
         for (std::size_t i = 0; i < mask.size(); ++i)
@@ -101,7 +101,7 @@ private:
         out_.patterns_.push_back(pattern);
     }
 
-    // The patterns of one match; none when it never matches.
+    // Adds the patterns of one match; none when it never matches.
     void add_match(const zel_match_t &match)
     {
         const zel_match_param_t &param = match.param;
@@ -130,7 +130,7 @@ private:
         case ZEL_MATCH_TYPE_NO_PARAM:
             return add({}, {});
         default:
-            return; // ACLs are names of what is not here; other types are not known
+            return; // the service has no ACLs, and other types are unknown
         }
     }
 
@@ -142,7 +142,7 @@ private:
              transport(element.sport_mask, element.dport_mask, protocol_mask, 0, 0), 0});
     }
 
-    // The tunnel's port, and its endpoint unless that is 0.
+    // Compares the tunnel's port, and its endpoint unless that is 0.
     void add_lisp_proto(const zel_match_lisp_proto_t &lisp)
     {
         const uint32_t rloc_mask = lisp.destination_rloc == 0 ? 0 : all<uint32_t>;
@@ -150,7 +150,7 @@ private:
             {addresses(0, rloc_mask), transport(0, all<uint16_t>, all<uint8_t>, 0, 0), 0});
     }
 
-    // A header does not tell an encapsulated packet's tunnel, so a label that wants one never matches.
+    // A packet header does not contain a tunnel, so a label with encap_flag never matches.
     void add_label(const zel_match_label_t &label)
     {
         if (label.encap_flag != 0 || label.length == 0 || label.length > ZEL_LABEL_SIZE)
@@ -175,12 +175,12 @@ bool Classifier::applies_to(const PacketHeader &packet) const
     });
 }
 
-bool Classifier::has(const PacketHeader &packet, const Words &words, const Clause &clause) const
+bool Classifier::matches(const Clause &clause, const PacketHeader &packet, const PackedHeader &fields) const
 {
     for (uint32_t i = clause.first_pattern; i < clause.end_pattern; ++i) {
         const Pattern &pattern = patterns_[i];
-        if ((words[0] & pattern.mask[0]) != pattern.value[0] || (words[1] & pattern.mask[1]) != pattern.value[1] ||
-            (words[2] & pattern.mask[2]) != pattern.value[2])
+        if ((fields[0] & pattern.mask[0]) != pattern.value[0] || (fields[1] & pattern.mask[1]) != pattern.value[1] ||
+            (fields[2] & pattern.mask[2]) != pattern.value[2])
             continue;
         if (pattern.label == no_label)
             return true;
@@ -192,20 +192,20 @@ bool Classifier::has(const PacketHeader &packet, const Words &words, const Claus
     return false;
 }
 
-bool Classifier::has(const PacketHeader &packet, const Words &words, const Rule &rule) const
+bool Classifier::matches(const Rule &rule, const PacketHeader &packet, const PackedHeader &fields) const
 {
     for (uint32_t i = rule.first_clause; i < rule.end_clause; ++i)
-        if (!has(packet, words, clauses_[i]))
+        if (!matches(clauses_[i], packet, fields))
             return false;
     return true;
 }
 
-std::optional<uint32_t> Classifier::classify(const PacketHeader &packet, const Words &words) const
+std::optional<uint32_t> Classifier::classify(const PacketHeader &packet, const PackedHeader &fields) const
 {
     if (!applies_to(packet))
         return std::nullopt;
     for (const Rule &rule : rules_)
-        if (has(packet, words, rule))
+        if (matches(rule, packet, fields))
             return rule.pair;
     return std::nullopt;
 }

@@ -10,23 +10,23 @@
 
 namespace zeld {
 
-// A packet's fields as words that are compared under masks; addresses, ports with
-// protocol, EXP and Ethernet type, ARP opcode with LISP instance.
-using Words = std::array<uint64_t, 3>;
-Words words_of(const service::PacketHeader &packet);
+// A packet's fields packed into 64-bit numbers, which are compared under masks:
+// addresses; ports, protocol, EXP and Ethernet type; ARP opcode and LISP instance.
+using PackedHeader = std::array<uint64_t, 3>;
+PackedHeader pack(const service::PacketHeader &packet);
 
 class Classifier {
 public:
-    // Compiles a policy; keeps nothing of it.
+    // Compiles a policy. The policy is not needed afterwards.
     explicit Classifier(const zel_policy_t &policy);
 
-    // Place of the first matching pair in the policy's pair group.
-    std::optional<uint32_t> classify(const service::PacketHeader &packet, const Words &words) const;
+    // The position of the first matching pair in the policy's pair group.
+    std::optional<uint32_t> classify(const service::PacketHeader &packet, const PackedHeader &fields) const;
 
-    // Steps that a packet takes in the worst case.
+    // Steps for one packet in the worst case.
     std::size_t cost() const { return bindings_.size() + rules_.size() + clauses_.size() + patterns_.size(); }
 
-    // Bytes of memory, about.
+    // Bytes of memory, approximately.
     std::size_t footprint() const { return cost() * sizeof(Pattern); }
 
 private:
@@ -37,14 +37,15 @@ private:
         uint32_t vrf;
         uint16_t vlan;
     };
-    // A packet matches a pattern when it has these bits, and this label if one is wanted.
+    // A packet matches a pattern when its fields under the mask equal the value, and
+    // its label equals the pattern's, if that has one.
     struct Pattern {
-        Words value{};
-        Words mask{};
+        PackedHeader value{};
+        PackedHeader mask{};
         uint32_t label = no_label; // index in labels_
     };
-    // A rule is a conjunction of clauses, a clause a disjunction of patterns: runs
-    // of two flat arrays, because a packet is held against thousands of them.
+    // A rule needs all of its clauses, a clause one of its patterns. Both are ranges
+    // of flat arrays, because a packet is compared with thousands of patterns.
     struct Clause {
         uint32_t first_pattern;
         uint32_t end_pattern;
@@ -57,10 +58,10 @@ private:
     static constexpr uint32_t no_label = UINT32_MAX;
 
     bool applies_to(const service::PacketHeader &packet) const;
-    bool has(const service::PacketHeader &packet, const Words &words, const Clause &clause) const;
-    bool has(const service::PacketHeader &packet, const Words &words, const Rule &rule) const;
+    bool matches(const Clause &clause, const service::PacketHeader &packet, const PackedHeader &fields) const;
+    bool matches(const Rule &rule, const service::PacketHeader &packet, const PackedHeader &fields) const;
 
-    bool is_bound_ = false; // to the bindings alone
+    bool is_bound_ = false; // the policy has interfaces, and applies to packets of these alone
     std::vector<Binding> bindings_;
     std::vector<Rule> rules_;
     std::vector<Clause> clauses_;

@@ -1,44 +1,59 @@
-// Graphs of MAT records that free themselves, and what the service does with them
-// whatever they are: copy, compare, take members in and out.
+// Graphs of MAT records: owning pointers, copies, and changes to groups.
 //
-// The service keeps the library's own records.  A second set of types would need a
-// conversion for every record in both directions; copying and comparing follow
-// from the wire description.  A copy owns everything that it reaches: unlike a
-// graph from the parser, it shares nothing, so that its parts may be moved about.
+// The service keeps policies as the library's own records. Copying, comparing and
+// measuring follow from the wire description. A copy shares no record, unlike a
+// graph from the parser, so each part of it can be changed or freed alone.
 #pragma once
 
 #include "tools/message/graph.hpp"
-#include "tools/message/graph_equal.hpp"
 #include "tools/zeld/refusal.hpp"
-#include "wire/mat_objects.hpp"
+#include "wire/graph.hpp"
+#include "wire/records.hpp"
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
+#include <limits>
 #include <memory>
-#include <new>
 #include <span>
+#include <tuple>
+#include <utility>
 
 namespace zeld {
 
-using tools::equal;
-using tools::free_graph;
+// ---- The wire description of a record type, for the types that the service copies
 
-struct FreeGraph {
-    template <class R> void operator()(R *root) const noexcept { free_graph(zel::MatObjectOf<R>::type, root); }
-};
-template <class R> using Owned = std::unique_ptr<R, FreeGraph>;
+template <class R> extern const zel::wire::Record &record_of;
+template <> inline constexpr const zel::wire::Record &record_of<zel_if_element_t> = zel::wire::if_element;
+template <> inline constexpr const zel::wire::Record &record_of<zel_if_group_t> = zel::wire::if_group;
+template <>
+inline constexpr const zel::wire::Record &record_of<zel_match_service_element_t> = zel::wire::match_service_element;
+template <> inline constexpr const zel::wire::Record &record_of<zel_match_t> = zel::wire::match;
+template <> inline constexpr const zel::wire::Record &record_of<zel_match_grp_t> = zel::wire::match_grp;
+template <> inline constexpr const zel::wire::Record &record_of<zel_action_t> = zel::wire::action;
+template <> inline constexpr const zel::wire::Record &record_of<zel_action_grp_t> = zel::wire::action_grp;
+template <> inline constexpr const zel::wire::Record &record_of<zel_match_action_pair_t> = zel::wire::match_action_pair;
+template <>
+inline constexpr const zel::wire::Record &record_of<zel_match_action_pair_grp_t> = zel::wire::match_action_pair_grp;
+template <> inline constexpr const zel::wire::Record &record_of<zel_policy_t> = zel::wire::policy;
 
-// A graph whose kind is known at run time only.
+// ---- Owning pointers
+
+// Frees a graph whose MAT type is known at run time only.
 struct FreeAnyGraph {
     uint32_t mat_type = ZEL_MAT_TYPE_NONE;
-    void operator()(void *root) const noexcept { free_graph(mat_type, root); }
+    void operator()(void *root) const noexcept { tools::free_graph(mat_type, root); }
 };
 using AnyGraph = std::unique_ptr<void, FreeAnyGraph>;
 
-// The memory that one request may take for graphs, while an object of this stands.
-// A few bytes that refer to an object stand for a copy of it, and one object may
-// go to many places, so a request's size says nothing about what it makes.
+template <class R> struct FreeGraph {
+    void operator()(R *root) const noexcept { tools::free_graph(record_of<R>.mat_type, root); }
+};
+template <class R> using Owned = std::unique_ptr<R, FreeGraph<R>>;
+
+// ---- Memory
+
+// Limits the memory that one request may take for graphs. The limit holds while
+// the object exists. References and repeated objects make large graphs out of
+// small messages, so a limit on the message's size is not enough.
 class GraphBudget {
 public:
     explicit GraphBudget(std::size_t bytes) : limit_(bytes) { current_ = this; }
@@ -46,8 +61,8 @@ public:
     GraphBudget(const GraphBudget &) = delete;
     GraphBudget &operator=(const GraphBudget &) = delete;
 
-    // Throws Refusal when that is too much.
-    static void take(std::size_t bytes);
+    // Adds to what the request has taken. Throws Refusal above the limit.
+    static void charge(std::size_t bytes);
 
 private:
     static GraphBudget *current_;
@@ -55,141 +70,63 @@ private:
     std::size_t taken_ = 0;
 };
 
-// What the heap takes for a block besides its bytes, about.
+// Bytes that the heap adds to each block, approximately.
 constexpr std::size_t block_overhead = 16;
 
-// Zero-filled storage that the library can free.
-template <class T> T *allocate(std::size_t count)
+// Zero-filled memory that the library can free, charged to the budget.
+template <class T> T *allocate(std::size_t count = 1)
 {
-    GraphBudget::take(count * sizeof(T) + block_overhead);
-    void *const storage = std::calloc(count, sizeof(T));
-    if (storage == nullptr)
-        throw std::bad_alloc();
-    return static_cast<T *>(storage);
+    GraphBudget::charge(count * sizeof(T) + block_overhead);
+    return tools::allocate<T>(count);
 }
+
+// Bytes of memory that a policy's graph takes, approximately.
+std::size_t graph_size(const zel_policy_t &policy);
 
 // ---- Copies
 
-template <class R> void copy_members(R &to, const R &from);
+template <class R> bool equal(const R &a, const R &b) { return zel::wire::equal(record_of<R>, &a, &b); }
 
 template <class R> Owned<R> clone(const R &from)
 {
-    Owned<R> copy(allocate<R>(1));
-    copy_members(*copy, from);
+    Owned<R> copy(allocate<R>());
+    zel::wire::copy(record_of<R>, copy.get(), &from,
+                    [](std::size_t bytes) -> void * { return allocate<unsigned char>(bytes); });
     return copy;
 }
 
-template <class R, uint16_t Id, auto Member> void copy_member(R &to, const R &from, zel::Field<Id, Member>)
-{
-    std::memcpy(&(to.*Member), &(from.*Member), sizeof(to.*Member));
-}
-
-template <class R, auto Member> void copy_member(R &to, const R &from, zel::Embedded<Member>)
-{
-    copy_members(to.*Member, from.*Member);
-}
-
-// The array is in place before its members, so that a copy that runs out of memory can be freed.
-template <class R, uint16_t Id, auto Count, auto Array>
-void copy_member(R &to, const R &from, zel::Sequence<Id, Count, Array>)
-{
-    using Member = zel::Element<Array>;
-    if (from.*Count == 0)
-        return;
-    to.*Array = allocate<Member *>(from.*Count);
-    to.*Count = from.*Count;
-    for (uint32_t i = 0; i < from.*Count; ++i)
-        (to.*Array)[i] = clone(*(from.*Array)[i]).release();
-}
-
-template <class R, uint32_t Value, auto... Path>
-void copy_option(R &to, const R &from, uint32_t selector, zel::Option<Value, Path...>)
-{
-    if (selector == Value)
-        copy_members(zel::follow<Path...>(to), zel::follow<Path...>(from));
-}
-
-template <class R, auto Selector, class... O> void copy_member(R &to, const R &from, zel::Choice<Selector, O...>)
-{
-    (copy_option(to, from, from.*Selector, O{}), ...);
-}
-
-template <class R> void copy_members(R &to, const R &from)
-{
-    std::apply([&](auto... member) { (copy_member(to, from, member), ...); }, zel::Wire<R>::members);
-}
-
-// Puts a copy of a record in the place of another, whose content goes.
+// Overwrites a record with a copy of another. Frees the old content.
 template <class R> void replace(R &old, const R &with)
 {
     const Owned<R> copy = clone(with);
     std::swap(old, *copy);
 }
 
-// ---- Memory that a graph takes below a record, about
+// ---- Groups: records that hold a sequence
 
-template <class R> std::size_t footprint(const R &record);
+// The count and the array of a group.
+inline auto sequence(zel_if_group_t &group) { return std::tie(group.num_if, group.if_elements); }
+inline auto sequence(zel_match_service_t &service) { return std::tie(service.num_elements, service.elements); }
+inline auto sequence(zel_match_grp_t &group) { return std::tie(group.num_match, group.matches); }
+inline auto sequence(zel_action_grp_t &group) { return std::tie(group.num_action, group.actions); }
+inline auto sequence(zel_match_action_pair_grp_t &group) { return std::tie(group.num_pair, group.pairs); }
+inline auto sequence(zel_policy_list_t &list) { return std::tie(list.num_policy, list.policies); }
+inline auto sequence(zel_stat_request_t &request) { return std::tie(request.num_requests, request.requests); }
 
-template <class R, uint16_t Id, auto Member> std::size_t member_footprint(const R &, zel::Field<Id, Member>)
-{
-    return 0;
-}
-
-template <class R, auto Member> std::size_t member_footprint(const R &record, zel::Embedded<Member>)
-{
-    return footprint(record.*Member);
-}
-
-template <class R, uint16_t Id, auto Count, auto Array>
-std::size_t member_footprint(const R &record, zel::Sequence<Id, Count, Array>)
-{
-    std::size_t bytes = block_overhead;
-    for (uint32_t i = 0; i < record.*Count; ++i)
-        bytes += sizeof(void *) + sizeof(zel::Element<Array>) + block_overhead + footprint(*(record.*Array)[i]);
-    return bytes;
-}
-
-template <class R, uint32_t Value, auto... Path>
-std::size_t option_footprint(const R &record, uint32_t selector, zel::Option<Value, Path...>)
-{
-    return selector == Value ? footprint(zel::follow<Path...>(record)) : 0;
-}
-
-template <class R, auto Selector, class... O> std::size_t member_footprint(const R &record, zel::Choice<Selector, O...>)
-{
-    return (option_footprint(record, record.*Selector, O{}) + ...);
-}
-
-template <class R> std::size_t footprint(const R &record)
-{
-    return std::apply([&](auto... member) { return (member_footprint(record, member) + ...); }, zel::Wire<R>::members);
-}
-
-// ---- Groups: records whose last member is a sequence
-
-template <class S> struct SequenceMembers;
-template <uint16_t Id, auto Count, auto Array> struct SequenceMembers<zel::Sequence<Id, Count, Array>> {
-    using Member = zel::Element<Array>;
-    static constexpr auto count = Count;
-    static constexpr auto array = Array;
-};
-
+// The type of a group's members.
 template <class G>
-using GroupOf =
-    SequenceMembers<std::remove_cvref_t<decltype(std::get<std::tuple_size_v<decltype(zel::Wire<G>::members)> - 1>(
-        zel::Wire<G>::members))>>;
-
-template <class G> using MemberOf = typename GroupOf<G>::Member;
+using MemberOf = std::remove_pointer_t<
+    std::remove_pointer_t<std::remove_reference_t<std::tuple_element_t<1, decltype(sequence(std::declval<G &>()))>>>>;
 
 template <class G> std::span<MemberOf<G> *const> members(const G &group)
 {
-    return {group.*GroupOf<G>::array, group.*GroupOf<G>::count};
+    const auto [count, array] = sequence(const_cast<G &>(group)); // only read here
+    return {array, count};
 }
 
 template <class G> void append(G &group, Owned<MemberOf<G>> member)
 {
-    auto &count = group.*GroupOf<G>::count;
-    auto &array = group.*GroupOf<G>::array;
+    const auto [count, array] = sequence(group);
     if (count == std::numeric_limits<std::remove_reference_t<decltype(count)>>::max())
         throw Refusal(service::error_limit, "a group cannot have more than {} members", count);
     auto *const larger = allocate<MemberOf<G> *>(std::size_t{count} + 1);
@@ -198,17 +135,14 @@ template <class G> void append(G &group, Owned<MemberOf<G>> member)
     std::free(static_cast<void *>(std::exchange(array, larger)));
 }
 
-// Removes the members that a predicate picks.  Returns how many there were.
-template <class G, class Predicate> std::size_t erase_members(G &group, Predicate is_picked)
+// Removes and frees the members that a predicate selects.
+template <class G, class Predicate> void erase_members(G &group, Predicate is_selected)
 {
-    auto &count = group.*GroupOf<G>::count;
-    auto *const begin = group.*GroupOf<G>::array;
-    auto *const end = begin + count;
-    auto *const rest = std::stable_partition(begin, end, [&](const auto *member) { return !is_picked(*member); });
-    const auto num_removed = static_cast<std::size_t>(end - rest);
+    const auto [count, array] = sequence(group);
+    auto *const end = array + count;
+    auto *const rest = std::stable_partition(array, end, [&](const auto *member) { return !is_selected(*member); });
     std::for_each(rest, end, [](auto *&member) { Owned<MemberOf<G>>(std::exchange(member, nullptr)); });
-    count = static_cast<std::remove_reference_t<decltype(count)>>(count - num_removed);
-    return num_removed;
+    count = static_cast<std::remove_reference_t<decltype(count)>>(rest - array);
 }
 
 } // namespace zeld

@@ -19,8 +19,8 @@ void set_log_level(LogLevel level) { threshold = level; }
 
 bool is_logged(LogLevel level) { return level <= threshold; }
 
-// One write per line, so that lines of several processes do not mix.  Texts may
-// quote what a client sent, which must not be able to make up lines of its own.
+// One write for each line, so that lines of several processes do not mix. Control
+// characters are replaced, because a text may contain what a client sent.
 void write_log(LogLevel level, fmt::string_view text)
 {
     std::string line = fmt::format("zeld: {}: ", names[static_cast<int>(level)]);

@@ -1,4 +1,4 @@
-// The service's log: lines on stderr, above a level that the command line sets.
+// The service's log: lines on stderr, up to a level that the command line sets.
 #pragma once
 
 #include <fmt/format.h>

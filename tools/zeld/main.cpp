@@ -2,8 +2,8 @@
 #include "platform/heartbeat.h"
 #include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
-#include "tools/zeld/notify.hpp"
 #include "tools/zeld/service.hpp"
+#include "zel-platform/manager.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -28,16 +28,17 @@ struct Options {
     LogLevel log_level = LogLevel::info;
 };
 
-// Long enough to sleep well, short enough for the system manager's watchdog.
+// The longest wait for a request. Short, because the system manager's watchdog gets
+// a heartbeat after each wait.
 constexpr int tick_ms = 250;
 
-// Smaller messages could not even carry an answer with one policy.
+// The lower limit of --max-message: an answer must have room for a small policy.
 constexpr uint64_t least_message = 4096;
 
 void add_options(CLI::App &app, Options &options)
 {
     const CLI::AsSizeValue size(false);
-    app.set_version_flag("--version", "zeld 1.0.0");
+    app.set_version_flag("--version", "zeld " ZELD_VERSION);
     app.add_option("--listen", options.listen, "address to serve, unix:PATH")->required();
     app.add_option("--state", options.state, "file that keeps the policies; without it they end with the process");
     app.add_option("--max-message", options.max_message, "largest request and answer")
@@ -63,8 +64,8 @@ void add_options(CLI::App &app, Options &options)
         tools::trace_help);
 }
 
-// A descriptor that is readable when the process is to stop.  The signals are
-// blocked, so that none arrives between a look and a wait.
+// A descriptor that is readable when the process has to stop. The signals stay
+// blocked, so that none is lost between a check and a wait.
 int open_stop_signals()
 {
     sigset_t stop;
@@ -72,7 +73,7 @@ int open_stop_signals()
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
     sigprocmask(SIG_BLOCK, &stop, nullptr);
-    // A file system's limit is a failure to write, and answered as such.
+    // A write above the file size limit then fails, and the request is refused.
     (void)std::signal(SIGXFSZ, SIG_IGN);
     return signalfd(-1, &stop, SFD_CLOEXEC);
 }
@@ -106,7 +107,7 @@ ExitCode run(Service &service, kob_service_t *transport, int stop_signals)
             log(LogLevel::info, "stopping");
             return exit_ok;
         }
-        // One step even when nothing is readable: half messages grow old in it.
+        // Called after a timeout, too: the transport gives up half messages in it.
         switch (const int32_t error = kob_service_receive(transport, msg.get(), 0)) {
         case KOB_OK:
             service.serve(transport, msg.get());
@@ -126,10 +127,11 @@ ExitCode start(const Options &options)
     set_log_level(options.log_level);
     umask(077);
     const int stop_signals = open_stop_signals();
+    const std::size_t max_body = options.max_message - ZEL_RESP_HDR_SIZE;
     std::optional<Policies> policies;
     try {
         auto store = options.state.empty() ? nullptr : std::make_unique<Store>(options.state);
-        policies.emplace(std::move(store), Policies::Limits{options.max_message, options.max_state});
+        policies.emplace(std::move(store), Policies::Limits{max_body, options.max_state});
     } catch (const StoreError &error) {
         log(LogLevel::error, "{}: {}", options.state, error.what());
         return exit_state;
@@ -140,11 +142,11 @@ ExitCode start(const Options &options)
         log(LogLevel::error, "{}: {}", options.listen, kob_error_text(error));
         return exit_address;
     }
-    Service service(*policies, static_cast<uint32_t>(options.max_message));
+    Service service(*policies, max_body);
     log(LogLevel::info, "serving {} policies at {}", policies->all().size(), options.listen);
     fmt::print("ready {}\n", options.listen);
     (void)std::fflush(stdout);
-    notify_ready();
+    zel_manager_notify("READY=1");
     return run(service, transport.get(), stop_signals);
 }
 

@@ -1,7 +1,5 @@
 #include "tools/zeld/message.hpp"
 
-#include "encode/walk.hpp"
-#include "platform/tlv_array.h"
 #include "platform/transport.h"
 #include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
@@ -9,16 +7,17 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <unordered_map>
+#include <cstring>
 
 namespace zeld {
 
 namespace {
 
-// Set when the library reports an error: it then goes on with what it has.
+// Set when the library reports an error. The library then continues, so its result
+// is incomplete.
 bool has_library_failed = false;
 
-// The library's diagnostics, which end with a line feed or not.
+// Logs a diagnostic of the library, without the line feed that some of them have.
 template <LogLevel Level> void report(const char *format, ...) // NOLINT(cert-dcl50-cpp): the type of its callbacks
 {
     if (Level == LogLevel::error)
@@ -31,7 +30,8 @@ template <LogLevel Level> void report(const char *format, ...) // NOLINT(cert-dc
     log(Level, "libzel: {}", fmt::string_view(text, std::strcspn(text, "\n")));
 }
 
-// A handle for one message.  Detail costs a call per element, so it is only asked for when it shows.
+// A handle for one message. The debug callback costs a call for each element, so
+// it is set only when its output is logged.
 zel_api_handle_t make_handle()
 {
     has_library_failed = false;
@@ -42,108 +42,53 @@ zel_api_handle_t make_handle()
     return handle;
 }
 
-// Nothing is built from a message of another shape than send_to_zel() gives messages:
-// the graph that the tolerant parser makes of it may miss members or own too much.
-// What newer peers add is passed over, unless it should be zeld's own.
-template <class Verify> void require_sound(Verify verify, bool is_own = false)
-{
-    const zel_verify_options_t options{sizeof options, is_own};
-    zel_verify_report_t report{};
-    report.size = sizeof report;
-    const uint32_t rule = verify(&options, &report);
-    if (rule == ZEL_VERIFY_OK)
-        return;
-    char text[ZEL_VERIFY_TEXT_SIZE];
-    zel_verify_report_text(&report, text, sizeof text);
-    throw Refusal(rule == ZEL_VERIFY_REQUEST_KIND ? service::error_unsupported : service::error_malformed, "{}",
-                  std::string_view(text));
-}
-
-zel_kob_header_t read_header(zel_api_handle_t &handle, const void *array, uint32_t &cursor)
-{
-    zel_kob_header_t header{};
-    uint32_t num_elements = 0;
-    zel_parse_kob_header_from_tlv(&handle, array, &cursor, &header, &num_elements);
-    return header;
-}
-
-// A verified message cannot fail to be read but for want of memory, and then not all of it is there.
-void require_all_read()
+// A verified message or a checked policy can only fail for lack of memory.
+void require_complete()
 {
     if (has_library_failed)
         throw std::bad_alloc();
 }
 
-// What walk() hands the elements to: appends them to a buffer that grows.
-class Writer {
-public:
-    using Passed = Writer &;
-    using Local = Writer &;
-
-    void start(uint16_t id) { add(id, sizeof zel_tlv_struct_start, &zel_tlv_struct_start); }
-    int32_t end(uint16_t id)
-    {
-        add(id, sizeof zel_tlv_struct_end, &zel_tlv_struct_end);
-        return 0;
-    }
-
-    template <class V> void value(uint16_t id, const V &value, const char *) { add(id, sizeof value, &value); }
-
-    // The policies of a list come from different requests and may have different
-    // objects of one id.  A reader takes a reference for the first object that came
-    // with the id, so only an equal one can be referred to; others are written in full.
-    template <class R> bool is_first(const R &object)
-    {
-        const auto [place, is_first] = written<R>().try_emplace(object.id, &object);
-        return is_first || !equal(*place->second, object);
-    }
-
-    template <class R> void no_parameter(const R &) {}
-    template <class R> void member_done(const R &, uint32_t) {}
-
-    Bytes take()
-    {
-        buffer_.resize(used_);
-        return std::move(buffer_);
-    }
-
-private:
-    void add(uint16_t id, uint16_t length, const void *value)
-    {
-        used_ += tlv_size_get(length);
-        if (used_ > service_limit)
-            throw Refusal(service::error_limit, "the message would be larger than {} bytes", service_limit);
-        if (used_ > buffer_.size())
-            buffer_.resize(2 * used_);
-        const int32_t status =
-            tlv_array_add_tlv(buffer_.data(), static_cast<uint32_t>(buffer_.size()), id, length, value, 0);
-        if (status != 0)
-            throw std::logic_error(fmt::format("element {} did not fit: {}", id, status));
-    }
-
-    template <class R> auto &written()
-    {
-        if constexpr (std::is_same_v<R, zel_match_t>)
-            return matches_;
-        else
-            return actions_;
-    }
-
-    // No transport carries more; keeps sizes far from the end of 32 bits.
-    static constexpr std::size_t service_limit = KOB_MESSAGE_LIMIT;
-
-    std::size_t used_ = TLV_ARRAY_OVERHEAD;
-    Bytes buffer_ = Bytes(256);
-    std::unordered_map<uint16_t, const zel_match_t *> matches_;
-    std::unordered_map<uint16_t, const zel_action_t *> actions_;
-};
-
-template <class R> Bytes write_message(const zel_kob_header_t &header, const R &object)
+// The parser is tolerant: its graph of a message of another shape may lack members
+// or share memory. So each message is verified first. Returns the number of
+// unknown elements; in a strict verification there are none.
+uint32_t verify(const void *array, bool is_strict)
 {
-    Writer writer;
-    zel::walk<Writer>(writer, header);
-    zel::walk<Writer>(writer, object);
-    return writer.take();
+    const zel_verify_options_t options{sizeof options, is_strict};
+    zel_verify_report_t result{};
+    result.size = sizeof result;
+    const uint32_t rule = zel_verify_tlv_array(array, &options, &result);
+    if (rule == ZEL_VERIFY_OK)
+        return result.unknown_elements;
+    char text[ZEL_VERIFY_TEXT_SIZE];
+    zel_verify_report_text(&result, text, sizeof text);
+    throw Refusal(rule == ZEL_VERIFY_REQUEST_KIND ? service::error_unsupported : service::error_malformed, "{}",
+                  std::string_view(text));
+}
+
+// Reads the header and the object of a verified message.
+Request parse(const void *array)
+{
+    zel_api_handle_t handle = make_handle();
+    Request request;
+    void *const object = zel_parse_tlv_array(&handle, array, &request.header);
+    request.object = AnyGraph(object, FreeAnyGraph{get_mat_obj_type(request.header.api_type)});
+    require_complete();
+    return request;
+}
+
+zel_kob_header_t header_of(const PolicyKey &key)
+{
+    return {ZEL_API_POLICY_UPDATE, key.app_type, key.id, service::op_code_set};
+}
+
+// An array starts with the number of bytes behind that number.
+std::span<const unsigned char> bytes_of(const void *array)
+{
+    uint32_t used = 0;
+    std::memcpy(&used, array, sizeof used);
+    const auto *const bytes = static_cast<const unsigned char *>(array);
+    return std::span(bytes, std::size_t{TLV_ARRAY_OVERHEAD} + used);
 }
 
 } // namespace
@@ -153,55 +98,46 @@ const void *payload_of(kob_msg_t *msg)
     return mpkob_is_mpkob(0, msg) != 0 ? mpkob_payload_get(0, msg) : kob_payload_get(msg);
 }
 
-Request read_request(kob_msg_t *msg)
+Request read_request(const void *array)
 {
-    require_sound([msg](auto... records) { return zel_verify_mat_obj_from_kob(0, msg, records...); });
-
-    zel_api_handle_t handle = make_handle();
-    uint32_t cursor = 0;
-    const zel_kob_header_t header = read_header(handle, payload_of(msg), cursor);
-    uint32_t mat_type = 0;
-    uint32_t api_type = 0;
-    uint16_t policy_id = 0;
-    uint32_t app_type = 0;
-    void *const object = parse_mat_obj_from_kob(0, &handle, msg, &mat_type, &api_type, &policy_id, &app_type);
-    AnyGraph graph(object, FreeAnyGraph{mat_type});
-    require_all_read();
-    return {header, std::move(graph)};
+    const uint32_t num_unknown = verify(array, false);
+    Request request = parse(array);
+    const zel_kob_header_t &header = request.header;
+    if (header.api_type == ZEL_API_POLICY_UPDATE && header.op_code == service::op_code_set && num_unknown == 0)
+        request.policy_message = bytes_of(array);
+    return request;
 }
 
-Owned<zel_policy_t> read_policy(const Bytes &message)
+Owned<zel_policy_t> read_policy(const PolicyKey &key, const Bytes &message)
 {
     if (tlv_array_check(message.data(), static_cast<uint32_t>(message.size())) != TLV_OK)
         throw Refusal(service::error_malformed, "the array is longer than the message");
     Bytes padded(message);
-    padded.resize(message.size() + ZEL_LABEL_SIZE);
-    require_sound([&](auto... records) { return zel_verify_tlv_array(padded.data(), records...); }, true);
-
-    zel_api_handle_t handle = make_handle();
-    uint32_t cursor = 0;
-    const zel_kob_header_t header = read_header(handle, padded.data(), cursor);
-    if (header.api_type != ZEL_API_POLICY_UPDATE)
-        throw Refusal(service::error_malformed, "not a policy");
-    uint32_t num_elements = 0;
-    const Owned<zel_policy_t> policy(allocate<zel_policy_t>(1));
-    zel_parse_policy_from_tlv(&handle, padded.data(), &cursor, policy.get(), &num_elements, header.app_type);
-    zel_empty_mat_cache(&handle);
-    require_all_read();
-    return clone(*policy); // which shares nothing, unlike what the decoder gives
+    padded.resize(message.size() + KOB_PAYLOAD_TAIL);
+    verify(padded.data(), true);
+    const Request request = parse(padded.data());
+    const zel_kob_header_t expected = header_of(key);
+    const auto *const policy = static_cast<const zel_policy_t *>(request.object.get());
+    if (!zel::wire::equal(zel::wire::kob_header, &request.header, &expected) || policy->id != key.id)
+        throw Refusal(service::error_malformed, "the message creates something else");
+    return clone(*policy);
 }
 
 Bytes write_policy(uint32_t app_type, const zel_policy_t &policy)
 {
-    return write_message({ZEL_API_POLICY_UPDATE, app_type, policy.id, service::op_code_set}, policy);
-}
-
-Bytes write_policy_list(uint32_t app_type, std::vector<zel_policy_t *> policies)
-{
-    if (policies.size() > UINT16_MAX)
-        throw Refusal(service::error_limit, "{} policies do not fit in one list", policies.size());
-    const zel_policy_list_t list{static_cast<uint16_t>(policies.size()), policies.data()};
-    return write_message({ZEL_API_POLICY_LIST_UPDATE, app_type, 0, service::op_code_set}, list);
+    // Encoded sizes are below four times the graph's, so they stay below 32 bits.
+    if (graph_size(policy) > KOB_MESSAGE_LIMIT)
+        throw Refusal(service::error_limit, "policy {} would take more than {} bytes of memory", policy.id,
+                      KOB_MESSAGE_LIMIT);
+    zel_api_handle_t handle = make_handle();
+    const uint32_t size = TLV_ARRAY_OVERHEAD + zel_kob_header_get_tlv_sz() +
+                          get_mat_obj_size_for_kob(&handle, app_type, ZEL_MAT_TYPE_POLICY, &policy);
+    Bytes message(size);
+    const zel_kob_header_t header = header_of({app_type, policy.id});
+    zel_add_kob_header_to_tlv(&handle, message.data(), size, &header);
+    assemble_mat_obj_for_kob(&handle, app_type, message.data(), size, ZEL_MAT_TYPE_POLICY, &policy);
+    require_complete();
+    return message;
 }
 
 } // namespace zeld

@@ -14,12 +14,8 @@ using service::error_malformed;
 using service::error_not_found;
 using service::error_unsupported;
 
-// What a message that shows a policy carries besides: the response header, and
-// the markers and count of a list.
-constexpr std::size_t show_overhead = ZEL_RESP_HDR_SIZE + 64;
-
-// Steps that classifying the packets of one request may take at worst, which is
-// a few seconds: other clients wait for as long.
+// The largest number of steps for the packets of one request, in the worst case.
+// They take a few seconds, and all other clients wait for them.
 constexpr std::size_t max_work = std::size_t{1} << 31;
 
 std::string describe(const Policies::Map &changes)
@@ -47,10 +43,10 @@ Policies::Policies(std::unique_ptr<Store> store, const Limits &limits) : store_(
         return;
     store_->load([&](const PolicyKey &key, const Bytes &message) {
         try {
-            Owned<zel_policy_t> policy = read_policy(message);
-            check_policy(*policy);
-            auto &place = policies_[key] = std::make_unique<Policy>(std::move(policy));
-            total_size_ += place->size();
+            Owned<zel_policy_t> graph = read_policy(key, message);
+            check_policy(*graph);
+            auto &policy = policies_[key] = std::make_unique<Policy>(std::move(graph), message);
+            total_size_ += policy->size();
         } catch (const Refusal &refusal) {
             throw StoreError(
                 fmt::format("policy {} of application {} is damaged: {}", key.id, key.app_type, refusal.what()));
@@ -60,102 +56,103 @@ Policies::Policies(std::unique_ptr<Store> store, const Limits &limits) : store_(
 
 Policy &Policies::get(const PolicyKey &key) const
 {
-    const auto place = policies_.find(key);
-    if (place == policies_.end())
+    const auto found = policies_.find(key);
+    if (found == policies_.end())
         throw Refusal(error_not_found, "application {} has no policy {}", key.app_type, key.id);
-    return *place->second;
+    return *found->second;
 }
 
 std::vector<Policy *> Policies::of_application(uint32_t app_type) const
 {
     std::vector<Policy *> found;
-    for (auto place = policies_.lower_bound({app_type, 0});
-         place != policies_.end() && place->first.app_type == app_type; ++place)
-        found.push_back(place->second.get());
+    for (auto entry = policies_.lower_bound({app_type, 0});
+         entry != policies_.end() && entry->first.app_type == app_type; ++entry)
+        found.push_back(entry->second.get());
     return found;
 }
 
-// On disk first, then here, where nothing can fail any more.
+// All that can fail comes first: the change is staged, then stored, then committed.
+// Staged are the new policies by key, and null for each policy to remove.
 std::string Policies::apply(const Request &request)
 {
     const GraphBudget budget(limits_.max_state);
-    Staged staged;
+    Map staged;
     stage(staged, request);
     check_total(staged);
-    std::string text = describe(staged.policies);
+    std::string text = describe(staged);
     if (store_ != nullptr)
-        keep(staged);
-    commit(std::move(staged.policies));
+        store(staged);
+    commit(std::move(staged));
     return text;
 }
 
-// ---- What a request asks for
+// ---- Staging a request
 
-void Policies::stage(Staged &staged, const Request &request) const
+void Policies::stage(Map &staged, const Request &request) const
 {
     const zel_kob_header_t &header = request.header;
     const PolicyKey key{header.app_type, header.policy_id};
-    if (header.api_type == ZEL_API_POLICY_DELETE) // whose op_code says nothing more
+    if (header.api_type == ZEL_API_POLICY_DELETE) // the op_code has no meaning here
         return stage_removal(staged, key);
     check_op_code(header);
     switch (header.api_type) {
     case ZEL_API_POLICY_LIST_UPDATE:
         for (const zel_policy_t *const policy : members(*static_cast<const zel_policy_list_t *>(request.object.get())))
-            stage_whole(staged, header, *policy);
+            stage_whole(staged, header, *policy, {});
         return;
     case ZEL_API_POLICY_UPDATE: {
         const auto &policy = *static_cast<const zel_policy_t *>(request.object.get());
         if (policy.id != header.policy_id)
             throw Refusal(error_malformed, "the header names policy {} and the message carries policy {}",
                           header.policy_id, policy.id);
-        return stage_whole(staged, header, policy);
+        return stage_whole(staged, header, policy, {request.policy_message.begin(), request.policy_message.end()});
     }
     default: {
         Owned<zel_policy_t> copy = clone(get(key).graph());
         update_policy(*copy, header.api_type, header.op_code, request.object.get());
-        stage_set(staged, key, std::move(copy));
-        // Other than a policy that is set anew, one that changes in part goes on counting.
-        staged.policies.at(key)->inherit_counters(get(key));
+        stage_set(staged, key, std::move(copy), {});
+        // A policy that is set as a whole starts at zero; one that changes in part does not.
+        staged.at(key)->inherit_counters(get(key));
         return;
     }
     }
 }
 
-void Policies::stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &policy) const
+void Policies::stage_whole(Map &staged, const zel_kob_header_t &header, const zel_policy_t &policy, Bytes message) const
 {
     const PolicyKey key{header.app_type, policy.id};
-    if (staged.policies.contains(key))
+    if (staged.contains(key))
         throw Refusal(error_conflict, "the list has more than one policy {}", policy.id);
     if (header.op_code == service::op_code_remove)
         stage_removal(staged, key);
     else
-        stage_set(staged, key, clone(policy));
+        stage_set(staged, key, clone(policy), std::move(message));
 }
 
-void Policies::stage_set(Staged &staged, const PolicyKey &key, Owned<zel_policy_t> policy) const
+// An empty message stands for a policy that still has to be encoded.
+void Policies::stage_set(Map &staged, const PolicyKey &key, Owned<zel_policy_t> policy, Bytes message) const
 {
     check_policy(*policy);
-    Bytes message = write_policy(key.app_type, *policy);
-    const std::size_t size = message.size();
-    if (size + show_overhead > limits_.max_message)
-        throw Refusal(error_limit, "policy {} would take {} bytes, and a message carries {}", key.id, size,
-                      limits_.max_message - show_overhead);
-    staged.policies.emplace(key, std::make_unique<Policy>(std::move(policy)));
-    staged.messages.emplace(key, std::move(message));
+    if (message.empty())
+        message = write_policy(key.app_type, *policy);
+    if (message.size() > limits_.max_policy)
+        throw Refusal(error_limit, "policy {} would take {} bytes, and an answer has room for {}", key.id,
+                      message.size(), limits_.max_policy);
+    staged.emplace(key, std::make_unique<Policy>(std::move(policy), std::move(message)));
 }
 
-void Policies::stage_removal(Staged &staged, const PolicyKey &key) const
+void Policies::stage_removal(Map &staged, const PolicyKey &key) const
 {
     get(key);
-    staged.policies.emplace(key, nullptr);
+    staged.emplace(key, nullptr);
 }
 
-// ---- How what is staged takes effect
+// ---- From staged to current
 
-void Policies::check_total(const Staged &staged) const
+void Policies::check_total(const Map &staged) const
 {
     std::size_t total = total_size_;
-    for (const auto &[key, policy] : staged.policies) {
+    for (const auto &[key, policy] : staged) {
         if (const auto old = policies_.find(key); old != policies_.end())
             total -= old->second->size();
         if (policy != nullptr)
@@ -166,11 +163,11 @@ void Policies::check_total(const Staged &staged) const
                       limits_.max_state);
 }
 
-void Policies::keep(const Staged &staged) const
+void Policies::store(const Map &staged) const
 {
     std::vector<Store::Change> changes;
-    for (const auto &[key, policy] : staged.policies)
-        changes.push_back({key, policy != nullptr ? &staged.messages.at(key) : nullptr});
+    for (const auto &[key, policy] : staged)
+        changes.push_back({key, policy != nullptr ? &policy->message() : nullptr});
     try {
         store_->apply(changes);
     } catch (const StoreError &error) {
@@ -205,10 +202,10 @@ std::size_t Policies::count(const std::vector<service::PacketHeader> &packets)
                       packets.size(), max_work / cost);
     std::size_t num_matched = 0;
     for (const service::PacketHeader &packet : packets) {
-        const Words words = words_of(packet);
+        const PackedHeader fields = pack(packet);
         bool is_matched = false;
         for (const auto &[key, policy] : policies_) {
-            if (const auto position = policy->classifier().classify(packet, words)) {
+            if (const auto position = policy->classifier().classify(packet, fields)) {
                 policy->count(*position, packet.bytes);
                 is_matched = true;
             }

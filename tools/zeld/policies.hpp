@@ -1,4 +1,4 @@
-// The current policies of all applications, and what requests do to them.
+// The current policies of all applications, and the changes that requests make.
 #pragma once
 
 #include "tools/zeld/policy.hpp"
@@ -11,41 +11,36 @@ namespace zeld {
 class Policies {
 public:
     struct Limits {
-        std::size_t max_message; // of a policy as a message, so that it can be shown
-        std::size_t max_state;   // memory for all policies, and for the work of one request
+        std::size_t max_policy; // bytes of one policy as a message, so that an answer can carry it
+        std::size_t max_state;  // memory for all policies, and again for the work on one request
     };
     using Map = std::map<PolicyKey, std::unique_ptr<Policy>>;
 
-    // Takes over what the store has; without a store, nothing outlives this.
-    // Throws StoreError when the store has something else than policies.
+    // Loads the policies of the store. Without a store, policies end with this object.
+    // Throws StoreError when the store holds anything but valid policies.
     Policies(std::unique_ptr<Store> store, const Limits &limits);
 
-    // Makes the change that a request asks for and returns what was done, in words.
+    // Makes the change that a request asks for. Returns a text that says what changed.
     // Throws Refusal, and then nothing has changed.
     std::string apply(const Request &request);
 
-    // Classifies packets in every policy, each on its own; returns how many matched somewhere.
+    // Classifies packets in each policy and counts them there. Returns the number of
+    // packets that matched in at least one policy.
     std::size_t count(const std::vector<service::PacketHeader> &packets);
 
-    // Throws Refusal when there is none.
+    // Throws Refusal when the policy does not exist.
     Policy &get(const PolicyKey &key) const;
-    // Those of one application, by ascending id.
+    // The policies of an application, in ascending id order.
     std::vector<Policy *> of_application(uint32_t app_type) const;
     const Map &all() const { return policies_; }
 
 private:
-    // Changes that wait to be made: new policies by key, null for those that go.
-    struct Staged {
-        Map policies;
-        std::map<PolicyKey, Bytes> messages; // of the new ones
-    };
-
-    void stage(Staged &staged, const Request &request) const;
-    void stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &policy) const;
-    void stage_set(Staged &staged, const PolicyKey &key, Owned<zel_policy_t> policy) const;
-    void stage_removal(Staged &staged, const PolicyKey &key) const;
-    void check_total(const Staged &staged) const;
-    void keep(const Staged &staged) const;
+    void stage(Map &staged, const Request &request) const;
+    void stage_whole(Map &staged, const zel_kob_header_t &header, const zel_policy_t &policy, Bytes message) const;
+    void stage_set(Map &staged, const PolicyKey &key, Owned<zel_policy_t> policy, Bytes message) const;
+    void stage_removal(Map &staged, const PolicyKey &key) const;
+    void check_total(const Map &staged) const;
+    void store(const Map &staged) const;
     void commit(Map staged) noexcept;
 
     std::unique_ptr<Store> store_;

@@ -2,8 +2,9 @@
 
 namespace zeld {
 
-Policy::Policy(Owned<zel_policy_t> graph)
-    : graph_(std::move(graph)), classifier_(*graph_), size_(footprint(*graph_) + classifier_.footprint())
+Policy::Policy(Owned<zel_policy_t> graph, Bytes message)
+    : graph_(std::move(graph)), message_(std::move(message)), classifier_(*graph_),
+      size_(graph_size(*graph_) + message_.size() + classifier_.footprint())
 {
     const auto pairs = members(graph_->match_action_pair_group);
     counters_.resize(pairs.size());
@@ -26,8 +27,8 @@ void Policy::inherit_counters(const Policy &from)
 
 std::optional<uint32_t> Policy::position_of(uint16_t pair_id) const
 {
-    const auto place = positions_.find(pair_id);
-    return place != positions_.end() ? std::optional(place->second) : std::nullopt;
+    const auto found = positions_.find(pair_id);
+    return found != positions_.end() ? std::optional(found->second) : std::nullopt;
 }
 
 } // namespace zeld

@@ -1,4 +1,4 @@
-// Why a request is refused: thrown wherever that turns out, answered in one place.
+// The exception for a request that is refused. Service::answer() makes the answer of it.
 #pragma once
 
 #include "tools/message/service_protocol.hpp"

@@ -18,7 +18,7 @@ Answer make_answer(uint32_t status, uint32_t error, int32_t retval, std::string_
     answer.header.status = status;
     answer.header.error = error;
     answer.header.retval = retval;
-    text.copy(answer.header.msg, sizeof answer.header.msg - 1); // and a NUL, whatever the text
+    text.copy(answer.header.msg, sizeof answer.header.msg - 1); // the last byte stays NUL
     return answer;
 }
 
@@ -100,7 +100,7 @@ Answer Service::dispatch(kob_msg_t *msg)
 
 Answer Service::policy_request(kob_msg_t *msg)
 {
-    const Request request = read_request(msg);
+    const Request request = read_request(payload_of(msg));
     const zel_kob_header_t &header = request.header;
     if (header.api_type != ZEL_API_STATS_PULL) {
         const std::string text = policies_.apply(request);
@@ -112,7 +112,7 @@ Answer Service::policy_request(kob_msg_t *msg)
         throw Refusal(error_unsupported, "op_code {} is not known for a statistics request", header.op_code);
     Answer given = success("statistics");
     given.body = answer_statistics(policies_, header.app_type,
-                                   *static_cast<const zel_stat_request_t *>(request.object.get()), max_body());
+                                   *static_cast<const zel_stat_request_t *>(request.object.get()), max_body_);
     return given;
 }
 
@@ -122,20 +122,24 @@ Answer Service::show(const void *array) const
     if (requests.size() != 1)
         throw Refusal(error_malformed, "{} elements where one show request belongs", requests.size());
     const auto [app_type, policy_id] = requests.front();
-    std::vector<zel_policy_t *> graphs;
-    if (policy_id == service::show_all) {
-        for (const Policy *const policy : policies_.of_application(app_type))
-            graphs.push_back(policy->graph_for_list());
-    } else {
-        if (policy_id > UINT16_MAX)
-            throw Refusal(error_malformed, "{} is not a policy id", policy_id);
-        graphs.push_back(policies_.get({app_type, static_cast<uint16_t>(policy_id)}).graph_for_list());
-    }
-    Answer given = success(fmt::format("{} policies", graphs.size()));
-    given.body = write_policy_list(app_type, std::move(graphs));
-    if (given.body.size() > max_body())
+    std::vector<Policy *> policies;
+    if (policy_id == service::show_all)
+        policies = policies_.of_application(app_type);
+    else if (policy_id <= UINT16_MAX)
+        policies = {&policies_.get({app_type, static_cast<uint16_t>(policy_id)})};
+    else
+        throw Refusal(error_malformed, "{} is not a policy id", policy_id);
+
+    std::size_t size = 0;
+    for (const Policy *const policy : policies)
+        size += policy->message().size();
+    if (size > max_body_)
         throw Refusal(error_limit, "the policies take {} bytes, and an answer has room for {}; show them one by one",
-                      given.body.size(), max_body());
+                      size, max_body_);
+    Answer given = success(fmt::format("{} policies", policies.size()));
+    given.body.reserve(size);
+    for (const Policy *const policy : policies)
+        given.body.insert(given.body.end(), policy->message().begin(), policy->message().end());
     return given;
 }
 

@@ -13,12 +13,13 @@ struct Answer {
 
 class Service {
 public:
-    Service(Policies &policies, uint32_t max_message) : policies_(policies), max_message_(max_message) {}
+    // An answer's body has at most so many bytes.
+    Service(Policies &policies, std::size_t max_body) : policies_(policies), max_body_(max_body) {}
 
-    // Does what the message asks for.  Whatever goes wrong is in the answer, and in the log.
+    // Does what the message asks for. A refusal is in the answer, and is logged.
     Answer answer(kob_msg_t *msg);
 
-    // The same, and sends the answer back.
+    // The same, and sends the answer.
     void serve(kob_service_t *transport, kob_msg_t *msg);
 
 private:
@@ -27,11 +28,8 @@ private:
     Answer show(const void *array) const;
     Answer traffic(const void *array);
 
-    // Bytes that an answer has for its body; a little is left for the array around it.
-    std::size_t max_body() const { return max_message_ - ZEL_RESP_HDR_SIZE - 64; }
-
     Policies &policies_;
-    uint32_t max_message_;
+    std::size_t max_body_;
 };
 
 } // namespace zeld

@@ -36,15 +36,15 @@ public:
         if (const int32_t code = zel_stat_results_to_tlv(&results, body.data(), body.size(), &written, 0, 0); code != 0)
             throw std::logic_error(fmt::format("{} statistics entries were not converted: {}", entries_.size(), code));
         body.resize(written);
-        for (const Place &place : to_clear_)
-            place.policy->clear(place.pair);
+        for (const PairCounters &counters : to_clear_)
+            counters.policy->clear(counters.pair);
         return body;
     }
 
 private:
-    struct Place {
+    struct PairCounters {
         Policy *policy;
-        uint32_t pair;
+        uint32_t pair; // position in the pair group
     };
 
     static std::size_t size_of_entry()
@@ -57,8 +57,7 @@ private:
 
     void add(Policy &policy, const zel_stat_request_entry_t &query)
     {
-        // A policy without pairs costs as much as one with a pair, or a small
-        // request that asks for all of many such policies often would keep this busy.
+        // A policy without pairs takes time, too: it is charged like an entry.
         take_one();
         if (query.match_action_pair_id != stat_all) {
             const auto pair = policy.position_of(query.match_action_pair_id);
@@ -95,7 +94,7 @@ private:
     std::size_t max_entries_;
     std::size_t num_taken_ = 0;
     std::vector<zel_stat_result_entry_t> entries_;
-    std::vector<Place> to_clear_;
+    std::vector<PairCounters> to_clear_;
 };
 
 } // namespace

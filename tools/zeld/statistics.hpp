@@ -5,9 +5,10 @@
 
 namespace zeld {
 
-// The body of the answer, of at most so many bytes: an entry for each pair that
-// a query names, in the queries' order.  Then sets to zero the counters that are
-// to be.  Throws Refusal before it has.
+// Returns the body of the answer, at most max_size bytes: an entry for each pair
+// that a query names, in the queries' order. Clears the counters that the queries
+// tell to clear, after all queries were answered. When it throws Refusal, no counter
+// is cleared.
 Bytes answer_statistics(const Policies &policies, uint32_t app_type, const zel_stat_request_t &request,
                         std::size_t max_size);
 

@@ -1,9 +1,8 @@
-// The policies on disk, as the messages that would create them.
+// The policies in a SQLite file, as the messages that create them.
 #pragma once
 
 #include "tools/zeld/message.hpp"
 
-#include <compare>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,12 +11,6 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace zeld {
-
-struct PolicyKey {
-    uint32_t app_type;
-    uint16_t id;
-    auto operator<=>(const PolicyKey &) const = default;
-};
 
 class StoreError : public std::runtime_error {
 public:
@@ -28,16 +21,18 @@ class Store {
 public:
     struct Change {
         PolicyKey key;
-        const Bytes *message; // null: the policy goes
+        const Bytes *message; // null: the policy is removed
     };
 
-    // Opens or creates a state file, which no other process may have open.
-    // Throws StoreError; so do the others.
+    // Opens a state file, or creates it when it is missing or empty. Keeps it locked:
+    // no other process can use it. Does not change a file of another program.
+    // All members throw StoreError.
     explicit Store(const std::string &path);
 
+    // Calls take for each policy, ordered by application and id.
     void load(const std::function<void(const PolicyKey &, const Bytes &)> &take);
 
-    // Makes all changes durable before it returns, or throws and has made none.
+    // Makes all changes durable before it returns. When it throws, none was made.
     void apply(const std::vector<Change> &changes);
 
 private:
@@ -49,12 +44,15 @@ private:
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
+    void open(const std::string &name, int flags);
     [[noreturn]] void fail(const char *what) const;
     void run(const char *sql) const;
     int64_t query_number(const char *sql) const;
     Statement prepare(const char *sql) const;
     bool step(sqlite3_stmt *statement) const;
-    void claim_file() const;
+    bool is_empty() const;
+    void check_owner() const;
+    void create_schema() const;
     void write(const Change &change);
 
     std::unique_ptr<sqlite3, Close> database_;

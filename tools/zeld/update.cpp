@@ -1,7 +1,9 @@
 #include "tools/zeld/update.hpp"
 
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace zeld {
 
@@ -11,38 +13,56 @@ using service::error_conflict;
 using service::error_not_found;
 using service::error_unsupported;
 
-template <class R> constexpr const char *name_of = "";
-template <> constexpr const char *name_of<zel_match_t> = "match";
-template <> constexpr const char *name_of<zel_action_t> = "action";
-template <> constexpr const char *name_of<zel_match_grp_t> = "match group";
-template <> constexpr const char *name_of<zel_action_grp_t> = "action group";
-
-template <class R> auto has_id(uint16_t id)
-{
-    return [id](const R &record) { return record.id == id; };
-}
+// What people call a record type.
+template <class R> const char *name_of() { return record_of<R>.noun; }
 
 std::span<zel_match_action_pair_t *const> pairs_of(const zel_policy_t &policy)
 {
     return members(policy.match_action_pair_group);
 }
 
+// A pair's group by its type.
+template <class G> G &group_of(zel_match_action_pair_t &pair)
+{
+    if constexpr (std::is_same_v<G, zel_match_grp_t>)
+        return pair.match_group;
+    else
+        return pair.action_group;
+}
+
+// Removes from some groups the members that have the keys of the given ones. Each
+// given member must be in at least one group; refuse(member) throws otherwise.
+// Takes n log n time: a request may name 65,535 members.
+template <class G, class Key, class Refuse>
+void erase_given(std::span<G *const> groups, const G &given, Key key_of, Refuse refuse)
+{
+    using KeySet = std::set<std::invoke_result_t<Key, const MemberOf<G> &>>;
+    KeySet present;
+    KeySet erased;
+    for (const G *const group : groups)
+        for (const auto *const member : members(*group))
+            present.insert(key_of(*member));
+    for (const auto *const member : members(given)) {
+        if (present.erase(key_of(*member)) == 0)
+            refuse(*member);
+        erased.insert(key_of(*member));
+    }
+    for (G *const group : groups)
+        erase_members(*group, [&](const auto &member) { return erased.contains(key_of(member)); });
+}
+
+constexpr auto id_of = [](const auto &record) { return record.id; };
+
 // ---- Pairs
 
 void set_pair(zel_policy_t &policy, const zel_match_action_pair_t &pair)
 {
     const auto pairs = pairs_of(policy);
-    const auto place = std::find_if(pairs.begin(), pairs.end(), [&](const auto *old) { return old->id == pair.id; });
-    if (place != pairs.end())
-        replace(**place, pair);
+    const auto found = std::find_if(pairs.begin(), pairs.end(), [&](const auto *old) { return old->id == pair.id; });
+    if (found != pairs.end())
+        replace(**found, pair);
     else
         append(policy.match_action_pair_group, clone(pair));
-}
-
-void remove_pair(zel_policy_t &policy, uint16_t id)
-{
-    if (erase_members(policy.match_action_pair_group, has_id<zel_match_action_pair_t>(id)) == 0)
-        throw Refusal(error_not_found, "policy {} has no pair {}", policy.id, id);
 }
 
 void set_pair_group(zel_policy_t &policy, const zel_match_action_pair_grp_t &group)
@@ -50,63 +70,62 @@ void set_pair_group(zel_policy_t &policy, const zel_match_action_pair_grp_t &gro
     replace(policy.match_action_pair_group, group);
 }
 
-void remove_pair_group(zel_policy_t &policy, const zel_match_action_pair_grp_t &group)
+void remove_pair_group(zel_policy_t &policy, const zel_match_action_pair_grp_t &given)
 {
-    for (const zel_match_action_pair_t *const pair : members(group))
-        remove_pair(policy, pair->id);
+    zel_match_action_pair_grp_t *const groups[] = {&policy.match_action_pair_group};
+    erase_given<zel_match_action_pair_grp_t>(groups, given, id_of, [&](const zel_match_action_pair_t &pair) {
+        throw Refusal(error_not_found, "policy {} has no pair {}", policy.id, pair.id);
+    });
 }
 
-// ---- Groups that pairs embed.  Group is the pair's member.
+void remove_pair(zel_policy_t &policy, const zel_match_action_pair_t &pair)
+{
+    auto *only = const_cast<zel_match_action_pair_t *>(&pair); // only read below
+    remove_pair_group(policy, {1, &only});
+}
 
-template <auto Group, class Edit>
-void edit_groups(zel_policy_t &policy, const zel::Value<Group> &given, const Edit &edit)
+// ---- Match groups and action groups, which pairs contain
+
+// The groups with the id of a given one. There must be one at least.
+template <class G> std::vector<G *> groups_like(const zel_policy_t &policy, const G &given)
+{
+    std::vector<G *> groups;
+    for (zel_match_action_pair_t *const pair : pairs_of(policy))
+        if (group_of<G>(*pair).id == given.id)
+            groups.push_back(&group_of<G>(*pair));
+    if (groups.empty())
+        throw Refusal(error_not_found, "policy {} has no pair with {} {}", policy.id, name_of<G>(), given.id);
+    return groups;
+}
+
+template <class G> void set_group(zel_policy_t &policy, const G &given)
+{
+    for (G *const group : groups_like(policy, given))
+        replace(*group, given);
+}
+
+// A pair always has its two groups, so the members that are given are removed.
+template <class G> void remove_group(zel_policy_t &policy, const G &given)
+{
+    const std::vector<G *> groups = groups_like(policy, given);
+    erase_given<G>(groups, given, id_of, [&](const MemberOf<G> &member) {
+        throw Refusal(error_not_found, "{} {} of policy {} has no {} {}", name_of<G>(), given.id, policy.id,
+                      name_of<MemberOf<G>>(), member.id);
+    });
+}
+
+// ---- Matches and actions in all groups. G is the type of group that holds them.
+
+template <class G> [[noreturn]] void refuse_unknown(const zel_policy_t &policy, uint16_t id)
+{
+    throw Refusal(error_not_found, "policy {} has no {} {}", policy.id, name_of<MemberOf<G>>(), id);
+}
+
+template <class G> void set_object(zel_policy_t &policy, const MemberOf<G> &object)
 {
     bool is_found = false;
     for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
-        if ((pair->*Group).id != given.id)
-            continue;
-        is_found = true;
-        edit(pair->*Group);
-    }
-    if (!is_found)
-        throw Refusal(error_not_found, "policy {} has no pair with {} {}", policy.id, name_of<zel::Value<Group>>,
-                      given.id);
-}
-
-template <auto Group> void set_group(zel_policy_t &policy, const zel::Value<Group> &given)
-{
-    edit_groups<Group>(policy, given, [&](auto &group) { replace(group, given); });
-}
-
-// A pair cannot be without its group, so what goes is the members that are named.
-template <auto Group> void remove_group(zel_policy_t &policy, const zel::Value<Group> &given)
-{
-    using Member = MemberOf<zel::Value<Group>>;
-    edit_groups<Group>(policy, given, [](auto &) {}); // the group has to be there even if it names nothing
-    for (const Member *const member : members(given)) {
-        std::size_t num_removed = 0;
-        edit_groups<Group>(policy, given,
-                           [&](auto &group) { num_removed += erase_members(group, has_id<Member>(member->id)); });
-        if (num_removed == 0)
-            throw Refusal(error_not_found, "{} {} of policy {} has no {} {}", name_of<zel::Value<Group>>, given.id,
-                          policy.id, name_of<Member>, member->id);
-    }
-}
-
-// ---- Matches and actions, wherever they stand.  Group is the pair's member that holds them.
-
-template <auto Group> using MemberIn = MemberOf<zel::Value<Group>>;
-
-template <auto Group> [[noreturn]] void refuse_unknown(const zel_policy_t &policy, uint16_t id)
-{
-    throw Refusal(error_not_found, "policy {} has no {} {}", policy.id, name_of<MemberIn<Group>>, id);
-}
-
-template <auto Group> void set_object(zel_policy_t &policy, const MemberIn<Group> &object)
-{
-    bool is_found = false;
-    for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
-        for (MemberIn<Group> *const old : members(pair->*Group)) {
+        for (MemberOf<G> *const old : members(group_of<G>(*pair))) {
             if (old->id != object.id)
                 continue;
             replace(*old, object);
@@ -114,36 +133,39 @@ template <auto Group> void set_object(zel_policy_t &policy, const MemberIn<Group
         }
     }
     if (!is_found)
-        refuse_unknown<Group>(policy, object.id);
+        refuse_unknown<G>(policy, object.id);
 }
 
-template <auto Group> void remove_object(zel_policy_t &policy, const MemberIn<Group> &object)
+template <class G> void remove_object(zel_policy_t &policy, const MemberOf<G> &object)
 {
-    std::size_t num_removed = 0;
-    for (zel_match_action_pair_t *const pair : pairs_of(policy))
-        num_removed += erase_members(pair->*Group, has_id<MemberIn<Group>>(object.id));
-    if (num_removed == 0)
-        refuse_unknown<Group>(policy, object.id);
+    bool is_found = false;
+    for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
+        erase_members(group_of<G>(*pair), [&](const MemberOf<G> &old) {
+            is_found |= old.id == object.id;
+            return old.id == object.id;
+        });
+    }
+    if (!is_found)
+        refuse_unknown<G>(policy, object.id);
 }
 
 // ---- Interfaces
 
 void set_if_group(zel_policy_t &policy, const zel_if_group_t &group) { replace(policy.if_group, group); }
 
-void remove_if_group(zel_policy_t &policy, const zel_if_group_t &group)
+void remove_if_group(zel_policy_t &policy, const zel_if_group_t &given)
 {
-    for (const zel_if_element_t *const given : members(group)) {
-        const auto is_same = [given](const zel_if_element_t &element) {
-            return element.direction == given->direction && element.interface == given->interface &&
-                   element.vlan == given->vlan && element.vrf == given->vrf;
-        };
-        if (erase_members(policy.if_group, is_same) == 0)
-            throw Refusal(error_not_found, "policy {} is not bound to interface {}, VLAN {}, VRF {}, direction {}",
-                          policy.id, given->interface, given->vlan, given->vrf, given->direction);
-    }
+    const auto key_of = [](const zel_if_element_t &element) {
+        return std::tuple(element.direction, element.interface, element.vlan, element.vrf);
+    };
+    zel_if_group_t *const groups[] = {&policy.if_group};
+    erase_given<zel_if_group_t>(groups, given, key_of, [&](const zel_if_element_t &element) {
+        throw Refusal(error_not_found, "policy {} is not bound to interface {}, VLAN {}, VRF {}, direction {}",
+                      policy.id, element.interface, element.vlan, element.vrf, element.direction);
+    });
 }
 
-// ---- Which is done for a request
+// ---- Which of them a request calls
 
 template <class R>
 void apply(zel_policy_t &policy, uint32_t op_code, const void *object, void (*set)(zel_policy_t &, const R &),
@@ -152,27 +174,25 @@ void apply(zel_policy_t &policy, uint32_t op_code, const void *object, void (*se
     (op_code == service::op_code_set ? set : remove)(policy, *static_cast<const R *>(object));
 }
 
-void remove_pair_by_id(zel_policy_t &policy, const zel_match_action_pair_t &pair) { remove_pair(policy, pair.id); }
-
 // ---- Ids
 
-// The objects of one kind by id, and the pair that each was first met in.
-template <auto Group> class Objects {
+// The first object of each id, and the pair that contains it.
+template <class G> class ObjectsById {
 public:
-    void add(const zel_match_action_pair_t &pair)
+    void add(zel_match_action_pair_t &pair)
     {
-        for (const MemberIn<Group> *const object : members(pair.*Group)) {
-            const auto [place, is_first] = first_.try_emplace(object->id, First{object, pair.id});
-            if (!is_first && !equal(*place->second.object, *object))
+        for (const MemberOf<G> *const object : members(group_of<G>(pair))) {
+            const auto [entry, is_first] = first_.try_emplace(object->id, First{object, pair.id});
+            if (!is_first && !equal(*entry->second.object, *object))
                 throw Refusal(error_conflict, "{} {} of pair {} would differ from {} {} of pair {}",
-                              name_of<MemberIn<Group>>, object->id, pair.id, name_of<MemberIn<Group>>, object->id,
-                              place->second.pair_id);
+                              name_of<MemberOf<G>>(), object->id, pair.id, name_of<MemberOf<G>>(), object->id,
+                              entry->second.pair_id);
         }
     }
 
 private:
     struct First {
-        const MemberIn<Group> *object;
+        const MemberOf<G> *object;
         uint16_t pair_id;
     };
     std::unordered_map<uint16_t, First> first_;
@@ -182,21 +202,21 @@ private:
 
 void update_policy(zel_policy_t &policy, uint32_t api_type, uint32_t op_code, const void *object)
 {
-    constexpr auto match_group = &zel_match_action_pair_t::match_group;
-    constexpr auto action_group = &zel_match_action_pair_t::action_group;
+    using Matches = zel_match_grp_t;
+    using Actions = zel_action_grp_t;
     switch (api_type) {
     case ZEL_API_MATCH_ACTION_PAIR_GROUP_UPDATE:
         return apply(policy, op_code, object, set_pair_group, remove_pair_group);
     case ZEL_API_MATCH_ACTION_PAIR_UPDATE:
-        return apply(policy, op_code, object, set_pair, remove_pair_by_id);
+        return apply(policy, op_code, object, set_pair, remove_pair);
     case ZEL_API_MATCH_GROUP_UPDATE:
-        return apply(policy, op_code, object, set_group<match_group>, remove_group<match_group>);
+        return apply(policy, op_code, object, set_group<Matches>, remove_group<Matches>);
     case ZEL_API_ACTION_GROUP_UPDATE:
-        return apply(policy, op_code, object, set_group<action_group>, remove_group<action_group>);
+        return apply(policy, op_code, object, set_group<Actions>, remove_group<Actions>);
     case ZEL_API_MATCH_UPDATE:
-        return apply(policy, op_code, object, set_object<match_group>, remove_object<match_group>);
+        return apply(policy, op_code, object, set_object<Matches>, remove_object<Matches>);
     case ZEL_API_ACTION_UPDATE:
-        return apply(policy, op_code, object, set_object<action_group>, remove_object<action_group>);
+        return apply(policy, op_code, object, set_object<Actions>, remove_object<Actions>);
     case ZEL_API_INTERFACE_GROUP_UPDATE:
         return apply(policy, op_code, object, set_if_group, remove_if_group);
     default:
@@ -207,9 +227,9 @@ void update_policy(zel_policy_t &policy, uint32_t api_type, uint32_t op_code, co
 void check_policy(const zel_policy_t &policy)
 {
     std::unordered_set<uint16_t> pair_ids;
-    Objects<&zel_match_action_pair_t::match_group> matches;
-    Objects<&zel_match_action_pair_t::action_group> actions;
-    for (const zel_match_action_pair_t *const pair : pairs_of(policy)) {
+    ObjectsById<zel_match_grp_t> matches;
+    ObjectsById<zel_action_grp_t> actions;
+    for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
         if (!pair_ids.insert(pair->id).second)
             throw Refusal(error_conflict, "policy {} would have more than one pair {}", policy.id, pair->id);
         matches.add(*pair);

@@ -28,11 +28,11 @@ void report_no_parameter(const zel_api_handle_t &handle, const zel_match_t &matc
 // Counts the elements of each width; what they take is asked and multiplied once, at the end.
 class Sizer {
 public:
-    Sizer(zel_api_handle_t *handle, uint32_t app_type) : handle_(handle), app_type_(app_type) {}
+    Sizer(zel_api_handle_t &handle, uint32_t app_type) : handle_(handle), app_type_(app_type) {}
 
     void add(const Record &record, const void *object)
     {
-        if (record.is_shareable() && !is_first_occurrence(handle_, app_type_, record, object))
+        if (record.is_shareable() && !is_first_occurrence(&handle_, app_type_, record, object))
             return add_fixed(reference_widths);
         add_fixed(record.widths);
         add_nested(record, object);
@@ -100,18 +100,16 @@ private:
             add_fixed(option->record->widths);
             add_nested(*option->record, wire::part(object, option->offset));
         } else if (&record == &wire::match) {
-            // Only functions with a handle come across matches.
-            report_no_parameter(*handle_, // NOLINT(clang-analyzer-core.NonNullParamChecker)
-                                *static_cast<const zel_match_t *>(object));
+            report_no_parameter(handle_, *static_cast<const zel_match_t *>(object));
         }
     }
 
-    zel_api_handle_t *handle_;
+    zel_api_handle_t &handle_;
     uint32_t app_type_;
     WidthCounts counts_{};
 };
 
-uint32_t size_of(zel_api_handle_t *handle, const Record &record, const void *object, uint32_t app_type)
+uint32_t size_of(zel_api_handle_t &handle, const Record &record, const void *object, uint32_t app_type)
 {
     Sizer sizer(handle, app_type);
     if (object != nullptr)
@@ -119,9 +117,17 @@ uint32_t size_of(zel_api_handle_t *handle, const Record &record, const void *obj
     return sizer.total();
 }
 
+// A record without matches and actions, which alone look at a handle.
+uint32_t size_of(const Record &record, const void *object)
+{
+    zel_api_handle_t no_handle{};
+    return size_of(no_handle, record, object, 0);
+}
+
 uint32_t size_of_leaf(const Record &record)
 {
-    Sizer sizer(nullptr, 0);
+    zel_api_handle_t no_handle{};
+    Sizer sizer(no_handle, 0);
     sizer.add_fixed(record.widths);
     return sizer.total();
 }
@@ -135,14 +141,14 @@ using namespace zel;
 #define LEAF_SIZE(object)                                                                                              \
     uint32_t zel_##object##_get_tlv_sz() { return size_of_leaf(wire::object); }
 #define SIZE(object)                                                                                                   \
-    uint32_t zel_##object##_get_tlv_sz(const zel_##object##_t *record, uint32_t app_type)                              \
+    uint32_t zel_##object##_get_tlv_sz(const zel_##object##_t *record, uint32_t)                                       \
     {                                                                                                                  \
-        return size_of(nullptr, wire::object, record, app_type);                                                       \
+        return size_of(wire::object, record);                                                                          \
     }
 #define SIZE_WITH_CACHE(object)                                                                                        \
     uint32_t zel_##object##_get_tlv_sz(zel_api_handle_t *handle, const zel_##object##_t *record, uint32_t app_type)    \
     {                                                                                                                  \
-        return size_of(handle, wire::object, record, app_type);                                                        \
+        return size_of(*handle, wire::object, record, app_type);                                                       \
     }
 
 LEAF_SIZE(kob_header)

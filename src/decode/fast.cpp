@@ -105,7 +105,7 @@ template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool rea
     constexpr const Record &contained = *sequence.record;
     if (!expect_true(at.reader.element.id == sequence.id))
         return leave<R>(at);
-    const uint32_t count = load_number(at.reader.element.value, sequence.width);
+    const uint32_t count = wire::load_number(at.reader.element.value, sequence.width);
     allocate_array(at.frame, R, sequence, at.object, count);
     if (!next<R, marker(contained.start)>(at, is_quiet(at.frame.in)))
         return false;

@@ -72,12 +72,6 @@ template <class T> T load(const void *value)
     return loaded;
 }
 
-// Counts, selectors and the numbers of a reference.
-inline uint32_t load_number(const void *value, std::size_t width)
-{
-    return width == sizeof(uint16_t) ? load<uint16_t>(value) : load<uint32_t>(value);
-}
-
 // A copy of constant size, in pieces of two words: compilers have better instructions for
 // these than for a long copy.  Through a variable, because both places may be the same.
 template <std::size_t Width> [[gnu::always_inline]] inline void copy_bytes(void *to, const void *from)

@@ -125,7 +125,7 @@ void report_value(const Frame &frame, const Record &record, const Member &field,
     for (const ValueReport &report : value_reports) {
         if (report.id != field.id)
             continue;
-        const uint32_t value = field.width == 1 ? load<uint8_t>(place) : load_number(place, field.width);
+        const uint32_t value = field.width == 1 ? load<uint8_t>(place) : wire::load_number(place, field.width);
         trace(frame.in.handle, Severity::detail, record.decoder, report.format, value & report.mask);
     }
 }
@@ -171,7 +171,7 @@ bool accept(Frame &frame, const Record &record, const Member &member, void *obje
         return true;
     case Kind::sequence:
         if (is_own_element)
-            allocate_array(frame, record, member, object, load_number(element.value, member.width));
+            allocate_array(frame, record, member, object, wire::load_number(element.value, member.width));
         else if (member.record->start == element.id)
             decode_members(frame, record, member, object, find_decoder(*member.record));
         else

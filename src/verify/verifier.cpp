@@ -13,6 +13,7 @@ namespace zel {
 namespace {
 
 using wire::Kind;
+using wire::load_number;
 using wire::Member;
 using wire::Option;
 using wire::Record;
@@ -148,18 +149,6 @@ bool take_marker(Verification &v, uint16_t id, uint32_t rule = ZEL_VERIFY_PLACE)
 // ---- Members
 
 bool verify_record(Verification &v, const Record &record, uint32_t rule = ZEL_VERIFY_PLACE);
-
-uint32_t load_number(const void *value, uint16_t width)
-{
-    uint16_t narrow = 0;
-    uint32_t wide = 0;
-    if (width == sizeof narrow) {
-        std::memcpy(&narrow, value, sizeof narrow);
-        return narrow;
-    }
-    std::memcpy(&wide, value, sizeof wide);
-    return wide;
-}
 
 Verification::Ids &ids_of(Verification &v, const Record &record)
 {

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace zel::wire {
@@ -148,7 +149,20 @@ template <class T> T &at(void *record, std::size_t offset)
     return *reinterpret_cast<T *>(static_cast<char *>(record) + offset);
 }
 
-// A count or a selector; both are 16 or 32 bits wide.
+// A number of 16 or 32 bits in a message, at any address.
+inline uint32_t load_number(const void *value, std::size_t width)
+{
+    uint16_t narrow = 0;
+    uint32_t wide = 0;
+    if (width == sizeof narrow) {
+        std::memcpy(&narrow, value, sizeof narrow);
+        return narrow;
+    }
+    std::memcpy(&wide, value, sizeof wide);
+    return wide;
+}
+
+// A count or a selector of a record; both are 16 or 32 bits wide.
 inline uint32_t number_at(const void *record, const Member &member)
 {
     return member.width == sizeof(uint16_t) ? at<uint16_t>(record, member.offset) : at<uint32_t>(record, member.offset);

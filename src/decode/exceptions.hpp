@@ -8,9 +8,9 @@ namespace zel {
 
 // An ACL travels 65 bytes wide and is read 64 bytes wide: the last byte of the
 // zero-filled record then terminates the text, whatever the peer sent.
-constexpr std::size_t read_width(const wire::Member &field)
+constexpr std::size_t read_width(uint16_t id, uint16_t width)
 {
-    return field.id == wire::match_acl_members[0].id ? ZEL_ACL_SIZE - 1 : field.width;
+    return id == wire::match_acl_members[0].id ? ZEL_ACL_SIZE - 1 : width;
 }
 
 // Fields whose decoded value is reported.  An EXP value is reported with the text of the

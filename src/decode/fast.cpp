@@ -1,13 +1,10 @@
 // The fast decoders: nearly every message has its elements in the order in which the
-// encoder writes them.  As long as they do, one comparison per element is enough.  At the
-// first element that is not the expected one, the rest of the record goes to the general
-// decoder.  They are not used when reports about single elements go somewhere.
+// encoder writes them.  As long as it does, records are read in runs.  At the first element
+// that is not the expected one, the rest of the record goes to the general decoder.  They
+// are not used when reports about single elements go somewhere.
 //
-// A record is a template argument here, so that every element's id, width and place are
-// constants.
+// A record is a template argument here, so that every run is a constant.
 #include "decode/frame.hpp"
-
-#include <utility>
 
 namespace zel {
 namespace {
@@ -16,105 +13,204 @@ using wire::Kind;
 using wire::Member;
 using wire::Option;
 using wire::Record;
+using wire::Run;
+using wire::RunElement;
 
-constexpr ExpectedElement marker(uint16_t id) { return {id, sizeof zel_tlv_struct_start}; }
+// ---- What is expected
 
-// The element that a record's member begins with; behind the last member, the end marker.
-// A choice may begin with any of several.
-template <const Record &R> constexpr ExpectedElement element_at(std::size_t i)
-{
-    if (i == R.members.size())
-        return marker(R.end);
-    const Member &member = R.members[i];
-    if (member.kind == Kind::choice)
-        return {};
-    return member.kind == Kind::embedded ? marker(member.record->start) : ExpectedElement{member.id, member.width};
-}
+template <const Record &R, std::size_t From> constexpr Run run = run_from(R, From, read_scope);
 
-// A record that has been read so far, up to the element that was pulled last.
+template <const Record &R>
+constexpr Run start_run = [] {
+    Run run;
+    run.add_start(R);
+    return run;
+}();
+
+template <const Record &R>
+constexpr Run end_run = [] {
+    Run run;
+    run.add_end(R);
+    return run;
+}();
+
+constexpr Run reference_run = [] {
+    Run run;
+    add_fields(run, wire::reference_members, 0);
+    return run;
+}();
+
+// Records that are a single run in all messages.
+template <const Record &R> constexpr bool is_one_run = platform_is_inline &&R.is_leaf();
+template <const Record &R> constexpr Run whole_run = run_with_start(R, read_scope);
+
+// Members of a sequence that are read within the code of their container.
+template <const Record &R> constexpr bool is_in_place = platform_is_inline && (R.is_leaf() || R.is_shareable());
+
+// ---- Reading
+
+// A record that is being read.  Nothing here has its address taken, so that it can stay in
+// registers.
 struct Progress {
-    Frame &frame;
+    const Source &in;
     void *object;
     ElementReader &reader;
-    uint32_t own_start; // 1 when the start marker was the record's own to pull
-    uint32_t own_elements = 0;
+    uint32_t before = 0; // elements that the reader had taken before those of this record
+    Frame::Array array = Frame::Array::before;
+    uint32_t reference_mat_type = 0;
+    bool is_sound = true;
+    int32_t status = 0;
+
+    bool is_quiet() const { return zel::is_quiet(in.handle()); }
 };
 
-// Reads the rest of the record with the general decoder.  Returns false, so that callers
-// can write `return leave<R>(at)`.
-template <const Record &R> [[gnu::noinline]] bool leave(Progress &at)
+// How the general decoder ended a record.
+struct End {
+    int32_t status;
+    uint32_t elements;
+    Frame::Array array;
+};
+
+[[gnu::noinline]] End read_rest(Frame frame, const Record &record, void *object, ElementReader reader)
 {
-    at.frame.status = decode_in_any_order(at.frame, R, at.object, at.own_start + at.own_elements, at.reader);
+    reader.leave_fast_path();
+    decode_rest(frame, record, object, reader);
+    return {frame.status, frame.elements, frame.array};
+}
+
+// Each of these returns false when the record has been read to its end by other code than
+// this; something may then have been reported, and a callback may have changed the handle.
+
+// Reads the rest of the record with the general decoder.
+[[gnu::always_inline]] inline bool leave_in_place(Progress &at, const Record &record)
+{
+    const uint32_t elements = at.reader.taken - at.before;
+    const End end =
+        read_rest({at.in, elements, at.array, at.reference_mat_type, at.is_sound}, record, at.object, at.reader);
     at.reader.take_back();
+    at.reader.taken = at.before + end.elements;
+    at.status = end.status;
+    at.array = end.array;
     return false;
 }
 
-// Goes on to the next element.
-template <const Record &R, ExpectedElement Next> [[gnu::always_inline]] inline bool next(Progress &at)
+[[gnu::noinline]] bool leave_apart(Progress &at, const Record &record) { return leave_in_place(at, record); }
+
+// With the platform behind calls, registers do not outlast an element, and small code counts.
+template <const Record &R> [[gnu::always_inline]] inline bool leave(Progress &at)
 {
-    ++at.own_elements;
-    return expect_true(at.reader.pull<Next>()) || leave<R>(at);
+    if constexpr (platform_is_inline)
+        return leave_in_place(at, R);
+    else
+        return leave_apart(at, R);
 }
 
-// The same behind a contained record, whose decoding may have begun to be reported: a
-// callback may change the handle.
-template <const Record &R, ExpectedElement Next>
-[[gnu::always_inline]] inline bool next(Progress &at, bool is_still_quiet)
+template <const Record &R, const Run &Expected> [[gnu::always_inline]] inline bool take(Progress &at)
 {
-    ++at.own_elements;
-    return expect_true(at.reader.pull<Next>() && is_still_quiet) || leave<R>(at);
+    return expect_true(at.reader.take<Expected>(at.object)) || leave<R>(at);
 }
 
-template <const Record &R> bool read_record(Frame &frame, void *object, ElementReader &reader, uint32_t own_start);
-template <const Record &R> int32_t decode_fast(Frame &frame, void *__restrict object, uint32_t own_start);
+// Goes on if nothing is reported.
+template <const Record &R> [[gnu::always_inline]] inline bool go_on(Progress &at, bool is_still_quiet)
+{
+    at.reader.stand_at_next();
+    return expect_true(is_still_quiet) || leave<R>(at);
+}
 
-// A contained record, in place.  True while nothing is reported.
+template <const Record &R> bool read_record(Progress &at, Start start);
+template <const Record &R> void decode_fast(Frame &frame, void *__restrict object, Start start);
+
+// A record that lies in another one, at its start marker.  Returns whether nothing is reported.
 template <const Record &R>
-[[gnu::always_inline]] inline bool read_contained(Frame &frame, void *object, ElementReader &reader)
+[[gnu::always_inline]] inline bool read_contained(Progress &container, void *object, bool &is_sound)
 {
-    return read_record<R>(frame, object, reader, 0) || is_quiet(frame.in);
-}
-
-// Each of these takes what a member expects, if that is what comes, and pulls the element
-// behind it.  False: something else came, and the record has been read to its end.
-
-template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool read_field(Progress &at)
-{
-    constexpr const Member &field = R.members[I];
-    if (!expect_true(at.reader.element.id == field.id))
-        return leave<R>(at);
-    copy_bytes<read_width(field)>(wire::part(at.object, field.offset), at.reader.element.value);
-    return next<R, element_at<R>(I + 1)>(at);
+    Progress at{container.in, object, container.reader};
+    const bool is_still_quiet = expect_true(read_record<R>(at, Start::shared_marker)) || at.is_quiet();
+    is_sound = is_sound_service(at.array, R, object);
+    return is_still_quiet;
 }
 
 template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool read_embedded(Progress &at)
 {
-    constexpr const Member &member = R.members[I];
-    if (!expect_true(at.reader.element.id == member.record->start))
+    constexpr const Member &embedded = R.members[I];
+    if (!expect_true(at.reader.is_at(start_run<*embedded.record>[0])))
         return leave<R>(at);
-    uint32_t elements = 0;
-    Frame frame{at.frame.in, elements};
-    const bool is_still_quiet = read_contained<*member.record>(frame, wire::part(at.object, member.offset), at.reader);
-    at.frame.subtotal += elements;
-    return next<R, element_at<R>(I + 1)>(at, is_still_quiet);
+    bool is_sound = true;
+    const bool is_still_quiet = read_contained<*embedded.record>(at, wire::part(at.object, embedded.offset), is_sound);
+    return go_on<R>(at, is_still_quiet);
 }
 
+// A member of a sequence, by code of its own.
+template <const Record &R> [[gnu::always_inline]] inline void read_apart(Progress &container, void *object, Start start)
+{
+    Frame frame{container.in};
+    container.reader.give_back();
+    decode_fast<R>(frame, object, start);
+    container.reader.take_back();
+    container.reader.taken += frame.elements + (start == Start::shared_marker ? 1 : 0);
+}
+
+// A member of a sequence.  Returns whether nothing is reported.
+template <const Record &R>
+[[gnu::always_inline]] inline bool read_member(Progress &container, void *object, Start start)
+{
+    if constexpr (is_one_run<R>) {
+        if (expect_true(container.reader.take<whole_run<R>>(object)))
+            return true;
+    }
+    if constexpr (is_in_place<R> && !R.is_leaf()) {
+        Progress at{container.in, object, container.reader};
+        if (expect_true(read_record<R>(at, start)))
+            return true;
+    } else {
+        read_apart<R>(container, object, start);
+    }
+    return container.is_quiet();
+}
+
+// The members that are left, by the general decoder.
+template <const Record &R, std::size_t I>
+[[gnu::always_inline]] inline void read_other_members(Progress &at, uint32_t first)
+{
+    Frame frame{at.in, 0, at.array};
+    at.reader.give_back();
+    decode_members(frame, R, R.members[I], at.object, first);
+    at.reader.take_back();
+    at.reader.taken += frame.elements;
+    at.array = frame.array;
+}
+
+template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool read_members(Progress &at)
+{
+    constexpr const Member &sequence = R.members[I];
+    const uint32_t count = wire::count_of(at.object, sequence);
+    at.array = Frame::Array::filled;
+    for (uint32_t i = 0; i < count; ++i) {
+        void *const member = allocate_member(at.in, R, sequence, at.object, i);
+        if (!expect_true(member != nullptr)) {
+            at.array = Frame::Array::closed;
+            return i == 0 ? leave<R>(at) : go_on<R>(at, false);
+        }
+        const Start start = i == 0 ? Start::shared_marker : Start::own_marker;
+        if (!expect_true(read_member<*sequence.record>(at, member, start))) {
+            read_other_members<R, I>(at, i + 1);
+            return go_on<R>(at, at.is_quiet());
+        }
+    }
+    return go_on<R>(at, true);
+}
+
+// Behind the count.
 template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool read_sequence(Progress &at)
 {
     constexpr const Member &sequence = R.members[I];
-    constexpr const Record &contained = *sequence.record;
-    if (!expect_true(at.reader.element.id == sequence.id))
-        return leave<R>(at);
-    const uint32_t count = wire::load_number(at.reader.element.value, sequence.width);
-    allocate_array(at.frame, R, sequence, at.object, count);
-    if (!next<R, marker(contained.start)>(at, is_quiet(at.frame.in)))
+    at.array = allocate_array(at.in, R, sequence, at.object, wire::count_of(at.object, sequence), at.array);
+    const bool has_array = at.array == Frame::Array::empty;
+    if (!go_on<R>(at, has_array || at.is_quiet()))
         return false;
-    if (at.reader.element.id != contained.start)
+    if (!at.reader.is_at(start_run<*sequence.record>[0]))
         return true;
-    at.reader.give_back();
-    decode_members(at.frame, R, sequence, at.object, decode_fast<contained>);
-    at.reader.take_back();
-    return next<R, element_at<R>(I + 1)>(at, is_quiet(at.frame.in));
+    return expect_true(has_array) ? read_members<R, I>(at) : leave<R>(at);
 }
 
 // False: it is not this option that comes.  Otherwise result says whether all was as expected.
@@ -123,15 +219,16 @@ template <const Record &R, std::size_t I, std::size_t O>
 {
     constexpr const Option &option = R.members[I].options[O];
     constexpr const Record &contained = *option.record;
-    if (at.reader.element.id != contained.start)
+    if (!at.reader.is_at(start_run<contained>[0]))
         return false;
-    uint32_t elements = 0;
-    Frame frame{at.frame.in, elements};
     void *const parameter = wire::part(at.object, option.offset);
-    const bool is_still_quiet = read_contained<contained>(frame, parameter, at.reader);
-    at.frame.subtotal += elements;
-    at.frame.is_sound = is_sound_service(frame, contained, parameter);
-    result = next<R, element_at<R>(I + 1)>(at, is_still_quiet);
+    if constexpr (is_one_run<contained>) {
+        at.is_sound = false;
+        result = expect_true(at.reader.take<whole_run<contained>>(parameter)) || leave<R>(at);
+    } else {
+        const bool is_still_quiet = read_contained<contained>(at, parameter, at.is_sound);
+        result = go_on<R>(at, is_still_quiet);
+    }
     return true;
 }
 
@@ -143,85 +240,89 @@ template <const Record &R, std::size_t I, std::size_t... O>
     return result;
 }
 
-template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool read_member(Progress &at)
+// What lies between two runs, standing behind the first.
+template <const Record &R, std::size_t I> [[gnu::always_inline]] inline bool read_nested(Progress &at)
 {
     constexpr const Member &member = R.members[I];
-    if constexpr (member.kind == Kind::field)
-        return read_field<R, I>(at);
-    else if constexpr (member.kind == Kind::embedded)
-        return read_embedded<R, I>(at);
-    else if constexpr (member.kind == Kind::sequence)
+    if constexpr (member.kind == Kind::sequence) {
         return read_sequence<R, I>(at);
+    } else {
+        if constexpr (I == 0 || is_in_run(R.members[I - 1], read_scope))
+            at.reader.stand_at_next();
+        if constexpr (member.kind == Kind::embedded)
+            return read_embedded<R, I>(at);
+        else
+            return read_choice<R, I>(at, std::make_index_sequence<member.options.size()>{});
+    }
+}
+
+// The record from a member on.
+template <const Record &R, std::size_t From> [[gnu::always_inline]] inline bool read_from(Progress &at)
+{
+    constexpr std::size_t nested = wire::end_of_run(R, From, read_scope);
+    if (run<R, From>.size() != 0 && !take<R, run<R, From>>(at))
+        return false;
+    if constexpr (nested == R.members.size())
+        return true;
     else
-        return read_choice<R, I>(at, std::make_index_sequence<member.options.size()>{});
+        return read_nested<R, nested>(at) && read_from<R, nested + 1>(at);
 }
 
 template <const Record &R> [[gnu::always_inline]] inline bool read_reference(Progress &at)
 {
-    constexpr ExpectedElement mat_id{wire::reference_mat_id.id, wire::reference_mat_id.width};
-    at.frame.reference_mat_type = load<uint32_t>(at.reader.element.value);
-    if (!next<R, mat_id>(at))
-        return false;
-    if (!expect_true(at.reader.element.id == mat_id.id))
+    wire::Reference reference{};
+    const bool is_taken = at.reader.take<reference_run>(&reference);
+    at.reference_mat_type = reference.mat_type;
+    if (!expect_true(is_taken))
         return leave<R>(at);
-    resolve(at.frame, R, at.object, load<uint16_t>(at.reader.element.value));
-    return next<R, marker(R.end)>(at, is_quiet(at.frame.in));
+    resolve(at.in, R, at.object, reference);
+    return go_on<R>(at, at.is_quiet()) && take<R, end_run<R>>(at);
 }
 
 template <const Record &R> [[gnu::always_inline]] inline bool read_content(Progress &at)
 {
     if constexpr (R.is_shareable()) {
-        if (at.reader.element.id == wire::reference_mat_type.id)
+        if (at.reader.is_at(reference_run[0]))
             return read_reference<R>(at);
     }
-    return [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline))
-    {
-        return (read_member<R, I>(at) && ...);
-    }
-    (std::make_index_sequence<R.members.size()>{});
+    return read_from<R, 0>(at);
 }
 
-// A record from behind its start marker on, or with it when it is the record's own to pull.
-// False: the record is complete, but not by this function alone.
-template <const Record &R>
-[[gnu::always_inline]] inline bool read_record(Frame &frame, void *object, ElementReader &reader, uint32_t own_start)
+// At the start marker, or behind it.
+template <const Record &R> [[gnu::always_inline]] inline bool read_record(Progress &at, Start start)
 {
-    frame.subtotal = 0;
     if constexpr (R.is_shareable())
-        wire::cached_flag(R, object) = 0;
-    Progress at{frame, object, reader, 0};
-    if (own_start != 0) {
-        if (!expect_true(reader.pull<marker(R.start)>() && reader.element.id == R.start))
-            return leave<R>(at);
-        at.own_start = 1;
-    }
-    if (!expect_true(reader.pull<element_at<R>(0)>()))
-        return leave<R>(at);
+        wire::cached_flag(R, at.object) = 0;
+    at.before = at.reader.taken;
+    if (start == Start::own_marker)
+        at.reader.stand_at_next();
+    if (start != Start::behind_marker && !take<R, start_run<R>>(at))
+        return false;
+    if (start == Start::shared_marker)
+        ++at.before;
+    at.reader.stand_at_next();
     if (!read_content<R>(at))
         return false;
-    if (!expect_true(reader.element.id == R.end))
-        return leave<R>(at);
-    frame.subtotal += own_start + at.own_elements + 1;
-    finish(frame, R, object);
-    disown_unsound(frame, R, object);
+    finish(at.in, at.is_sound, R, at.object);
     return true;
 }
 
-template <const Record &R> int32_t decode_fast(Frame &frame, void *__restrict object, uint32_t own_start)
+template <const Record &R> void decode_fast(Frame &frame, void *__restrict object, Start start)
 {
+    if (!is_quiet(frame.in.handle())) [[unlikely]]
+        return decode_generally(frame, R, object, start);
     ElementReader reader(frame.in.array, frame.in.cursor);
-    if (!is_quiet(frame.in)) [[unlikely]] {
-        begin(frame, R, object);
-        reader.pull();
-        return decode_in_any_order(frame, R, object, 0, reader);
-    }
-    read_record<R>(frame, object, reader, own_start);
+    if (start == Start::shared_marker)
+        reader.stand_at(R.start);
+    Progress at{frame.in, object, reader};
+    read_record<R>(at, start);
     reader.give_back();
-    return frame.status;
+    frame.elements = reader.taken - at.before;
+    frame.status = at.status;
 }
 
-// The records that stand at the top of a message or in a sequence.  Others are read fast
-// within those.
+// The header, and the records that messages have many of.  Others are read fast within those;
+// at the top of a message they are read generally, and what they contain is read fast.
 struct Row {
     const Record *record;
     DecodeRecord decode;
@@ -231,19 +332,12 @@ template <const Record &R> constexpr Row row{&R, decode_fast<R>};
 
 constexpr Row rows[] = {
     row<wire::kob_header>,
-    row<wire::stat_request_entry>,
-    row<wire::stat_request>,
     row<wire::if_element>,
-    row<wire::if_group>,
     row<wire::match_service_element>,
     row<wire::match>,
     row<wire::action>,
-    row<wire::match_grp>,
-    row<wire::action_grp>,
     row<wire::match_action_pair>,
-    row<wire::match_action_pair_grp>,
     row<wire::policy>,
-    row<wire::policy_list>,
 };
 
 } // namespace

@@ -14,20 +14,13 @@ using wire::Member;
 using wire::Option;
 using wire::Record;
 
-void begin(Frame &frame, const Record &record, void *object)
-{
-    frame.subtotal = 0;
-    if (record.is_shareable())
-        wire::cached_flag(record, object) = 0;
-}
-
 // ---- Sequences
 
 namespace {
 
-void report_no_memory(const Frame &frame, const Record &record, uint32_t count, std::size_t size)
+void report_no_memory(const Source &in, const Record &record, uint32_t count, std::size_t size)
 {
-    trace(frame.in.handle, Severity::error, record.decoder, "cannot allocate, count: %d, size: %d"_trace, count, size);
+    trace(in.handle(), Severity::error, record.decoder, "cannot allocate, count: %d, size: %d"_trace, count, size);
 }
 
 void free_array(const Member &sequence, void *object)
@@ -36,77 +29,62 @@ void free_array(const Member &sequence, void *object)
     wire::array_of(object, sequence) = nullptr;
 }
 
-// Decodes a record of any kind whose start marker has been read, or not.
-int32_t decode_record(Frame &frame, const Record &record, void *object, uint32_t own_start)
-{
-    if (const DecodeRecord decode = find_decoder(record))
-        return decode(frame, object, own_start);
-    begin(frame, record, object);
-    ElementReader reader(frame.in.array, frame.in.cursor);
-    reader.pull();
-    return decode_in_any_order(frame, record, object, 0, reader);
-}
-
 } // namespace
 
-void allocate_array(Frame &frame, const Record &record, const Member &sequence, void *object, uint32_t claimed)
+Frame::Array allocate_array(const Source &in, const Record &record, const Member &sequence, void *object,
+                            uint32_t claimed, Frame::Array before)
 {
     using State = Frame::Array;
-    if (frame.array == State::empty)
+    if (before == State::empty)
         free_array(sequence, object);
-    frame.array = State::closed;
     wire::array_of(object, sequence) = nullptr;
-    const uint32_t count = frame.in.budget.take(claimed);
+    const uint32_t count = in.budget.take(claimed);
     wire::set_count(object, sequence, count);
     if (count == 0)
-        return;
+        return State::closed;
     auto *const array = static_cast<wire::PointerArray>(std::calloc(count, sizeof(void *)));
-    if (array == nullptr) {
-        report_no_memory(frame, record, count, sizeof(void *));
-        wire::set_count(object, sequence, 0);
-        return;
-    }
     wire::array_of(object, sequence) = array;
-    frame.array = State::empty;
+    if (array != nullptr)
+        return State::empty;
+    report_no_memory(in, record, count, sizeof(void *));
+    wire::set_count(object, sequence, 0);
+    return State::closed;
 }
 
-// When memory runs out, the count is lowered to the members that are there, and further
-// ones are left to be skipped.
-void decode_members(Frame &frame, const Record &record, const Member &sequence, void *object,
-                    DecodeRecord decode_member)
+void close_array(const Source &in, const Record &record, const Member &sequence, void *object, uint32_t count)
+{
+    report_no_memory(in, record, 1, sequence.record->size);
+    wire::set_count(object, sequence, count);
+    if (count == 0) // the array of no members would be lost where a count of 0 says that there is none
+        free_array(sequence, object);
+}
+
+void decode_members(Frame &frame, const Record &record, const Member &sequence, void *object, uint32_t first)
 {
     using State = Frame::Array;
     if (frame.array != State::empty && frame.array != State::filled)
         return;
     frame.array = State::filled;
-    const Record &contained = *sequence.record;
-    wire::Pointer *const array = wire::array_of(object, sequence);
     const uint32_t count = wire::count_of(object, sequence);
-    for (uint32_t i = 0; i < count; ++i) {
-        void *const member = std::calloc(1, contained.size);
+    for (uint32_t i = first; i < count; ++i) {
+        void *const member = allocate_member(frame.in, record, sequence, object, i);
         if (member == nullptr) {
-            report_no_memory(frame, record, 1, contained.size);
-            wire::set_count(object, sequence, i);
-            if (i == 0) // the array of no members would be lost where a count of 0 says that there is none
-                free_array(sequence, object);
             frame.array = State::closed;
             return;
         }
-        array[i] = member;
-        uint32_t elements = 0;
-        Frame member_frame{frame.in, elements};
-        decode_member(member_frame, member, i == 0 ? 0 : 1);
-        frame.subtotal += elements;
+        Frame member_frame{frame.in};
+        decode_record(member_frame, *sequence.record, member, i == 0 ? Start::behind_marker : Start::own_marker);
+        frame.elements += member_frame.elements;
     }
 }
 
 // ---- References
 
-void report_unresolved(const Frame &frame, const Record &record, uint16_t mat_id)
+void report_unresolved(const Source &in, const Record &record, const wire::Reference &reference)
 {
     const char *const text = &record == &wire::action ? "a non-exisitng mat, app: %d, mat_type: %d, mat_id: %d"_trace
                                                       : "non-exisitng mat, app: %d, mat_type: %d, mat_id: %d"_trace;
-    trace(frame.in.handle, Severity::error, record.decoder, text, frame.in.app_type, frame.reference_mat_type, mat_id);
+    trace(in.handle(), Severity::error, record.decoder, text, in.pass.app_type, reference.mat_type, reference.mat_id);
 }
 
 void copy_named_object(uint32_t mat_type, const Record &record, void *object, const void *named)
@@ -125,19 +103,19 @@ void report_value(const Frame &frame, const Record &record, const Member &field,
     for (const ValueReport &report : value_reports) {
         if (report.id != field.id)
             continue;
-        const uint32_t value = field.width == 1 ? load<uint8_t>(place) : wire::load_number(place, field.width);
-        trace(frame.in.handle, Severity::detail, record.decoder, report.format, value & report.mask);
+        const uint32_t value =
+            field.width == 1 ? *static_cast<const uint8_t *>(place) : wire::load_number(place, field.width);
+        trace(frame.in.handle(), Severity::detail, record.decoder, report.format, value & report.mask);
     }
 }
 
 // Decodes a record that lies in another one.
 void decode_contained(Frame &frame, const Record &record, void *object)
 {
-    uint32_t elements = 0;
-    Frame contained{frame.in, elements};
-    decode_record(contained, record, object, 0);
-    frame.subtotal += elements;
-    frame.is_sound = is_sound_service(contained, record, object);
+    Frame contained{frame.in};
+    decode_record(contained, record, object, Start::behind_marker);
+    frame.elements += contained.elements;
+    frame.is_sound = is_sound_service(contained.array, record, object);
 }
 
 // The element that arrives decides, not the selector: the last record stands.
@@ -161,7 +139,7 @@ bool accept(Frame &frame, const Record &record, const Member &member, void *obje
     case Kind::field:
         if (!is_own_element)
             return false;
-        std::memcpy(place, element.value, read_width(member));
+        std::memcpy(place, element.value, read_width(member.id, member.width));
         report_value(frame, record, member, place);
         return true;
     case Kind::embedded:
@@ -171,9 +149,10 @@ bool accept(Frame &frame, const Record &record, const Member &member, void *obje
         return true;
     case Kind::sequence:
         if (is_own_element)
-            allocate_array(frame, record, member, object, wire::load_number(element.value, member.width));
+            frame.array = allocate_array(frame.in, record, member, object,
+                                         wire::load_number(element.value, member.width), frame.array);
         else if (member.record->start == element.id)
-            decode_members(frame, record, member, object, find_decoder(*member.record));
+            decode_members(frame, record, member, object, 0);
         else
             return false;
         return true;
@@ -185,10 +164,12 @@ bool accept(Frame &frame, const Record &record, const Member &member, void *obje
 
 bool accept_reference(Frame &frame, const Record &record, void *object, const TlvElement &element)
 {
+    const auto value = [&](const Member &field) { return wire::load_number(element.value, field.width); };
     if (element.id == wire::reference_mat_type.id)
-        frame.reference_mat_type = load<uint32_t>(element.value);
+        frame.reference_mat_type = value(wire::reference_mat_type);
     else if (element.id == wire::reference_mat_id.id)
-        resolve(frame, record, object, load<uint16_t>(element.value));
+        resolve(frame.in, record, object,
+                {frame.reference_mat_type, static_cast<uint16_t>(value(wire::reference_mat_id))});
     else
         return false;
     return true;
@@ -206,31 +187,25 @@ bool accept_any(Frame &frame, const Record &record, void *object, const TlvEleme
 
 } // namespace
 
-int32_t decode_in_any_order(Frame &frame, const Record &record, void *__restrict object, uint32_t own_elements,
-                            ElementReader reader)
+void decode_rest(Frame &frame, const Record &record, void *__restrict object, ElementReader reader)
 {
-    const zel_api_handle_t &handle = frame.in.handle;
-    const uint32_t &of_contained = frame.subtotal;
+    const zel_api_handle_t &handle = frame.in.handle();
     for (;; reader.take_back(), reader.pull()) {
         reader.give_back();
         const TlvElement &element = reader.element;
         if (reader.status != 0) {
-            frame.subtotal = own_elements + of_contained;
-            trace(handle, Severity::error, record.decoder, "tlv-get failed, tlv_subtotal: %d\n"_trace, frame.subtotal);
-            disown_unsound(frame, record, object);
-            return reader.status;
+            trace(handle, Severity::error, record.decoder, "tlv-get failed, tlv_subtotal: %d\n"_trace, frame.elements);
+            disown_unsound(frame.is_sound, record, object);
+            frame.status = reader.status;
+            return;
         }
         trace(handle, Severity::detail, record.decoder, "tlv type: %d, tlv_subtotal: %d"_trace, element.id,
-              own_elements + of_contained);
-        ++own_elements;
+              frame.elements);
+        ++frame.elements;
         if (accept_any(frame, record, object, element))
             continue;
-        if (element.id == record.end) {
-            frame.subtotal = own_elements + of_contained;
-            finish(frame, record, object);
-            disown_unsound(frame, record, object);
-            return 0;
-        }
+        if (element.id == record.end)
+            return finish(frame.in, frame.is_sound, record, object);
         // Members of a sequence, but for the first, find their own start marker here.
         if (element.id != record.start)
             trace(handle, Severity::warning, record.decoder, "unsupported TLV type: %d, ok if in ISSU"_trace,
@@ -238,10 +213,32 @@ int32_t decode_in_any_order(Frame &frame, const Record &record, void *__restrict
     }
 }
 
+void decode_generally(Frame &frame, const Record &record, void *object, Start start)
+{
+    if (record.is_shareable())
+        wire::cached_flag(record, object) = 0;
+    ElementReader reader(frame.in.array, frame.in.cursor);
+    if (start == Start::shared_marker)
+        reader.skip_marker();
+    reader.pull();
+    decode_rest(frame, record, object, reader);
+}
+
+void decode_record(Frame &frame, const Record &record, void *object, Start start)
+{
+    const DecodeRecord decode = find_decoder(record);
+    if (decode != nullptr)
+        decode(frame, object, start);
+    else
+        decode_generally(frame, record, object, start);
+}
+
 int32_t decode(const Source &in, const Record &record, void *object, uint32_t &subtotal)
 {
-    Frame frame{in, subtotal};
-    return decode_record(frame, record, object, 0);
+    Frame frame{in};
+    decode_record(frame, record, object, Start::behind_marker);
+    subtotal = frame.elements;
+    return frame.status;
 }
 
 } // namespace zel

@@ -1,6 +1,5 @@
 // The exported compression: for a record of any MAT type, in any mode.
-#include "encode/compress.hpp"
-
+#include "cache/pass.hpp"
 #include "encode/element.hpp"
 #include "model/trace.hpp"
 #include "wire/format.hpp"
@@ -15,14 +14,20 @@ uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size,
     const wire::Record *const object = wire::object_of(mat_type);
     if (object == nullptr && mat_type != ZEL_MAT_TYPE_NONE)
         trace(*handle, Severity::error, __func__, "unknown mat type: %d"_trace, mat_type);
-    if (object == nullptr || !object->is_shareable() || is_first_occurrence(handle, app_type, *object, record))
+    Marks none;
+    if (object == nullptr || !object->is_shareable() ||
+        Pass{handle, app_type, none}.is_first_occurrence(*object, record))
         return ZEL_COMPRESS_WHOLE;
     switch (mode) {
-    case MAT_TRAVERSE_ENCODE:
-        write_reference({handle, tlv_array, *size}, *object, record);
+    case MAT_TRAVERSE_ENCODE: {
+        const wire::Reference reference{mat_type, wire::id_of(*object, record)};
+        append_each({handle, tlv_array, *size},
+                    *object == wire::match ? reference_run<wire::match> : reference_run<wire::action>, &reference);
         return ZEL_COMPRESS_DONE;
+    }
     case MAT_TRAVERSE_SIZE:
-        *size += size_of_reference();
+        *size += 2 * element_size(sizeof zel_tlv_struct_start) + element_size(wire::reference_mat_type.width) +
+                 element_size(wire::reference_mat_id.width);
         return ZEL_COMPRESS_DONE;
     default:
         trace(*handle, Severity::error, __func__, "unknown mode: %d"_trace, mode);

@@ -1,4 +1,4 @@
-// The exported element writer and markers, and references.
+// The exported element writer and markers.
 #include "encode/element.hpp"
 
 #include "model/trace.hpp"
@@ -8,20 +8,18 @@ const uint8_t zel_tlv_struct_start = 0;
 const uint8_t zel_tlv_struct_end = 0;
 
 namespace zel {
-
-[[gnu::cold]] void report_failed_element(const zel_api_handle_t &handle, const char *field_name, int32_t status)
+[[gnu::cold]] void report_failure(const zel_api_handle_t &handle, const char *text, int32_t status)
 {
-    trace(handle, Severity::error, {"tlv_add_element", 126}, "Failed to encode %s  tlv element: %d"_trace, field_name,
+    trace(handle, Severity::error, {"tlv_add_element", 126}, "Failed to encode %s  tlv element: %d"_trace, text,
           status);
 }
 
-void write_reference(const ElementWriter &writer, const wire::Record &record, const void *object)
+int32_t append_each(const TargetArray &to, const wire::Run &run, const void *object)
 {
-    const wire::Reference reference{record.mat_type, wire::id_of(record, object)};
-    writer.add_start(record.start);
-    for (const wire::Member &member : wire::reference_members)
-        writer.add(member.id, member.width, wire::part(&reference, member.offset), member.text);
-    writer.add_end(record.end);
+    int32_t status = 0;
+    for (const wire::RunElement &element : run)
+        status = append(to, element.id, element.width, value_of(element, object), element.text);
+    return status;
 }
 
 namespace {
@@ -43,17 +41,21 @@ using namespace zel;
 int32_t tlv_add_element(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size, uint16_t element_id,
                         uint16_t length, const void *value, const char *field_name)
 {
-    return ElementWriter{handle, tlv_array, array_size}.add(element_id, length, value, field_name);
+    return append({handle, tlv_array, array_size}, element_id, length, value, field_name);
 }
 
 void zel_add_tlv_struct_start(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array, uint32_t array_size)
 {
+    wire::Run run;
     if (const wire::Record *const record = find_object(*handle, __func__, mat_type))
-        ElementWriter{handle, tlv_array, array_size}.add_start(record->start);
+        run.add_start(*record);
+    append_each({handle, tlv_array, array_size}, run, nullptr);
 }
 
 void zel_add_tlv_struct_end(zel_api_handle_t *handle, uint32_t mat_type, void *tlv_array, uint32_t array_size)
 {
+    wire::Run run;
     if (const wire::Record *const record = find_object(*handle, __func__, mat_type))
-        ElementWriter{handle, tlv_array, array_size}.add_end(record->end);
+        run.add_end(*record);
+    append_each({handle, tlv_array, array_size}, run, nullptr);
 }

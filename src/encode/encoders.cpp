@@ -1,15 +1,12 @@
 // Encoders: each record's members in wire order, appended to a TLV array.
 //
-// A record is a template argument here, so that every element's id and width is a
-// constant.
-#include "encode/compress.hpp"
-#include "encode/element.hpp"
+// A record is a template argument here, so that every run is a constant.
+#include "encode/encode.hpp"
+
 #include "model/trace.hpp"
 #include "platform/heartbeat.h"
-#include "wire/record_names.hpp"
 
 #include <atomic>
-#include <utility>
 
 namespace zel {
 namespace {
@@ -43,7 +40,7 @@ template <const Record &Group> void send_heartbeat([[maybe_unused]] uint32_t ind
 }
 
 // A match whose type has no parameter record.
-void report_no_parameter(const zel_api_handle_t &handle, const zel_match_t &match)
+[[gnu::cold]] void report_no_parameter(const zel_api_handle_t &handle, const zel_match_t &match)
 {
     constexpr const char *function = "zel_add_match_to_tlv";
     if (match.type == ZEL_MATCH_TYPE_ACL_IPV6)
@@ -52,121 +49,125 @@ void report_no_parameter(const zel_api_handle_t &handle, const zel_match_t &matc
         trace(handle, Severity::error, function, "unknown match type: %d"_trace, match.type);
 }
 
-struct Writer : ElementWriter {
-    uint32_t app_type;
+struct Writer {
+    const Pass &pass;
+    RunWriter runs;
 };
 
-template <const Record &R> int32_t write(const Writer &shared, const void *record);
-template <const Record &R> int32_t write_in_place(Writer writer, const void *record);
+template <const Record &R, std::size_t From = 0> int32_t write_from(Writer &writer, const void *object);
+
+// A record that may be a reference.
+template <const Record &R> [[gnu::always_inline]] inline int32_t write(Writer &writer, const void *object)
+{
+    if constexpr (R.is_shareable()) {
+        if (!writer.pass.is_first_occurrence(R, object)) {
+            const wire::Reference reference{R.mat_type, wire::id_of(R, object)};
+            writer.runs.add<reference_run<R>>(&reference);
+            return 0;
+        }
+    }
+    return write_from<R>(writer, object);
+}
+
+// The same in code of its own.  The writer is copied, so that it can stay in registers.
+template <const Record &R> [[gnu::noinline]] int32_t write_apart(Writer &shared, const void *object)
+{
+    Writer writer = shared;
+    const int32_t status = write<R>(writer, object);
+    shared.runs = writer.runs;
+    return status;
+}
 
 template <const Record &R, std::size_t I>
-[[gnu::always_inline]] inline void write_members(const Writer &writer, const void *record)
+[[gnu::always_inline]] inline void write_members(Writer &writer, const void *object)
 {
     constexpr const Member &sequence = R.members[I];
     constexpr const Record &contained = *sequence.record;
-    const uint32_t count = wire::count_of(record, sequence);
-    const wire::Pointer *const members = wire::array_of(record, sequence);
+    const uint32_t count = wire::count_of(object, sequence);
+    const wire::Pointer *const members = wire::array_of(object, sequence);
     for (uint32_t i = 0; i < count; ++i) {
         // Members lie anywhere; this loads the next one while the current one is written.
         if (i + 1 < count)
             __builtin_prefetch(members[i + 1]);
-        if constexpr (contained.is_leaf())
-            write_in_place<contained>(writer, members[i]);
+        if constexpr (is_apart<contained>)
+            write_apart<contained>(writer, members[i]);
         else
             write<contained>(writer, members[i]);
         send_heartbeat<R>(i);
     }
 }
 
-template <const Record &R, std::size_t I, std::size_t O>
-[[gnu::always_inline]] inline bool write_option(const Writer &writer, const void *record, uint32_t selector)
-{
-    constexpr const Option &option = R.members[I].options[O];
-    if (selector != option.value)
-        return false;
-    write_in_place<*option.record>(writer, wire::part(record, option.offset));
-    return true;
-}
-
+// False: the selector selects nothing.
 template <const Record &R, std::size_t I, std::size_t... O>
-[[gnu::always_inline]] inline void write_choice(const Writer &writer, const void *record, std::index_sequence<O...>)
+[[gnu::always_inline]] inline bool write_choice(Writer &writer, const void *object, std::index_sequence<O...>)
 {
-    const uint32_t selector = wire::number_at(record, R.members[I]);
-    if ((write_option<R, I, O>(writer, record, selector) || ...))
-        return;
-    if constexpr (R == wire::match)
-        report_no_parameter(*writer.handle, *static_cast<const zel_match_t *>(record));
+    constexpr const Member &choice = R.members[I];
+    const uint32_t selector = wire::number_at(object, choice);
+    return ((selector == choice.options[O].value &&
+             (write_from<*choice.options[O].record>(writer, wire::part(object, choice.options[O].offset)), true)) ||
+            ...);
 }
 
+// What lies between two runs.
 template <const Record &R, std::size_t I>
-[[gnu::always_inline]] inline void write_member(const Writer &writer, const void *record)
+[[gnu::always_inline]] inline void write_nested(Writer &writer, const void *object)
 {
     constexpr const Member &member = R.members[I];
-    const void *const place = wire::part(record, member.offset);
-    if constexpr (member.id != 0)
-        writer.add(member.id, member.width, place, member.text);
-    if constexpr (member.kind == Kind::embedded)
-        write_in_place<*member.record>(writer, place);
-    else if constexpr (member.kind == Kind::sequence)
-        write_members<R, I>(writer, record);
-    else if constexpr (member.kind == Kind::choice)
-        write_choice<R, I>(writer, record, std::make_index_sequence<member.options.size()>{});
-}
-
-// The whole record, within the encoding of another or its own.
-template <const Record &R> [[gnu::always_inline]] inline int32_t write_in_place(Writer writer, const void *record)
-{
-    writer.add_start(R.start);
-    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline))
-    {
-        (write_member<R, I>(writer, record), ...);
-    }
-    (std::make_index_sequence<R.members.size()>{});
-    return writer.add_end(R.end);
-}
-
-template <const Record &R> int32_t write(const Writer &shared, const void *record)
-{
-    const Writer writer = shared;
-    if constexpr (R.is_shareable()) {
-        if (!is_first_occurrence(writer.handle, writer.app_type, R, record)) {
-            write_reference(writer, R, record);
-            return 0;
+    if constexpr (member.kind == Kind::embedded) {
+        write_from<*member.record>(writer, wire::part(object, member.offset));
+    } else if constexpr (member.kind == Kind::sequence) {
+        write_members<R, I>(writer, object);
+    } else if (!write_choice<R, I>(writer, object, std::make_index_sequence<member.options.size()>{})) {
+        if constexpr (R == wire::match) {
+            writer.runs.close();
+            report_no_parameter(*writer.pass.handle, *static_cast<const zel_match_t *>(object));
         }
     }
-    return write_in_place<R>(writer, record);
 }
 
-template <const Record &R>
-int32_t encode(zel_api_handle_t *handle, void *array, uint32_t size, const void *record, uint32_t app_type = 0)
+// The whole record, or what follows a nested member.
+template <const Record &R, std::size_t From>
+[[gnu::always_inline]] inline int32_t write_from(Writer &writer, const void *object)
 {
-    return record != nullptr ? write<R>({{handle, array, size}, app_type}, record) : 0;
+    constexpr std::size_t nested = wire::end_of_run(R, From, written_scope);
+    const int32_t status = writer.runs.add<written_run<R, From>>(object);
+    if constexpr (nested == R.members.size()) {
+        return status;
+    } else {
+        write_nested<R, nested>(writer, object);
+        return write_from<R, nested + 1>(writer, object);
+    }
+}
+
+} // namespace
+
+template <const Record &R> int32_t encode(const Pass &pass, const TargetArray &to, const void *object)
+{
+    if (object == nullptr)
+        return 0;
+    Writer writer{pass, RunWriter(to)};
+    const int32_t status = write_apart<R>(writer, object);
+    writer.runs.close();
+    return status;
 }
 
 // A parameter record alone.  Only callers outside ask for it, so it is not worth unrolled
 // code of its own.
-int32_t encode_leaf(const ElementWriter &writer, const Record &record, const void *object)
+static int32_t encode_leaf(const TargetArray &to, const Record &record, const void *object)
 {
     if (object == nullptr)
         return 0;
-    writer.add_start(record.start);
+    append(to, record.start, sizeof zel_tlv_struct_start, &zel_tlv_struct_start, wire::start_marker_text);
     for (const Member &field : record.members)
-        writer.add(field.id, field.width, wire::part(object, field.offset), field.text);
-    return writer.add_end(record.end);
+        append(to, field.id, field.width, wire::part(object, field.offset), field.text);
+    return append(to, record.end, sizeof zel_tlv_struct_end, &zel_tlv_struct_end, wire::end_marker_text);
 }
 
-} // namespace
 } // namespace zel
 
 using namespace zel;
 
 // One macro per shape of signature.
-#define ENCODER(object)                                                                                                \
-    int32_t zel_add_##object##_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,                  \
-                                      const zel_##object##_t *record)                                                  \
-    {                                                                                                                  \
-        return encode<wire::object>(handle, tlv_array, array_size, record);                                            \
-    }
 #define LEAF_ENCODER(object)                                                                                           \
     int32_t zel_add_##object##_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,                  \
                                       const zel_##object##_t *record)                                                  \
@@ -175,13 +176,21 @@ using namespace zel;
         return encode_leaf({handle, tlv_array, array_size}, wire::object, record);                                     \
     }
 #define ENCODER_WITH_APP(object)                                                                                       \
+    template int32_t zel::encode<wire::object>(const Pass &, const TargetArray &, const void *);                       \
     int32_t zel_add_##object##_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,                  \
                                       const zel_##object##_t *record, uint32_t app_type)                               \
     {                                                                                                                  \
-        return encode<wire::object>(handle, tlv_array, array_size, record, app_type);                                  \
+        Marks none;                                                                                                    \
+        return encode<wire::object>({handle, app_type, none}, {handle, tlv_array, array_size}, record);                \
     }
 
-ENCODER(kob_header)
+int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
+                                  const zel_kob_header_t *record)
+{
+    Marks none;
+    return encode<wire::kob_header>({handle, 0, none}, {handle, tlv_array, array_size}, record);
+}
+
 ZEL_LEAF_RECORDS(LEAF_ENCODER)
 ZEL_PLAIN_RECORDS(ENCODER_WITH_APP)
 ZEL_CACHED_RECORDS(ENCODER_WITH_APP)

@@ -1,10 +1,9 @@
 // Traversal: one graph, three modes.  Sizing and encoding hand the whole graph to the size
 // functions and the encoders; only releasing walks the members here.
+#include "encode/encode.hpp"
 #include "model/trace.hpp"
-#include "wire/records.hpp"
 
 #include <cstdlib>
-#include <type_traits>
 
 namespace zel {
 namespace {
@@ -97,36 +96,44 @@ void release(const Record &record, void *object)
 
 struct Call {
     const char *function;
-    zel_api_handle_t *handle;
+    Pass pass;
     void *buffer;
     uint32_t *value;
     uint32_t mode;
-    uint32_t app;
 };
 
-template <const Record &Description, class R, class Encode, class Size>
-uint32_t traverse(const Call &call, R *obj, Encode encode, Size size)
+template <const Record &R> uint32_t traverse(const Call &call, void *object)
 {
     switch (call.mode) {
     case MAT_TRAVERSE_ENCODE:
-        encode(call.handle, call.buffer, *call.value, obj, call.app);
+        encode<R>(call.pass, {call.pass.handle, call.buffer, *call.value}, object);
         break;
     case MAT_TRAVERSE_SIZE:
-        if constexpr (std::is_invocable_v<Size, zel_api_handle_t *, const R *, uint32_t>)
-            *call.value += size(call.handle, obj, call.app);
-        else
-            *call.value += size(obj, call.app);
+        *call.value += encoded_size<R>(call.pass, object);
         break;
     case MAT_TRAVERSE_FREE:
-        if (obj != nullptr)
-            release(Description, obj);
+        if (object != nullptr)
+            release(R, object);
         break;
     default:
-        if constexpr (!Description.is_shareable())
-            trace(*call.handle, Severity::error, call.function, "unsurported mode: %d"_trace, call.mode);
+        if constexpr (!R.is_shareable())
+            trace(*call.pass.handle, Severity::error, call.function, "unsurported mode: %d"_trace, call.mode);
     }
     return 0;
 }
+
+// Has no traversal of its own, says nothing about unknown modes, and its size is not added
+// to anything.
+uint32_t traverse_stat_request(const Call &call, void *object)
+{
+    if (call.mode == MAT_TRAVERSE_SIZE)
+        *call.value = 0;
+    const bool is_known =
+        call.mode == MAT_TRAVERSE_SIZE || call.mode == MAT_TRAVERSE_ENCODE || call.mode == MAT_TRAVERSE_FREE;
+    return is_known ? traverse<wire::stat_request>(call, object) : 0;
+}
+
+uint32_t traverse_nothing(const Call &, void *) { return 0; }
 
 } // namespace
 } // namespace zel
@@ -134,12 +141,12 @@ uint32_t traverse(const Call &call, R *obj, Encode encode, Size size)
 using namespace zel;
 
 // C names cannot come from a template, so this makes them.
-#define TRAVERSAL(name, object)                                                                                        \
-    uint32_t traverse_mat_##name##_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_##object##_t *obj, \
+#define TRAVERSAL(name, record)                                                                                        \
+    uint32_t traverse_mat_##name##_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_##record##_t *obj, \
                                        uint32_t mode, uint32_t app)                                                    \
     {                                                                                                                  \
-        return traverse<wire::object>({__func__, handle, buffer, value, mode, app}, obj, zel_add_##object##_to_tlv,    \
-                                      zel_##object##_get_tlv_sz);                                                      \
+        Marks none;                                                                                                    \
+        return traverse<wire::record>({__func__, {handle, app, none}, buffer, value, mode}, obj);                      \
     }
 
 TRAVERSAL(policy_list, policy_list)
@@ -156,60 +163,35 @@ TRAVERSAL(action_redirect, action_param_redirect)
 namespace zel {
 namespace {
 
-// Has no traversal of its own, and says nothing about unknown modes.
-void traverse_stat_request(const Call &call, zel_stat_request_t *obj)
-{
-    switch (call.mode) {
-    case MAT_TRAVERSE_ENCODE:
-        zel_add_stat_request_to_tlv(call.handle, call.buffer, *call.value, obj, call.app);
-        break;
-    case MAT_TRAVERSE_SIZE:
-        *call.value = zel_stat_request_get_tlv_sz(obj, call.app);
-        break;
-    case MAT_TRAVERSE_FREE:
-        if (obj != nullptr)
-            release(wire::stat_request, obj);
-        break;
-    }
-}
+// The types that a message may carry, each with the name of its traversal in reports.
+struct Row {
+    uint32_t mat_type;
+    const char *function;
+    uint32_t (*traverse)(const Call &, void *);
+};
 
-template <class R> using Traversal = uint32_t (*)(zel_api_handle_t *, void *, uint32_t *, R *, uint32_t, uint32_t);
+template <const Record &R> constexpr Row row(const char *function) { return {R.mat_type, function, traverse<R>}; }
 
-template <class R> uint32_t traverse_as(Traversal<R> traverse_one, const Call &call, void *obj)
-{
-    return traverse_one(call.handle, call.buffer, call.value, static_cast<R *>(obj), call.mode, call.app);
-}
+constexpr Row rows[] = {
+    row<wire::policy_list>("traverse_mat_policy_list_obj"),
+    row<wire::policy>("traverse_mat_policy_obj"),
+    row<wire::match_action_pair_grp>("traverse_mat_match_action_pair_grp_obj"),
+    row<wire::match_action_pair>("traverse_mat_match_action_pair_obj"),
+    row<wire::match_grp>("traverse_mat_match_grp_obj"),
+    row<wire::action_grp>("traverse_mat_action_grp_obj"),
+    row<wire::match>("traverse_mat_match_obj"),
+    row<wire::action>("traverse_mat_action_obj"),
+    row<wire::if_group>("traverse_mat_if_group_obj"),
+    {ZEL_MAT_TYPE_STAT_REQUEST, "", traverse_stat_request},
+    {ZEL_MAT_TYPE_NONE, "", traverse_nothing},
+};
 
-// Inlined, so that a call stays in registers instead of being written and read again.
-[[gnu::always_inline]] inline uint32_t traverse_root(const Call &call, uint32_t mat_type, void *obj)
+const Row *find_row(uint32_t mat_type)
 {
-    switch (mat_type) {
-    case ZEL_MAT_TYPE_POLICY_LIST:
-        return traverse_as(traverse_mat_policy_list_obj, call, obj);
-    case ZEL_MAT_TYPE_POLICY:
-        return traverse_as(traverse_mat_policy_obj, call, obj);
-    case ZEL_MAT_TYPE_MATCH_ACTION_PAIR_GROUP:
-        return traverse_as(traverse_mat_match_action_pair_grp_obj, call, obj);
-    case ZEL_MAT_TYPE_MATCH_ACTION_PAIR:
-        return traverse_as(traverse_mat_match_action_pair_obj, call, obj);
-    case ZEL_MAT_TYPE_MATCH_GROUP:
-        return traverse_as(traverse_mat_match_grp_obj, call, obj);
-    case ZEL_MAT_TYPE_ACTION_GROUP:
-        return traverse_as(traverse_mat_action_grp_obj, call, obj);
-    case ZEL_MAT_TYPE_MATCH:
-        return traverse_as(traverse_mat_match_obj, call, obj);
-    case ZEL_MAT_TYPE_ACTION:
-        return traverse_as(traverse_mat_action_obj, call, obj);
-    case ZEL_MAT_TYPE_IF_GROUP:
-        return traverse_as(traverse_mat_if_group_obj, call, obj);
-    case ZEL_MAT_TYPE_STAT_REQUEST:
-        traverse_stat_request(call, static_cast<zel_stat_request_t *>(obj));
-        return 0;
-    case ZEL_MAT_TYPE_NONE:
-        return 0;
-    default:
-        return 1;
-    }
+    for (const Row &row : rows)
+        if (row.mat_type == mat_type)
+            return &row;
+    return nullptr;
 }
 
 } // namespace
@@ -220,7 +202,11 @@ template <class R> uint32_t traverse_as(Traversal<R> traverse_one, const Call &c
 uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, uint32_t mat_type, void *obj,
                           uint32_t app, uint32_t mode)
 {
-    const uint32_t result = traverse_root({__func__, handle, buffer, value, mode, app}, mat_type, obj);
+    uint32_t result = 1;
+    if (const Row *const row = find_row(mat_type)) {
+        Marks marks(*handle, app);
+        result = row->traverse({row->function, {handle, app, marks}, buffer, value, mode}, obj);
+    }
     zel_empty_mat_cache(handle);
     return result;
 }

@@ -1,6 +1,7 @@
 // The one trace procedure: every report of the library passes through trace().
 #pragma once
 
+#include "cache/marks.hpp"
 #include "model/fixed_string.hpp"
 #include "platform/trace.h"
 #include "zel.h"
@@ -136,8 +137,16 @@ template <class... Args>
 {
     if (handle.debug != 0)
         log(severity, site, format, site.function, site.line, ApplicationName(handle.app_type).text(), args...);
-    if (const auto callback = callback_of(handle, severity))
+    if (const auto callback = callback_of(handle, severity)) {
+        Marks::give_up(handle);
         callback(format + trace_prefix_length, value_of(args)...);
+    }
+}
+
+// Whether no report about single elements and objects goes anywhere.
+inline bool is_quiet(const zel_api_handle_t &handle)
+{
+    return !reports_are_compiled_in || (handle.debug == 0 && handle.dbg_cb == nullptr);
 }
 
 // Reports a text, made by _trace, to the trace facility when the handle's debug

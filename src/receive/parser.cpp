@@ -22,9 +22,11 @@ constexpr auto process_id = [] { return getpid(); };
 struct Parse {
     zel_api_handle_t &handle;
     uint32_t app_type; // the caller's until the header comes
+    Marks marks{handle, app_type};
 
     const void *array = nullptr;
     uint32_t num_tlvs = 0;
+    bool is_counted = false;
     uint32_t consumed = 0;
     uint32_t cursor = 0;
     AllocationBudget budget{};
@@ -48,7 +50,8 @@ template <class... Args> void report(const Parse &parse, int line, const char *t
 void read(Parse &parse, const Record &record, void *object)
 {
     uint32_t subtotal = 0;
-    decode({parse.handle, parse.array, &parse.cursor, parse.app_type, parse.budget}, record, object, subtotal);
+    decode({{&parse.handle, parse.app_type, parse.marks}, parse.array, &parse.cursor, parse.budget}, record, object,
+           subtotal);
     parse.consumed += subtotal;
 }
 
@@ -58,6 +61,7 @@ void read_header(Parse &parse)
     read(parse, wire::kob_header, &header);
     parse.has_header = true;
     parse.app_type = header.app_type;
+    parse.marks.set_application(header.app_type);
     report(parse, 4136,
            "PID %d: type: TLV_ZEL_KOB_HEADER, api_type: %d, app_type: %d, policy_id: %d, op_code: %d"_trace, process_id,
            header.api_type, header.app_type, header.policy_id, header.op_code);
@@ -173,12 +177,31 @@ bool read_next(Parse &parse, uint16_t &type, uint16_t &length)
     return status == 0;
 }
 
+void count_elements(Parse &parse)
+{
+    if (!parse.is_counted && parse.array != nullptr)
+        parse.num_tlvs = tlv_array_get_num_tlvs(parse.array, 0);
+    parse.is_counted = true;
+}
+
+// Whether the message has more elements.  In one program with its platform, the end of the
+// array says so, and the elements are counted only for reports.
+bool has_more(Parse &parse)
+{
+#ifdef ZEL_INLINE_ELEMENTS
+    if (is_quiet(parse.handle))
+        return parse.array != nullptr && parse.cursor < platform::used_bytes(parse.array);
+#endif
+    count_elements(parse);
+    return parse.consumed < parse.num_tlvs;
+}
+
 // False: out of memory.
 bool read_records(Parse &parse)
 {
     uint16_t type = 0;
     uint16_t length = 0;
-    while (parse.consumed < parse.num_tlvs && read_next(parse, type, length)) {
+    while (has_more(parse) && read_next(parse, type, length)) {
         const Row *const row = find_row(type);
         if (row == nullptr) {
             report(parse, 4317, "Unsupported TLV type: %d, length: %d. Ok if ISSU\n"_trace, type, length);
@@ -215,8 +238,8 @@ void *parse_array(Parse &parse, const void *array)
 {
     parse.array = array;
     parse.budget.array = array;
-    if (array != nullptr)
-        parse.num_tlvs = tlv_array_get_num_tlvs(array, 0);
+    if (!platform_is_inline || !is_quiet(parse.handle))
+        count_elements(parse);
     report(parse, 4104, "num_tlvs: %d\n"_trace, parse.num_tlvs);
 
     const bool is_complete = read_records(parse);
@@ -228,12 +251,7 @@ void *parse_array(Parse &parse, const void *array)
     return parse.last_objects[get_mat_obj_type(parse.header.api_type)];
 }
 
-Parse begin(zel_api_handle_t &handle, uint32_t app_type)
-{
-    Parse parse{handle, app_type};
-    report(parse, 4092, "parse_mat_obj_from_kob() begins.\n"_trace);
-    return parse;
-}
+void begin(const Parse &parse) { report(parse, 4092, "parse_mat_obj_from_kob() begins.\n"_trace); }
 
 } // namespace
 } // namespace zel
@@ -243,7 +261,8 @@ using namespace zel;
 void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *handle, void *kob_msg, uint32_t *mat_type_out,
                              uint32_t *api_type_out, uint16_t *policy_id_out, uint32_t *app_type_inout)
 {
-    Parse parse = begin(*handle, *app_type_inout);
+    Parse parse{*handle, *app_type_inout};
+    begin(parse);
     void *const object = parse_array(parse, payload_of(kob_ctx, kob_msg));
     *mat_type_out = get_mat_obj_type(parse.header.api_type);
     if (parse.has_header) {
@@ -256,7 +275,8 @@ void *parse_mat_obj_from_kob(uint32_t kob_ctx, zel_api_handle_t *handle, void *k
 
 void *zel_parse_tlv_array(zel_api_handle_t *handle, const void *tlv_array, zel_kob_header_t *header)
 {
-    Parse parse = begin(*handle, header->app_type);
+    Parse parse{*handle, header->app_type};
+    begin(parse);
     void *const object = parse_array(parse, tlv_array);
     if (parse.has_header)
         *header = parse.header;

@@ -1,9 +1,11 @@
-# The library and the reference platform in one archive, compiled anew for programs that
-# are optimised as a whole.  The objects are fat: they hold ordinary code as well, for
-# linkers that do not know the compiler.  libzel.a itself is plain, because GCC optimises
-# across fat objects even when a link does not ask for it, and whoever puts functions of
-# his own between library and platform would not see them called.
+# The library and the reference platform as one object, optimised as a whole here: who links
+# it needs no option and no particular compiler.  libzel.a itself is plain, because a program
+# may put functions of its own between library and platform.
+#
+# Symbols that are not exported are local to the object.
 function(add_whole_library name)
+    separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
+    set(options -O3 -fPIC -flto)
     foreach(library zel_objects zel_platform)
         get_target_property(sources ${library} SOURCES)
         get_target_property(folder ${library} SOURCE_DIR)
@@ -12,8 +14,7 @@ function(add_whole_library name)
         target_include_directories(${name}_${library} PRIVATE
             ${PROJECT_SOURCE_DIR}/reference/include $<TARGET_PROPERTY:${library},INCLUDE_DIRECTORIES>)
         target_link_libraries(${name}_${library} PRIVATE zel_wire)
-        target_compile_options(${name}_${library} PRIVATE
-            $<TARGET_PROPERTY:${library},COMPILE_OPTIONS> -flto -ffat-lto-objects)
+        target_compile_options(${name}_${library} PRIVATE $<TARGET_PROPERTY:${library},COMPILE_OPTIONS> ${options})
         # The library takes the platform's inline functions instead of calling it for every element.
         target_compile_definitions(${name}_${library} PRIVATE
             ZEL_INLINE_ELEMENTS="reference/tlv/array.hpp" ${ARGN})
@@ -22,9 +23,20 @@ function(add_whole_library name)
             VISIBILITY_INLINES_HIDDEN ON)
         list(APPEND objects $<TARGET_OBJECTS:${name}_${library}>)
     endforeach()
-    add_library(${name} STATIC ${objects})
+
+    set(object ${CMAKE_CURRENT_BINARY_DIR}/${name}.o)
+    # One partition: GCC 12 fails on several.
+    add_custom_command(OUTPUT ${object}
+        COMMAND ${CMAKE_CXX_COMPILER} ${flags} ${options} -r -nostdlib -flinker-output=nolto-rel -flto-partition=one
+            -o ${object} ${objects}
+        COMMAND ${CMAKE_OBJCOPY} --localize-hidden --strip-debug ${object}
+        DEPENDS ${objects}
+        COMMAND_EXPAND_LISTS
+        COMMENT "Optimising ${name} as a whole"
+        VERBATIM)
+    set_source_files_properties(${object} PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
+    add_library(${name} STATIC ${object})
+    set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
     target_include_directories(${name} PUBLIC
         ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/reference/include)
-    target_compile_options(${name} INTERFACE -flto)
-    target_link_options(${name} INTERFACE -flto=auto)
 endfunction()

@@ -944,6 +944,18 @@ ZEL_EXPORT void zel_free_stat_results(zel_stat_results_t *results);
 ZEL_EXPORT uint32_t send_to_zel(uint32_t *result, uint32_t api_type, zel_api_handle_t *handle, uint16_t policy_id,
                                 const void *obj, uint32_t op_code, void *kob_msg);
 
+/*
+ * The message that send_to_zel() would send, for another transport or a file.
+ *
+ * header  api_type says what obj is
+ * obj     root record; null gives a message of the header alone
+ * size    out: bytes of the message
+ *
+ * Returns the message, which the caller free()s, or null without memory.
+ */
+ZEL_EXPORT void *zel_encode_message(zel_api_handle_t *handle, const zel_kob_header_t *header, const void *obj,
+                                    uint32_t *size);
+
 /* Encoded size of a graph, without header.  Leaves the handle's cache empty. */
 ZEL_EXPORT uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
                                              const void *obj);

@@ -9,7 +9,6 @@ namespace bench {
 namespace {
 
 constexpr uint32_t app_type = 1;
-constexpr uint32_t array_overhead = 4;
 
 class LibZel final : public Contender {
 public:
@@ -27,12 +26,9 @@ public:
     // What a request does, up to the transport.
     Encoded encode() override
     {
-        const uint32_t size = zel_kob_header_get_tlv_sz() + array_overhead +
-                              get_mat_obj_size_for_kob(&handle_, app_type, mat_type_, root_);
-        void *const message = std::calloc(size, 1);
         const zel_kob_header_t header{api_type_, app_type, policy_id_, 1};
-        zel_add_kob_header_to_tlv(&handle_, message, size, &header);
-        assemble_mat_obj_for_kob(&handle_, app_type, message, size, mat_type_, root_);
+        uint32_t size = 0;
+        void *const message = zel_encode_message(&handle_, &header, root_, &size);
         return encoded_in(message, size);
     }
 

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 
 namespace zel {
 namespace {
@@ -26,6 +27,52 @@ constexpr auto carried_types = [] {
     types[ZEL_API_STATS_PULL] = ZEL_MAT_TYPE_STAT_REQUEST;
     return types;
 }();
+
+struct MessageSize {
+    uint32_t header; // with what the array takes
+    uint32_t data;
+
+    uint32_t total() const { return header + data; }
+};
+
+MessageSize size_of_message(zel_api_handle_t &handle, const zel_kob_header_t &header, const void *obj)
+{
+    const uint32_t header_size = zel_kob_header_get_tlv_sz() + array_overhead;
+    return {header_size, get_mat_obj_size_for_kob(&handle, header.app_type, get_mat_obj_type(header.api_type), obj)};
+}
+
+// An empty array.  In one program with its platform, only what encoding leaves unused is zeroed.
+void *allocate_array(uint32_t size)
+{
+#ifdef ZEL_INLINE_ELEMENTS
+    void *const array = std::malloc(size);
+    if (array != nullptr)
+        platform::set_used_bytes(array, 0);
+    return array;
+#else
+    return std::calloc(size, 1);
+#endif
+}
+
+void zero_unused([[maybe_unused]] void *array, [[maybe_unused]] uint32_t size)
+{
+#ifdef ZEL_INLINE_ELEMENTS
+    const uint32_t used = array_overhead + platform::used_bytes(array);
+    std::memset(static_cast<char *>(array) + used, 0, size - used);
+#endif
+}
+
+// The message, or null without memory.
+void *encode_message(zel_api_handle_t &handle, const zel_kob_header_t &header, const void *obj, MessageSize size)
+{
+    void *const message = allocate_array(size.total());
+    if (message == nullptr)
+        return nullptr;
+    zel_add_kob_header_to_tlv(&handle, message, size.total(), &header);
+    assemble_mat_obj_for_kob(&handle, header.app_type, message, size.total(), get_mat_obj_type(header.api_type), obj);
+    zero_unused(message, size.total());
+    return message;
+}
 
 // Hands the message to the transport, plainly or in parts.  Returns the token,
 // or 0 after reporting a refusal.
@@ -71,22 +118,23 @@ uint32_t send_to_zel(uint32_t *result, uint32_t api_type, zel_api_handle_t *hand
     if (handle->kob_handle == ZEL_KOB_NO_TRANSPORT)
         return ZEL_SEND_ERR_NO_TRANSPORT;
 
-    const uint32_t mat_type = get_mat_obj_type(api_type);
-    const uint32_t header_size = zel_kob_header_get_tlv_sz() + array_overhead;
-    const uint32_t data_size = get_mat_obj_size_for_kob(handle, handle->app_type, mat_type, obj);
-    const uint32_t size = header_size + data_size;
+    const zel_kob_header_t header{api_type, handle->app_type, policy_id, op_code};
+    const MessageSize size = size_of_message(*handle, header, obj);
     trace(*handle, Severity::notice, {__func__, 3977}, "size_tlv_arr_4_hdr: %d, size_tlv_arr_4_data: %d\n"_trace,
-          header_size, data_size);
-
-    void *const message = std::calloc(size, 1);
+          size.header, size.data);
+    void *const message = encode_message(*handle, header, obj, size);
     if (message == nullptr)
         return ZEL_SEND_ERR_NO_MEMORY;
-    const zel_kob_header_t header{api_type, handle->app_type, policy_id, op_code};
-    zel_add_kob_header_to_tlv(handle, message, size, &header);
-    assemble_mat_obj_for_kob(handle, handle->app_type, message, size, mat_type, obj);
-    *result = transmit(*handle, message, size, kob_msg);
+    *result = transmit(*handle, message, size.total(), kob_msg);
     std::free(message);
     return ZEL_SEND_DONE;
+}
+
+void *zel_encode_message(zel_api_handle_t *handle, const zel_kob_header_t *header, const void *obj, uint32_t *size)
+{
+    const MessageSize needed = size_of_message(*handle, *header, obj);
+    *size = needed.total();
+    return encode_message(*handle, *header, obj, needed);
 }
 
 uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, const void *obj)

@@ -5,7 +5,9 @@
 
 #include "cache/object_cache.hpp"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 namespace zel {
 namespace {
@@ -14,7 +16,24 @@ namespace {
 // in a callback, and before that the marks are given up.
 constinit thread_local Marks *current = nullptr;
 
+// The memory of a new node, with this in every place.
+template <class Node, class Place> Node *make_node(Place Node::*places, std::remove_all_extents_t<Place> none)
+{
+    auto *const node = static_cast<Node *>(std::malloc(sizeof(Node)));
+    if (node != nullptr)
+        std::fill(std::begin(node->*places), std::end(node->*places), none);
+    return node;
+}
+
 } // namespace
+
+Marks::Leaf Marks::no_leaf = {};
+Marks::Branch Marks::no_branch = [] {
+    Branch branch{};
+    for (Leaf *&leaf : branch.leaves)
+        leaf = &no_leaf;
+    return branch;
+}();
 
 Marks::Marks(zel_api_handle_t &handle, uint32_t app_type)
 {
@@ -29,35 +48,49 @@ void Marks::end()
 {
     handle_ = nullptr;
     current = nullptr;
-    free_index();
+    if (is_indexed_)
+        free_index();
 }
 
 void Marks::free_index()
 {
-    for (uint32_t i = 0; index_ != nullptr && i < num_pages; ++i)
-        std::free(index_[i]);
-    std::free(index_);
-    index_ = nullptr;
+    for (Branch *const branch : root_) {
+        if (branch == &no_branch)
+            continue;
+        for (Leaf *const leaf : branch->leaves)
+            if (leaf != &no_leaf)
+                std::free(leaf);
+        std::free(branch);
+    }
+    is_indexed_ = false;
 }
 
 // False: no memory.
 bool Marks::set_in_index(Key key, void *object)
 {
-    void **&page = index_[key / page_size];
-    if (page == nullptr)
-        page = static_cast<void **>(std::calloc(page_size, sizeof *page));
-    if (page == nullptr)
-        return false;
-    page[key % page_size] = object;
+    Branch *&branch = root_[key / leaf_size / branch_size];
+    if (branch == &no_branch) {
+        auto *const made = make_node(&Branch::leaves, &no_leaf);
+        if (made == nullptr)
+            return false;
+        branch = made;
+    }
+    Leaf *&leaf = branch->leaves[key / leaf_size % branch_size];
+    if (leaf == &no_leaf) {
+        auto *const made = make_node(&Leaf::objects, nullptr);
+        if (made == nullptr)
+            return false;
+        leaf = made;
+    }
+    leaf->objects[key % leaf_size] = object;
     return true;
 }
 
 // False: no memory, and the list holds all marks.
 bool Marks::make_index()
 {
-    index_ = static_cast<void ***>(std::calloc(num_pages, sizeof *index_));
-    if (index_ == nullptr)
-        return false;
+    std::fill(std::begin(root_), std::end(root_), &no_branch);
+    is_indexed_ = true;
     for (uint32_t i = 0; i < length_; ++i) {
         if (!set_in_index(keys_[i], objects_[i])) {
             free_index();
@@ -69,7 +102,7 @@ bool Marks::make_index()
 
 bool Marks::set_rarely(Key key, void *object)
 {
-    if ((index_ != nullptr || make_index()) && set_in_index(key, object))
+    if ((is_indexed_ || make_index()) && set_in_index(key, object))
         return true;
     become_entries();
     return false;
@@ -84,12 +117,13 @@ void Marks::become_entries()
         const uint32_t mat_type = (key & action_bit) != 0 ? ZEL_MAT_TYPE_ACTION : ZEL_MAT_TYPE_MATCH;
         store_in_cache(handle, app_type_, mat_type, static_cast<uint16_t>(key), object);
     };
-    for (uint32_t i = 0; index_ == nullptr && i < length_; ++i)
+    for (uint32_t i = 0; !is_indexed_ && i < length_; ++i)
         store(keys_[i], objects_[i]);
-    for (Key key = 0; index_ != nullptr && key < num_pages * page_size; ++key)
-        if (void **const page = index_[key / page_size]; page != nullptr && page[key % page_size] != nullptr)
-            store(key, page[key % page_size]);
-    free_index();
+    for (Key key = 0; is_indexed_ && key < num_keys; ++key)
+        if (void *const object = leaf_of(key).objects[key % leaf_size])
+            store(key, object);
+    if (is_indexed_)
+        free_index();
 }
 
 void Marks::set_application(uint32_t app_type)

@@ -5,8 +5,9 @@
 // instead: no entry is allocated, none is freed.  Before a callback runs, the marks become
 // entries of the cache, and the pass goes on with those.
 //
-// The first objects are in a list.  A longer one becomes an index by id, in pages of 256
-// ids, so that no choice of ids costs more than another.
+// The first objects are in a list.  A longer one becomes an index by id, a tree of three
+// levels, so that no choice of ids costs more than another.  Its nodes are small: a C library
+// tidies up all that has been freed when it is asked for a large block.
 #pragma once
 
 #include "model/elements.hpp"
@@ -34,10 +35,8 @@ public:
     [[gnu::always_inline]] void *find(uint32_t mat_type, uint16_t id) const
     {
         const Key key = key_of(mat_type, id);
-        if (index_ != nullptr) {
-            void *const *const page = index_[key / page_size];
-            return page != nullptr ? page[key % page_size] : nullptr;
-        }
+        if (is_indexed_)
+            return leaf_of(key).objects[key % leaf_size];
         for (uint32_t i = 0; i < length_; ++i)
             if (keys_[i] == key)
                 return objects_[i];
@@ -48,15 +47,14 @@ public:
     [[gnu::always_inline]] bool set(uint32_t mat_type, uint16_t id, void *object)
     {
         const Key key = key_of(mat_type, id);
-        if (index_ == nullptr && length_ < list_size) {
+        if (!is_indexed_ && length_ < list_size) {
             keys_[length_] = key;
             objects_[length_++] = object;
             return true;
         }
-        void **const page = index_ != nullptr ? index_[key / page_size] : nullptr;
-        if (!expect_true(page != nullptr))
+        if (!is_indexed_ || !expect_true(&leaf_of(key) != &no_leaf))
             return set_rarely(key, object);
-        page[key % page_size] = object;
+        leaf_of(key).objects[key % leaf_size] = object;
         return true;
     }
 
@@ -69,10 +67,27 @@ public:
 private:
     using Key = uint32_t; // 16 bits of id; above them, whether it is a match or an action
 
-    static constexpr uint32_t list_size = 16;
-    static constexpr uint32_t page_size = 256;
-    static constexpr uint32_t num_pages = 2 * 65536 / page_size;
+    static constexpr uint32_t list_size = 32;
+    static constexpr uint32_t leaf_size = 64;
+    static constexpr uint32_t branch_size = 64;
+    static constexpr uint32_t num_keys = 2 * 65536;
     static constexpr uint32_t action_bit = 1 << 16;
+
+    struct Leaf {
+        void *objects[leaf_size];
+    };
+    struct Branch {
+        Leaf *leaves[branch_size];
+    };
+
+    // Stand where there is no node yet, so that finding needs no conditions.  Never written.
+    static Leaf no_leaf;
+    static Branch no_branch;
+
+    Leaf &leaf_of(Key key) const
+    {
+        return *root_[key / leaf_size / branch_size]->leaves[key / leaf_size % branch_size];
+    }
 
     static Key key_of(uint32_t mat_type, uint16_t id)
     {
@@ -89,7 +104,8 @@ private:
     zel_api_handle_t *handle_ = nullptr; // null: off
     uint32_t app_type_ = 0;
     uint32_t length_ = 0; // of the list
-    void ***index_ = nullptr;
+    bool is_indexed_ = false;
+    Branch *root_[num_keys / leaf_size / branch_size];
     Key keys_[list_size];
     void *objects_[list_size];
 };

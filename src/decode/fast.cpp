@@ -45,7 +45,7 @@ template <const Record &R> constexpr bool is_one_run = platform_is_inline &&R.is
 template <const Record &R> constexpr Run whole_run = run_with_start(R, read_scope);
 
 // Members of a sequence that are read within the code of their container.
-template <const Record &R> constexpr bool is_in_place = platform_is_inline && (R.is_leaf() || R.is_shareable());
+template <const Record &R> constexpr bool is_in_place = platform_is_inline &&R != wire::policy;
 
 // ---- Reading
 
@@ -331,12 +331,8 @@ struct Row {
 template <const Record &R> constexpr Row row{&R, decode_fast<R>};
 
 constexpr Row rows[] = {
-    row<wire::kob_header>,
-    row<wire::if_element>,
-    row<wire::match_service_element>,
-    row<wire::match>,
-    row<wire::action>,
-    row<wire::match_action_pair>,
+    row<wire::kob_header>, row<wire::if_element>, row<wire::match_service_element>,
+    row<wire::match>,      row<wire::action>,     row<wire::match_action_pair>,
     row<wire::policy>,
 };
 

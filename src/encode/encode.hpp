@@ -8,9 +8,9 @@
 namespace zel {
 
 // Members of a sequence that get code of their own.  In one program with its platform, all
-// that lies in a pair is written and sized within the pair.
+// that lies in a policy is written and sized within the policy, from registers.
 template <const wire::Record &R>
-inline constexpr bool is_apart = !R.is_leaf() && !(platform_is_inline && R.is_shareable());
+inline constexpr bool is_apart = !R.is_leaf() && (!platform_is_inline || R == wire::policy);
 
 // Appends a record.  Returns the status of its end marker.  A null object is an empty graph.
 template <const wire::Record &R> int32_t encode(const Pass &pass, const TargetArray &to, const void *object);

@@ -146,7 +146,7 @@ template <const Record &R> int32_t encode(const Pass &pass, const TargetArray &t
     if (object == nullptr)
         return 0;
     Writer writer{pass, RunWriter(to)};
-    const int32_t status = write_apart<R>(writer, object);
+    const int32_t status = platform_is_inline ? write<R>(writer, object) : write_apart<R>(writer, object);
     writer.runs.close();
     return status;
 }

@@ -175,7 +175,10 @@ template <const Record &R> uint32_t encoded_size(const Pass &pass, const void *o
     if (object == nullptr)
         return 0;
     Sizer sizer{pass};
-    add_apart<R>(sizer, object);
+    if constexpr (platform_is_inline)
+        add<R>(sizer, object);
+    else
+        add_apart<R>(sizer, object);
     return sizer.sum.total();
 }
 

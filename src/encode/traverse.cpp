@@ -2,7 +2,9 @@
 // functions and the encoders; only releasing walks the members here.
 #include "encode/encode.hpp"
 #include "model/trace.hpp"
+#include "wire/format.hpp"
 
+#include <array>
 #include <cstdlib>
 
 namespace zel {
@@ -14,12 +16,13 @@ using wire::Record;
 
 // ---- Releasing
 
-void release(const Record &record, void *object);
+template <const Record &R> void release(void *object);
 
 // Members in ascending order, each after what it owns.  The index is signed like
 // the comparison that peers make, so that a count of 2^31 and more has no members.
-void release_members(const Member &sequence, void *object)
+template <const Record &R, std::size_t I> [[gnu::always_inline]] inline void release_members(void *object)
 {
+    constexpr const Member &sequence = R.members[I];
     wire::Pointer *const members = wire::array_of(object, sequence);
     const auto end = static_cast<int32_t>(wire::count_of(object, sequence));
     for (int32_t i = 0; members != nullptr && i < end; ++i) {
@@ -28,68 +31,77 @@ void release_members(const Member &sequence, void *object)
             __builtin_prefetch(members[i + 1]);
         if (members[i] == nullptr)
             continue;
-        if (sequence.record->owns_memory)
-            release(*sequence.record, members[i]);
+        if constexpr (sequence.record->owns_memory)
+            release<*sequence.record>(members[i]);
         std::free(members[i]);
         members[i] = nullptr;
     }
 }
 
-void release_array(const Member &sequence, void *object)
+template <const Record &R, std::size_t I> void release_array(void *object)
 {
-    wire::PointerArray &array = wire::array_of(object, sequence);
+    wire::PointerArray &array = wire::array_of(object, R.members[I]);
     std::free(array);
     array = nullptr;
-}
-
-// The array of a group is freed even when its count is 0; that of a statistics request is not.
-bool keeps_array(const Record &record, const Member &sequence, const void *object)
-{
-    return &record == &wire::stat_request && wire::count_of(object, sequence) == 0;
 }
 
 // Both groups' members before either array.
 void release_pair(zel_match_action_pair_t &pair)
 {
-    const Member &matches = wire::match_grp.members.back();
-    const Member &actions = wire::action_grp.members.back();
-    release_members(matches, &pair.match_group);
-    release_members(actions, &pair.action_group);
-    release_array(matches, &pair.match_group);
-    release_array(actions, &pair.action_group);
+    constexpr std::size_t matches = wire::match_grp.first_nested;
+    constexpr std::size_t actions = wire::action_grp.first_nested;
+    release_members<wire::match_grp, matches>(&pair.match_group);
+    release_members<wire::action_grp, actions>(&pair.action_group);
+    release_array<wire::match_grp, matches>(&pair.match_group);
+    release_array<wire::action_grp, actions>(&pair.action_group);
 }
 
 // The interfaces before the pairs.
 void release_policy(zel_policy_t &policy)
 {
-    release(wire::if_group, &policy.if_group);
-    release(wire::match_action_pair_grp, &policy.match_action_pair_group);
+    release<wire::if_group>(&policy.if_group);
+    release<wire::match_action_pair_grp>(&policy.match_action_pair_group);
 }
 
-void release_nested(const Record &record, const Member &member, void *object)
+// The option that is selected, if it owns something.
+template <const Record &R, std::size_t I, std::size_t O> void release_option(void *object)
 {
-    if (member.kind == Kind::sequence && !keeps_array(record, member, object)) {
-        release_members(member, object);
-        release_array(member, object);
-    } else if (member.kind == Kind::choice) {
-        const wire::Option *const option = wire::selected(object, member);
-        if (option != nullptr && option->record->owns_memory)
-            release(*option->record, wire::part(object, option->offset));
+    constexpr const wire::Option &option = R.members[I].options[O];
+    if constexpr (option.record->owns_memory) {
+        if (wire::number_at(object, R.members[I]) == option.value)
+            release<*option.record>(wire::part(object, option.offset));
+    }
+}
+
+template <const Record &R, std::size_t I> [[gnu::always_inline]] inline void release_nested(void *object)
+{
+    constexpr const Member &member = R.members[I];
+    if constexpr (member.kind == Kind::sequence) {
+        // The array of a group is freed even when its count is 0; that of a statistics request is not.
+        if (R == wire::stat_request && wire::count_of(object, member) == 0)
+            return;
+        release_members<R, I>(object);
+        release_array<R, I>(object);
+    } else if constexpr (member.kind == Kind::choice) {
+        [&]<std::size_t... O>(std::index_sequence<O...>) { (release_option<R, I, O>(object), ...); }
+        (std::make_index_sequence<member.options.size()>{});
     }
 }
 
 // What the record owns.  An object that was filled from the cache shares its parameter with
 // the object that owns it.
-void release(const Record &record, void *object)
+template <const Record &R> void release(void *object)
 {
-    if (&record == &wire::match_action_pair)
+    if constexpr (R == wire::match_action_pair)
         return release_pair(*static_cast<zel_match_action_pair_t *>(object));
-    if (&record == &wire::policy)
+    if constexpr (R == wire::policy)
         return release_policy(*static_cast<zel_policy_t *>(object));
-    if (record.is_shareable() && wire::cached_flag(record, object) != 0)
-        return;
-    for (const Member &member : record.nested())
-        release_nested(record, member, object);
+    if constexpr (R.is_shareable()) {
+        if (wire::cached_flag(R, object) != 0)
+            return;
+    }
+    [&]<std::size_t... I>(std::index_sequence<I...>) { (release_nested<R, R.first_nested + I>(object), ...); }
+    (std::make_index_sequence<R.members.size() - R.first_nested>{});
 }
 
 // ---- The traversal of each type
@@ -113,7 +125,7 @@ template <const Record &R> uint32_t traverse(const Call &call, void *object)
         break;
     case MAT_TRAVERSE_FREE:
         if (object != nullptr)
-            release(R, object);
+            release<R>(object);
         break;
     default:
         if constexpr (!R.is_shareable())
@@ -163,36 +175,28 @@ TRAVERSAL(action_redirect, action_param_redirect)
 namespace zel {
 namespace {
 
-// The types that a message may carry, each with the name of its traversal in reports.
+// What a message may carry, by MAT type, each with the name of its traversal in reports.
 struct Row {
-    uint32_t mat_type;
     const char *function;
     uint32_t (*traverse)(const Call &, void *);
 };
 
-template <const Record &R> constexpr Row row(const char *function) { return {R.mat_type, function, traverse<R>}; }
-
-constexpr Row rows[] = {
-    row<wire::policy_list>("traverse_mat_policy_list_obj"),
-    row<wire::policy>("traverse_mat_policy_obj"),
-    row<wire::match_action_pair_grp>("traverse_mat_match_action_pair_grp_obj"),
-    row<wire::match_action_pair>("traverse_mat_match_action_pair_obj"),
-    row<wire::match_grp>("traverse_mat_match_grp_obj"),
-    row<wire::action_grp>("traverse_mat_action_grp_obj"),
-    row<wire::match>("traverse_mat_match_obj"),
-    row<wire::action>("traverse_mat_action_obj"),
-    row<wire::if_group>("traverse_mat_if_group_obj"),
-    {ZEL_MAT_TYPE_STAT_REQUEST, "", traverse_stat_request},
-    {ZEL_MAT_TYPE_NONE, "", traverse_nothing},
-};
-
-const Row *find_row(uint32_t mat_type)
-{
-    for (const Row &row : rows)
-        if (row.mat_type == mat_type)
-            return &row;
-    return nullptr;
-}
+constexpr auto rows = [] {
+    std::array<Row, wire::num_mat_types> table{};
+    table[ZEL_MAT_TYPE_NONE] = {"", traverse_nothing};
+    table[ZEL_MAT_TYPE_STAT_REQUEST] = {"", traverse_stat_request};
+    const auto enter = [&]<const Record & R>(const char *function) { table[R.mat_type] = {function, traverse<R>}; };
+    enter.operator()<wire::policy_list>("traverse_mat_policy_list_obj");
+    enter.operator()<wire::policy>("traverse_mat_policy_obj");
+    enter.operator()<wire::match_action_pair_grp>("traverse_mat_match_action_pair_grp_obj");
+    enter.operator()<wire::match_action_pair>("traverse_mat_match_action_pair_obj");
+    enter.operator()<wire::match_grp>("traverse_mat_match_grp_obj");
+    enter.operator()<wire::action_grp>("traverse_mat_action_grp_obj");
+    enter.operator()<wire::match>("traverse_mat_match_obj");
+    enter.operator()<wire::action>("traverse_mat_action_obj");
+    enter.operator()<wire::if_group>("traverse_mat_if_group_obj");
+    return table;
+}();
 
 } // namespace
 } // namespace zel
@@ -203,9 +207,9 @@ uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *valu
                           uint32_t app, uint32_t mode)
 {
     uint32_t result = 1;
-    if (const Row *const row = find_row(mat_type)) {
+    if (mat_type < rows.size() && rows[mat_type].traverse != nullptr) {
         Marks marks(*handle, app);
-        result = row->traverse({row->function, {handle, app, marks}, buffer, value, mode}, obj);
+        result = rows[mat_type].traverse({rows[mat_type].function, {handle, app, marks}, buffer, value, mode}, obj);
     }
     zel_empty_mat_cache(handle);
     return result;

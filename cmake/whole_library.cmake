@@ -25,10 +25,11 @@ function(add_whole_library name)
     endforeach()
 
     set(object ${CMAKE_CURRENT_BINARY_DIR}/${name}.o)
-    # One partition: GCC 12 fails on several.
+    # One partition: GCC 12 fails on several.  No section groups: a linker keeps one of several
+    # groups with the same name, and that one would have local symbols.
     add_custom_command(OUTPUT ${object}
         COMMAND ${CMAKE_CXX_COMPILER} ${flags} ${options} -r -nostdlib -flinker-output=nolto-rel -flto-partition=one
-            -o ${object} ${objects}
+            -Wl,--force-group-allocation -o ${object} ${objects}
         COMMAND ${CMAKE_OBJCOPY} --localize-hidden --strip-debug ${object}
         DEPENDS ${objects}
         COMMAND_EXPAND_LISTS

@@ -1,16 +1,13 @@
-// The tree of platform/avl_tree.h: AVL trees in a hash table.
+// The tree of platform/avl_tree.h: a hash table with chaining, and an AVL tree where
+// hashing fails.
 //
-// Up to few_entries entries lie in one AVL tree, whose root is the handle's.  A larger
-// tree is split by a hash of the keys' bytes into 2^k AVL trees, the buckets, so that
-// most operations look at one or two entries.  Whatever the keys are, no operation costs
-// more than in a single AVL tree: if all keys fall into one bucket, that bucket is one.
+// Few entries are a single chain.  More are in a hash table with two buckets per
+// entry or more.  When a chain becomes long nevertheless, because the keys were chosen so or there
+// is no memory for a larger table, all entries move into one AVL tree, until that is empty.
+// So no choice of keys costs more than a balanced tree, and this move, once.
 //
-// Buckets that hold entries are in a list, in the order in which they got their first
-// entry.  The root is an entry of the first bucket in the list, so that deleting the root
-// until the tree is empty frees entries in about the order of their insertion.  That is
-// what makes the allocator fast.
-//
-// The array of buckets is allocated on growth and freed when the tree becomes empty.
+// The root is the oldest entry, so that deleting the root until the tree is empty frees
+// entries in the order of their insertion.  That is what makes the allocator fast.
 #include "reference/contract.hpp"
 #include "reference/expect.hpp"
 #include "reference/tree/avl.hpp"
@@ -25,34 +22,54 @@ using avl::Node;
 
 namespace {
 
-constexpr uint32_t few_entries = 16;
-constexpr uint32_t first_num_buckets = 32;
-constexpr uint32_t max_num_buckets = uint32_t{1} << 30;
-constexpr uint32_t growth = 8;             // times as many buckets
-constexpr uint32_t entries_per_bucket = 1; // on average, before the next growth
+constexpr uint32_t longest_chain = 16;
+constexpr uint32_t first_num_buckets = 128;
+constexpr uint32_t buckets_per_entry = 2; // or more
+constexpr uint32_t max_num_buckets = uint32_t{1} << 28;
+constexpr uint32_t growth = 4; // times as many buckets
 
-struct Bucket {
-    Link root;
-    uint32_t next; // index in the list of buckets that hold entries
-    uint32_t previous;
+// How a chain uses the first bytes of an entry.
+struct [[gnu::may_alias]] Entry {
+    Entry *next;
+    uint32_t hash;
+    uint32_t position; // in the order of insertion
 };
+static_assert(sizeof(Entry) <= 16);
 
-// The bucket at index 0 has no entries: it is the start and the end of the list.
-constexpr uint32_t list_head = 0;
+// The order of insertion follows the buckets in memory; places of deleted entries are null.
+struct Table {
+    uint32_t num_buckets; // a power of two
+    uint32_t num_places;
+    uint32_t first; // place of the oldest entry
+    uint32_t end;   // behind the newest
+    Entry **order;
+    Entry *buckets[];
+};
 
 // How the tree uses the words of ravl_tree_t.
 struct [[gnu::may_alias]] Tree {
-    Link root; // of the AVL tree, or any entry when there are buckets
+    uintptr_t root; // of the AVL tree, or the oldest entry
     avl::KeyOrder order;
-    uintptr_t num_entries;
-    uintptr_t grow_above; // number of entries above which the tree grows
-    Bucket *buckets;      // num_buckets and the list's head
-    uint32_t num_buckets; // a power of two; 0: a single AVL tree
+    Table *table; // null: a single chain or an AVL tree
     uint32_t key_size;
+    uint32_t num_entries;
+    uint32_t is_avl;
 };
 static_assert(sizeof(Tree) <= sizeof(ravl_tree_t));
 
 Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
+
+Entry *oldest(const Tree &tree) { return reinterpret_cast<Entry *>(tree.root); } // NOLINT(performance-no-int-to-ptr)
+void set_root(Tree &tree, const Entry *entry) { tree.root = reinterpret_cast<uintptr_t>(entry); }
+
+const void *key_of(const Tree &tree, const Entry *entry)
+{
+    return reinterpret_cast<const char *>(entry) + tree.order.key_offset;
+}
+
+// ---- Keys
+
+constexpr uint32_t library_key_size = 12;
 
 uint32_t word_at(const void *bytes, uint32_t offset)
 {
@@ -63,7 +80,7 @@ uint32_t word_at(const void *bytes, uint32_t offset)
 
 uint32_t combine(uint32_t hash, uint32_t next) { return hash * 0x9e3779b1 + next; }
 
-uint32_t hash_of_any(const void *key, uint32_t size)
+[[gnu::noinline]] uint32_t hash_of_any(const void *key, uint32_t size)
 {
     uint32_t hash = 0;
     uint32_t at = 0;
@@ -74,111 +91,200 @@ uint32_t hash_of_any(const void *key, uint32_t size)
     return hash;
 }
 
-// Adjacent values of a key's last word give adjacent hashes, and so adjacent buckets:
-// ids that count up are entered and freed in the order of memory.
-uint32_t hash_of(const void *key, uint32_t size)
+// Adjacent values of a key's last word mostly give adjacent hashes, and so adjacent buckets:
+// ids that count up are entered and deleted in the order of memory.
+[[gnu::always_inline]] inline uint32_t hash_of(const Tree &tree, const void *key)
 {
-    constexpr uint32_t three_words = 12; // the library's keys
-    const uint32_t hash = expect(size == three_words)
+    const uint32_t hash = expect(tree.key_size == library_key_size)
                               ? combine(combine(word_at(key, 0), word_at(key, 4)), word_at(key, 8))
-                              : hash_of_any(key, size);
-    return hash ^ hash >> 16; // the lower bits choose the bucket
+                              : hash_of_any(key, tree.key_size);
+    return hash ^ hash >> 5 ^ hash >> 16; // the lower bits choose the bucket
 }
 
-Bucket &bucket_of(const Tree &tree, const void *key)
+// ---- Chains
+
+// The link to the entry with a key, or the link at the end of the chain.
+struct Found {
+    Entry **link;
+    uint32_t passed; // entries before it
+};
+
+template <class IsKey> [[gnu::always_inline]] inline Found find_in_chain(Entry **link, uint32_t hash, IsKey is_key)
 {
-    return tree.buckets[1 + (hash_of(key, tree.key_size) & (tree.num_buckets - 1))];
+    uint32_t passed = 0;
+    while (*link != nullptr && ((*link)->hash != hash || !is_key(*link))) {
+        link = &(*link)->next;
+        ++passed;
+    }
+    return {link, passed};
 }
 
-// ---- The list of buckets that hold entries
-
-void append(Tree &tree, Bucket &bucket)
+[[gnu::noinline]] Found find_any_key(const Tree &tree, Entry **link, uint32_t hash, const void *key)
 {
-    Bucket &head = tree.buckets[list_head];
-    const auto index = static_cast<uint32_t>(&bucket - tree.buckets);
-    bucket.next = list_head;
-    bucket.previous = head.previous;
-    tree.buckets[head.previous].next = index;
-    head.previous = index;
+    const auto is_key = [&](const Entry *entry) { return std::memcmp(key_of(tree, entry), key, tree.key_size) == 0; };
+    return find_in_chain(link, hash, is_key);
 }
 
-void unlink(Tree &tree, const Bucket &bucket)
+// Library keys are compared without a call, and word by word as they are written.
+[[gnu::always_inline]] inline Found find_key(const Tree &tree, Entry **link, uint32_t hash, const void *key)
 {
-    tree.buckets[bucket.previous].next = bucket.next;
-    tree.buckets[bucket.next].previous = bucket.previous;
+    if (!expect(tree.key_size == library_key_size))
+        return find_any_key(tree, link, hash, key);
+    return find_in_chain(link, hash, [&](const Entry *entry) {
+        const void *const other = key_of(tree, entry);
+        return word_at(other, 0) == word_at(key, 0) && word_at(other, 4) == word_at(key, 4) &&
+               word_at(other, 8) == word_at(key, 8);
+    });
 }
 
-// The head's root is null, and so is the tree's when the list is empty.
-void update_root(Tree &tree) { tree.root = tree.buckets[tree.buckets[list_head].next].root; }
-
-// ---- Operations on the buckets
-
-bool insert_into_buckets(Tree &tree, Node *entry)
+// Where the chain of a hash begins.
+Entry **chain_of(Tree &tree, uint32_t hash)
 {
-    Bucket &bucket = bucket_of(tree, tree.order.key_of(entry));
-    const bool was_empty = bucket.root == 0;
-    if (!avl::insert(bucket.root, tree.order, entry))
-        return false;
-    if (was_empty)
-        append(tree, bucket);
-    update_root(tree);
+    if (tree.table != nullptr)
+        return &tree.table->buckets[hash & (tree.table->num_buckets - 1)];
+    return reinterpret_cast<Entry **>(&tree.root);
+}
+
+// ---- The table
+
+Table *make_table(uint32_t num_buckets)
+{
+    if (num_buckets > max_num_buckets)
+        return nullptr;
+    const uint32_t num_places = num_buckets / buckets_per_entry;
+    const std::size_t size = (std::size_t{num_buckets} + num_places) * sizeof(Entry *);
+    auto *const table = static_cast<Table *>(std::malloc(sizeof(Table) + size));
+    if (table == nullptr)
+        return nullptr;
+    table->num_buckets = num_buckets;
+    table->num_places = num_places;
+    table->first = 0;
+    table->end = 0;
+    table->order = table->buckets + num_buckets;
+    std::memset(table->buckets, 0, num_buckets * sizeof(Entry *));
+    return table;
+}
+
+Entry **end_of_chain(Tree &tree, uint32_t hash)
+{
+    Entry **link = chain_of(tree, hash);
+    while (*link != nullptr)
+        link = &(*link)->next;
+    return link;
+}
+
+// At the end of its chain.
+void append(const Tree &tree, Entry **link, Entry *entry)
+{
+    *link = entry;
+    entry->next = nullptr;
+    if (Table *const table = tree.table) {
+        entry->position = table->end;
+        table->order[table->end++] = entry;
+    }
+}
+
+// Calls visit for all entries that are not in an AVL tree, from the oldest on.  visit may
+// change the links of its entry.
+template <class Visit> void for_each_entry(const Table *table, Entry *chain, Visit visit)
+{
+    if (table == nullptr) {
+        while (chain != nullptr) {
+            Entry *const next = chain->next;
+            visit(chain);
+            chain = next;
+        }
+        return;
+    }
+    for (uint32_t i = table->first; i != table->end; ++i)
+        if (table->order[i] != nullptr)
+            visit(table->order[i]);
+}
+
+[[gnu::cold, gnu::noinline]] void become_avl(Tree &tree)
+{
+    Table *const table = tree.table;
+    Entry *const chain = oldest(tree);
+    tree.root = 0;
+    tree.table = nullptr;
+    tree.is_avl = 1;
+    for_each_entry(table, chain,
+                   [&](Entry *entry) { avl::insert(tree.root, tree.order, reinterpret_cast<Node *>(entry)); });
+    std::free(table);
+}
+
+// Makes room for one entry more: in a larger table, or in one without the places of deleted entries.
+[[gnu::noinline]] void make_room(Tree &tree)
+{
+    const Table *const before = tree.table;
+    const bool is_crowded = before != nullptr && tree.num_entries > before->num_places / 2;
+    tree.table = make_table(before == nullptr ? first_num_buckets : before->num_buckets * (is_crowded ? growth : 1));
+    if (tree.table == nullptr) {
+        tree.table = const_cast<Table *>(before);
+        return become_avl(tree);
+    }
+    for_each_entry(before, oldest(tree), [&](Entry *entry) { append(tree, end_of_chain(tree, entry->hash), entry); });
+    std::free(const_cast<Table *>(before));
+}
+
+bool is_full(const Tree &tree)
+{
+    return tree.table != nullptr ? tree.table->end == tree.table->num_places : tree.num_entries == longest_chain;
+}
+
+void remove(Tree &tree, Entry **link)
+{
+    Entry *const entry = *link;
+    *link = entry->next;
+    if (tree.table == nullptr)
+        return; // the root is the first link
+    Table &table = *tree.table;
+    table.order[entry->position] = nullptr;
+    while (table.first != table.end && table.order[table.first] == nullptr)
+        ++table.first;
+    set_root(tree, table.first != table.end ? table.order[table.first] : nullptr);
+}
+
+// ---- An AVL tree or not
+
+// Inserts an entry that there is no room for, or whose chain is long.
+[[gnu::noinline]] bool insert_rarely(Tree &tree, Entry *entry, bool is_chain_short)
+{
+    if (tree.table == nullptr || is_chain_short)
+        make_room(tree);
+    else
+        become_avl(tree);
+    if (tree.is_avl != 0)
+        return avl::insert(tree.root, tree.order, reinterpret_cast<Node *>(entry));
+    append(tree, end_of_chain(tree, entry->hash), entry);
     return true;
 }
 
-bool remove_from_buckets(Tree &tree, Node *entry)
+bool insert_hashed(Tree &tree, Entry *entry)
 {
-    // The root lies in the first bucket.
-    const bool is_root = tree.root == reinterpret_cast<uintptr_t>(entry);
-    Bucket &bucket = is_root ? tree.buckets[tree.buckets[list_head].next] : bucket_of(tree, tree.order.key_of(entry));
-    if (!avl::remove(bucket.root, tree.order, entry))
+    const void *const key = key_of(tree, entry);
+    const uint32_t hash = hash_of(tree, key);
+    const Found found = find_key(tree, chain_of(tree, hash), hash, key);
+    if (*found.link != nullptr)
         return false;
-    if (bucket.root == 0)
-        unlink(tree, bucket);
-    update_root(tree);
+    entry->hash = hash;
+    if (!expect(found.passed < longest_chain) || !expect(!is_full(tree)))
+        return insert_rarely(tree, entry, found.passed < longest_chain);
+    append(tree, found.link, entry);
     return true;
 }
 
-// ---- Growth
-
-void move_into_buckets(Tree &tree, Node *node)
+bool remove_hashed(Tree &tree, const Entry *entry)
 {
-    if (node == nullptr)
-        return;
-    const Node links = *node; // insertion overwrites them
-    move_into_buckets(tree, avl::target(links.link[avl::left]));
-    insert_into_buckets(tree, node);
-    move_into_buckets(tree, avl::target(links.link[avl::right]));
-}
-
-// Allocates more buckets and moves all entries there.  Without memory, the tree stays as it
-// is and tries again when it holds twice as many entries.
-void grow(Tree &tree)
-{
-    const Tree before = tree;
-    tree.grow_above = 2 * before.grow_above;
-    if (before.num_buckets > max_num_buckets / growth)
-        return;
-    const uint32_t num_buckets = before.num_buckets == 0 ? first_num_buckets : growth * before.num_buckets;
-    auto *const buckets = static_cast<Bucket *>(std::calloc(std::size_t{num_buckets} + 1, sizeof(Bucket)));
-    if (buckets == nullptr)
-        return;
-    tree.buckets = buckets;
-    tree.num_buckets = num_buckets;
-    tree.grow_above = uintptr_t{entries_per_bucket} * num_buckets;
-    if (before.num_buckets == 0)
-        return move_into_buckets(tree, avl::target(before.root));
-    for (uint32_t i = before.buckets[list_head].next; i != list_head; i = before.buckets[i].next)
-        move_into_buckets(tree, avl::target(before.buckets[i].root));
-    std::free(before.buckets);
-}
-
-// Frees the buckets of an empty tree, because nothing tears a handle down.
-void shrink(Tree &tree)
-{
-    std::free(tree.buckets);
-    tree.buckets = nullptr;
-    tree.num_buckets = 0;
-    tree.grow_above = few_entries;
+    // The link bytes of an entry mean something only while it is in the tree.
+    const uint32_t hash = entry == oldest(tree) ? entry->hash : hash_of(tree, key_of(tree, entry));
+    for (Entry **link = chain_of(tree, hash); *link != nullptr; link = &(*link)->next) {
+        if (*link == entry) {
+            remove(tree, link);
+            return true;
+        }
+    }
+    return false;
 }
 
 } // namespace
@@ -186,37 +292,43 @@ void shrink(Tree &tree)
 int32_t ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
     *tree = {};
-    as_tree(tree) = {0, {compare, key_offset}, 0, few_entries, nullptr, 0, key_size};
+    as_tree(tree) = {0, {compare, key_offset}, nullptr, key_size, 0, 0};
     return 0;
 }
 
 int32_t ravl_insert(ravl_tree *tree, void *entry)
 {
     Tree &self = as_tree(tree);
-    auto *const node = static_cast<Node *>(entry);
-    const bool is_new =
-        self.num_buckets == 0 ? avl::insert(self.root, self.order, node) : insert_into_buckets(self, node);
-    if (!is_new)
-        return 0;
-    if (!expect(++self.num_entries <= self.grow_above))
-        grow(self);
-    return 1;
+    const bool is_new = self.is_avl != 0 ? avl::insert(self.root, self.order, static_cast<Node *>(entry))
+                                         : insert_hashed(self, static_cast<Entry *>(entry));
+    self.num_entries += is_new ? 1 : 0;
+    if (self.root == 0)
+        set_root(self, static_cast<Entry *>(entry));
+    return is_new ? 1 : 0;
 }
 
 void *ravl_lookup(ravl_tree *tree, const void *key)
 {
-    const Tree &self = as_tree(tree);
-    return avl::find(self.num_buckets == 0 ? self.root : bucket_of(self, key).root, self.order, key);
+    Tree &self = as_tree(tree);
+    if (self.is_avl != 0)
+        return avl::find(self.root, self.order, key);
+    if (self.root == 0)
+        return nullptr;
+    const uint32_t hash = hash_of(self, key);
+    return *find_key(self, chain_of(self, hash), hash, key).link;
 }
 
 void ravl_delete(ravl_tree *tree, void *entry)
 {
     Tree &self = as_tree(tree);
-    auto *const node = static_cast<Node *>(entry);
-    const bool was_there =
-        self.num_buckets == 0 ? avl::remove(self.root, self.order, node) : remove_from_buckets(self, node);
-    if (was_there && --self.num_entries == 0)
-        shrink(self);
+    const bool was_there = self.is_avl != 0 ? avl::remove(self.root, self.order, static_cast<Node *>(entry))
+                                            : remove_hashed(self, static_cast<Entry *>(entry));
+    if (!was_there || --self.num_entries != 0)
+        return;
+    // Nothing tears a handle down.
+    std::free(self.table);
+    self.table = nullptr;
+    self.is_avl = 0;
 }
 
 int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

@@ -6,20 +6,26 @@
 #include "platform/avl_tree.h"
 #include "wire/records.hpp"
 
+#include <array>
+#include <bit>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 
 namespace zel {
+
+// The bytes of a key.  Its padding is zero: keys that are equal have equal bytes.  In words,
+// because a tree reads words, and processors wait when a word was written in parts.
+[[gnu::always_inline]] inline std::array<uint32_t, 3> make_key(uint32_t app_type, uint32_t mat_type, uint16_t mat_id)
+{
+    static_assert(offsetof(zel_mat_cache_key_t, mat_type) == 4 && offsetof(zel_mat_cache_key_t, mat_id) == 8);
+    return {app_type, mat_type, std::bit_cast<uint32_t>(std::array<uint16_t, 2>{mat_id, 0})};
+}
 
 [[gnu::always_inline]] inline zel_mat_cache_entry_t *find_in_cache(zel_api_handle_t &handle, uint32_t app_type,
                                                                    uint32_t mat_type, uint16_t mat_id)
 {
-    // The padding of a key is zero: keys that are equal have equal bytes.  Set here and not in
-    // a function that returns the key, because a copy need not keep padding.
-    zel_mat_cache_key_t key;
-    std::memset(&key, 0, sizeof key);
-    key.app_type = app_type;
-    key.mat_type = mat_type;
-    key.mat_id = mat_id;
+    const auto key = make_key(app_type, mat_type, mat_id);
     return static_cast<zel_mat_cache_entry_t *>(ravl_lookup(&handle.mat_cache, &key));
 }
 
@@ -32,10 +38,8 @@ namespace zel {
         trace(handle, Severity::error, {function, 203}, "cannot allocate mat cache new_entry"_trace);
         return;
     }
-    // Member by member: the key's padding stays zero.
-    entry->key.app_type = app_type;
-    entry->key.mat_type = mat_type;
-    entry->key.mat_id = mat_id;
+    const auto key = make_key(app_type, mat_type, mat_id);
+    std::memcpy(&entry->key, &key, sizeof key);
     entry->obj = obj;
     if (ravl_insert(&handle.mat_cache, entry) != 0)
         trace(handle, Severity::notice, {function, 216}, "insert successful: type: %d, id: %d."_trace, mat_type,

@@ -69,10 +69,12 @@ template <const Record &R> [[gnu::always_inline]] inline int32_t write(Writer &w
     return write_from<R>(writer, object);
 }
 
-// The same in code of its own.  The writer is copied, so that it can stay in registers.
+// The same in code of its own.
 template <const Record &R> [[gnu::noinline]] int32_t write_apart(Writer &shared, const void *object)
 {
-    Writer writer = shared;
+    if constexpr (!platform_is_inline)
+        return write<R>(shared, object);
+    Writer writer = shared; // a copy can stay in registers
     const int32_t status = write<R>(writer, object);
     shared.runs = writer.runs;
     return status;

@@ -96,12 +96,7 @@ template <const Record &R> [[gnu::always_inline]] inline void add(Sizer &sizer, 
 }
 
 // The same in code of its own.
-template <const Record &R> [[gnu::noinline]] void add_apart(Sizer &shared, const void *object)
-{
-    Sizer sizer = shared;
-    add<R>(sizer, object);
-    shared.sum = sizer.sum;
-}
+template <const Record &R> [[gnu::noinline]] void add_apart(Sizer &sizer, const void *object) { add<R>(sizer, object); }
 
 // Members of fields alone have one size and are not looked at.
 template <const Record &R, std::size_t I>

@@ -35,7 +35,19 @@ std::function<void()> Case::direction(std::string_view name)
         return [this] { encode(); };
     if (name == "decode")
         return [this] { release(decode()); };
+    if (const auto verify = contender_->verifier(); name == "verify" && verify)
+        return [this, verify] {
+            if (!verify(received_->bytes()))
+                throw std::runtime_error("a message of its own is refused");
+        };
     throw std::runtime_error("there is no direction " + std::string(name));
+}
+
+std::vector<std::string> Case::directions() const
+{
+    if (contender_->verifier())
+        return {"encode", "decode", "verify"};
+    return {"encode", "decode"};
 }
 
 } // namespace bench

@@ -36,8 +36,11 @@ public:
     void *decode() { return contender_->decode(received_->bytes()); }
     void release(void *graph) { contender_->release(graph); }
 
-    // All that one direction does, once: encode, or decode, and free what came of it.
+    // All that one direction does, once: encode, or decode, and free what came of it; or verify.
     std::function<void()> direction(std::string_view name);
+
+    // Those that the contender has.
+    std::vector<std::string> directions() const;
 
 private:
     std::unique_ptr<Contender> contender_;

@@ -37,6 +37,9 @@ public:
     virtual void *decode(Bytes bytes) = 0;
     virtual void release(void *graph) = 0;
 
+    // Checks a message of encode() before anything is built; null for contenders that cannot.
+    virtual std::function<bool(Bytes)> verifier() { return nullptr; }
+
     // The neutral graph that a decoded one stands for.
     virtual Message neutral(const void *graph) = 0;
 };

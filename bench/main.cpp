@@ -2,7 +2,7 @@
 // as another one left it.
 //
 //   list                                     rows and workloads, a line each
-//   time ROW WORKLOAD [OPTIONS]              times both directions
+//   time ROW WORKLOAD [OPTIONS]              times all directions
 //   repeat ROW WORKLOAD DIRECTION COUNT      repeats one direction in measured(), for
 //                                            tools that watch a function
 #include "bench/case.hpp"
@@ -45,8 +45,10 @@ void time(Case &the_case, std::vector<char *> options)
     const Facts facts{{"objects", double(the_case.objects())},
                       {"bytes", double(the_case.bytes().size())},
                       {"checksum", double(checksum(the_case.bytes()))}};
-    measure({{"encode", the_case.direction("encode"), facts}, {"decode", the_case.direction("decode"), facts}},
-            std::move(options));
+    std::vector<Measurement> measurements;
+    for (const std::string &name : the_case.directions())
+        measurements.push_back({name, the_case.direction(name), facts});
+    measure(measurements, std::move(options));
 }
 
 // The first run tidies the heap up after the check, and is not counted.

@@ -16,10 +16,11 @@ endfunction()
 target_include_directories(zel_bench SYSTEM PRIVATE ${generated})
 
 generate("policy.pb.cc;policy.pb.h" policy.proto protoc --cpp_out=${generated})
+generate("policy.pb-c.c;policy.pb-c.h" policy.proto protoc-c --c_out=${generated})
 generate(policy_generated.h policy.fbs flatc --cpp -o ${generated})
 generate("policy.capnp.c++;policy.capnp.h" policy.capnp capnp compile -oc++:${generated})
 
-foreach(library libprotobuf.a libcapnp.a libkj.a mnl)
+foreach(library libprotobuf.a libprotobuf-c.a libcapnp.a libkj.a mnl)
     find_library(path_of_${library} ${library} REQUIRED)
     target_link_libraries(zel_bench PRIVATE ${path_of_${library}})
 endforeach()
@@ -28,6 +29,7 @@ endforeach()
 target_compile_definitions(zel_bench PRIVATE MSGPACK_NO_BOOST)
 target_sources(zel_bench PRIVATE
     contenders/protobuf.cpp
+    contenders/protobuf_c.cpp
     contenders/flatbuffers.cpp
     contenders/capnproto.cpp
     contenders/msgpack.cpp

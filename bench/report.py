@@ -60,12 +60,14 @@ class Results:
     def __init__(self, cases):
         # The rounds have orders of their own, the tables have this one.
         self.samples = {(case.row, case.workload, direction): [] for case in cases for direction in DIRECTIONS}
+        self.loads = []
         self.bytes_per_object = {}
         self.checksums = {}
 
     def add(self, case, benchmarks):
         for result in benchmarks:
-            self.samples[case.row, case.workload, result["name"]].append(result["cpu_time"] / result["objects"])
+            key = case.row, case.workload, result["name"]
+            self.samples.setdefault(key, []).append(result["cpu_time"] / result["objects"])
             self.bytes_per_object[case.row, case.workload] = result["bytes"] / result["objects"]
             self.checksums[case.row, case.workload] = result["checksum"]
 
@@ -98,6 +100,7 @@ def time_all(cases, rounds, min_time, results):
             done = run(case.program, "time", case.row, case.workload, f"--benchmark_min_time={min_time}",
                        "--benchmark_format=json")
             results.add(case, json.loads(done.stdout)["benchmarks"])
+            results.loads.append(os.getloadavg()[0])
     progress()
 
 
@@ -149,6 +152,16 @@ def print_sizes(results):
     print()
 
 
+def print_verifying(results):
+    print("verify, ns per match or action, and by the time to decode and release")
+    for row in dict.fromkeys(row for row, _, direction in results.samples if direction == "verify"):
+        print(f"  {row:42}" + "".join(
+            f"{size:>4}{results.median(row, size, 'verify'):7.1f}"
+            f"{results.median(row, size, 'verify') / results.median(row, size, 'decode'):6.2f}"
+            for size in SIZES if (row, size, "verify") in results.samples))
+    print()
+
+
 def print_traces(results):
     print("what silent traces cost: libzel as one binary, by the time without them")
     for direction in DIRECTIONS:
@@ -188,7 +201,7 @@ def circumstances():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     compiler = run("g++", "--version").stdout.splitlines()[0]
     return {"cpu": cpu.group(1) if cpu else "unknown", "cpus": os.cpu_count(), "compiler": compiler,
-            "load_at_start": os.getloadavg()[0]}
+            "load_at_start": round(os.getloadavg()[0], 1)}
 
 
 def command_time(options):
@@ -198,11 +211,14 @@ def command_time(options):
         use = memory(folder)
         print(f"==== {abi} ====\n")
         print_sizes(results)
+        print_verifying(results)
         print_traces(results)
         print_curves(results)
         print_memory(use)
         document[abi] = {"results": results.as_json(), "memory": use}
-    document["circumstances"]["load_at_end"] = os.getloadavg()[0]
+        load = statistics.quantiles(results.loads, n=4)
+        print(f"load average during the run, 1 is this benchmark: median {load[1]:.1f}, quartiles "
+              f"{load[0]:.1f}..{load[2]:.1f}\n")
     print(", ".join(f"{name}: {value}" for name, value in document["circumstances"].items()))
     output = ROOT / "build/bench.json"
     output.write_text(json.dumps(document, indent=1))
@@ -215,11 +231,10 @@ def command_time(options):
 # What the functions of libzel as one binary are there for; the first that fits.
 PARTS = {
     "C library: heap, long copies": r"C library",
-    "object cache": r"mat_cache|platform::avl|_buckets|ravl_",
-    "counting elements": r"get_num_tlvs|pass_usual",
-    "reading elements": r"decode|deviate|resolve|finish|allocate_array|unforeseen_step|zel::.*build",
-    "sizes": r"Sizer",
-    "writing elements": r"Writer|add_",
+    "marks": r"Marks|mat_cache|ravl_",
+    "reading elements": r"decode|read_|allocate_array|parse",
+    "sizes": r"encoded_size|add_apart",
+    "writing elements": r"encode|append|add_",
     "releasing, and the rest": r"",
 }
 

@@ -13,7 +13,7 @@ namespace bench {
 using Facts = std::vector<std::pair<const char *, double>>;
 
 struct Measurement {
-    const char *name;
+    std::string name;
     std::function<void()> run;
     Facts facts;
 };

@@ -9,7 +9,7 @@ void measure(const std::vector<Measurement> &measurements, std::vector<char *> o
     int count = int(options.size());
     benchmark::Initialize(&count, options.data());
     for (const Measurement &measurement : measurements)
-        benchmark::RegisterBenchmark(measurement.name, [&measurement](benchmark::State &state) {
+        benchmark::RegisterBenchmark(measurement.name.c_str(), [&measurement](benchmark::State &state) {
             for (auto _ : state)
                 measurement.run();
             for (const auto &[name, value] : measurement.facts)

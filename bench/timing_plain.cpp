@@ -44,8 +44,8 @@ void measure(const Measurement &measurement, double wanted)
         iterations = std::max(iterations + 1, long(double(iterations) * factor));
         seconds = seconds_for(measurement, iterations);
     }
-    std::printf("{\"name\": \"%s\", \"iterations\": %ld, \"cpu_time\": %.17g, \"time_unit\": \"ns\"", measurement.name,
-                iterations, 1e9 * seconds / double(iterations));
+    std::printf("{\"name\": \"%s\", \"iterations\": %ld, \"cpu_time\": %.17g, \"time_unit\": \"ns\"",
+                measurement.name.c_str(), iterations, 1e9 * seconds / double(iterations));
     for (const auto &[name, value] : measurement.facts)
         std::printf(", \"%s\": %.17g", name, value);
     std::printf("}");

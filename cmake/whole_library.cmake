@@ -2,10 +2,13 @@
 # it needs no option and no particular compiler.  libzel.a itself is plain, because a program
 # may put functions of its own between library and platform.
 #
-# Symbols that are not exported are local to the object.
+# Builds for sanitizers and fuzzers have the same code as ordinary objects.
+#
+# Symbols that the version scripts do not name are local to the object.
 function(add_whole_library name)
-    separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
-    set(options -O3 -fPIC -flto)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_BUILD_TYPE STREQUAL Release)
+        set(options -O3 -fPIC -flto -fno-gnu-unique) # unique symbols cannot become local
+    endif()
     foreach(library zel_objects zel_platform)
         get_target_property(sources ${library} SOURCES)
         get_target_property(folder ${library} SOURCE_DIR)
@@ -24,20 +27,39 @@ function(add_whole_library name)
         list(APPEND objects $<TARGET_OBJECTS:${name}_${library}>)
     endforeach()
 
+    if(options)
+        link_whole_object(${name} "${options}" "${objects}")
+        set(objects ${CMAKE_CURRENT_BINARY_DIR}/${name}.o)
+    endif()
+    add_library(${name} STATIC ${objects})
+    set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
+    target_include_directories(${name} PUBLIC
+        ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/reference/include)
+endfunction()
+
+# Makes the object NAME.o of others.
+function(link_whole_object name options objects)
+    set(exported ${CMAKE_CURRENT_BINARY_DIR}/${name}.symbols)
+    set(names)
+    foreach(map src/libzel.map reference/libzel-platform.map)
+        file(STRINGS ${PROJECT_SOURCE_DIR}/${map} lines REGEX "^ *[a-z_0-9]+;$")
+        string(REGEX MATCHALL "[a-z_0-9]+" lines "${lines}")
+        list(APPEND names ${lines})
+    endforeach()
+    list(JOIN names "\n" names)
+    file(WRITE ${exported} "${names}\n")
+
+    separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
     set(object ${CMAKE_CURRENT_BINARY_DIR}/${name}.o)
     # One partition: GCC 12 fails on several.  No section groups: a linker keeps one of several
     # groups with the same name, and that one would have local symbols.
     add_custom_command(OUTPUT ${object}
         COMMAND ${CMAKE_CXX_COMPILER} ${flags} ${options} -r -nostdlib -flinker-output=nolto-rel -flto-partition=one
             -Wl,--force-group-allocation -o ${object} ${objects}
-        COMMAND ${CMAKE_OBJCOPY} --localize-hidden --strip-debug ${object}
+        COMMAND ${CMAKE_OBJCOPY} --keep-global-symbols=${exported} --strip-debug ${object}
         DEPENDS ${objects}
         COMMAND_EXPAND_LISTS
         COMMENT "Optimising ${name} as a whole"
         VERBATIM)
     set_source_files_properties(${object} PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
-    add_library(${name} STATIC ${object})
-    set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
-    target_include_directories(${name} PUBLIC
-        ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/reference/include)
 endfunction()

@@ -71,7 +71,8 @@ void write_requests(const Folder &folder)
             const tools::Message message = random_request(api_type, seed);
             const std::string bytes = encode_message(message);
             const std::string name = "kind_" + std::to_string(api_type) + "_" + std::to_string(seed);
-            write(folder / "verified", name, bytes);
+            for (const char *const target : {"verified", "alike"})
+                write(folder / target, name, bytes);
             write(folder / "parser", name, static_cast<char>(20 * api_type + seed) + bytes);
             write(folder / "json", name, message_to_json(message).dump());
         }

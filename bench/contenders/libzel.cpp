@@ -46,6 +46,11 @@ public:
 
     void release(void *graph) override { free_graph(graph); }
 
+    std::function<bool(Bytes)> verifier() override
+    {
+        return [](Bytes bytes) { return zel_verify_tlv_array(bytes.data(), nullptr, nullptr) == ZEL_VERIFY_OK; };
+    }
+
     Message neutral(const void *graph) override { return from_zel(mat_type_, graph); }
 
 private:

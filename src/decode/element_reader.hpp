@@ -68,7 +68,7 @@ public:
 
     [[gnu::always_inline]] bool is_at(const wire::RunElement &expected) const
     {
-        return has_room(TLV_ELEMENT_OVERHEAD) && is_header(0, expected);
+        return has_room(TLV_ELEMENT_OVERHEAD + expected.width) && is_header(0, expected);
     }
 
     // Copies the values of a run into the object.  False: something

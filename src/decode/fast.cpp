@@ -42,7 +42,7 @@ constexpr Run reference_run = [] {
 
 // Records that are a single run in all messages.
 template <const Record &R> constexpr bool is_one_run = platform_is_inline &&R.is_leaf();
-template <const Record &R> constexpr Run whole_run = run_with_start(R, read_scope);
+template <const Record &R> [[maybe_unused]] constexpr Run whole_run = run_with_start(R, read_scope);
 
 // Members of a sequence that are read within the code of their container.
 template <const Record &R> constexpr bool is_in_place = platform_is_inline &&R != wire::policy;
@@ -94,7 +94,7 @@ struct End {
     return false;
 }
 
-[[gnu::noinline]] bool leave_apart(Progress &at, const Record &record) { return leave_in_place(at, record); }
+[[gnu::noinline, maybe_unused]] bool leave_apart(Progress &at, const Record &record) { return leave_in_place(at, record); }
 
 // With the platform behind calls, registers do not outlast an element, and small code counts.
 template <const Record &R> [[gnu::always_inline]] inline bool leave(Progress &at)

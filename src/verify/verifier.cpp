@@ -3,9 +3,10 @@
 #include "wire/verify.hpp"
 
 #include "model/elements.hpp"
+#include "verify/accept.hpp"
+#include "verify/id_set.hpp"
 
 #include <algorithm>
-#include <bitset>
 #include <cstdio>
 #include <cstring>
 
@@ -43,9 +44,8 @@ struct Verification {
     const PathStep *path = nullptr;
 
     // The ids of the objects that have come in full.
-    using Ids = std::bitset<UINT16_MAX + 1>;
-    Ids matches{};
-    Ids actions{};
+    IdSet matches{};
+    IdSet actions{};
 };
 
 // ---- The report
@@ -150,7 +150,7 @@ bool take_marker(Verification &v, uint16_t id, uint32_t rule = ZEL_VERIFY_PLACE)
 
 bool verify_record(Verification &v, const Record &record, uint32_t rule = ZEL_VERIFY_PLACE);
 
-Verification::Ids &ids_of(Verification &v, const Record &record)
+IdSet &ids_of(Verification &v, const Record &record)
 {
     return record.mat_type == ZEL_MAT_TYPE_MATCH ? v.matches : v.actions;
 }
@@ -159,11 +159,7 @@ Verification::Ids &ids_of(Verification &v, const Record &record)
 bool verify_identity(Verification &v, const Record &record)
 {
     const uint32_t id = load_number(v.value, sizeof(uint16_t));
-    auto &&is_seen = ids_of(v, record)[id];
-    if (is_seen)
-        return refuse(v, ZEL_VERIFY_REPEATED, record.mat_type, id);
-    is_seen = true;
-    return true;
+    return ids_of(v, record).insert(id) || refuse(v, ZEL_VERIFY_REPEATED, record.mat_type, id);
 }
 
 bool verify_request_kind(Verification &v)
@@ -264,7 +260,7 @@ bool verify_reference(Verification &v, const Record &record)
     if (!expect(v, wire::reference_mat_id.id, wire::reference_mat_id.width))
         return false;
     const uint32_t mat_id = load_number(v.value, wire::reference_mat_id.width);
-    if (!ids_of(v, record)[mat_id])
+    if (!ids_of(v, record).contains(mat_id))
         return refuse(v, ZEL_VERIFY_REFERENCE, record.mat_type, mat_id);
     advance(v);
     return true;
@@ -327,6 +323,8 @@ uint32_t wire::verify(const MessageFormat &format, const void *array, bool stric
     report = {};
     if (array == nullptr)
         return report.rule = ZEL_VERIFY_NO_MESSAGE;
+    if (platform_is_inline && &format == &message_format && is_as_encoded(array))
+        return report.rule;
     Verification v{format, array, strict, report};
     begin(v);
     verify_header_and_object(v);

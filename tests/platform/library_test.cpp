@@ -6,17 +6,11 @@
 #include <cstdarg>
 #include <memory>
 
-extern "C" { // there when a leak sanitizer is
-[[gnu::weak]] void __lsan_disable();
-[[gnu::weak]] void __lsan_enable();
-}
-
 namespace {
 
 uint32_t num_errors = 0;
 
 void count_error(const char *, ...) { ++num_errors; } // the type of the library's callbacks
-void ignore(const char *, ...) {}
 
 struct LibraryTest : TransportTest {
     LibraryTest()
@@ -90,96 +84,6 @@ TEST(Threads, TwoHandlesAtOnce)
     std::thread other(work, uint16_t{2});
     work(1);
     other.join();
-}
-
-// Blocks from here on may be lost: damage can make the decoders lose members and cache
-// entries, by contract.
-struct LossesAllowed {
-    LossesAllowed()
-    {
-        if (__lsan_disable != nullptr)
-            __lsan_disable();
-    }
-    ~LossesAllowed()
-    {
-        if (__lsan_enable != nullptr)
-            __lsan_enable();
-    }
-};
-
-// All that a decoder gives, as bytes.  A debug callback makes it take every element as it
-// comes; without one it expects those of the encoder, and the platform may know them.
-Bytes all_of_match_group(Bytes array, zel_trace_cb_t debug_callback)
-{
-    array.resize(array.size() + KOB_PAYLOAD_TAIL);
-    zel_api_handle_t handle;
-    zel_api_init(&handle, 0, 1, ZEL_KOB_NO_TRANSPORT, count_error, count_error, debug_callback);
-    zel_match_grp_t group{};
-    uint32_t facts[4]{};
-    num_errors = 0;
-    const LossesAllowed losses_allowed;
-    facts[0] = static_cast<uint32_t>(
-        zel_parse_match_grp_from_tlv(&handle, array.data(), &facts[1], &group, &facts[2], handle.app_type));
-    facts[3] = num_errors;
-    Bytes all;
-    const auto append = [&](const auto &part) {
-        const auto *const bytes = reinterpret_cast<const unsigned char *>(&part);
-        all.insert(all.end(), bytes, bytes + sizeof part);
-    };
-    append(facts);
-    append(group.num_match);
-    for (uint32_t i = 0; group.matches != nullptr && i < group.num_match; ++i)
-        if (group.matches[i] != nullptr)
-            append(*group.matches[i]);
-    zel_empty_mat_cache(&handle);
-    free_contained_mat_obj_mem(&handle, 1, ZEL_MAT_TYPE_MATCH_GROUP, &group);
-    return all;
-}
-
-TEST(Decoders, DamageReadsAlikeWhateverIsExpected)
-{
-    std::vector<zel_match_t> matches(6);
-    std::vector<zel_match_t *> members;
-    for (zel_match_t &match : matches) {
-        constexpr uint32_t types[] = {ZEL_MATCH_TYPE_LISP_INST, ZEL_MATCH_TYPE_ACL, ZEL_MATCH_TYPE_LABEL};
-        match.id = static_cast<uint16_t>(members.size() % 4); // the last two repeat the first
-        match.type = types[members.size() % 3];
-        members.push_back(&match);
-    }
-    zel_match_grp_t group{9, 0, 0, static_cast<uint16_t>(members.size()), members.data()};
-    auto handle = std::make_unique<zel_api_handle_t>();
-    zel_api_init(handle.get(), 0, 1, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
-    Bytes array(4 + get_mat_obj_size_for_kob(handle.get(), 1, ZEL_MAT_TYPE_MATCH_GROUP, &group));
-    assemble_mat_obj_for_kob(handle.get(), 1, array.data(), static_cast<uint32_t>(array.size()),
-                             ZEL_MAT_TYPE_MATCH_GROUP, &group);
-    int32_t status = TLV_OK;
-    const auto intact = read_all(array, status);
-    ASSERT_TRUE(status == TLV_END && intact.size() > 40);
-    Random random(1);
-    for (int round = 0; round < 5000; ++round) {
-        auto elements = intact;
-        for (auto faults = random() % 4; faults != 0; --faults) {
-            Element &one = elements[random() % elements.size()];
-            Element &other = elements[random() % elements.size()];
-            switch (random() % 4) {
-            case 0:
-                std::swap(one, other);
-                break;
-            case 1:
-                one.first = other.first;
-                break;
-            case 2:
-                one.second.resize(random() % 10);
-                break;
-            case 3:
-                elements.resize(elements.size() - random() % 2);
-            }
-        }
-        array = array_with(elements);
-        const auto used = static_cast<uint32_t>(array.size() - TLV_ARRAY_OVERHEAD - random() % 2 * (random() % 40));
-        std::memcpy(array.data(), &used, sizeof used); // what lies behind the end looks like elements
-        ASSERT_EQ(all_of_match_group(array, nullptr), all_of_match_group(array, ignore)) << "round " << round;
-    }
 }
 
 TEST_F(LibraryTest, StatisticsAndErrorsComeBack)

@@ -4,33 +4,16 @@
 #include "support/outcome.hpp"
 #include "target.hpp"
 
-#include "wire/verify.hpp"
 #include "zel-platform/tlv_check.h"
 
 using test::Listening;
 
 const std::size_t fuzz::array_offset = 0;
 
-namespace {
-
-// The verifier has a quick look at messages of the library's own format.
-void check_verifier(const void *array)
-{
-    static const zel::wire::MessageFormat other_format = zel::wire::message_format;
-    zel_verify_report_t quick{};
-    zel_verify_report_t full{};
-    zel::wire::verify(zel::wire::message_format, array, false, quick);
-    zel::wire::verify(other_format, array, false, full);
-    REQUIRE(std::memcmp(&quick, &full, sizeof quick) == 0);
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
 {
     if (tlv_array_check(data, static_cast<uint32_t>(size)) != TLV_OK)
         return 0;
-    check_verifier(data);
     const test::Outcome quiet = test::outcome_of({data, size}, Listening::to_nothing);
     const test::Outcome usual = test::outcome_of({data, size}, Listening::to_failures);
     const test::Outcome loud = test::outcome_of({data, size}, Listening::to_all);

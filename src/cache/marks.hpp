@@ -19,7 +19,7 @@ namespace zel {
 
 class Marks {
 public:
-    Marks() = default; // off: the cache is used
+    // On unless somebody would be told, or the cache holds something already.
     Marks(zel_api_handle_t &handle, uint32_t app_type);
     Marks(const Marks &) = delete;
     Marks &operator=(const Marks &) = delete;
@@ -115,7 +115,6 @@ private:
 // With the platform behind calls, every object is entered into the cache.
 class Marks {
 public:
-    Marks() = default;
     Marks(zel_api_handle_t &, uint32_t) {}
     static constexpr bool are_on() { return false; }
     static void *find(uint32_t, uint16_t) { return nullptr; }

@@ -9,14 +9,16 @@ namespace zel {
 struct Pass {
     zel_api_handle_t *handle; // read only when a match or an action comes, or something is reported
     uint32_t app_type;
-    Marks &marks;
+    Marks *marks = nullptr; // null: the cache is used
+
+    [[gnu::always_inline]] bool has_marks() const { return marks != nullptr && marks->are_on(); }
 
     // The object with this id that the message has carried in full, or null.
     [[gnu::always_inline]] const void *find(uint32_t mat_type, uint16_t id) const
     {
-        if (marks.are_on()) {
+        if (has_marks()) {
             const bool is_shareable = mat_type == ZEL_MAT_TYPE_MATCH || mat_type == ZEL_MAT_TYPE_ACTION;
-            return is_shareable ? marks.find(mat_type, id) : nullptr;
+            return is_shareable ? marks->find(mat_type, id) : nullptr;
         }
         const zel_mat_cache_entry_t *const entry = find_in_cache(*handle, app_type, mat_type, id);
         return entry != nullptr ? entry->obj : nullptr;
@@ -25,7 +27,7 @@ struct Pass {
     // Keeps an object for the references to come.  The first one with an id stays.
     [[gnu::always_inline]] void store(uint32_t mat_type, uint16_t id, void *object) const
     {
-        if (marks.are_on() && (marks.find(mat_type, id) != nullptr || marks.set(mat_type, id, object)))
+        if (has_marks() && (marks->find(mat_type, id) != nullptr || marks->set(mat_type, id, object)))
             return;
         store_in_cache(*handle, app_type, mat_type, id, object);
     }
@@ -36,10 +38,10 @@ struct Pass {
         const uint16_t id = wire::id_of(record, object);
         // Objects are given out as non-const; encoding never writes to them.
         auto *const stored = const_cast<void *>(object);
-        if (marks.are_on()) {
-            if (marks.find(record.mat_type, id) != nullptr)
+        if (has_marks()) {
+            if (marks->find(record.mat_type, id) != nullptr)
                 return false;
-            if (expect_true(marks.set(record.mat_type, id, stored)))
+            if (expect_true(marks->set(record.mat_type, id, stored)))
                 return true;
         } else if (find_in_cache(*handle, app_type, record.mat_type, id) != nullptr) {
             return false;

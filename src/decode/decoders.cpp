@@ -10,8 +10,7 @@ int32_t decode_with_own_budget(zel_api_handle_t *handle, const void *array, uint
                                const wire::Record &record, void *object, uint32_t *subtotal, uint32_t app_type = 0)
 {
     AllocationBudget budget{array};
-    Marks none;
-    return decode({{handle, app_type, none}, array, cursor, budget}, record, object, *subtotal);
+    return decode({{handle, app_type}, array, cursor, budget}, record, object, *subtotal);
 }
 
 } // namespace

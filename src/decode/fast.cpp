@@ -94,7 +94,10 @@ struct End {
     return false;
 }
 
-[[gnu::noinline, maybe_unused]] bool leave_apart(Progress &at, const Record &record) { return leave_in_place(at, record); }
+[[gnu::noinline, maybe_unused]] bool leave_apart(Progress &at, const Record &record)
+{
+    return leave_in_place(at, record);
+}
 
 // With the platform behind calls, registers do not outlast an element, and small code counts.
 template <const Record &R> [[gnu::always_inline]] inline bool leave(Progress &at)

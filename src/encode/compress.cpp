@@ -14,9 +14,7 @@ uint32_t compress_mat(zel_api_handle_t *handle, void *tlv_array, uint32_t *size,
     const wire::Record *const object = wire::object_of(mat_type);
     if (object == nullptr && mat_type != ZEL_MAT_TYPE_NONE)
         trace(*handle, Severity::error, __func__, "unknown mat type: %d"_trace, mat_type);
-    Marks none;
-    if (object == nullptr || !object->is_shareable() ||
-        Pass{handle, app_type, none}.is_first_occurrence(*object, record))
+    if (object == nullptr || !object->is_shareable() || Pass{handle, app_type}.is_first_occurrence(*object, record))
         return ZEL_COMPRESS_WHOLE;
     switch (mode) {
     case MAT_TRAVERSE_ENCODE: {

@@ -182,15 +182,13 @@ using namespace zel;
     int32_t zel_add_##object##_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,                  \
                                       const zel_##object##_t *record, uint32_t app_type)                               \
     {                                                                                                                  \
-        Marks none;                                                                                                    \
-        return encode<wire::object>({handle, app_type, none}, {handle, tlv_array, array_size}, record);                \
+        return encode<wire::object>({handle, app_type}, {handle, tlv_array, array_size}, record);                      \
     }
 
 int32_t zel_add_kob_header_to_tlv(zel_api_handle_t *handle, void *tlv_array, uint32_t array_size,
                                   const zel_kob_header_t *record)
 {
-    Marks none;
-    return encode<wire::kob_header>({handle, 0, none}, {handle, tlv_array, array_size}, record);
+    return encode<wire::kob_header>({handle, 0}, {handle, tlv_array, array_size}, record);
 }
 
 ZEL_LEAF_RECORDS(LEAF_ENCODER)

@@ -180,8 +180,7 @@ template <const Record &R> uint32_t encoded_size(const Pass &pass, const void *o
 // A record without matches and actions, which alone look at a handle.
 template <const Record &R> static uint32_t encoded_size(const void *object)
 {
-    Marks none;
-    return encoded_size<R>({nullptr, 0, none}, object);
+    return encoded_size<R>({nullptr, 0}, object);
 }
 
 } // namespace zel
@@ -201,8 +200,7 @@ using namespace zel;
     template uint32_t zel::encoded_size<wire::object>(const Pass &, const void *);                                     \
     uint32_t zel_##object##_get_tlv_sz(zel_api_handle_t *handle, const zel_##object##_t *record, uint32_t app_type)    \
     {                                                                                                                  \
-        Marks none;                                                                                                    \
-        return encoded_size<wire::object>({handle, app_type, none}, record);                                           \
+        return encoded_size<wire::object>({handle, app_type}, record);                                                 \
     }
 
 LEAF_SIZE(kob_header)

@@ -157,8 +157,7 @@ using namespace zel;
     uint32_t traverse_mat_##name##_obj(zel_api_handle_t *handle, void *buffer, uint32_t *value, zel_##record##_t *obj, \
                                        uint32_t mode, uint32_t app)                                                    \
     {                                                                                                                  \
-        Marks none;                                                                                                    \
-        return traverse<wire::record>({__func__, {handle, app, none}, buffer, value, mode}, obj);                      \
+        return traverse<wire::record>({__func__, {handle, app}, buffer, value, mode}, obj);                            \
     }
 
 TRAVERSAL(policy_list, policy_list)
@@ -209,7 +208,7 @@ uint32_t traverse_mat_obj(zel_api_handle_t *handle, void *buffer, uint32_t *valu
     uint32_t result = 1;
     if (mat_type < rows.size() && rows[mat_type].traverse != nullptr) {
         Marks marks(*handle, app);
-        result = rows[mat_type].traverse({rows[mat_type].function, {handle, app, marks}, buffer, value, mode}, obj);
+        result = rows[mat_type].traverse({rows[mat_type].function, {handle, app, &marks}, buffer, value, mode}, obj);
     }
     zel_empty_mat_cache(handle);
     return result;

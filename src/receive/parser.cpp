@@ -50,7 +50,7 @@ template <class... Args> void report(const Parse &parse, int line, const char *t
 void read(Parse &parse, const Record &record, void *object)
 {
     uint32_t subtotal = 0;
-    decode({{&parse.handle, parse.app_type, parse.marks}, parse.array, &parse.cursor, parse.budget}, record, object,
+    decode({{&parse.handle, parse.app_type, &parse.marks}, parse.array, &parse.cursor, parse.budget}, record, object,
            subtotal);
     parse.consumed += subtotal;
 }

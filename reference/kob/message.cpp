@@ -81,6 +81,10 @@ uint32_t kob_msg_sap(const kob_msg_t *msg) { return msg->sap; }
 
 uint32_t kob_msg_client(const kob_msg_t *msg) { return msg->client; }
 
+uint32_t kob_msg_pid(const kob_msg_t *msg) { return msg->pid; }
+
+uint32_t kob_msg_uid(const kob_msg_t *msg) { return msg->uid; }
+
 uint32_t kob_rr_token_get(void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->token; }
 
 // Also gives the payload of a message that arrived in parts: the readers of responses do not

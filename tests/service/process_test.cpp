@@ -21,13 +21,6 @@ int connect_raw(const std::string &address)
     return socket;
 }
 
-// The address sanitizer keeps freed memory.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool keeps_freed_memory = true;
-#else
-constexpr bool keeps_freed_memory = false;
-#endif
-
 size_t resident_kilobytes(pid_t pid)
 {
     std::ifstream in(fmt::format("/proc/{}/status", pid));

@@ -382,8 +382,10 @@ TEST(Update, CountersStayWithPairs)
     std::vector<service::PacketHeader> packets(5, packet);
     packets[0].ether_type = 1;
     packets[1].ether_type = packets[2].ether_type = 2;
-    Traffic traffic(policies, packets);
-    traffic.run(Slice());
+    const Bytes array = array_of(service::element_packet, packets);
+    Traffic traffic(policies, array.data());
+    while (traffic.state() != Job::State::done)
+        traffic.run(Slice());
     EXPECT_EQ(traffic.answer().header.retval, 3);
     const auto other = policy(1, "3@1:3=3/ 2@2:4=4/");
     apply(policies, 3, set, 1, &other->match_action_pair_group);

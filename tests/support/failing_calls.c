@@ -58,6 +58,7 @@ static void remember(int file)
     char name[64];
     char path[PATH_MAX] = "";
     char copy[2 * PATH_MAX];
+    char draft[2 * PATH_MAX];
     struct stat status;
     if (control->copies[0] == '\0' || fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
         return;
@@ -65,7 +66,9 @@ static void remember(int file)
     if (readlink(name, path, sizeof path - 1) < 0)
         return;
     snprintf(copy, sizeof copy, "%s/%s", control->copies, strrchr(path, '/') + 1);
-    copy_file(path, copy);
+    snprintf(draft, sizeof draft, "%s/draft", control->copies);
+    copy_file(path, draft);
+    rename(draft, copy); /* a kill leaves the old copy or the new one */
 }
 
 static int sync_with(int (*sync)(int), int file)

@@ -65,14 +65,21 @@ private:
 
     static unsigned key_of(const std::shared_ptr<Leaf> &leaf) { return leaf->front().first / leaf_ids; }
 
+    // Ids that leave no gap, as they mostly do, are at their place.
     template <class L> static auto leaf_of(L &leaves, uint16_t id)
     {
+        const std::size_t place = id / leaf_ids;
+        if (place < leaves.size() && key_of(leaves[place]) == place)
+            return leaves.begin() + static_cast<std::ptrdiff_t>(place);
         return std::partition_point(leaves.begin(), leaves.end(),
                                     [&](const auto &leaf) { return key_of(leaf) < id / leaf_ids; });
     }
 
     template <class L> static auto entry_of(L &leaf, uint16_t id)
     {
+        const std::size_t place = id % leaf_ids;
+        if (place < leaf.size() && leaf[place].first == id)
+            return leaf.begin() + static_cast<std::ptrdiff_t>(place);
         return std::partition_point(leaf.begin(), leaf.end(), [&](const auto &entry) { return entry.first < id; });
     }
 

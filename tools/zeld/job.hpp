@@ -4,6 +4,7 @@
 #include "tools/zeld/message.hpp"
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <time.h>
 
@@ -19,7 +20,7 @@ inline uint64_t now_ns()
 // The time that a job has until others get their turn.
 class Slice {
 public:
-    static constexpr uint64_t length_ns = 4'000'000;
+    static constexpr uint64_t length_ns = 2'000'000;
 
     Slice() : end_ns_(now_ns() + length_ns) {}
     bool is_over() const { return now_ns() >= end_ns_; }
@@ -57,7 +58,7 @@ public:
     // was undone.
     virtual void apply() {}
     // What was changed, for the log; empty when nothing was.
-    virtual std::string_view log_text() const { return {}; }
+    virtual std::string log_text() const { return {}; }
 
     void fail(service::Error error, std::string_view text)
     {

@@ -40,15 +40,23 @@ std::string name_of(const kob_msg_t *msg)
 
 bool Loop::run(int stop)
 {
-    while (!wait(stop)) {
-        if (!receive_all())
-            return false;
-        work(false);
-        commit();
-        work(true);
-        forget_idle_clients();
+    for (;;) {
+        try {
+            if (wait(stop))
+                return true;
+            if (!receive_all())
+                return false;
+            const bool has_waste = done_large_.has_value();
+            work(false);
+            commit();
+            work(true);
+            if (has_waste) // of the round before: others have had their turn meanwhile
+                free_large();
+            forget_idle_clients();
+        } catch (const std::bad_alloc &) {
+            log(LogLevel::error, "out of memory");
+        }
     }
-    return true;
 }
 
 // Waits unless there is work. Returns true when the service has to stop.
@@ -84,7 +92,11 @@ bool Loop::receive(Socket &socket)
         return true;
     switch (const int32_t error = kob_service_receive(socket.transport.get(), turn.msg.get(), 0)) {
     case KOB_OK:
-        enter(std::move(turn));
+        try {
+            enter(std::move(turn));
+        } catch (const std::bad_alloc &) {
+            deliver(turn, failure(service::error_limit, "out of memory"));
+        }
         return true;
     case KOB_ERR_TIMEOUT:
     case KOB_ERR_INTERRUPTED:
@@ -95,18 +107,18 @@ bool Loop::receive(Socket &socket)
     }
 }
 
-void Loop::enter(Turn turn)
+void Loop::enter(Turn &&turn)
 {
     const std::size_t size = kob_msg_size(turn.msg.get());
     if (is_large(turn.msg.get()) && waiting_ + size > max_waiting_)
         return deliver(turn, failure(service::error_limit, "too many large requests wait; try again"));
-    waiting_ += size;
     Client &client = clients_[{turn.socket, kob_msg_client(turn.msg.get())}];
-    if (client.turns.empty()) {
+    client.turns.push_back(std::move(turn));
+    waiting_ += size;
+    if (client.turns.size() == 1) {
         ++num_waiting_;
         client.served_ns = std::max(client.served_ns, least_served_ns_);
     }
-    client.turns.push_back(std::move(turn));
     if (client.turns.size() < most_turns)
         return;
     client.is_held = true;
@@ -174,9 +186,10 @@ void Loop::step(Client &client)
             throw Refusal(service::error_limit, "the client has gone");
         return turn.job->run(slice);
     }
+    const bool has_prepared = turn.job->state() == Job::State::preparing;
     while (turn.job->state() == Job::State::preparing && !slice.is_over())
         turn.job->run(slice);
-    if (turn.job->state() != Job::State::ready)
+    if (turn.job->state() != Job::State::ready || (has_prepared && slice.is_over()))
         return;
     committing_.reserve(committing_.size() + 1);
     turn.job->apply();
@@ -189,9 +202,11 @@ void Loop::step(Client &client)
 void Loop::commit()
 {
     const std::vector<Client *> clients = std::exchange(committing_, {});
+    if (clients.empty())
+        return;
     try {
         service_.policies().commit();
-    } catch (const StoreError &error) {
+    } catch (const std::exception &error) { // also without memory
         // One by one, so that no change is refused for the sake of another.
         for (Client *const client : clients)
             commit_one(*client, clients.size() > 1 ? nullptr : error.what());
@@ -211,44 +226,61 @@ void Loop::commit_one(Client &client, const char *fault)
             throw StoreError(fault);
         job.apply();
         service_.policies().commit();
-    } catch (const StoreError &error) {
-        job.fail(service::error_storage, fmt::format("not changed: {}", error.what()));
     } catch (const Refusal &refusal) {
         job.fail(refusal.error(), refusal.what());
+    } catch (const StoreError &error) {
+        job.fail(service::error_storage, error.what());
+    } catch (const std::bad_alloc &) {
+        job.fail(service::error_limit, "out of memory");
     }
 }
 
 // ---- Answering
 
 // Answers a client's first turn, and goes on to the next one.
-void Loop::finish(Client &client, const Answer &answer)
+void Loop::finish(Client &client, const Answer &answer) noexcept
 {
     deliver(client.turns.front(), answer);
-    const Turn turn = std::move(client.turns.front());
+    Turn turn = std::move(client.turns.front());
     client.turns.pop_front();
     waiting_ -= kob_msg_size(turn.msg.get());
     num_waiting_ -= client.turns.empty() ? 1 : 0;
-    large_ = large_ == &client ? nullptr : large_;
     if (std::exchange(client.is_held, false))
         kob_service_hold(turn.socket->transport.get(), turn.msg.get(), 0);
+    if (large_ == &client)
+        done_large_ = std::move(turn);
 }
 
-void Loop::deliver(const Turn &turn, const Answer &answer)
+void Loop::deliver(const Turn &turn, const Answer &answer) noexcept
 {
     kob_msg_t *const msg = turn.msg.get();
+    log_outcome(turn, answer);
+    const mpkob_segment_t segments[] = {
+        {&answer.header, sizeof answer.header},
+        {answer.body.data(), static_cast<uint32_t>(answer.body.size())},
+    };
+    // A reply that cannot be delivered ends the connection.
+    (void)kob_service_reply(turn.socket->transport.get(), msg, segments, answer.body.empty() ? 1 : 2);
+}
+
+void Loop::log_outcome(const Turn &turn, const Answer &answer) noexcept
+try {
+    const kob_msg_t *const msg = turn.msg.get();
     const uint32_t uid = kob_msg_uid(msg);
     if (answer.header.status != service::status_ok)
         log_about(uid, LogLevel::warn, "{}: refused, error {}: {}", name_of(msg), answer.header.error,
                   answer.header.msg);
     else if (turn.job != nullptr && !turn.job->log_text().empty())
         log_about(uid, LogLevel::info, "{}: {}", name_of(msg), turn.job->log_text());
-    const mpkob_segment_t segments[] = {
-        {&answer.header, sizeof answer.header},
-        {answer.body.data(), static_cast<uint32_t>(answer.body.size())},
-    };
-    const int32_t error = kob_service_reply(turn.socket->transport.get(), msg, segments, answer.body.empty() ? 1 : 2);
-    if (error != KOB_OK)
-        log_about(uid, LogLevel::warn, "{}: the answer was not delivered: {}", name_of(msg), kob_error_text(error));
+} catch (const std::bad_alloc &) {
+    return; // a line less
+}
+
+// The graph of a large request takes some 10 ms to free.
+void Loop::free_large() noexcept
+{
+    done_large_.reset();
+    large_ = nullptr;
 }
 
 // Clients that have gone leave an entry. One that has had no more time than others says

@@ -12,6 +12,7 @@
 
 #include <deque>
 #include <map>
+#include <optional>
 
 namespace zeld {
 
@@ -56,15 +57,17 @@ private:
     bool wait(int stop) const;
     bool receive_all();
     bool receive(Socket &socket);
-    void enter(Turn turn);
+    void enter(Turn &&turn);
     void work(bool is_reading);
     bool can_go_on(const Client &client, bool is_reading) const;
     void work_on(Client &client);
     void step(Client &client);
     void commit();
     void commit_one(Client &client, const char *fault);
-    void finish(Client &client, const Answer &answer);
-    static void deliver(const Turn &turn, const Answer &answer);
+    void finish(Client &client, const Answer &answer) noexcept;
+    static void deliver(const Turn &turn, const Answer &answer) noexcept;
+    static void log_outcome(const Turn &turn, const Answer &answer) noexcept;
+    void free_large() noexcept;
     void forget_idle_clients();
 
     Service &service_;
@@ -73,9 +76,10 @@ private:
     std::size_t waiting_ = 0; // bytes of requests
     Clients clients_;
     std::vector<Client *> committing_;
-    std::size_t num_waiting_ = 0;   // clients with a turn
-    const Client *large_ = nullptr; // whose large request is being read
-    uint64_t least_served_ns_ = 0;  // of the clients that wait
+    std::size_t num_waiting_ = 0;      // clients with a turn
+    std::optional<Turn> done_large_{}; // the last large request, which is still to be freed
+    const Client *large_ = nullptr;    // whose large request is being read
+    uint64_t least_served_ns_ = 0;     // of the clients that wait
 };
 
 } // namespace zeld

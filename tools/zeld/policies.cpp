@@ -251,7 +251,7 @@ void Policies::commit()
         if (store_ != nullptr)
             store_->apply(changes_);
         undo_.clear();
-    } catch (const StoreError &) {
+    } catch (...) {
         undo();
         changes_.clear();
         throw;

@@ -43,13 +43,18 @@ public:
 
     void apply() override
     {
-        const std::string text = service_.policies().apply(request_);
-        log_text_ = fmt::format("request kind {}, op_code {}, application {}: {}", request_.header.api_type,
-                                request_.header.op_code, request_.header.app_type, text);
-        finish(success(text));
+        change_ = service_.policies().apply(request_); // from here on nothing fails
+        finish(success(change_));
     }
 
-    std::string_view log_text() const override { return log_text_; }
+    std::string log_text() const override
+    {
+        const zel_kob_header_t &header = request_.header;
+        if (change_.empty())
+            return {};
+        return fmt::format("request kind {}, op_code {}, application {}: {}", header.api_type, header.op_code,
+                           header.app_type, change_);
+    }
 
 private:
     void get_ready()
@@ -66,7 +71,7 @@ private:
     uint32_t num_unknown_ = 0;
     Request request_{};
     std::optional<Statistics> statistics_{};
-    std::string log_text_{};
+    std::string change_{};
 };
 
 } // namespace

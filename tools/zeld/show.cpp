@@ -10,10 +10,10 @@ using service::error_malformed;
 Show::Show(const Policies &policies, const void *array, std::size_t max_body)
     : Job(State::reading), policies_(policies), max_body_(max_body)
 {
-    const auto requests = read_values<service::ShowRequest>(array, service::element_show);
+    Values<service::ShowRequest> requests(array, service::element_show);
     if (requests.size() != 1)
         throw Refusal(error_malformed, "{} elements where one show request belongs", requests.size());
-    request_ = requests.front();
+    requests.next(request_);
 }
 
 void Show::begin()

@@ -2,6 +2,7 @@
 
 #include "tools/zeld/log.hpp"
 
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -62,7 +63,7 @@ uint64_t row_checksum(const PolicyKey &key, uint32_t number, std::span<const uns
 
 // The owner is checked before the first connection that could write, and again with
 // the file locked: a log beside the file may contain tables that the file does not.
-Store::Store(const std::string &path) : path_(path)
+Store::Store(const std::string &path) : path_(path), reserve_path_(path + "-reserve")
 {
     if (has_content(path)) {
         database_.open_immutable(path);
@@ -243,8 +244,7 @@ void Store::apply(std::span<const Change> changes)
         transact(changes);
     }
     acknowledge();
-    if (!has_reserve_)
-        make_reserve();
+    make_reserve();
 }
 
 void Store::transact(std::span<const Change> changes)
@@ -260,18 +260,15 @@ void Store::transact(std::span<const Change> changes)
         is_committing = true;
         database_.run("COMMIT");
         totals_ = totals;
-    } catch (const StoreError &error) {
+    } catch (const std::exception &) { // or no memory for a text
         const int code = sqlite3_extended_errcode(database_.get());
         is_full_ = code == SQLITE_FULL;
         database_.roll_back();
         // When a write has failed, the end of the transaction is not in the log. When the
         // sync has failed, it may be there, and the next start would find it.
         is_settled_ = !is_committing || code == SQLITE_FULL || code == SQLITE_IOERR_WRITE;
-        if (is_settled_)
-            throw;
-        const std::string text = error.what();
         settle();
-        throw StoreError(text);
+        throw;
     }
 }
 
@@ -288,7 +285,7 @@ void Store::settle()
         database_.run("COMMIT");
         totals_ = totals;
         is_settled_ = true;
-    } catch (const StoreError &error) {
+    } catch (const std::exception &error) {
         database_.roll_back();
         throw StoreError(fmt::format("{}; a restart now may find the change that failed before", error.what()));
     }
@@ -327,17 +324,20 @@ void Store::write_totals(const Totals &totals)
 
 // The number is written, and not synced: it may be lost with the power, but it is never
 // higher than that of the last change that is on the disk.
-void Store::acknowledge() const
+void Store::acknowledge() const noexcept
 {
-    const std::string text = fmt::format("{:020}\n", totals_.sequence);
-    (void)!pwrite(acknowledged_, text.data(), text.size(), 0);
+    char text[32];
+    const int size = std::snprintf(text, sizeof text, "%020lld\n", static_cast<long long>(totals_.sequence));
+    (void)!pwrite(acknowledged_, text, static_cast<std::size_t>(size), 0);
 }
 
 // ---- Room on a full disk
 
-void Store::make_reserve()
+void Store::make_reserve() noexcept
 {
-    const int file = ::open((path_ + "-reserve").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (has_reserve_)
+        return;
+    const int file = ::open(reserve_path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     has_reserve_ = file >= 0 && posix_fallocate(file, 0, reserve_size) == 0;
     if (file >= 0)
         close(file);
@@ -345,10 +345,10 @@ void Store::make_reserve()
         (void)free_reserve();
 }
 
-bool Store::free_reserve()
+bool Store::free_reserve() noexcept
 {
     has_reserve_ = false;
-    return unlink((path_ + "-reserve").c_str()) == 0;
+    return unlink(reserve_path_.c_str()) == 0;
 }
 
 } // namespace zeld

@@ -70,11 +70,12 @@ private:
     void write(const Change &change, Totals &totals);
     void write_totals(const Totals &totals);
     void settle();
-    void acknowledge() const;
-    void make_reserve();
-    bool free_reserve();
+    void acknowledge() const noexcept;
+    void make_reserve() noexcept;
+    bool free_reserve() noexcept;
 
     std::string path_;
+    std::string reserve_path_;
     Database database_;
     Database::Statement insert_;
     Database::Statement remove_;

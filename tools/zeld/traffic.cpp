@@ -1,6 +1,6 @@
 #include "tools/zeld/traffic.hpp"
 
-#include "tools/zeld/values.hpp"
+#include <algorithm>
 
 namespace zeld {
 
@@ -17,29 +17,41 @@ constexpr std::size_t steps_between_looks = 1000;
 } // namespace
 
 Traffic::Traffic(const Policies &policies, const void *array)
-    : Traffic(policies, read_values<service::PacketHeader>(array, service::element_packet))
+    : Job(State::reading), policies_(policies), values_(array, service::element_packet)
 {}
-
-Traffic::Traffic(const Policies &policies, std::vector<service::PacketHeader> packets)
-    : Job(State::reading), policies_(policies), packets_(std::move(packets)), is_matched_(packets_.size())
-{
-    fields_.reserve(packets_.size());
-    for (const service::PacketHeader &packet : packets_)
-        fields_.push_back(pack(packet));
-}
 
 void Traffic::run(const Slice &slice)
 {
-    if (!has_begun_) {
-        searched_.reserve(policies_.all().size());
-        for (const auto &[key, policy] : policies_.all())
-            searched_.push_back(policy);
-        has_begun_ = true;
-    }
+    if (!read(slice))
+        return;
+    if (!has_begun_)
+        begin();
     if (!compile(slice) || !classify(slice))
         return;
     const auto num_matched = static_cast<std::size_t>(std::count(is_matched_.begin(), is_matched_.end(), true));
     finish(success(fmt::format("{} of {} packets matched", num_matched, packets_.size()), num_matched));
+}
+
+bool Traffic::read(const Slice &slice)
+{
+    packets_.reserve(values_.size());
+    fields_.reserve(values_.size());
+    while (packets_.size() < values_.size()) {
+        if (packets_.size() % steps_between_looks == 0 && slice.is_over())
+            return false;
+        values_.next(packets_.emplace_back());
+        fields_.push_back(pack(packets_.back()));
+    }
+    return true;
+}
+
+void Traffic::begin()
+{
+    searched_.reserve(policies_.all().size());
+    for (const auto &[key, policy] : policies_.all())
+        searched_.push_back(policy);
+    is_matched_.resize(packets_.size());
+    has_begun_ = true;
 }
 
 // Compiles the classifiers that do not exist yet, and adds up what they cost.

@@ -3,25 +3,28 @@
 
 #include "tools/zeld/job.hpp"
 #include "tools/zeld/policies.hpp"
+#include "tools/zeld/values.hpp"
 
 namespace zeld {
 
 class Traffic : public Job {
 public:
-    // Throws Refusal.
+    // The array must exist as long as the job.
     Traffic(const Policies &policies, const void *array);
-    Traffic(const Policies &policies, std::vector<service::PacketHeader> packets);
 
     void run(const Slice &slice) override;
 
 private:
+    bool read(const Slice &slice);
+    void begin();
     bool compile(const Slice &slice);
     void check_work() const;
     bool classify(const Slice &slice);
     void count(const Classifier &classifier, std::size_t i);
 
     const Policies &policies_;
-    std::vector<service::PacketHeader> packets_;
+    Values<service::PacketHeader> values_;
+    std::vector<service::PacketHeader> packets_{};
     std::vector<PackedHeader> fields_{};
     std::vector<bool> is_matched_{};
     bool has_begun_ = false;

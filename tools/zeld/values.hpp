@@ -5,32 +5,42 @@
 #include "tools/zeld/refusal.hpp"
 
 #include <cstring>
-#include <vector>
 
 namespace zeld {
 
-// Reads the values of an array whose elements are all of one kind; null has none. Throws
-// Refusal.
-template <class V> std::vector<V> read_values(const void *array, uint16_t type)
-{
-    if (array == nullptr)
-        return {};
-    std::vector<V> values;
-    uint32_t cursor = 0;
-    const uint32_t num_elements = tlv_array_get_num_tlvs(array, 0);
-    values.reserve(num_elements);
-    for (uint32_t i = 1; i <= num_elements; ++i) {
+// Reads the values of an array whose elements are all of one kind. A null array has none.
+template <class V> class Values {
+public:
+    Values(const void *array, uint16_t type)
+        : array_(array), type_(type), size_(array != nullptr ? tlv_array_get_num_tlvs(array, 0) : 0)
+    {}
+
+    std::size_t size() const { return size_; }
+
+    // Reads the next value. Returns false behind the last one. Throws Refusal.
+    bool next(V &to)
+    {
+        if (num_read_ == size_)
+            return false;
         uint16_t found = 0;
         uint16_t length = 0;
         const void *value = nullptr;
-        if (tlv_array_get_next_tlv(array, &found, &length, &value, 0, &cursor) != 0)
-            throw Refusal(service::error_malformed, "element {} is damaged", i);
-        if (found != type || length != sizeof(V))
-            throw Refusal(service::error_malformed, "element {}: type {} of {} bytes where type {} of {} belongs", i,
-                          found, length, type, sizeof(V));
-        std::memcpy(&values.emplace_back(), value, sizeof(V));
+        ++num_read_;
+        if (tlv_array_get_next_tlv(array_, &found, &length, &value, 0, &cursor_) != 0)
+            throw Refusal(service::error_malformed, "element {} is damaged", num_read_);
+        if (found != type_ || length != sizeof(V))
+            throw Refusal(service::error_malformed, "element {}: type {} of {} bytes where type {} of {} belongs",
+                          num_read_, found, length, type_, sizeof(V));
+        std::memcpy(&to, value, sizeof(V));
+        return true;
     }
-    return values;
-}
+
+private:
+    const void *array_;
+    uint16_t type_;
+    std::size_t size_;
+    std::size_t num_read_ = 0;
+    uint32_t cursor_ = 0;
+};
 
 } // namespace zeld

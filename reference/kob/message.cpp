@@ -49,7 +49,7 @@ const char *kob_error_text(int32_t error)
         "the service was restarted, the request is lost",
         "message too large",
         "malformed message",
-        "the other side has no memory to spare",
+        "the other side has no memory or connection to spare",
         "out of memory or handles",
         "address already in use",
         "interrupted by a signal",

@@ -2,6 +2,7 @@
 #include "policy_notation.hpp"
 #include "tools/zeld/classifier.hpp"
 
+#include <gtest/gtest.h>
 #include <random>
 
 using namespace test;

@@ -10,7 +10,6 @@
 #include "tools/zeld/policy.hpp"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <sstream>
 #include <string>
 
@@ -100,7 +99,8 @@ inline std::string text_of(const zel_policy_t &policy)
             matches += fmt::format("{}{}={}", matches.empty() ? "" : ",", match->id, match->param.eth_proto.type);
         for (const auto *const action : members(pair->action_group))
             actions += fmt::format("{}{}={}", actions.empty() ? "" : ",", action->id, action->param.set_vrf.vrf);
-        EXPECT_EQ(pair->match_group.id, pair->action_group.id);
+        if (pair->match_group.id != pair->action_group.id)
+            actions += fmt::format(" in group {}", pair->action_group.id);
         text += fmt::format("{}@{}:{}/{} ", pair->id, pair->match_group.id, matches, actions);
     }
     text += '|';

@@ -1,5 +1,6 @@
 // What each kind of update changes in the policies.
 #include "model.hpp"
+#include "random_requests.hpp"
 #include "tools/zeld/traffic.hpp"
 #include "tools/zeld/update.hpp"
 #include "zeld_process.hpp"
@@ -148,48 +149,6 @@ TEST(Update, IdsThatStandForAll)
     EXPECT_EQ(apply(policies, 2, set, 1, policy(1, "65534@1:/").get()), "policy 1 has 1 pairs");
 }
 
-// Draws from few ids and values, so that requests meet what is there.
-class RandomRequests {
-public:
-    explicit RandomRequests(uint32_t seed) : random_(seed) {}
-
-    zel_kob_header_t header()
-    {
-        const uint32_t op_code = below(20) == 0 ? 3 : 1 + below(2);
-        return {1 + below(10), below(2), static_cast<uint16_t>(below(3)), below(3) == 0 ? op_code : 1};
-    }
-
-    // What a header announces.
-    Owned<zel_policy_t> object(uint16_t policy_id)
-    {
-        const std::string id = std::to_string(below(10) == 0 ? 9 : policy_id);
-        const uint32_t first = below(4);
-        std::string pairs = fmt::format("{}@{}:{}={}/{}={} ", below(5), below(3), first, first, first, first);
-        for (uint32_t n = below(4); n != 0; --n)
-            pairs += fmt::format("{}@{}:{}/{} ", below(5), below(3), ids(), ids());
-        std::string interfaces;
-        for (uint32_t n = below(3); n != 0; --n)
-            interfaces += fmt::format("{} ", below(3));
-        return policy(number(id), pairs + "|" + interfaces);
-    }
-
-    uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
-
-private:
-    // An id mostly means the same object.
-    std::string ids()
-    {
-        std::string text;
-        for (uint32_t n = below(3); n != 0; --n) {
-            const uint32_t id = below(4);
-            text += fmt::format("{}={},", id, below(15) == 0 ? 7 : id);
-        }
-        return text;
-    }
-
-    std::mt19937 random_;
-};
-
 // The service and the model agree after every request: on refusals, on what the policies
 // are, on the bytes that show them and on how many these are. The state file agrees with
 // both, whenever it is read.
@@ -203,18 +162,11 @@ TEST(Update, AgreesWithTheModel)
     };
     Model model;
     std::unique_ptr<Policies> policies = open();
-    RandomRequests requests(8);
+    RandomRequests requests(
+        [random = std::mt19937(8)](uint32_t n) mutable { return static_cast<uint32_t>(random() % n); });
     size_t num_done = 0;
     for (int round = 0; round < 6000; ++round) {
-        const zel_kob_header_t header = requests.header();
-        const Owned<zel_policy_t> object = requests.object(header.policy_id);
-        const Owned<zel_policy_t> second = requests.object(2);
-        zel_policy_t *list_members[] = {object.get(), second.get()};
-        const zel_policy_list_t list{2, list_members};
-        const void *const given =
-            header.api_type == ZEL_API_POLICY_LIST_UPDATE ? &list : part_of(*object, header.api_type);
-        // The library sends an object once: what differs under one id in a request does not arrive.
-        const Bytes message = message_of(header, given);
+        const Bytes message = requests.message();
         const Request request = read_request(message.data());
         std::optional<Error> error;
         try {
@@ -222,7 +174,7 @@ TEST(Update, AgreesWithTheModel)
         } catch (const Refusal &refusal) {
             error = refusal.error();
         }
-        ASSERT_EQ(error, model.apply(header, request.object.get())) << round;
+        ASSERT_EQ(error, model.apply(request.header, request.object.get())) << round;
         num_done += error ? 0 : 1;
         if (requests.below(4) == 0)
             policies->commit();

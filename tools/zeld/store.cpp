@@ -34,6 +34,23 @@ bool has_content(const std::string &path)
     return !error && size != 0;
 }
 
+// Whether the first page names this service and its version. Such a file must not be read
+// without its log: after a kill during a checkpoint, its pages do not fit together.
+bool is_own(const std::string &path)
+{
+    constexpr std::size_t version_at = 60; // both are in big-endian order
+    constexpr std::size_t application_at = 68;
+    unsigned char header[100]{};
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool is_whole = file >= 0 && pread(file, header, sizeof header, 0) == sizeof header;
+    if (file >= 0)
+        close(file);
+    const auto number_at = [&](std::size_t at) {
+        return int64_t{header[at]} << 24 | header[at + 1] << 16 | header[at + 2] << 8 | header[at + 3];
+    };
+    return is_whole && number_at(version_at) == format_version && number_at(application_at) == application_id;
+}
+
 // Each step is a bijection of the sum, so that any change of one word changes the result.
 uint64_t mix(uint64_t sum, uint64_t word)
 {
@@ -65,7 +82,7 @@ uint64_t row_checksum(const PolicyKey &key, uint32_t number, std::span<const uns
 // the file locked: a log beside the file may contain tables that the file does not.
 Store::Store(const std::string &path) : path_(path), reserve_path_(path + "-reserve")
 {
-    if (has_content(path)) {
+    if (has_content(path) && !is_own(path)) {
         database_.open_immutable(path);
         check_owner();
     }

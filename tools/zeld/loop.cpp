@@ -21,7 +21,7 @@ constexpr int events_per_round = 128;
 constexpr std::size_t most_turns = 2;
 
 // Requests above this size are read one at a time: their graphs are much larger.
-constexpr std::size_t large_request = 1024 * 1024;
+constexpr std::size_t large_request = std::size_t{1024} * 1024;
 
 bool is_large(const kob_msg_t *msg) { return kob_msg_size(msg) > large_request; }
 

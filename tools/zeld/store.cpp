@@ -25,7 +25,7 @@ constexpr const char *settings = "PRAGMA journal_mode = WAL;"
                                  "PRAGMA cell_size_check = ON;";
 
 // Room on the disk for removals when the disk is full.
-constexpr off_t reserve_size = 1024 * 1024;
+constexpr off_t reserve_size = off_t{1024} * 1024;
 
 bool has_content(const std::string &path)
 {

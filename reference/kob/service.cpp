@@ -27,7 +27,7 @@ ServiceLimits limits_of(const kob_service_options_t &given)
     ServiceLimits limits{};
     limits.max_message = std::min(either(given.max_message, default_max_message), KOB_MESSAGE_LIMIT);
     limits.max_clients = either(given.max_clients, 64);
-    limits.max_clients_per_user = either(given.max_clients_per_user, (uint64_t{3} * limits.max_clients + 3) / 4);
+    limits.max_clients_per_user = either(given.max_clients_per_user, (uint64_t{7} * limits.max_clients + 7) / 8);
     limits.max_queued = either(given.max_queued, uint64_t{2} * limits.max_message);
     limits.max_memory = either(given.max_memory, uint64_t{4} * limits.max_message);
     limits.idle_ms = either(given.idle_ms, 10000);

@@ -488,6 +488,34 @@ Row unread_log(double seconds)
     return row;
 }
 
+// Changes of 50 clients on a disk whose syncs take 2 ms, so that it does 500 a second alone.
+Row shared_syncs(double seconds)
+{
+    ZeldProcess zeld;
+    FailingCalls calls(zeld.folder + "/calls");
+    calls->sync_delay_us = 2000;
+    if (!zeld.start({"--log-level", "error", "--state", zeld.state_file}))
+        return {.attack = {}, .lost = 1};
+    set_five_tuples(zeld.address, 8000);
+    const uint64_t before = calls->syncs;
+    Attackers clients(zeld.address, 50, [](const std::string &address, Counts &counts, int number) {
+        Client client(address, 10);
+        zel_match_t match{};
+        match.id = static_cast<uint16_t>(number);
+        match.type = ZEL_MATCH_TYPE_EXP;
+        for (;; ++match.param.exp.exp, ++counts.attempts)
+            counts.refused += client.request(ZEL_API_MATCH_UPDATE, 1, 1, &match) != 0 ? 1 : 0;
+    });
+    std::this_thread::sleep_for(Seconds(seconds));
+    const uint64_t attempts = clients.counts->attempts;
+    return {{},
+            attempts,
+            clients.counts->refused,
+            0,
+            fmt::format("{:.0f} changes a second, {:.0f} syncs", static_cast<double>(attempts) / seconds,
+                        static_cast<double>(calls->syncs - before) / seconds)};
+}
+
 Row nobody_else(double seconds) { return besiege(seconds, 0, {}); }
 
 } // namespace
@@ -507,7 +535,8 @@ std::vector<Attack> attacks_by_clients()
             {"20 clients that pipeline updates", pipelined_updates},
             {"2 clients with the biggest policies", biggest_policies},
             {"4 clients with many statistics", many_statistics},
-            {"refusals into a log that nobody reads", unread_log}};
+            {"refusals into a log that nobody reads", unread_log},
+            {"50 clients change one policy, a sync takes 2 ms", shared_syncs}};
 }
 
 } // namespace siege

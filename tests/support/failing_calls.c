@@ -78,6 +78,8 @@ static int sync_with(int (*sync)(int), int file)
         errno = EIO;
         return -1;
     }
+    if (control->sync_delay_us != 0)
+        usleep((useconds_t)control->sync_delay_us);
     const int result = sync(file);
     if (result == 0)
         remember(file);

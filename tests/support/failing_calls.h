@@ -6,6 +6,7 @@
 
 struct failing_calls {
     uint64_t fail_sync_every; /* 0: never */
+    uint64_t sync_delay_us;   /* a slow disk */
     uint64_t fail_allocation_every;
     uint64_t is_full;    /* not 0: files grow by free_bytes in all */
     uint64_t free_bytes; /* grows when a file is removed */

@@ -31,7 +31,7 @@ struct Options {
     uint64_t max_message = uint64_t{16} * 1024 * 1024;
     uint64_t max_state = uint64_t{256} * 1024 * 1024;
     uint32_t max_clients = 64;
-    uint32_t max_clients_per_user = 0; // 0: three quarters of max_clients
+    uint32_t max_clients_per_user = 0; // 0: seven eighths of max_clients
     LogLevel log_level = LogLevel::info;
 };
 
@@ -91,7 +91,7 @@ void add_options(CLI::App &app, Options &options)
         ->capture_default_str();
     app.add_option("--max-clients-per-user", options.max_clients_per_user, "most connections of one user id")
         ->check(CLI::Range(1U, 4096U))
-        ->default_str("three quarters of --max-clients");
+        ->default_str("seven eighths of --max-clients");
     app.add_option("--log-level", options.log_level, "error, warn, info, debug or trace; to stderr")
         ->transform(CLI::CheckedTransformer(std::map<std::string, LogLevel>{{"error", LogLevel::error},
                                                                             {"warn", LogLevel::warn},

@@ -52,7 +52,7 @@ typedef struct {
     uint32_t permissions;          /* mode bits of the socket file; 0600 */
     kob_refusal_cb_t on_refusal;   /* may be null */
     void *context;                 /* for on_refusal */
-    uint32_t max_clients_per_user; /* connections of one user id; three quarters of max_clients */
+    uint32_t max_clients_per_user; /* connections of one user id; seven eighths of max_clients */
     uint32_t has_group;            /* not 0: the socket file gets the group that follows */
     uint32_t group;
 } kob_service_options_t;

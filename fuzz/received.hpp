@@ -79,10 +79,22 @@ inline void count_detail(const char *format, ...)
     reports.unknown_elements += is_about(format, "Unsupported TLV type") ? 1 : 0;
 }
 
+// What handles have besides: the debug flag, and which callbacks are missing.
+struct HandleVariant {
+    bool is_traced = false;
+    bool has_errors = true;
+    bool has_warnings = true;
+    bool has_details = true;
+};
+inline HandleVariant handle_variant;
+
 inline zel_api_handle_t fresh_handle(uint32_t app_type = 0)
 {
+    const HandleVariant &with = handle_variant;
     zel_api_handle_t handle{};
-    zel_api_init(&handle, 0, app_type, ZEL_KOB_NO_TRANSPORT, count_error, count_warning, count_detail);
+    zel_api_init(&handle, with.is_traced ? 1 : 0, app_type, ZEL_KOB_NO_TRANSPORT,
+                 with.has_errors ? count_error : nullptr, with.has_warnings ? count_warning : nullptr,
+                 with.has_details ? count_detail : nullptr);
     reports = {};
     return handle;
 }

@@ -170,6 +170,7 @@ const std::size_t fuzz::array_offset = 0;
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
 {
+    handle_variant.is_traced = size % 2 != 0; // the callbacks are needed here
     Received received(FrameKind::request, data, size);
     if (!received.is_delivered())
         return 0;

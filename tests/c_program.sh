@@ -7,7 +7,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 nm --defined-only "$library" | awk 'NF == 3 {print $3}' | sort -u >"$work/defined"
-nm -u "$library" | awk '$1 == "U" {print $2}' | sort -u | comm -23 - "$work/defined" >"$work/needed"
+# The checked calls of a hardened build are libc's, too.
+nm -u "$library" | awk '$1 == "U" {print $2}' | sed 's/^__\(.*\)_chk$/\1/; /^__stack_chk_fail/d' | sort -u | comm -23 - "$work/defined" >"$work/needed"
 printf '%s\n' calloc free getpid memcpy memmove memset snprintf strlen strncpy _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
 comm -23 "$work/needed" "$work/libc" >"$work/platform"
 

@@ -129,15 +129,16 @@ void disconnect(Client &client)
     client.link = nullptr;
 }
 
-// Gives up a broken connection; the responses that it still holds go to the inbox.
-void abandon(Client &client)
+// Gives up a broken connection; the responses that it still holds go to the inbox.  Returns
+// what comes behind them.
+int32_t abandon(Client &client)
 {
-    if (client.link == nullptr)
-        return;
     kob_msg msg{};
-    while (client.operations->receive(*client.link, msg, Deadline::in(0)) == KOB_OK)
+    int32_t error = KOB_OK;
+    while ((error = client.operations->receive(*client.link, msg, Deadline::in(0))) == KOB_OK)
         client.inbox.put(msg);
     disconnect(client);
+    return error;
 }
 
 int32_t send_once(Client &client, const Frame &frame, const void *payload, const Deadline &deadline)
@@ -150,9 +151,10 @@ int32_t send_once(Client &client, const Frame &frame, const void *payload, const
             return error;
     }
     const int32_t error = client.operations->send(*client.link, frame, payload, deadline);
-    if (error != KOB_OK)
-        abandon(client); // it may hold half a message
-    return error;
+    if (error == KOB_OK)
+        return KOB_OK;
+    // The connection may hold half a message, and it may say why the service closed it.
+    return abandon(client) == KOB_ERR_BUSY ? KOB_ERR_BUSY : error;
 }
 
 // Sends a request.  If the connection turns out to be broken, connects again, once.
@@ -164,7 +166,7 @@ int32_t send_request(Client &client, Frame frame, const void *payload, kob_msg_t
     frame.token = client.last_token + 1 != 0 ? client.last_token + 1 : 1;
     const bool was_connected = client.link != nullptr;
     int32_t error = send_once(client, frame, payload, deadline);
-    if (error == KOB_ERR_PEER_GONE && was_connected)
+    if ((error == KOB_ERR_PEER_GONE || error == KOB_ERR_BUSY) && was_connected)
         error = send_once(client, frame, payload, deadline);
     if (error == KOB_OK) {
         client.last_token = frame.token;

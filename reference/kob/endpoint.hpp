@@ -31,6 +31,7 @@ struct ClientOperations {
 struct ServiceLimits {
     uint32_t max_message;
     uint32_t max_clients;
+    uint32_t max_clients_per_user;
     uint32_t max_queued;
     uint32_t max_memory;
     uint32_t idle_ms;
@@ -48,6 +49,8 @@ struct ServiceOperations {
     int32_t (*reply)(ServiceLink &service, const kob_msg &request, const mpkob_segment_t *segments,
                      uint32_t num_segments, uint32_t total);
     void (*close)(ServiceLink &service);
+    void (*hold)(ServiceLink &service, const kob_msg &request, bool is_held) = nullptr; // null: cannot be done
+    bool (*is_gone)(const ServiceLink &service, const kob_msg &request) = nullptr;
 };
 
 struct Endpoint {

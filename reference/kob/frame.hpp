@@ -19,7 +19,7 @@ struct Frame {
     uint32_t magic; // frame_magic
     FrameKind kind;
     uint16_t in_parts; // 1: sent as a multi-part message, even if it fits in one packet
-    uint32_t token;    // pairs a request with its response; never 0
+    uint32_t token;    // pairs a request with its response; 0: a refusal of the connection
     uint32_t opcode;   // of a refusal: the KOB_ERR_* value
     uint32_t node;
     uint32_t sap;
@@ -40,7 +40,7 @@ inline const char *frame_fault(const Frame &frame, std::size_t length, FrameKind
         return "a packet of the wrong kind";
     if (frame.kind == FrameKind::refusal && frame.total != 0)
         return "a refusal with content";
-    if (frame.token == 0)
+    if (frame.token == 0 && frame.kind != FrameKind::refusal)
         return "a packet without token";
     if (frame.in_parts > 1)
         return "a packet with unknown flags";

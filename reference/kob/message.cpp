@@ -49,7 +49,7 @@ const char *kob_error_text(int32_t error)
         "the service was restarted, the request is lost",
         "message too large",
         "malformed message",
-        "the other side has no memory to spare",
+        "the other side has no memory or connection to spare",
         "out of memory or handles",
         "address already in use",
         "interrupted by a signal",
@@ -80,6 +80,10 @@ uint32_t kob_msg_node(const kob_msg_t *msg) { return msg->node; }
 uint32_t kob_msg_sap(const kob_msg_t *msg) { return msg->sap; }
 
 uint32_t kob_msg_client(const kob_msg_t *msg) { return msg->client; }
+
+uint32_t kob_msg_pid(const kob_msg_t *msg) { return msg->pid; }
+
+uint32_t kob_msg_uid(const kob_msg_t *msg) { return msg->uid; }
 
 uint32_t kob_rr_token_get(void *kob_msg) { return static_cast<kob_msg_t *>(kob_msg)->token; }
 

@@ -13,7 +13,9 @@ struct kob_msg {
     int32_t refusal;       // KOB_OK, or why the service refused the request
     uint32_t client;       // connection that a request came by
     uint32_t client_index; // index of that connection among the service's
-    void *payload;         // owned; null when there is none
+    uint32_t pid;          // process and user at its other end
+    uint32_t uid;
+    void *payload; // owned; null when there is none
 };
 
 namespace zel::platform {

@@ -27,6 +27,7 @@ ServiceLimits limits_of(const kob_service_options_t &given)
     ServiceLimits limits{};
     limits.max_message = std::min(either(given.max_message, default_max_message), KOB_MESSAGE_LIMIT);
     limits.max_clients = either(given.max_clients, 64);
+    limits.max_clients_per_user = either(given.max_clients_per_user, (uint64_t{7} * limits.max_clients + 7) / 8);
     limits.max_queued = either(given.max_queued, uint64_t{2} * limits.max_message);
     limits.max_memory = either(given.max_memory, uint64_t{4} * limits.max_message);
     limits.idle_ms = either(given.idle_ms, 10000);
@@ -85,6 +86,17 @@ int32_t kob_service_reply(kob_service_t *service, const kob_msg_t *request, cons
     if (total > service->max_message)
         return KOB_ERR_TOO_LARGE;
     return service->operations->reply(*service->link, *request, segments, num_segments, static_cast<uint32_t>(total));
+}
+
+void kob_service_hold(kob_service_t *service, const kob_msg_t *request, int is_held)
+{
+    if (service->operations->hold != nullptr)
+        service->operations->hold(*service->link, *request, is_held != 0);
+}
+
+int kob_service_is_gone(const kob_service_t *service, const kob_msg_t *request)
+{
+    return service->operations->is_gone != nullptr && service->operations->is_gone(*service->link, *request) ? 1 : 0;
 }
 
 void kob_service_close(kob_service_t *service)

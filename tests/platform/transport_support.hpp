@@ -38,7 +38,14 @@ struct TransportTest : testing::Test {
 
     TransportTest()
     {
-        options.on_refusal = [](void *to, uint32_t, const char *why) { static_cast<Refusals *>(to)->push_back(why); };
+        // Every reason ends with whom it is about, which is this process.
+        options.on_refusal = [](void *to, uint32_t, const char *why) {
+            const std::string peer = " (pid " + std::to_string(getpid()) + ", uid " + std::to_string(getuid()) + ")";
+            const std::string reason = why;
+            EXPECT_TRUE(reason.ends_with(peer)) << reason;
+            static_cast<Refusals *>(to)->push_back(
+                reason.substr(0, reason.size() - std::min(reason.size(), peer.size())));
+        };
         options.context = &refusals;
         open_service();
         open_client({});

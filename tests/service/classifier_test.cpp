@@ -2,6 +2,7 @@
 #include "policy_notation.hpp"
 #include "tools/zeld/classifier.hpp"
 
+#include <gtest/gtest.h>
 #include <random>
 
 using namespace test;
@@ -61,7 +62,7 @@ bool naive(const zel_match_grp_t &group, const PacketHeader &packet)
                                   (group.logical_op == service::logical_or && num_matching != 0));
 }
 
-std::optional<uint32_t> naive(const zel_policy_t &policy, const PacketHeader &packet)
+std::optional<uint16_t> naive(const zel_policy_t &policy, const PacketHeader &packet)
 {
     bool applies = policy.if_group.num_if == 0;
     for (const auto *const bound : members(policy.if_group))
@@ -69,12 +70,9 @@ std::optional<uint32_t> naive(const zel_policy_t &policy, const PacketHeader &pa
                    (bound->vlan == 0 || bound->vlan == packet.vlan) && (bound->vrf == 0 || bound->vrf == packet.vrf);
     if (!applies || policy.op_mode != 0)
         return std::nullopt;
-    uint32_t position = 0;
-    for (const auto *const pair : members(policy.match_action_pair_group)) {
+    for (const auto *const pair : members(policy.match_action_pair_group))
         if (pair->op_mode == 0 && naive(pair->match_group, packet))
-            return position;
-        ++position;
-    }
+            return pair->id;
     return std::nullopt;
 }
 
@@ -102,7 +100,7 @@ void roll(Dice &dice, zel_match_service_element_t &element)
 
 Owned<zel_match_t> random_match(Dice &dice)
 {
-    Owned<zel_match_t> match(allocate<zel_match_t>());
+    auto match = make<zel_match_t>();
     match->op_mode = dice.rarely() ? dice.below(3) : 0;
     match->type = dice.below(13);
     auto &param = match->param;
@@ -113,7 +111,7 @@ Owned<zel_match_t> random_match(Dice &dice)
         break;
     case ZEL_MATCH_TYPE_SERVICE:
         for (uint32_t n = dice.below(4); n != 0; --n) {
-            Owned<zel_match_service_element_t> element(allocate<zel_match_service_element_t>());
+            auto element = make<zel_match_service_element_t>();
             roll(dice, *element);
             append(param.service, std::move(element));
         }
@@ -140,21 +138,25 @@ Owned<zel_match_t> random_match(Dice &dice)
     return match;
 }
 
-Owned<zel_policy_t> random_policy(Dice &dice)
+Owned<zel_policy_t> random_policy(Dice &dice, uint32_t most_pairs)
 {
-    Owned<zel_policy_t> policy(allocate<zel_policy_t>());
+    auto policy = make<zel_policy_t>();
     policy->op_mode = dice.rarely() ? dice.below(3) : 0;
-    for (uint32_t n = dice.below(12); n != 0; --n) {
-        Owned<zel_match_action_pair_t> pair(allocate<zel_match_action_pair_t>());
+    uint16_t match_id = 0;
+    for (uint32_t n = dice.below(most_pairs); n != 0; --n) {
+        auto pair = make<zel_match_action_pair_t>();
+        pair->id = static_cast<uint16_t>(n); // not in the order of the pairs
         pair->op_mode = dice.rarely() ? 1 : 0;
         pair->match_group.op_mode = dice.rarely() ? 1 : 0;
         pair->match_group.logical_op = dice.rarely() ? 2 : dice.below(2);
-        for (uint32_t m = dice.below(4); m != 0; --m)
+        for (uint32_t m = dice.below(4); m != 0; --m) {
             append(pair->match_group, random_match(dice));
+            pair->match_group.matches[pair->match_group.num_match - 1]->id = match_id++;
+        }
         append(policy->match_action_pair_group, std::move(pair));
     }
     for (uint32_t n = dice.below(3); n != 0; --n) {
-        Owned<zel_if_element_t> bound(allocate<zel_if_element_t>());
+        auto bound = make<zel_if_element_t>();
         bound->op_mode = dice.rarely() ? 1 : 0;
         dice.roll(bound->interface, 3), dice.roll(bound->vlan, 2), dice.roll(bound->vrf, 2);
         append(policy->if_group, std::move(bound));
@@ -173,6 +175,13 @@ PacketHeader random_packet(Dice &dice)
     return packet;
 }
 
+// The pair that a packet belongs to in each policy, or nothing.
+std::optional<uint16_t> classified(const Policy &policy, const PacketHeader &packet)
+{
+    const Pair *const pair = policy.classifier().classify(packet, pack(packet));
+    return pair != nullptr ? std::optional(pair->record.id) : std::nullopt;
+}
+
 } // namespace
 
 TEST(Classifier, AgreesWithASimpleOne)
@@ -180,23 +189,55 @@ TEST(Classifier, AgreesWithASimpleOne)
     Dice dice(20261121);
     size_t num_matched = 0;
     for (int round = 0; round < 2000; ++round) {
-        const auto policy = random_policy(dice);
-        const Classifier classifier(*policy);
+        const auto graph = random_policy(dice, round % 100 == 0 ? 500 : 12);
+        const Policy policy(*graph);
         for (int i = 0; i < 50; ++i) {
             const PacketHeader packet = random_packet(dice);
-            const auto expected = naive(*policy, packet);
-            ASSERT_EQ(classifier.classify(packet, pack(packet)), expected) << round;
+            const auto expected = naive(*graph, packet);
+            ASSERT_EQ(classified(policy, packet), expected) << round;
             num_matched += expected ? 1 : 0;
         }
     }
     EXPECT_GT(num_matched, 10000u); // enough packets matched at all
 }
 
+// Five-tuples under few masks: a packet is compared with few rules, however many there are.
+TEST(Classifier, CostsLittleForManyRules)
+{
+    std::size_t costs[2];
+    for (const uint32_t num_pairs : {800u, 8000u}) {
+        auto graph = make<zel_policy_t>();
+        Dice dice(3);
+        for (uint32_t id = 0; id < num_pairs; ++id) {
+            auto match = make<zel_match_t>();
+            match->type = ZEL_MATCH_TYPE_SERVICE_ELEMENT;
+            match->id = static_cast<uint16_t>(id);
+            zel_match_service_element_t &element = match->param.service_element;
+            element = {id * 2654435761u,
+                       0xffffff00u << dice.below(2),
+                       id * 40503u,
+                       0xffff0000u << dice.below(2),
+                       0,
+                       0,
+                       80,
+                       0xffff,
+                       6};
+            auto pair = make<zel_match_action_pair_t>();
+            pair->id = static_cast<uint16_t>(id);
+            append(pair->match_group, std::move(match));
+            append(graph->match_action_pair_group, std::move(pair));
+        }
+        costs[num_pairs == 800 ? 0 : 1] = Policy(*graph).classifier().cost();
+    }
+    EXPECT_LT(costs[1], 100u);
+    EXPECT_LT(costs[1], 2 * costs[0]);
+}
+
 TEST(Classifier, CopiesAreWholeAndEqual)
 {
     Dice dice(7);
     for (int round = 0; round < 200; ++round) {
-        const auto policy = random_policy(dice);
+        const auto policy = random_policy(dice, 12);
         const auto copy = clone(*policy);
         EXPECT_TRUE(equal(*policy, *copy));
         copy->version = static_cast<uint16_t>(policy->version + 1);

@@ -7,10 +7,9 @@
 // interfaces 1 and 2.
 #pragma once
 
-#include "tools/zeld/graph.hpp"
+#include "tools/zeld/policy.hpp"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <sstream>
 #include <string>
 
@@ -38,12 +37,23 @@ inline std::pair<std::string, std::string> halves(const std::string &text, char 
                                    : std::pair(text.substr(0, at), text.substr(at + 1));
 }
 
+template <class G> void append(G &group, Owned<MemberOf<G>> member)
+{
+    const auto [count, array] = sequence(group);
+    auto *const larger = tools::allocate<MemberOf<G> *>(std::size_t{count} + 1);
+    std::copy_n(array, count, larger);
+    larger[count++] = member.release();
+    std::free(static_cast<void *>(std::exchange(array, larger)));
+}
+
+template <class R> Owned<R> make() { return Owned<R>(tools::allocate<R>()); }
+
 template <class G, class Fill> void fill_group(G &group, uint16_t id, const std::string &text, Fill fill)
 {
     group.id = id;
     for (const std::string &part : split(text, ',')) {
         const auto [member_id, value] = halves(part, '=');
-        Owned<MemberOf<G>> member(allocate<MemberOf<G>>());
+        auto member = make<MemberOf<G>>();
         member->id = number(member_id);
         fill(*member, number(value));
         append(group, std::move(member));
@@ -52,11 +62,11 @@ template <class G, class Fill> void fill_group(G &group, uint16_t id, const std:
 
 inline Owned<zel_policy_t> policy(uint16_t id, const std::string &text)
 {
-    Owned<zel_policy_t> result(allocate<zel_policy_t>());
+    auto result = make<zel_policy_t>();
     result->id = id;
     const auto [pairs, interfaces] = halves(text, '|');
     for (const std::string &part : split(pairs, ' ')) {
-        Owned<zel_match_action_pair_t> pair(allocate<zel_match_action_pair_t>());
+        auto pair = make<zel_match_action_pair_t>();
         const auto [ids, content] = halves(part, ':');
         const auto [pair_id, group_id] = halves(ids, '@');
         const auto [matches, actions] = halves(content, '/');
@@ -72,7 +82,7 @@ inline Owned<zel_policy_t> policy(uint16_t id, const std::string &text)
         append(result->match_action_pair_group, std::move(pair));
     }
     for (const std::string &part : split(interfaces, ' ')) {
-        Owned<zel_if_element_t> element(allocate<zel_if_element_t>());
+        auto element = make<zel_if_element_t>();
         element->interface = number(part);
         append(result->if_group, std::move(element));
     }
@@ -89,13 +99,22 @@ inline std::string text_of(const zel_policy_t &policy)
             matches += fmt::format("{}{}={}", matches.empty() ? "" : ",", match->id, match->param.eth_proto.type);
         for (const auto *const action : members(pair->action_group))
             actions += fmt::format("{}{}={}", actions.empty() ? "" : ",", action->id, action->param.set_vrf.vrf);
-        EXPECT_EQ(pair->match_group.id, pair->action_group.id);
+        if (pair->match_group.id != pair->action_group.id)
+            actions += fmt::format(" in group {}", pair->action_group.id);
         text += fmt::format("{}@{}:{}/{} ", pair->id, pair->match_group.id, matches, actions);
     }
     text += '|';
     for (const auto *const element : members(policy.if_group))
         text += fmt::format("{}{}", text.back() == '|' ? "" : " ", element->interface);
     return text;
+}
+
+inline std::string text_of(const Policy &policy) { return text_of(PolicyGraph(policy).policy()); }
+
+// The message that creates a policy.
+inline Bytes write_policy(uint32_t app_type, const zel_policy_t &policy)
+{
+    return zeld::write_policy(app_type, Policy(policy));
 }
 
 // The part of a policy that a request kind carries: the first one where there are several.

@@ -1,11 +1,15 @@
 // zeld as its clients see it: requests, limits, and hostile clients.
 #include "reference/kob/frame.hpp"
 #include "reference/kob/unix/socket.hpp"
+#include "support/failing_calls.hpp"
 #include "support/graphs.hpp"
+#include "tools/zeld/log.hpp"
 #include "zeld_process.hpp"
 
+#include <atomic>
 #include <random>
 #include <set>
+#include <thread>
 
 using namespace test;
 using service::PacketHeader;
@@ -21,20 +25,23 @@ int connect_raw(const std::string &address)
     return socket;
 }
 
-// The address sanitizer keeps freed memory.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool keeps_freed_memory = true;
-#else
-constexpr bool keeps_freed_memory = false;
-#endif
-
-size_t resident_kilobytes(pid_t pid)
+size_t status_kilobytes(pid_t pid, const char *row)
 {
     std::ifstream in(fmt::format("/proc/{}/status", pid));
     for (std::string line; std::getline(in, line);)
-        if (line.starts_with("VmRSS:"))
-            return std::stoul(line.substr(6));
+        if (line.starts_with(row))
+            return std::stoul(line.substr(strlen(row)));
     return 0;
+}
+size_t resident_kilobytes(pid_t pid) { return status_kilobytes(pid, "VmRSS:"); }
+
+// How many messages the system manager has got since it was asked last.
+size_t signs_of_life(int manager)
+{
+    size_t count = 0;
+    for (char text[64]; recv(manager, text, sizeof text, MSG_DONTWAIT) > 0;)
+        ++count;
+    return count;
 }
 
 } // namespace
@@ -248,15 +255,226 @@ TEST_F(ZeldTest, HostileClientsHarmNobody)
     EXPECT_EQ(lines_logged(": refused, error"), num_refused);
 }
 
+// A client whose request takes long: many packets against as many policies.
+class LongRequest {
+public:
+    explicit LongRequest(const std::string &address)
+    {
+        Client client(address, 50);
+        std::vector<Owned<zel_policy_t>> policies;
+        std::vector<zel_policy_t *> pointers;
+        for (uint16_t id = 0; id < 20000; ++id) {
+            policies.push_back(policy(id, "1@1:1=1,2=2/"));
+            pointers.push_back(policies.back().get());
+        }
+        const zel_policy_list_t list{static_cast<uint16_t>(pointers.size()), pointers.data()};
+        EXPECT_EQ(client.request(ZEL_API_POLICY_LIST_UPDATE, service::op_code_set, 0, &list), 0) << client.text;
+        thread_ = std::thread([this, address] {
+            Client asking(address, 50);
+            is_sent_ = true;
+            error_ = asking.traffic(std::vector<PacketHeader>(10000));
+            is_answered_ = true;
+        });
+        while (!is_sent_)
+            usleep(1000);
+    }
+    ~LongRequest() { wait(); }
+    LongRequest(const LongRequest &) = delete;
+
+    bool is_answered() const { return is_answered_; }
+    int wait()
+    {
+        if (thread_.joinable())
+            thread_.join();
+        return error_;
+    }
+
+private:
+    std::atomic<bool> is_sent_{false};
+    std::atomic<bool> is_answered_{false};
+    int error_ = 0;
+    std::thread thread_;
+};
+
+// While a long request is done, others are served and the service tells that it lives.
+TEST_F(ZeldTest, NobodyWaitsForALongRequest)
+{
+    const int manager = bind_manager();
+    setenv("WATCHDOG_USEC", "40000", 1); // a message in 10 ms
+    ASSERT_TRUE(start());
+    unsetenv("WATCHDOG_USEC");
+    LongRequest long_request(address);
+    Client client(address);
+    size_t num_served = 0;
+    for (uint16_t id = 0; id < 100; ++id) {
+        EXPECT_EQ(client.set(*policy(id, "1@1:1=1/")), 0);
+        EXPECT_NE(client.shown(id), "");
+        num_served += long_request.is_answered() ? 0 : 1;
+    }
+    EXPECT_EQ(num_served, 100u);
+    while (signs_of_life(manager) > 0) // those from before
+        continue;
+    size_t num_signs = 0;
+    for (int i = 0; i < 100 && !long_request.is_answered(); ++i) {
+        usleep(10000);
+        num_signs += signs_of_life(manager);
+    }
+    EXPECT_FALSE(long_request.is_answered()); // there was no other reason for the signs
+    EXPECT_GT(num_signs, 20u);
+    // It stops at once.
+    EXPECT_EQ(stop(), 0);
+    EXPECT_LT(long_request.wait(), 0);
+    close(manager);
+}
+
+// The answer comes, although the client sends more requests than are looked at at a time.
+TEST_F(ZeldTest, RequestsOfOneClientAreAnsweredInTheirOrder)
+{
+    ASSERT_TRUE(start());
+    Client client(address);
+    std::vector<uint32_t> tokens(200);
+    for (uint16_t id = 0; id < tokens.size(); ++id)
+        send_to_zel(&tokens[id], ZEL_API_POLICY_UPDATE, &client.handle, id, policy(id, "").get(), 1, client.msg);
+    for (const uint32_t token : tokens) {
+        ASSERT_EQ(kob_receive(client.kob, 0, client.msg, -1), KOB_OK);
+        EXPECT_EQ(kob_rr_token_get(client.msg), token);
+    }
+    EXPECT_EQ(client.shown_messages().size(), tokens.size());
+}
+
+// Changes of several clients share a sync. Each client has its own answer.
+TEST_F(ZeldTest, ChangesShareASync)
+{
+    FailingCalls calls(folder + "/calls");
+    ASSERT_TRUE(start({"--state", state_file, "--log-level", "warn"}));
+    constexpr uint32_t num_clients = 20;
+    constexpr uint16_t num_changes = 50;
+    const uint64_t before = calls->syncs;
+    std::vector<std::thread> threads;
+    std::atomic<int> num_refused{0};
+    for (uint32_t app = 1; app <= num_clients; ++app)
+        threads.emplace_back([&, app] {
+            Client client(address, app);
+            for (uint16_t id = 0; id < num_changes; ++id) {
+                num_refused += client.set(*policy(id, "1@1:1=1/")) != 0 ? 1 : 0;
+                num_refused += client.request(ZEL_API_POLICY_DELETE, 1, 999, nullptr) != 0 ? 1 : 0;
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(num_refused, static_cast<int>(num_clients * num_changes));
+    EXPECT_LT(calls->syncs - before, num_clients * num_changes / 2);
+    kill_it();
+    ASSERT_TRUE(start({"--state", state_file}));
+    for (uint32_t app = 1; app <= num_clients; ++app)
+        EXPECT_EQ(Client(address, app).shown_messages().size(), num_changes);
+}
+
+// Connections that say nothing make room for those that do.
+TEST_F(ZeldTest, SilentConnectionsShutNobodyOut)
+{
+    ASSERT_TRUE(start({"--max-clients", "8"}));
+    Client good(address);
+    ASSERT_EQ(good.set(*policy(1, "")), 0);
+    std::vector<int> sockets(20);
+    std::generate(sockets.begin(), sockets.end(), [&] { return connect_raw(address); });
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(Client(address).shown(), "1: |; ");
+    EXPECT_EQ(good.set(*policy(2, "")), 0);
+    EXPECT_GT(lines_logged("refused by the transport: idle, and others came (pid "), 10u);
+    std::for_each(sockets.begin(), sockets.end(), close);
+}
+
+// A log that nobody reads stops nothing; nor does one whose reader has gone, or a client
+// that causes very many lines.
+TEST_F(ZeldTest, NobodyWaitsForTheLog)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(fcntl(ends[1], F_SETPIPE_SZ, 4096), 4096);
+    log = ends[1];
+    ASSERT_TRUE(start());
+    Client client(address);
+    for (int i = 0; i < 500; ++i)
+        ASSERT_EQ(client.set(*policy(1, "")), 0);
+    char text[4096];
+    EXPECT_GT(read(ends[0], text, sizeof text), 1000);
+    ASSERT_EQ(client.set(*policy(1, "")), 0);
+    const auto size = static_cast<size_t>(read(ends[0], text, sizeof text));
+    EXPECT_NE(std::string_view(text, size).find(" lines were dropped\n"), std::string_view::npos);
+    close(ends[0]);
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(client.set(*policy(1, "")), 0);
+    EXPECT_EQ(stop(), 0);
+    close(ends[1]);
+
+    log = -1;
+    ASSERT_TRUE(start());
+    for (uint32_t i = 0; i < lines_at_once + 3000; ++i)
+        ASSERT_EQ(Client(address).request(ZEL_API_POLICY_DELETE, 1, 7, nullptr), service::error_not_found);
+    EXPECT_LT(lines_logged("refused, error"), lines_at_once + 2000);
+    EXPECT_EQ(lines_logged(fmt::format("(pid {}, uid {}): refused, error 3", getpid(), getuid())),
+              lines_logged("refused, error"));
+    usleep(100000);
+    (void)client.request(ZEL_API_POLICY_DELETE, 1, 7, nullptr);
+    EXPECT_GT(lines_logged(fmt::format(" lines about user {} were left out", getuid())), 0u);
+}
+
+// The sockets' files, and what the second one is for.
+TEST_F(ZeldTest, ReadersHaveASocketOfTheirOwn)
+{
+    const std::string readers = "unix:" + folder + "/read";
+    const uint32_t group = getuid() == 0 ? 12345 : getgid();
+    ASSERT_TRUE(start({"--listen-read", readers, "--mode", "660", "--group", std::to_string(group)}));
+    for (const char *const name : {"/sock", "/read"}) {
+        struct stat file {};
+        ASSERT_EQ(stat((folder + name).c_str(), &file), 0);
+        EXPECT_EQ(file.st_mode & 07777, 0660u);
+        EXPECT_EQ(file.st_gid, group);
+    }
+    EXPECT_EQ(Client(address).set(*policy(1, "1@1:1=1/")), 0);
+    Client reader(readers);
+    EXPECT_EQ(reader.shown(), "1: 1@1:1=1/ |; ");
+    EXPECT_EQ(reader.counters(1, 1), "1/1 0 0, ");
+    EXPECT_EQ(reader.counters(1, 1, service::stat_flag_clear), "counters cannot be cleared at this address");
+    EXPECT_EQ(reader.set(*policy(1, "")), service::error_denied);
+    EXPECT_EQ(reader.request(ZEL_API_POLICY_DELETE, 1, 1, nullptr), service::error_denied);
+    EXPECT_EQ(reader.traffic({PacketHeader{}}), service::error_denied);
+    EXPECT_EQ(reader.shown(), "1: 1@1:1=1/ |; ");
+    EXPECT_EQ(stop(), 0);
+    EXPECT_FALSE(start({"--mode", "8"}));
+    EXPECT_EQ(exit_code(), 2);
+    EXPECT_FALSE(start({"--group", "no-such-group"}));
+    EXPECT_EQ(exit_code(), 2);
+    EXPECT_FALSE(start({"--listen-read", "unix:" + folder + "/no/such/folder"}));
+    EXPECT_EQ(exit_code(), 3);
+}
+
+// What is refused because it is large is not made first.
+TEST_F(ZeldTest, RefusedAnswersTakeNoMemory)
+{
+    ASSERT_TRUE(start({"--log-level", "error"}));
+    Client client(address);
+    std::string pairs;
+    for (int id = 0; id < 4000; ++id)
+        pairs += fmt::format("{}@1:{}=1/ ", id, id);
+    for (uint16_t id = 0; id < 30; ++id) {
+        ASSERT_EQ(client.set(*policy(id, pairs)), 0);
+        const auto part = policy(id, "1@1:7=2/"); // so that the message is not there
+        ASSERT_EQ(client.request(ZEL_API_MATCH_UPDATE, 1, id, part_of(*part, ZEL_API_MATCH_UPDATE)), 0);
+    }
+    const size_t before = status_kilobytes(pid, "VmHWM:");
+    EXPECT_EQ(client.shown().substr(0, 18), "the policies take ");
+    if (!keeps_freed_memory) {
+        EXPECT_LT(status_kilobytes(pid, "VmHWM:"), before + 1024);
+    }
+    EXPECT_EQ(client.shown(3).substr(0, 9), "3: 0@1:0=");
+}
+
 TEST_F(ZeldTest, TellsTheSystemManager)
 {
-    const std::string path = folder + "/notify";
-    const sockaddr_un where = zel::platform::socket_address(path.c_str());
-    const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
-    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr *>(&where), sizeof where), 0);
-    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    const int manager = bind_manager();
     ASSERT_TRUE(start());
-    unsetenv("NOTIFY_SOCKET");
     std::set<std::string> told;
     while (told.size() < 2) {
         char text[64];

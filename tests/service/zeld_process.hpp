@@ -1,9 +1,11 @@
 // A zeld process for a test, and a client of it.
 #pragma once
 
+#include "messages.hpp"
 #include "platform/tlv_array.h"
 #include "platform/transport.h"
 #include "policy_notation.hpp"
+#include "reference/kob/unix/socket.hpp"
 #include "tools/zeld/message.hpp"
 #include "zel-platform/kob_client.h"
 
@@ -12,6 +14,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,7 +26,7 @@ namespace test {
 // it is part of a socket's path.
 class TestFolder {
 public:
-    TestFolder()
+    explicit TestFolder(const std::string &name = "") : path(fmt::format("{}{}{}", prefix, getpid(), name))
     {
         for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
             remove_if_abandoned(entry.path());
@@ -32,7 +35,7 @@ public:
     ~TestFolder() { std::filesystem::remove_all(path); }
     TestFolder(const TestFolder &) = delete;
 
-    const std::string path = fmt::format("{}{}", prefix, getpid());
+    const std::string path;
 
 private:
     static constexpr const char *prefix = "/tmp/zeld-test-";
@@ -46,16 +49,19 @@ private:
     }
 };
 
-class ZeldTest : public testing::Test {
-protected:
-    ~ZeldTest() override { kill_it(); }
+// A zeld and the files that it uses, in a folder of their own.
+class ZeldProcess {
+public:
+    ZeldProcess() = default;
+    ZeldProcess(const ZeldProcess &) = delete;
+    ~ZeldProcess() { kill_it(); }
 
     // Waits until zeld serves or has exited. Returns true when it serves.
-    bool start(std::vector<std::string> options = {})
+    bool start(std::vector<std::string> options = {}, const char *program = ZELD)
     {
-        options.insert(options.begin(), {ZELD, "--listen", address});
+        options.insert(options.begin(), {program, "--listen", address});
         int out[2];
-        EXPECT_EQ(pipe(out), 0);
+        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
         const pid_t test = getpid();
         pid = fork();
         if (pid == 0) {
@@ -64,12 +70,12 @@ protected:
             if (getppid() != test)
                 _exit(127);
             dup2(out[1], 1);
-            dup2(open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+            dup2(log >= 0 ? log : open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
             std::vector<char *> args;
             for (std::string &option : options)
                 args.push_back(option.data());
             args.push_back(nullptr);
-            execv(ZELD, args.data());
+            execv(program, args.data());
             _exit(127);
         }
         close(out[1]);
@@ -108,12 +114,29 @@ protected:
         return count;
     }
 
-    const TestFolder test_folder;
+    const TestFolder test_folder{};
     const std::string &folder = test_folder.path;
     std::string address = "unix:" + folder + "/sock";
     std::string log_file = folder + "/log";
     std::string state_file = folder + "/state";
+    int log = -1; // a descriptor for the log, instead of the file
     pid_t pid = 0;
+};
+
+class ZeldTest : public testing::Test, protected ZeldProcess {
+protected:
+    ~ZeldTest() override { unsetenv("NOTIFY_SOCKET"); }
+
+    // The system manager's socket, for services that are started from now on.
+    int bind_manager() const
+    {
+        const std::string path = folder + "/notify";
+        const sockaddr_un where = zel::platform::socket_address(path.c_str());
+        const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(bind(manager, reinterpret_cast<const sockaddr *>(&where), sizeof where), 0);
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        return manager;
+    }
 };
 
 // A policy message with one more element in the policy, of an id that no record has.
@@ -129,11 +152,27 @@ inline Bytes with_unknown_element(const Bytes &message)
     return extended;
 }
 
+template <class V> Bytes array_of(uint16_t element, const std::vector<V> &values)
+{
+    Bytes array(4 + values.size() * tlv_size_get(sizeof(V)));
+    for (const V &value : values)
+        tlv_array_add_tlv(array.data(), static_cast<uint32_t>(array.size()), element, sizeof value, &value, 0);
+    return array;
+}
+
+// The address sanitizer keeps freed memory.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool keeps_freed_memory = true;
+#else
+constexpr bool keeps_freed_memory = false;
+#endif
+
 class Client {
 public:
     explicit Client(const std::string &address, uint32_t app = 1) : app_type(app)
     {
-        const kob_client_options_t options{60000, 0}; // milliseconds, longer than any request takes
+        // Milliseconds, longer than any request takes; and bytes.
+        const kob_client_options_t options{60000, KOB_MESSAGE_LIMIT};
         kob = kob_open(address.c_str(), &options, nullptr);
         zel_api_init(&handle, 0, app, kob, nullptr, nullptr, nullptr);
     }
@@ -165,10 +204,7 @@ public:
 
     template <class V> int send_values(uint32_t opcode, uint16_t element, const std::vector<V> &values)
     {
-        std::vector<unsigned char> array(4 + values.size() * tlv_size_get(sizeof(V)));
-        for (const V &value : values)
-            tlv_array_add_tlv(array.data(), static_cast<uint32_t>(array.size()), element, sizeof value, &value, 0);
-        return send(opcode, array);
+        return send(opcode, array_of(element, values));
     }
     int traffic(const std::vector<service::PacketHeader> &packets)
     {

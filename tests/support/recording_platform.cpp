@@ -243,16 +243,32 @@ uint32_t __wrap_zel_mat_cache_comp_func(const void *a, const void *b)
     return __real_zel_mat_cache_comp_func(a, b);
 }
 
-int __wrap_snprintf(char *text, size_t size, const char *format, ...)
+static int format_or_fail(char *text, size_t size, const char *format, va_list args)
 {
-    va_list args;
-    va_start(args, format);
     const int length = std::vsnprintf(text, size, format, args);
-    va_end(args);
     if (!platform.fail_formatting)
         return length;
     text[3] = '\0';
     return -1;
+}
+
+int __wrap_snprintf(char *text, size_t size, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int length = format_or_fail(text, size, format, args);
+    va_end(args);
+    return length;
+}
+
+// What the compiler calls instead with FORTIFY; it adds a flag and the text's size.
+int __wrap___snprintf_chk(char *text, size_t size, int, size_t, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int length = format_or_fail(text, size, format, args);
+    va_end(args);
+    return length;
 }
 
 int32_t __wrap_ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)

@@ -113,6 +113,57 @@ done
 expect 2 "$zelctl" encode
 expect 5 "$zelctl" encode "$dir/a.json" -o "$dir/no/such/folder"
 says "cannot be written"
+# What is there stays what it is: a pipe, a link, permissions, and files beside it.
+printf old >"$dir/target"
+chmod 640 "$dir/target"
+ln -s target "$dir/link"
+printf mine >"$dir/link.new"
+mkfifo "$dir/pipe"
+cat "$dir/pipe" >"$dir/piped" &
+for file in target link pipe; do expect 0 "$zelctl" encode "$dir/a.json" -o "$dir/$file"; done
+wait $!
+expect 0 "$zelctl" encode "$dir/a.json" -o /dev/null
+[ -c /dev/null ] && [ -p "$dir/pipe" ] && [ -h "$dir/link" ] || fail "another kind of file was replaced"
+for file in target piped; do cmp "$dir/a.msg" "$dir/$file" || fail "$file has something else"; done
+[ "$(stat -c %a "$dir/target")" = 640 ] || fail "permissions changed"
+[ "$(cat "$dir/link.new")" = mine ] || fail "a file beside it was overwritten"
+ls "$dir" | grep -q '\.......$' && fail "a draft was left behind: $(ls "$dir")"
+
+# Files without an end are refused; texts from others do nothing to the terminal.
+expect 3 "$zelctl" policy check /dev/zero
+says "/dev/zero: cannot be read: it has more than 268435456 bytes"
+harmless() {
+    ! LC_ALL=C grep -q "$(printf '[\001-\010\013-\037\177]')" "$dir/out" "$dir/err" || fail "control characters: $last"
+    ! LC_ALL=C grep -qE "$(printf '\302[\200-\237]|\342\200[\250-\256]')" "$dir/out" "$dir/err" || fail "C1 or bidi: $last"
+    [ "$(wc -l <"$dir/err")" -le 1 ] || fail "a second line was forged: $last"
+}
+nasty=$(printf 'a\033]0;x\007b\302\233c\342\200\256d\nzelctl: forged')
+expect 3 "$zelctl" policy check "$dir/$nasty"
+harmless
+expect 4 "$zelctl" --service "unix:$dir/$nasty" policy show
+harmless
+printf '{"id": 1, "x\\u001b[2J\302\233\342\200\256\\n": 0}' >"$dir/nasty.json"
+expect 3 "$zelctl" policy check "$dir/nasty.json"
+harmless
+says '\u001b[2J\u009b\u202e'
+awk 'BEGIN { printf "{\"id\": 1, \""; for (i = 0; i < 100000; ++i) printf "long"; printf "\": 0}" }' >"$dir/long.json"
+expect 3 "$zelctl" policy check "$dir/long.json"
+[ "$(wc -c <"$dir/err")" -lt 1100 ] || fail "a long text was not cut"
+printf '1 2 3 4 \302\233' >"$dir/nasty.trace"
+expect 3 "$zelctl" traffic "$dir/nasty.trace"
+harmless
+printf '{"id": 1, "label": {"length": 8, "label": "\302\233x\342\200\256"}}' >"$dir/label.json"
+expect 0 "$zelctl" encode --kind match_update --policy 1 "$dir/label.json" -o "$dir/label.msg"
+for command in decode "--json decode"; do
+    # shellcheck disable=SC2086
+    expect 0 "$zelctl" $command "$dir/label.msg"
+    harmless
+    says '\u009bx\u202e'
+done
+cp "$dir/out" "$dir/label2.json"
+expect 0 "$zelctl" encode "$dir/label2.json" -o "$dir/label2.msg"
+cmp "$dir/label.msg" "$dir/label2.msg" || fail "a shown label is another one"
+
 if [ -w /dev/full ]; then
     got=0
     "$zelctl" decode "$dir/a.msg" >/dev/full 2>"$dir/err" || got=$?

@@ -41,7 +41,7 @@ done
 # A refused policy ends --each: those before it stay, those behind it are not sent.
 awk 'BEGIN {
     printf "[{\"id\": 50}, {\"id\": 51, \"if_group\": ["
-    for (i = 1; i < 20000; ++i) printf "{}, "
+    for (i = 1; i < 60000; ++i) printf "{}, "
     printf "{}]}, {\"id\": 52}]"
 }' >"$dir/large.json"
 expect 1 "refused, limit" "$zelctl" policy apply "$dir/large.json"

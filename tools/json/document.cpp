@@ -204,6 +204,8 @@ std::string read_file(const std::string &path)
         bytes.append(piece, length);
         if (length < sizeof piece)
             break;
+        if (bytes.size() > largest_file)
+            throw BadInput(fmt::format("{}: cannot be read: it has more than {} bytes", path, largest_file));
     }
     if (file == nullptr || std::ferror(file.get()) != 0)
         throw BadInput(fmt::format("{}: cannot be read: {}", path, std::strerror(errno)));

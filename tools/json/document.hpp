@@ -39,6 +39,9 @@ struct Document {
 // and for more than 64 levels of nesting.
 Document parse_json(std::string_view text, std::string file, uint32_t line = 1);
 
+// Larger files are not read: an object of the largest message has fewer bytes as JSON.
+constexpr std::size_t largest_file = std::size_t{256} * 1024 * 1024;
+
 // The bytes of a file, of standard input for "-".
 std::string read_file(const std::string &path);
 

@@ -1,17 +1,18 @@
 #include "tools/json/progress.hpp"
 
+#include "tools/text/safe_text.hpp"
+
 #include <fmt/core.h>
 
 #include <cstdio>
 #include <unistd.h>
-#include <utility>
 
 namespace tools {
 
 constexpr std::chrono::milliseconds step{200};
 
-Progress::Progress(std::string work, std::size_t total)
-    : work_(std::move(work)), total_(total), watched_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + step)
+Progress::Progress(const std::string &work, std::size_t total)
+    : work_(safe_text(work, 100)), total_(total), watched_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + step)
 {}
 
 Progress::~Progress()

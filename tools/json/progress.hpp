@@ -10,7 +10,7 @@ namespace tools {
 // Writes nothing during the first 200 ms, and then at most every 200 ms.
 class Progress {
 public:
-    Progress(std::string work, std::size_t total);
+    Progress(const std::string &work, std::size_t total);
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;

@@ -1,5 +1,7 @@
 #include "tools/json/text_values.hpp"
 
+#include "tools/text/utf8.hpp"
+
 #include <fmt/core.h>
 
 #include <algorithm>
@@ -30,34 +32,15 @@ std::string_view take(std::string_view &text, char separator)
     return part;
 }
 
-// The length of the UTF-8 character at the front; 0 when there is none.
-std::size_t character_length(std::span<const uint8_t> bytes)
+// Printable text: control characters of one byte make it bytes.
+bool is_text(std::string_view text)
 {
-    const auto ones = static_cast<std::size_t>(std::countl_one(bytes[0]));
-    if (ones == 0)
-        return bytes[0] >= 0x20 && bytes[0] != 0x7f ? 1 : 0;
-    if (ones < 2 || ones > 4 || bytes.size() < ones)
-        return 0;
-    uint32_t character = bytes[0] & (0x7fu >> ones);
-    for (std::size_t i = 1; i < ones; ++i) {
-        if ((bytes[i] & 0xc0) != 0x80)
-            return 0;
-        character = character << 6 | (bytes[i] & 0x3fu);
-    }
-    // No overlong encoding, no surrogate, no code point above the largest.
-    constexpr std::array<uint32_t, 5> least{0, 0, 0x80, 0x800, 0x10000};
-    if (character < least.at(ones) || (character >= 0xd800 && character < 0xe000) || character > 0x10ffff)
-        return 0;
-    return ones;
-}
-
-bool is_text(std::span<const uint8_t> bytes)
-{
-    while (!bytes.empty()) {
-        const std::size_t length = character_length(bytes);
-        if (length == 0)
+    while (!text.empty()) {
+        uint32_t character = 0;
+        const std::size_t length = decode_utf8(text, character);
+        if (length == 0 || character < 0x20 || character == 0x7f)
             return false;
-        bytes = bytes.subspan(length);
+        text.remove_prefix(length);
     }
     return true;
 }
@@ -146,7 +129,7 @@ std::string show_bytes(std::span<const uint8_t> bytes)
 {
     bytes = without_padding(bytes);
     std::string text(bytes.begin(), bytes.end());
-    if (is_text(bytes) && !text.starts_with(hex_prefix))
+    if (is_text(text) && !text.starts_with(hex_prefix))
         return text;
     text = hex_prefix;
     for (const uint8_t byte : bytes)

@@ -2,6 +2,7 @@
 
 #include "tools/json/notation.hpp"
 #include "tools/json/text_values.hpp"
+#include "tools/text/safe_text.hpp"
 #include "wire/format.hpp"
 
 #include <fmt/core.h>
@@ -29,7 +30,7 @@ std::string show(const Member &member, const void *value)
     const Json shown = show_value(member, value);
     if (shown.is_string() && (member.format == Format::number || member.format == Format::ipv4))
         return fmt::format("{} ({})", shown.get<std::string>(), show_hex(load(member, value), member.width));
-    return shown.dump();
+    return safe_json(shown.dump());
 }
 
 std::string describe_value(std::span<const uint8_t> value, const Member &member)

@@ -48,7 +48,8 @@ enum Error : uint32_t {
     error_not_found = 3,   // no such policy, pair or object
     error_conflict = 4,    // a duplicate id, or an object that cannot take the change
     error_storage = 5,     // the change could not be made durable, and was not made
-    error_limit = 6,       // too large
+    error_limit = 6,       // too large, or too much work
+    error_denied = 7,      // not at this address, which is for reading
 };
 
 // zeld's own requests, by transport opcode.  The transport carries TLV arrays and

@@ -1,5 +1,6 @@
 // zelctl encode, decode and verify: messages in files, without a service.
 #include "tools/message/element_tree.hpp"
+#include "tools/text/safe_text.hpp"
 #include "tools/zelctl/output.hpp"
 #include "tools/zelctl/request.hpp"
 
@@ -33,7 +34,7 @@ int run_decode(const Options &options, const std::string &path)
         fmt::print("{}", show_element_tree(tools::list_elements(bytes)));
     const tools::Message message = tools::decode_message(bytes, path);
     if (options.json)
-        fmt::print("{}\n", message_to_json(message).dump(2));
+        print_json(message_to_json(message), 2);
     return exit_ok;
 }
 
@@ -46,7 +47,7 @@ int run_verify(const VerifyArguments &arguments)
 {
     const std::string bytes = tools::read_file(arguments.path);
     const zel_verify_report_t report = tools::verify_message(bytes, arguments.path, arguments.is_strict);
-    fmt::print("{}: {}, {} unknown elements\n", arguments.path, zel_verify_rule_text(report.rule),
+    fmt::print("{}: {}, {} unknown elements\n", tools::safe_text(arguments.path), zel_verify_rule_text(report.rule),
                report.unknown_elements);
     return exit_ok;
 }

@@ -3,6 +3,8 @@
 #include "tools/json/notation.hpp"
 #include "tools/message/service_protocol.hpp"
 #include "tools/message/tracing.hpp"
+#include "tools/text/safe_text.hpp"
+#include "tools/zelctl/output.hpp"
 #include "zel-platform/kob_client.h"
 
 #include <fmt/core.h>
@@ -27,6 +29,7 @@ constexpr std::array error_names{
     tools::Name{service::error_conflict, "conflict"},
     tools::Name{service::error_storage, "storage"},
     tools::Name{service::error_limit, "limit"},
+    tools::Name{service::error_denied, "denied"},
 };
 
 [[noreturn]] void fail(const std::string &address, int32_t error)
@@ -97,10 +100,10 @@ int report(const Options &options, const Answer &answer, std::string_view done)
     if (options.json) {
         const tools::Json json{
             {"refused", answer.refused()}, {"error", error}, {"retval", answer.retval}, {"text", answer.text}};
-        fmt::print("{}\n", json.dump());
+        print_json(json);
     } else if (answer.refused()) {
         fmt::print(stderr, "zelctl: refused, {}: {}\n", error.is_string() ? error.get<std::string>() : error.dump(),
-                   answer.text);
+                   tools::safe_text(answer.text));
     } else {
         fmt::print("{}\n", done);
     }

@@ -46,7 +46,7 @@ int run_classbench(const Options &options, const Arguments &arguments)
     const std::vector<zel_action_t> actions = read_actions(arguments.actions);
     const std::vector<Rule> rules = read_classbench(tools::read_file(arguments.file), arguments.file);
     const tools::Graph policy = make_policy(rules, arguments.policy, options.app, actions, arguments.file);
-    write_file(arguments.output, write_graph(policy).dump(2) + "\n");
+    write_file(arguments.output, show_json(write_graph(policy), 2) + "\n");
     return exit_ok;
 }
 

@@ -1,6 +1,7 @@
 // zelctl: the command line client of the policy service.
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
+#include "tools/text/safe_text.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"
@@ -36,7 +37,7 @@ void add_global_options(CLI::App &app, Options &options)
 
 int complain(const std::exception &fault, int code)
 {
-    fmt::print(stderr, "zelctl: {}\n", fault.what());
+    fmt::print(stderr, "zelctl: {}\n", tools::safe_text(fault.what()));
     return code;
 }
 

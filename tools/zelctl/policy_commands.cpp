@@ -6,6 +6,7 @@
 #include "tools/json/writer.hpp"
 #include "tools/message/message.hpp"
 #include "tools/zelctl/connection.hpp"
+#include "tools/zelctl/output.hpp"
 #include "zel-platform/tlv_check.h"
 
 #include <deque>
@@ -185,9 +186,9 @@ int run_show(const Options &options, std::optional<uint16_t> id)
     for (const tools::Message &message : messages)
         policies.push_back(write_graph(message.graph));
     if (id && policies.size() == 1)
-        fmt::print("{}\n", policies[0].dump(2));
+        print_json(policies[0], 2);
     else
-        fmt::print("{}\n", policies.dump(2));
+        print_json(policies, 2);
     return exit_ok;
 }
 

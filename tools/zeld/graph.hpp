@@ -1,17 +1,12 @@
-// Graphs of MAT records: owning pointers, copies, and changes to groups.
-//
-// The service keeps policies as the library's own records. Copying, comparing and
-// measuring follow from the wire description. A copy shares no record, unlike a
-// graph from the parser, so each part of it can be changed or freed alone.
+// Graphs of MAT records: owning pointers, copies, and the members of groups. Copying,
+// comparing and measuring follow from the wire description.
 #pragma once
 
 #include "tools/message/graph.hpp"
-#include "tools/zeld/refusal.hpp"
+#include "tools/zeld/budget.hpp"
 #include "wire/graph.hpp"
 #include "wire/records.hpp"
 
-#include <algorithm>
-#include <limits>
 #include <memory>
 #include <span>
 #include <tuple>
@@ -49,57 +44,26 @@ template <class R> struct FreeGraph {
 };
 template <class R> using Owned = std::unique_ptr<R, FreeGraph<R>>;
 
-// ---- Memory
-
-// Limits the memory that one request may take for graphs. The limit holds while
-// the object exists. References and repeated objects make large graphs out of
-// small messages, so a limit on the message's size is not enough.
-class GraphBudget {
-public:
-    explicit GraphBudget(std::size_t bytes) : limit_(bytes) { current_ = this; }
-    ~GraphBudget() { current_ = nullptr; }
-    GraphBudget(const GraphBudget &) = delete;
-    GraphBudget &operator=(const GraphBudget &) = delete;
-
-    // Adds to what the request has taken. Throws Refusal above the limit.
-    static void charge(std::size_t bytes);
-
-private:
-    static GraphBudget *current_;
-    std::size_t limit_;
-    std::size_t taken_ = 0;
-};
-
-// Bytes that the heap adds to each block, approximately.
-constexpr std::size_t block_overhead = 16;
-
-// Zero-filled memory that the library can free, charged to the budget.
-template <class T> T *allocate(std::size_t count = 1)
-{
-    GraphBudget::charge(count * sizeof(T) + block_overhead);
-    return tools::allocate<T>(count);
-}
-
-// Bytes of memory that a policy's graph takes, approximately.
-std::size_t graph_size(const zel_policy_t &policy);
-
 // ---- Copies
 
 template <class R> bool equal(const R &a, const R &b) { return zel::wire::equal(record_of<R>, &a, &b); }
 
+// A copy that shares nothing, charged to the budget of the request.
 template <class R> Owned<R> clone(const R &from)
 {
-    Owned<R> copy(allocate<R>());
-    zel::wire::copy(record_of<R>, copy.get(), &from,
-                    [](std::size_t bytes) -> void * { return allocate<unsigned char>(bytes); });
+    const auto allocate = [](std::size_t bytes) {
+        Budget::charge(bytes + block_overhead);
+        return tools::allocate_bytes(bytes);
+    };
+    Owned<R> copy(static_cast<R *>(allocate(sizeof(R))));
+    zel::wire::copy(record_of<R>, copy.get(), &from, allocate);
     return copy;
 }
 
-// Overwrites a record with a copy of another. Frees the old content.
-template <class R> void replace(R &old, const R &with)
+// Bytes on the heap that a record and what it owns take.
+template <class R> std::size_t heap_size(const R &record)
 {
-    const Owned<R> copy = clone(with);
-    std::swap(old, *copy);
+    return sizeof(R) + block_overhead + zel::wire::heap_size(record_of<R>, &record, block_overhead);
 }
 
 // ---- Groups: records that hold a sequence
@@ -122,27 +86,6 @@ template <class G> std::span<MemberOf<G> *const> members(const G &group)
 {
     const auto [count, array] = sequence(const_cast<G &>(group)); // only read here
     return {array, count};
-}
-
-template <class G> void append(G &group, Owned<MemberOf<G>> member)
-{
-    const auto [count, array] = sequence(group);
-    if (count == std::numeric_limits<std::remove_reference_t<decltype(count)>>::max())
-        throw Refusal(service::error_limit, "a group cannot have more than {} members", count);
-    auto *const larger = allocate<MemberOf<G> *>(std::size_t{count} + 1);
-    std::copy_n(array, count, larger);
-    larger[count++] = member.release();
-    std::free(static_cast<void *>(std::exchange(array, larger)));
-}
-
-// Removes and frees the members that a predicate selects.
-template <class G, class Predicate> void erase_members(G &group, Predicate is_selected)
-{
-    const auto [count, array] = sequence(group);
-    auto *const end = array + count;
-    auto *const rest = std::stable_partition(array, end, [&](const auto *member) { return !is_selected(*member); });
-    std::for_each(rest, end, [](auto *&member) { Owned<MemberOf<G>>(std::exchange(member, nullptr)); });
-    count = static_cast<std::remove_reference_t<decltype(count)>>(rest - array);
 }
 
 } // namespace zeld

@@ -1,17 +1,78 @@
 #include "tools/zeld/log.hpp"
 
+#include "tools/text/safe_text.hpp"
+#include "tools/zeld/job.hpp"
+
 #include <algorithm>
-#include <cstdio>
-#include <iterator>
+#include <fcntl.h>
 #include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
 
 namespace zeld {
 
 namespace {
 
 LogLevel threshold = LogLevel::info;
+uint64_t num_dropped = 0;
 
 constexpr const char *names[] = {"error", "warn", "info", "debug", "trace"};
+
+// Where the lines go. A pipe or a terminal is opened once more, so that not to wait is
+// a property of this descriptor and not of everybody's.
+struct Output {
+    Output()
+    {
+        struct stat file {};
+        if (fstat(STDERR_FILENO, &file) != 0)
+            return;
+        is_socket = S_ISSOCK(file.st_mode);
+        if (!S_ISFIFO(file.st_mode) && !S_ISCHR(file.st_mode))
+            return;
+        const int own = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        descriptor = own >= 0 ? own : STDERR_FILENO;
+    }
+
+    // One write for each line, so that lines of several processes do not mix.
+    bool write(const std::string &line) const
+    {
+        const ssize_t size = is_socket ? send(descriptor, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+                                       : ::write(descriptor, line.data(), line.size());
+        return size == static_cast<ssize_t>(line.size());
+    }
+
+    int descriptor = STDERR_FILENO;
+    bool is_socket = false;
+};
+
+bool write_line(LogLevel level, std::string_view text)
+{
+    static const Output output;
+    return output.write(fmt::format("zeld: {}: {}\n", names[static_cast<int>(level)], tools::safe_text(text)));
+}
+
+// Lines about one user: a bucket that fills with time.
+struct Bucket {
+    double lines = lines_at_once;
+    uint64_t filled_ns = now_ns();
+    uint64_t num_left_out = 0;
+
+    bool take()
+    {
+        const uint64_t now = now_ns();
+        lines = std::min<double>(lines_at_once, lines + static_cast<double>(now - filled_ns) * 1e-9 * lines_per_second);
+        filled_ns = now;
+        if (lines < 1)
+            return false;
+        lines -= 1;
+        return true;
+    }
+};
+
+// Users beyond these share one bucket.
+constexpr std::size_t most_users = 1024;
 
 } // namespace
 
@@ -19,15 +80,26 @@ void set_log_level(LogLevel level) { threshold = level; }
 
 bool is_logged(LogLevel level) { return level <= threshold; }
 
-// One write for each line, so that lines of several processes do not mix. Control
-// characters are replaced, because a text may contain what a client sent.
 void write_log(LogLevel level, fmt::string_view text)
 {
-    std::string line = fmt::format("zeld: {}: ", names[static_cast<int>(level)]);
-    std::transform(text.begin(), text.end(), std::back_inserter(line),
-                   [](char c) { return static_cast<unsigned char>(c) < ' ' ? ' ' : c; });
-    line += '\n';
-    (void)std::fwrite(line.data(), 1, line.size(), stderr);
+    if (num_dropped != 0 && write_line(LogLevel::warn, fmt::format("{} lines were dropped", num_dropped)))
+        num_dropped = 0;
+    if (num_dropped != 0 || !write_line(level, {text.data(), text.size()}))
+        ++num_dropped;
+}
+
+bool may_log_about(uint32_t uid)
+{
+    static std::unordered_map<uint32_t, Bucket> buckets;
+    Bucket &bucket = buckets[buckets.size() < most_users || buckets.contains(uid) ? uid : UINT32_MAX];
+    if (!bucket.take()) {
+        ++bucket.num_left_out;
+        return false;
+    }
+    if (bucket.num_left_out != 0)
+        write_log(LogLevel::warn,
+                  fmt::format("{} lines about user {} were left out", std::exchange(bucket.num_left_out, 0), uid));
+    return true;
 }
 
 } // namespace zeld

@@ -2,12 +2,14 @@
 #include "platform/heartbeat.h"
 #include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
-#include "tools/zeld/service.hpp"
+#include "tools/zeld/loop.hpp"
 #include "zel-platform/manager.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <csignal>
 #include <cstring>
+#include <grp.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -21,26 +23,61 @@ enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_address = 3, 
 
 struct Options {
     std::string listen;
+    std::string listen_read;
+    uint32_t mode = 0600;
+    std::optional<uint32_t> group;
     std::string state;
+    bool is_salvage = false;
     uint64_t max_message = uint64_t{16} * 1024 * 1024;
     uint64_t max_state = uint64_t{256} * 1024 * 1024;
     uint32_t max_clients = 64;
+    uint32_t max_clients_per_user = 0; // 0: seven eighths of max_clients
     LogLevel log_level = LogLevel::info;
 };
 
-// The longest wait for a request. Short, because the system manager's watchdog gets
-// a heartbeat after each wait.
-constexpr int tick_ms = 250;
+class AddressError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // The lower limit of --max-message: an answer must have room for a small policy.
 constexpr uint64_t least_message = 4096;
+
+// Both replace a text by the number that it stands for, and return what is wrong with it.
+std::string read_mode(std::string &text)
+{
+    uint32_t mode = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
+    if (error != std::errc() || end != text.data() + text.size() || mode == 0 || mode > 0777)
+        return fmt::format("{} is not a mode from 1 to 777 in octal digits", text);
+    text = std::to_string(mode);
+    return {};
+}
+
+std::string read_group(std::string &text)
+{
+    if (const struct group *const found = getgrnam(text.c_str()))
+        text = std::to_string(found->gr_gid);
+    else if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return fmt::format("there is no group {}", text);
+    return {};
+}
 
 void add_options(CLI::App &app, Options &options)
 {
     const CLI::AsSizeValue size(false);
     app.set_version_flag("--version", "zeld " ZELD_VERSION);
     app.add_option("--listen", options.listen, "address to serve, unix:PATH")->required();
-    app.add_option("--state", options.state, "file that keeps the policies; without it they end with the process");
+    app.add_option("--listen-read", options.listen_read, "a second address, for show and statistics alone");
+    app.add_option("--mode", options.mode, "permissions of the sockets, in octal digits")
+        ->transform(CLI::Validator(read_mode, "OCTAL"))
+        ->default_str("600");
+    app.add_option("--group", options.group, "group of the sockets, by name or number")
+        ->transform(CLI::Validator(read_group, "GROUP"));
+    CLI::Option *const state =
+        app.add_option("--state", options.state, "file that keeps the policies; without it they end with the process");
+    app.add_flag("--salvage", options.is_salvage, "remove from a damaged state file the policies that are damaged")
+        ->needs(state);
     app.add_option("--max-message", options.max_message, "largest request and answer")
         ->transform(size)
         ->check(CLI::Range(least_message, uint64_t{KOB_MESSAGE_LIMIT}))
@@ -52,6 +89,9 @@ void add_options(CLI::App &app, Options &options)
     app.add_option("--max-clients", options.max_clients, "most connections at a time")
         ->check(CLI::Range(1U, 4096U))
         ->capture_default_str();
+    app.add_option("--max-clients-per-user", options.max_clients_per_user, "most connections of one user id")
+        ->check(CLI::Range(1U, 4096U))
+        ->default_str("seven eighths of --max-clients");
     app.add_option("--log-level", options.log_level, "error, warn, info, debug or trace; to stderr")
         ->transform(CLI::CheckedTransformer(std::map<std::string, LogLevel>{{"error", LogLevel::error},
                                                                             {"warn", LogLevel::warn},
@@ -75,51 +115,78 @@ int open_stop_signals()
     sigprocmask(SIG_BLOCK, &stop, nullptr);
     // A write above the file size limit then fails, and the request is refused.
     (void)std::signal(SIGXFSZ, SIG_IGN);
+    (void)std::signal(SIGPIPE, SIG_IGN); // nobody may read the log any more
     return signalfd(-1, &stop, SFD_CLOEXEC);
 }
 
-struct CloseTransport {
-    void operator()(kob_service_t *transport) const { kob_service_close(transport); }
-};
-using Transport = std::unique_ptr<kob_service_t, CloseTransport>;
-
-Transport open_transport(const Options &options, int32_t &error)
+Transport open_transport(const Options &options, const std::string &address, int32_t &error)
 {
     kob_service_options_t transport_options{};
     transport_options.max_message = static_cast<uint32_t>(options.max_message);
     transport_options.max_clients = options.max_clients;
+    transport_options.max_clients_per_user = options.max_clients_per_user;
+    transport_options.permissions = options.mode;
+    transport_options.has_group = options.group ? 1 : 0;
+    transport_options.group = options.group.value_or(0);
     transport_options.on_refusal = [](void *, uint32_t client, const char *reason) {
-        log(LogLevel::warn, "client {}: refused by the transport: {}", client, reason);
+        constexpr uint32_t of_all_users = UINT32_MAX; // the reason says whose it is
+        log_about(of_all_users, LogLevel::warn, "client {}: refused by the transport: {}", client, reason);
     };
-    return Transport(kob_service_open(options.listen.c_str(), &transport_options, &error));
+    return Transport(kob_service_open(address.c_str(), &transport_options, &error));
 }
 
-ExitCode run(Service &service, kob_service_t *transport, int stop_signals)
+// An address that is to be served.
+Loop::Socket open_socket(const Options &options, const std::string &address, Access access)
 {
-    const std::unique_ptr<kob_msg_t, decltype(&kob_msg_free)> msg(kob_msg_alloc(), kob_msg_free);
-    if (msg == nullptr)
-        throw std::bad_alloc();
-    for (;;) {
-        pollfd waits[] = {{stop_signals, POLLIN, 0}, {kob_service_fd(transport), POLLIN, 0}};
-        (void)poll(waits, std::size(waits), tick_ms);
-        fu_keeper_update_and_send_heartbeat(0);
-        if (waits[0].revents != 0) {
-            log(LogLevel::info, "stopping");
-            return exit_ok;
-        }
-        // Called after a timeout, too: the transport gives up half messages in it.
-        switch (const int32_t error = kob_service_receive(transport, msg.get(), 0)) {
-        case KOB_OK:
-            service.serve(transport, msg.get());
-            break;
-        case KOB_ERR_TIMEOUT:
-        case KOB_ERR_INTERRUPTED:
-            break;
-        default:
-            log(LogLevel::error, "the transport failed: {}", kob_error_text(error));
-            return exit_failed;
-        }
+    int32_t error = KOB_OK;
+    Loop::Socket socket{open_transport(options, address, error), access};
+    if (socket.transport == nullptr)
+        throw AddressError(fmt::format("{}: {}", address, kob_error_text(error)));
+    return socket;
+}
+
+std::vector<Loop::Socket> open_sockets(const Options &options)
+{
+    std::vector<Loop::Socket> sockets;
+    sockets.push_back(open_socket(options, options.listen, Access::full));
+    if (!options.listen_read.empty())
+        sockets.push_back(open_socket(options, options.listen_read, Access::read_only));
+    return sockets;
+}
+
+// Loads the policies. Returns false when the service has to stop.
+bool load(Policies &policies, bool is_salvage, int stop_signals)
+{
+    struct Stopped {};
+    try {
+        policies.load(
+            [&] {
+                fu_keeper_update_and_send_heartbeat(0);
+                pollfd stop{stop_signals, POLLIN, 0};
+                if (poll(&stop, 1, 0) > 0)
+                    throw Stopped();
+            },
+            is_salvage);
+        return true;
+    } catch (const Stopped &) {
+        return false;
     }
+}
+
+ExitCode serve(const Options &options, Policies &policies, int stop_signals)
+{
+    const std::size_t max_body = options.max_message - ZEL_RESP_HDR_SIZE;
+    Service service(policies, max_body);
+    constexpr std::size_t most_waiting = 4; // largest requests
+    Loop loop(service, open_sockets(options), most_waiting * options.max_message);
+    log(LogLevel::info, "serving {} policies at {}", policies.all().size(), options.listen);
+    fmt::print("ready {}\n", options.listen);
+    (void)std::fflush(stdout);
+    zel_manager_notify("READY=1");
+    if (!loop.run(stop_signals))
+        return exit_failed;
+    log(LogLevel::info, "stopping");
+    return exit_ok;
 }
 
 ExitCode start(const Options &options)
@@ -127,27 +194,17 @@ ExitCode start(const Options &options)
     set_log_level(options.log_level);
     umask(077);
     const int stop_signals = open_stop_signals();
-    const std::size_t max_body = options.max_message - ZEL_RESP_HDR_SIZE;
-    std::optional<Policies> policies;
     try {
         auto store = options.state.empty() ? nullptr : std::make_unique<Store>(options.state);
-        policies.emplace(std::move(store), Policies::Limits{max_body, options.max_state});
+        Policies policies(std::move(store), {options.max_message - ZEL_RESP_HDR_SIZE, options.max_state});
+        return load(policies, options.is_salvage, stop_signals) ? serve(options, policies, stop_signals) : exit_ok;
     } catch (const StoreError &error) {
         log(LogLevel::error, "{}: {}", options.state, error.what());
         return exit_state;
-    }
-    int32_t error = KOB_OK;
-    const Transport transport = open_transport(options, error);
-    if (transport == nullptr) {
-        log(LogLevel::error, "{}: {}", options.listen, kob_error_text(error));
+    } catch (const AddressError &error) {
+        log(LogLevel::error, "{}", error.what());
         return exit_address;
     }
-    Service service(*policies, max_body);
-    log(LogLevel::info, "serving {} policies at {}", policies->all().size(), options.listen);
-    fmt::print("ready {}\n", options.listen);
-    (void)std::fflush(stdout);
-    zel_manager_notify("READY=1");
-    return run(service, transport.get(), stop_signals);
 }
 
 ExitCode run_command_line(int argc, char **argv)

@@ -3,6 +3,7 @@
 #include "platform/transport.h"
 #include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
+#include "tools/zeld/policy.hpp"
 #include "zel-platform/tlv_check.h"
 
 #include <cstdarg>
@@ -49,34 +50,6 @@ void require_complete()
         throw std::bad_alloc();
 }
 
-// The parser is tolerant: its graph of a message of another shape may lack members
-// or share memory. So each message is verified first. Returns the number of
-// unknown elements; in a strict verification there are none.
-uint32_t verify(const void *array, bool is_strict)
-{
-    const zel_verify_options_t options{sizeof options, is_strict};
-    zel_verify_report_t result{};
-    result.size = sizeof result;
-    const uint32_t rule = zel_verify_tlv_array(array, &options, &result);
-    if (rule == ZEL_VERIFY_OK)
-        return result.unknown_elements;
-    char text[ZEL_VERIFY_TEXT_SIZE];
-    zel_verify_report_text(&result, text, sizeof text);
-    throw Refusal(rule == ZEL_VERIFY_REQUEST_KIND ? service::error_unsupported : service::error_malformed, "{}",
-                  std::string_view(text));
-}
-
-// Reads the header and the object of a verified message.
-Request parse(const void *array)
-{
-    zel_api_handle_t handle = make_handle();
-    Request request;
-    void *const object = zel_parse_tlv_array(&handle, array, &request.header);
-    request.object = AnyGraph(object, FreeAnyGraph{get_mat_obj_type(request.header.api_type)});
-    require_complete();
-    return request;
-}
-
 zel_kob_header_t header_of(const PolicyKey &key)
 {
     return {ZEL_API_POLICY_UPDATE, key.app_type, key.id, service::op_code_set};
@@ -98,46 +71,81 @@ const void *payload_of(kob_msg_t *msg)
     return mpkob_is_mpkob(0, msg) != 0 ? mpkob_payload_get(0, msg) : kob_payload_get(msg);
 }
 
-Request read_request(const void *array)
+// The parser is tolerant: its graph of a message of another shape may lack members
+// or share memory. So each message is verified first.
+uint32_t verify_request(const void *array, bool is_strict)
 {
-    const uint32_t num_unknown = verify(array, false);
-    Request request = parse(array);
-    const zel_kob_header_t &header = request.header;
-    if (header.api_type == ZEL_API_POLICY_UPDATE && header.op_code == service::op_code_set && num_unknown == 0)
-        request.policy_message = bytes_of(array);
+    const zel_verify_options_t options{sizeof options, is_strict};
+    zel_verify_report_t result{};
+    result.size = sizeof result;
+    const uint32_t rule = zel_verify_tlv_array(array, &options, &result);
+    if (rule == ZEL_VERIFY_OK)
+        return result.unknown_elements;
+    char text[ZEL_VERIFY_TEXT_SIZE];
+    zel_verify_report_text(&result, text, sizeof text);
+    throw Refusal(rule == ZEL_VERIFY_REQUEST_KIND ? service::error_unsupported : service::error_malformed, "{}",
+                  std::string_view(text));
+}
+
+Request parse_request(const void *array, uint32_t num_unknown)
+{
+    zel_api_handle_t handle = make_handle();
+    Request request;
+    void *const object = zel_parse_tlv_array(&handle, array, &request.header);
+    request.object = AnyGraph(object, FreeAnyGraph{get_mat_obj_type(request.header.api_type)});
+    require_complete();
+    if (num_unknown == 0)
+        request.message = bytes_of(array);
     return request;
 }
 
-Owned<zel_policy_t> read_policy(const PolicyKey &key, const Bytes &message)
+Request read_request(const void *array) { return parse_request(array, verify_request(array)); }
+
+Request read_stored(const PolicyKey &key, Bytes &message)
 {
     if (tlv_array_check(message.data(), static_cast<uint32_t>(message.size())) != TLV_OK)
         throw Refusal(service::error_malformed, "the array is longer than the message");
-    Bytes padded(message);
-    padded.resize(message.size() + KOB_PAYLOAD_TAIL);
-    verify(padded.data(), true);
-    const Request request = parse(padded.data());
-    const zel_kob_header_t expected = header_of(key);
-    const auto *const policy = static_cast<const zel_policy_t *>(request.object.get());
-    if (!zel::wire::equal(zel::wire::kob_header, &request.header, &expected) || policy->id != key.id)
-        throw Refusal(service::error_malformed, "the message creates something else");
-    return clone(*policy);
+    message.resize(message.size() + KOB_PAYLOAD_TAIL);
+    Request request = parse_request(message.data(), verify_request(message.data(), true));
+    message.resize(message.size() - KOB_PAYLOAD_TAIL);
+    if (request.header.app_type != key.app_type || request.header.policy_id != key.id)
+        throw Refusal(service::error_malformed, "the message changes something else");
+    return request;
 }
 
-Bytes write_policy(uint32_t app_type, const zel_policy_t &policy)
+Bytes write_policy(uint32_t app_type, const Policy &policy)
 {
-    // Encoded sizes are below four times the graph's, so they stay below 32 bits.
-    if (graph_size(policy) > KOB_MESSAGE_LIMIT)
-        throw Refusal(service::error_limit, "policy {} would take more than {} bytes of memory", policy.id,
-                      KOB_MESSAGE_LIMIT);
+    const std::size_t size = policy.encoded_size();
+    if (size > KOB_MESSAGE_LIMIT)
+        throw Refusal(service::error_limit, "policy {} would take {} bytes", policy.id(), size);
     zel_api_handle_t handle = make_handle();
-    const uint32_t size = TLV_ARRAY_OVERHEAD + zel_kob_header_get_tlv_sz() +
-                          get_mat_obj_size_for_kob(&handle, app_type, ZEL_MAT_TYPE_POLICY, &policy);
     Bytes message(size);
-    const zel_kob_header_t header = header_of({app_type, policy.id});
-    zel_add_kob_header_to_tlv(&handle, message.data(), size, &header);
-    assemble_mat_obj_for_kob(&handle, app_type, message.data(), size, ZEL_MAT_TYPE_POLICY, &policy);
+    const zel_kob_header_t header = header_of({app_type, policy.id()});
+    const PolicyGraph graph(policy);
+    const auto capacity = static_cast<uint32_t>(size);
+    zel_add_kob_header_to_tlv(&handle, message.data(), capacity, &header);
+    assemble_mat_obj_for_kob(&handle, app_type, message.data(), capacity, ZEL_MAT_TYPE_POLICY, &graph.policy());
     require_complete();
     return message;
+}
+
+const EncodedSizes &encoded_sizes()
+{
+    static const EncodedSizes sizes = [] {
+        const zel_policy_t policy{};
+        const zel_match_action_pair_t pair{};
+        zel_match_t match{};
+        match.type = ZEL_MATCH_TYPE_NO_PARAM;
+        zel_match_t *matches[] = {&match, &match};
+        zel_match_grp_t one{};
+        one.num_match = 1;
+        one.matches = matches;
+        zel_match_grp_t two = one;
+        two.num_match = 2;
+        return EncodedSizes{TLV_ARRAY_OVERHEAD + zel_kob_header_get_tlv_sz() + encoded_size(policy), encoded_size(pair),
+                            zel_if_element_get_tlv_sz(), encoded_size(two) - encoded_size(one)};
+    }();
+    return sizes;
 }
 
 } // namespace zeld

@@ -2,8 +2,6 @@
 
 #include "tools/zeld/update.hpp"
 
-#include <numeric>
-
 namespace zeld {
 
 namespace {
@@ -14,9 +12,8 @@ using service::error_malformed;
 using service::error_not_found;
 using service::error_unsupported;
 
-// The largest number of steps for the packets of one request, in the worst case.
-// They take a few seconds, and all other clients wait for them.
-constexpr std::size_t max_work = std::size_t{1} << 31;
+// Rows of updates may take as much work to read as the policy has bytes, or as this.
+constexpr std::size_t least_work = 4096;
 
 std::string describe(const Policies::Map &changes)
 {
@@ -25,7 +22,7 @@ std::string describe(const Policies::Map &changes)
     const auto &[key, policy] = *changes.begin();
     if (policy == nullptr)
         return fmt::format("policy {} removed", key.id);
-    return fmt::format("policy {} has {} pairs", key.id, policy->graph().match_action_pair_group.num_pair);
+    return fmt::format("policy {} has {} pairs", key.id, policy->num_pairs());
 }
 
 void check_op_code(const zel_kob_header_t &header)
@@ -37,63 +34,84 @@ void check_op_code(const zel_kob_header_t &header)
 
 } // namespace
 
-Policies::Policies(std::unique_ptr<Store> store, const Limits &limits) : store_(std::move(store)), limits_(limits)
+// ---- Loading
+
+void Policies::load(const std::function<void()> &progress, bool is_salvage)
 {
     if (store_ == nullptr)
         return;
-    store_->load([&](const PolicyKey &key, const Bytes &message) {
-        try {
-            Owned<zel_policy_t> graph = read_policy(key, message);
-            check_policy(*graph);
-            auto &policy = policies_[key] = std::make_unique<Policy>(std::move(graph), message);
-            total_size_ += policy->size();
-        } catch (const Refusal &refusal) {
-            throw StoreError(
-                fmt::format("policy {} of application {} is damaged: {}", key.id, key.app_type, refusal.what()));
-        }
-    });
+    const auto take = [&](const PolicyKey &key, uint32_t number, Bytes message) {
+        progress();
+        load_row(key, number, std::move(message));
+    };
+    for (const PolicyKey &removed : store_->load(take, is_salvage))
+        policies_.erase(removed);
+    for (const auto &[key, policy] : policies_)
+        held_ += policy->held();
 }
 
-Policy &Policies::get(const PolicyKey &key) const
+void Policies::load_row(const PolicyKey &key, uint32_t number, Bytes message)
+{
+    const Request request = read_stored(key, message);
+    const auto present = policies_.find(key);
+    const bool is_whole = request.header.api_type == ZEL_API_POLICY_UPDATE;
+    const uint32_t expected = present != policies_.end() ? present->second->rows.count : 0;
+    if (number != expected || is_whole != (number == 0))
+        throw Refusal(error_malformed, "row {} does not follow row {}", number, expected);
+    const Budget budget(SIZE_MAX);
+    auto policy = is_whole ? std::make_shared<Policy>(*static_cast<const zel_policy_t *>(request.object.get()))
+                           : std::make_shared<Policy>(*present->second);
+    if (is_whole && (policy->id() != key.id || request.header.op_code != service::op_code_set))
+        throw Refusal(error_malformed, "the message creates something else");
+    policy->rows.count += 1;
+    policy->rows.checksum += row_checksum(key, number, message);
+    if (is_whole)
+        policy->message = std::make_shared<const Bytes>(std::move(message));
+    else {
+        policy->rows.work += message.size() + budget.steps();
+        update_policy(*policy, request.header.api_type, request.header.op_code, request.object.get());
+    }
+    policies_[key] = std::move(policy);
+}
+
+// ---- Reading
+
+std::shared_ptr<const Policy> Policies::get(const PolicyKey &key) const
 {
     const auto found = policies_.find(key);
     if (found == policies_.end())
         throw Refusal(error_not_found, "application {} has no policy {}", key.app_type, key.id);
-    return *found->second;
+    return found->second;
 }
 
-std::vector<Policy *> Policies::of_application(uint32_t app_type) const
+std::vector<std::shared_ptr<const Policy>> Policies::of_application(uint32_t app_type) const
 {
-    std::vector<Policy *> found;
+    std::vector<std::shared_ptr<const Policy>> found;
     for (auto entry = policies_.lower_bound({app_type, 0});
          entry != policies_.end() && entry->first.app_type == app_type; ++entry)
-        found.push_back(entry->second.get());
+        found.push_back(entry->second);
     return found;
 }
 
-// All that can fail comes first: the change is staged, then stored, then committed.
-// Staged are the new policies by key, and null for each policy to remove.
+// ---- Changing
+
+// All that can fail comes first: the change is staged, then adopted.
 std::string Policies::apply(const Request &request)
 {
-    const GraphBudget budget(limits_.max_state);
-    Map staged;
-    stage(staged, request);
+    const Budget budget(limits_.max_state);
+    Staged staged;
+    stage(staged, request, budget);
     check_total(staged);
-    std::string text = describe(staged);
-    if (store_ != nullptr)
-        store(staged);
-    commit(std::move(staged));
+    std::string text = describe(staged.policies);
+    adopt(std::move(staged));
     return text;
 }
 
-// ---- Staging a request
-
-void Policies::stage(Map &staged, const Request &request) const
+void Policies::stage(Staged &staged, const Request &request, const Budget &budget) const
 {
     const zel_kob_header_t &header = request.header;
-    const PolicyKey key{header.app_type, header.policy_id};
     if (header.api_type == ZEL_API_POLICY_DELETE) // the op_code has no meaning here
-        return stage_removal(staged, key);
+        return stage_removal(staged, {header.app_type, header.policy_id});
     check_op_code(header);
     switch (header.api_type) {
     case ZEL_API_POLICY_LIST_UPDATE:
@@ -105,114 +123,140 @@ void Policies::stage(Map &staged, const Request &request) const
         if (policy.id != header.policy_id)
             throw Refusal(error_malformed, "the header names policy {} and the message carries policy {}",
                           header.policy_id, policy.id);
-        return stage_whole(staged, header, policy, {request.policy_message.begin(), request.policy_message.end()});
+        return stage_whole(staged, header, policy, request.message);
     }
-    default: {
-        Owned<zel_policy_t> copy = clone(get(key).graph());
-        update_policy(*copy, header.api_type, header.op_code, request.object.get());
-        stage_set(staged, key, std::move(copy), {});
-        // A policy that is set as a whole starts at zero; one that changes in part does not.
-        staged.at(key)->inherit_counters(get(key));
-        return;
-    }
+    default:
+        return stage_part(staged, request, budget);
     }
 }
 
-void Policies::stage_whole(Map &staged, const zel_kob_header_t &header, const zel_policy_t &policy, Bytes message) const
+void Policies::stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &given,
+                           std::span<const unsigned char> message) const
 {
-    const PolicyKey key{header.app_type, policy.id};
-    if (staged.contains(key))
-        throw Refusal(error_conflict, "the list has more than one policy {}", policy.id);
+    const PolicyKey key{header.app_type, given.id};
+    if (staged.policies.contains(key))
+        throw Refusal(error_conflict, "the list has more than one policy {}", given.id);
     if (header.op_code == service::op_code_remove)
-        stage_removal(staged, key);
-    else
-        stage_set(staged, key, clone(policy), std::move(message));
+        return stage_removal(staged, key);
+    auto policy = std::make_shared<Policy>(given);
+    if (!message.empty())
+        policy->message = std::make_shared<const Bytes>(message.begin(), message.end());
+    stage_version(staged, key, std::move(policy), {}, 0, false);
 }
 
-// An empty message stands for a policy that still has to be encoded.
-void Policies::stage_set(Map &staged, const PolicyKey &key, Owned<zel_policy_t> policy, Bytes message) const
+void Policies::stage_part(Staged &staged, const Request &request, const Budget &budget) const
 {
-    check_policy(*policy);
-    if (message.empty())
-        message = write_policy(key.app_type, *policy);
-    if (message.size() > limits_.max_policy)
-        throw Refusal(error_limit, "policy {} would take {} bytes, and an answer has room for {}", key.id,
-                      message.size(), limits_.max_policy);
-    staged.emplace(key, std::make_unique<Policy>(std::move(policy), std::move(message)));
+    const zel_kob_header_t &header = request.header;
+    const PolicyKey key{header.app_type, header.policy_id};
+    auto policy = std::make_shared<Policy>(*get(key));
+    update_policy(*policy, header.api_type, header.op_code, request.object.get());
+    stage_version(staged, key, std::move(policy), Bytes(request.message.begin(), request.message.end()),
+                  request.message.size() + budget.steps(), header.op_code == service::op_code_remove);
 }
 
-void Policies::stage_removal(Map &staged, const PolicyKey &key) const
+// An update becomes a row behind those that the policy has. When these take more work
+// to read than the policy, the whole policy becomes one row again.
+void Policies::stage_version(Staged &staged, const PolicyKey &key, std::shared_ptr<Policy> policy, Bytes row,
+                             uint64_t work, bool frees) const
+{
+    const std::size_t size = policy->encoded_size();
+    if (size > limits_.max_policy)
+        throw Refusal(error_limit, "policy {} would take {} bytes, and an answer has room for {}", key.id, size,
+                      limits_.max_policy);
+    if (store_ != nullptr) {
+        Rows &rows = policy->rows;
+        const Rows before = rows_of(key);
+        const bool is_whole = row.empty() || rows.work + work > std::max(size, least_work);
+        Store::Change change{key, is_whole ? before : Rows{}, nullptr, is_whole ? 0 : rows.count, frees};
+        if (!is_whole)
+            change.content = std::make_shared<const Bytes>(std::move(row));
+        else if (policy->message != nullptr)
+            change.content = policy->message;
+        else
+            change.content = std::make_shared<const Bytes>(write_policy(key.app_type, *policy));
+        const uint64_t checksum = row_checksum(key, change.number, *change.content);
+        rows = is_whole ? Rows{1, checksum, 0} : Rows{rows.count + 1, rows.checksum + checksum, rows.work + work};
+        staged.changes.push_back(std::move(change));
+    }
+    staged.policies.emplace(key, std::move(policy));
+}
+
+void Policies::stage_removal(Staged &staged, const PolicyKey &key) const
 {
     get(key);
-    staged.emplace(key, nullptr);
+    staged.changes.push_back({key, rows_of(key), nullptr, 0, true});
+    staged.policies.emplace(key, nullptr);
 }
 
-// ---- From staged to current
-
-void Policies::check_total(const Map &staged) const
+Rows Policies::rows_of(const PolicyKey &key) const
 {
-    std::size_t total = total_size_;
-    for (const auto &[key, policy] : staged) {
+    const auto found = policies_.find(key);
+    return found != policies_.end() ? found->second->rows : Rows{};
+}
+
+void Policies::check_total(const Staged &staged) const
+{
+    std::size_t total = held_;
+    for (const auto &[key, policy] : staged.policies) {
         if (const auto old = policies_.find(key); old != policies_.end())
-            total -= old->second->size();
+            total -= old->second->held();
         if (policy != nullptr)
-            total += policy->size();
+            total += policy->held();
     }
-    if (total > total_size_ && total > limits_.max_state)
+    if (total > held_ && total > limits_.max_state)
         throw Refusal(error_limit, "all policies together would take {} bytes; {} are allowed", total,
                       limits_.max_state);
 }
 
-void Policies::store(const Map &staged) const
-{
-    std::vector<Store::Change> changes;
-    for (const auto &[key, policy] : staged)
-        changes.push_back({key, policy != nullptr ? &policy->message() : nullptr});
-    try {
-        store_->apply(changes);
-    } catch (const StoreError &error) {
-        throw Refusal(service::error_storage, "not kept, and not changed: {}", error.what());
-    }
-}
+// ---- From staged to current, and back
 
-void Policies::commit(Map staged) noexcept
+void Policies::adopt(Staged staged)
 {
-    while (!staged.empty()) {
-        auto node = staged.extract(staged.begin());
-        if (const auto old = policies_.find(node.key()); old != policies_.end()) {
-            total_size_ -= old->second->size();
-            policies_.erase(old);
-        }
+    undo_.reserve(undo_.size() + staged.policies.size());
+    changes_.reserve(changes_.size() + staged.changes.size());
+    // From here on nothing fails.
+    std::move(staged.changes.begin(), staged.changes.end(), std::back_inserter(changes_));
+    while (!staged.policies.empty()) {
+        auto node = staged.policies.extract(staged.policies.begin());
+        undo_.push_back({node.key(), policies_.extract(node.key())});
+        if (!undo_.back().old.empty())
+            held_ -= undo_.back().old.mapped()->held();
         if (node.mapped() == nullptr)
             continue;
-        total_size_ += node.mapped()->size();
+        held_ += node.mapped()->held();
         policies_.insert(std::move(node));
     }
 }
 
-// ---- Traffic
-
-std::size_t Policies::count(const std::vector<service::PacketHeader> &packets)
+void Policies::undo() noexcept
 {
-    const std::size_t cost =
-        std::accumulate(policies_.begin(), policies_.end(), std::size_t{1},
-                        [](std::size_t sum, const auto &entry) { return sum + 1 + entry.second->classifier().cost(); });
-    if (packets.size() > max_work / cost)
-        throw Refusal(error_limit, "{} packets are too many at once for the policies there are; send up to {}",
-                      packets.size(), max_work / cost);
-    std::size_t num_matched = 0;
-    for (const service::PacketHeader &packet : packets) {
-        const PackedHeader fields = pack(packet);
-        bool is_matched = false;
-        for (const auto &[key, policy] : policies_) {
-            if (const auto position = policy->classifier().classify(packet, fields)) {
-                policy->count(*position, packet.bytes);
-                is_matched = true;
-            }
+    for (; !undo_.empty(); undo_.pop_back()) {
+        auto &[key, old] = undo_.back();
+        if (const auto present = policies_.find(key); present != policies_.end()) {
+            held_ -= present->second->held();
+            policies_.erase(present);
         }
-        num_matched += is_matched ? 1 : 0;
+        if (old.empty())
+            continue;
+        held_ += old.mapped()->held();
+        policies_.insert(std::move(old));
     }
-    return num_matched;
+}
+
+void Policies::commit()
+{
+    if (undo_.empty())
+        return;
+    try {
+        if (store_ != nullptr)
+            store_->apply(changes_);
+        undo_.clear();
+    } catch (...) {
+        undo();
+        changes_.clear();
+        throw;
+    }
+    changes_.clear();
 }
 
 } // namespace zeld

@@ -1,7 +1,10 @@
 // The current policies of all applications, and the changes that requests make.
+//
+// Changes are made in memory at once and become durable together: apply() any number
+// of requests, then commit(). Whoever looks at the policies in between sees what may
+// still be undone.
 #pragma once
 
-#include "tools/zeld/policy.hpp"
 #include "tools/zeld/store.hpp"
 
 #include <map>
@@ -14,39 +17,60 @@ public:
         std::size_t max_policy; // bytes of one policy as a message, so that an answer can carry it
         std::size_t max_state;  // memory for all policies, and again for the work on one request
     };
-    using Map = std::map<PolicyKey, std::unique_ptr<Policy>>;
+    using Map = std::map<PolicyKey, std::shared_ptr<const Policy>>;
 
-    // Loads the policies of the store. Without a store, policies end with this object.
-    // Throws StoreError when the store holds anything but valid policies.
-    Policies(std::unique_ptr<Store> store, const Limits &limits);
+    // Without a store, policies end with this object.
+    Policies(std::unique_ptr<Store> store, const Limits &limits) : store_(std::move(store)), limits_(limits) {}
+
+    // Loads the policies of the store. Calls progress after each row, which may throw to
+    // stop. Throws StoreError when the store holds anything but valid policies; with
+    // is_salvage, removes those that are not.
+    void load(const std::function<void()> &progress, bool is_salvage);
 
     // Makes the change that a request asks for. Returns a text that says what changed.
     // Throws Refusal, and then nothing has changed.
     std::string apply(const Request &request);
 
-    // Classifies packets in each policy and counts them there. Returns the number of
-    // packets that matched in at least one policy.
-    std::size_t count(const std::vector<service::PacketHeader> &packets);
+    // Makes durable what was applied since the last call. When it throws StoreError, all
+    // of that has been undone.
+    void commit();
 
     // Throws Refusal when the policy does not exist.
-    Policy &get(const PolicyKey &key) const;
+    std::shared_ptr<const Policy> get(const PolicyKey &key) const;
     // The policies of an application, in ascending id order.
-    std::vector<Policy *> of_application(uint32_t app_type) const;
+    std::vector<std::shared_ptr<const Policy>> of_application(uint32_t app_type) const;
     const Map &all() const { return policies_; }
+    std::size_t held() const { return held_; } // bytes of memory
 
 private:
-    void stage(Map &staged, const Request &request) const;
-    void stage_whole(Map &staged, const zel_kob_header_t &header, const zel_policy_t &policy, Bytes message) const;
-    void stage_set(Map &staged, const PolicyKey &key, Owned<zel_policy_t> policy, Bytes message) const;
-    void stage_removal(Map &staged, const PolicyKey &key) const;
-    void check_total(const Map &staged) const;
-    void store(const Map &staged) const;
-    void commit(Map staged) noexcept;
+    struct Staged {
+        Map policies; // new versions by key; null for each policy to remove
+        std::vector<Store::Change> changes;
+    };
+    struct Undo {
+        PolicyKey key;
+        Map::node_type old; // empty: there was no such policy
+    };
+
+    void load_row(const PolicyKey &key, uint32_t number, Bytes message);
+    void stage(Staged &staged, const Request &request, const Budget &budget) const;
+    void stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &given,
+                     std::span<const unsigned char> message) const;
+    void stage_part(Staged &staged, const Request &request, const Budget &budget) const;
+    void stage_version(Staged &staged, const PolicyKey &key, std::shared_ptr<Policy> policy, Bytes row, uint64_t work,
+                       bool frees) const;
+    void stage_removal(Staged &staged, const PolicyKey &key) const;
+    Rows rows_of(const PolicyKey &key) const;
+    void check_total(const Staged &staged) const;
+    void adopt(Staged staged);
+    void undo() noexcept;
 
     std::unique_ptr<Store> store_;
     Limits limits_;
     Map policies_;
-    std::size_t total_size_ = 0;
+    std::size_t held_ = 0;
+    std::vector<Undo> undo_; // what was applied since the last commit, in order
+    std::vector<Store::Change> changes_;
 };
 
 } // namespace zeld

@@ -1,15 +1,34 @@
 // Answers to statistics requests.
 #pragma once
 
+#include "tools/zeld/job.hpp"
 #include "tools/zeld/policies.hpp"
 
 namespace zeld {
 
-// Returns the body of the answer, at most max_size bytes: an entry for each pair
-// that a query names, in the queries' order. Clears the counters that the queries
-// tell to clear, after all queries were answered. When it throws Refusal, no counter
-// is cleared.
-Bytes answer_statistics(const Policies &policies, uint32_t app_type, const zel_stat_request_t &request,
-                        std::size_t max_size);
+class Statistics {
+public:
+    // The answer's body has at most max_body bytes. The request must exist as long as
+    // the object. Throws Refusal for a request that no policies can make right.
+    Statistics(const Policies &policies, const Request &request, std::size_t max_body, bool is_read_only);
+
+    // An entry for each pair that a query names, in the queries' order. Then clears the
+    // counters that the queries tell to clear. When it throws Refusal, none is cleared.
+    // All entries are of one moment.
+    Answer answer();
+
+private:
+    void add(const zel_stat_request_entry_t &query);
+    void add(const Policy &policy, const zel_stat_request_entry_t &query);
+    void add(const Policy &policy, const Pair &pair, uint32_t flag);
+    void take_one();
+
+    const Policies &policies_;
+    const Request &request_;
+    std::size_t max_entries_;
+    std::size_t num_taken_ = 0;
+    std::vector<zel_stat_result_entry_t> entries_{};
+    std::vector<std::shared_ptr<Counters>> to_clear_{};
+};
 
 } // namespace zeld

@@ -1,212 +1,174 @@
 #include "tools/zeld/update.hpp"
 
 #include <set>
-#include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 namespace zeld {
 
 namespace {
 
-using service::error_conflict;
 using service::error_not_found;
 using service::error_unsupported;
 
 // What people call a record type.
 template <class R> const char *name_of() { return record_of<R>.noun; }
 
-std::span<zel_match_action_pair_t *const> pairs_of(const zel_policy_t &policy)
+// The set of ids that some members have. A request may name 65,535 of them, so they
+// are looked up in a set: one pass over the policy is enough.
+template <class G> IdSet ids_in(const G &group)
 {
-    return members(policy.match_action_pair_group);
+    IdSet ids;
+    for (const auto *const member : members(group))
+        ids.set(member->id);
+    return ids;
 }
-
-// A pair's group by its type.
-template <class G> G &group_of(zel_match_action_pair_t &pair)
-{
-    if constexpr (std::is_same_v<G, zel_match_grp_t>)
-        return pair.match_group;
-    else
-        return pair.action_group;
-}
-
-// Removes from some groups the members that have the keys of the given ones. Each
-// given member must be in at least one group; refuse(member) throws otherwise.
-// Takes n log n time: a request may name 65,535 members.
-template <class G, class Key, class Refuse>
-void erase_given(std::span<G *const> groups, const G &given, Key key_of, Refuse refuse)
-{
-    using KeySet = std::set<std::invoke_result_t<Key, const MemberOf<G> &>>;
-    KeySet present;
-    KeySet erased;
-    for (const G *const group : groups)
-        for (const auto *const member : members(*group))
-            present.insert(key_of(*member));
-    for (const auto *const member : members(given)) {
-        if (present.erase(key_of(*member)) == 0)
-            refuse(*member);
-        erased.insert(key_of(*member));
-    }
-    for (G *const group : groups)
-        erase_members(*group, [&](const auto &member) { return erased.contains(key_of(member)); });
-}
-
-constexpr auto id_of = [](const auto &record) { return record.id; };
 
 // ---- Pairs
 
-void set_pair(zel_policy_t &policy, const zel_match_action_pair_t &pair)
+void set_pairs(Policy &policy, const zel_match_action_pair_grp_t &group) { policy.set_pairs(group); }
+
+void set_pair(Policy &policy, const zel_match_action_pair_t &pair) { policy.set_pair(pair); }
+
+void remove_pair(Policy &policy, const zel_match_action_pair_t &pair)
 {
-    const auto pairs = pairs_of(policy);
-    const auto found = std::find_if(pairs.begin(), pairs.end(), [&](const auto *old) { return old->id == pair.id; });
-    if (found != pairs.end())
-        replace(**found, pair);
-    else
-        append(policy.match_action_pair_group, clone(pair));
+    if (policy.pair(pair.id) == nullptr)
+        throw Refusal(error_not_found, "policy {} has no pair {}", policy.id(), pair.id);
+    policy.remove_pair(pair.id);
 }
 
-void set_pair_group(zel_policy_t &policy, const zel_match_action_pair_grp_t &group)
+void remove_pairs(Policy &policy, const zel_match_action_pair_grp_t &given)
 {
-    replace(policy.match_action_pair_group, group);
-}
-
-void remove_pair_group(zel_policy_t &policy, const zel_match_action_pair_grp_t &given)
-{
-    zel_match_action_pair_grp_t *const groups[] = {&policy.match_action_pair_group};
-    erase_given<zel_match_action_pair_grp_t>(groups, given, id_of, [&](const zel_match_action_pair_t &pair) {
-        throw Refusal(error_not_found, "policy {} has no pair {}", policy.id, pair.id);
-    });
-}
-
-void remove_pair(zel_policy_t &policy, const zel_match_action_pair_t &pair)
-{
-    auto *only = const_cast<zel_match_action_pair_t *>(&pair); // only read below
-    remove_pair_group(policy, {1, &only});
+    for (const zel_match_action_pair_t *const pair : members(given))
+        remove_pair(policy, *pair);
 }
 
 // ---- Match groups and action groups, which pairs contain
 
-// The groups with the id of a given one. There must be one at least.
-template <class G> std::vector<G *> groups_like(const zel_policy_t &policy, const G &given)
+// The pairs whose group has the id of a given one, in order. There must be one at least.
+template <class G> std::vector<uint16_t> pairs_with_group(const Policy &policy, const G &given)
 {
-    std::vector<G *> groups;
-    for (zel_match_action_pair_t *const pair : pairs_of(policy))
-        if (group_of<G>(*pair).id == given.id)
-            groups.push_back(&group_of<G>(*pair));
-    if (groups.empty())
-        throw Refusal(error_not_found, "policy {} has no pair with {} {}", policy.id, name_of<G>(), given.id);
-    return groups;
-}
-
-template <class G> void set_group(zel_policy_t &policy, const G &given)
-{
-    for (G *const group : groups_like(policy, given))
-        replace(*group, given);
-}
-
-// A pair always has its two groups, so the members that are given are removed.
-template <class G> void remove_group(zel_policy_t &policy, const G &given)
-{
-    const std::vector<G *> groups = groups_like(policy, given);
-    erase_given<G>(groups, given, id_of, [&](const MemberOf<G> &member) {
-        throw Refusal(error_not_found, "{} {} of policy {} has no {} {}", name_of<G>(), given.id, policy.id,
-                      name_of<MemberOf<G>>(), member.id);
+    std::vector<std::pair<uint64_t, uint16_t>> found;
+    Budget::step(policy.num_pairs());
+    policy.for_each_pair([&](const Pair &pair) {
+        if (group_of<G>(pair.record).id == given.id)
+            found.emplace_back(pair.order, pair.record.id);
     });
+    if (found.empty())
+        throw Refusal(error_not_found, "policy {} has no pair with {} {}", policy.id(), name_of<G>(), given.id);
+    std::sort(found.begin(), found.end());
+    std::vector<uint16_t> ids;
+    for (const auto &[order, id] : found)
+        ids.push_back(id);
+    return ids;
+}
+
+// All groups of the id are emptied first: they may share objects, which change together.
+template <class G> void set_group(Policy &policy, const G &given)
+{
+    const std::vector<uint16_t> pairs = pairs_with_group(policy, given);
+    G empty{};
+    empty.id = given.id;
+    for (const uint16_t id : pairs)
+        policy.set_group(id, empty);
+    for (const uint16_t id : pairs)
+        policy.set_group(id, given);
+}
+
+// A pair always has its two groups, so the members that are given are removed. Each of
+// them must be in at least one of the groups, and be given once.
+template <class G> void remove_group(Policy &policy, const G &given)
+{
+    const std::vector<uint16_t> pairs = pairs_with_group(policy, given);
+    IdSet present;
+    for (const uint16_t pair : pairs)
+        for (const uint16_t id : ids_of<G>(*policy.pair(pair)))
+            present.set(id);
+    for (const auto *const member : members(given)) {
+        if (!present[member->id])
+            throw Refusal(error_not_found, "{} {} of policy {} has no {} {}", name_of<G>(), given.id, policy.id(),
+                          name_of<MemberOf<G>>(), member->id);
+        present.reset(member->id);
+    }
+    const IdSet erased = ids_in(given);
+    for (const uint16_t pair : pairs)
+        policy.erase_members<G>(pair, erased);
 }
 
 // ---- Matches and actions in all groups. G is the type of group that holds them.
 
-template <class G> [[noreturn]] void refuse_unknown(const zel_policy_t &policy, uint16_t id)
+template <class G> [[noreturn]] void refuse_unknown(const Policy &policy, uint16_t id)
 {
-    throw Refusal(error_not_found, "policy {} has no {} {}", policy.id, name_of<MemberOf<G>>(), id);
+    throw Refusal(error_not_found, "policy {} has no {} {}", policy.id(), name_of<MemberOf<G>>(), id);
 }
 
-template <class G> void set_object(zel_policy_t &policy, const MemberOf<G> &object)
+template <class G> void set_object(Policy &policy, const MemberOf<G> &object)
 {
-    bool is_found = false;
-    for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
-        for (MemberOf<G> *const old : members(group_of<G>(*pair))) {
-            if (old->id != object.id)
-                continue;
-            replace(*old, object);
-            is_found = true;
-        }
-    }
-    if (!is_found)
+    if (!policy.set_object<G>(object))
         refuse_unknown<G>(policy, object.id);
 }
 
-template <class G> void remove_object(zel_policy_t &policy, const MemberOf<G> &object)
+template <class G> void remove_object(Policy &policy, const MemberOf<G> &object)
 {
-    bool is_found = false;
-    for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
-        erase_members(group_of<G>(*pair), [&](const MemberOf<G> &old) {
-            is_found |= old.id == object.id;
-            return old.id == object.id;
-        });
-    }
-    if (!is_found)
+    IdSet erased;
+    erased.set(object.id);
+    std::vector<uint16_t> pairs;
+    policy.for_each_pair([&](const Pair &pair) {
+        const auto &ids = ids_of<G>(pair);
+        Budget::step(1 + ids.size());
+        if (std::find(ids.begin(), ids.end(), object.id) != ids.end())
+            pairs.push_back(pair.record.id);
+    });
+    if (pairs.empty())
         refuse_unknown<G>(policy, object.id);
+    for (const uint16_t id : pairs)
+        policy.erase_members<G>(id, erased);
 }
 
 // ---- Interfaces
 
-void set_if_group(zel_policy_t &policy, const zel_if_group_t &group) { replace(policy.if_group, group); }
+void set_interfaces(Policy &policy, const zel_if_group_t &group) { policy.set_interfaces(group); }
 
-void remove_if_group(zel_policy_t &policy, const zel_if_group_t &given)
+void remove_interfaces(Policy &policy, const zel_if_group_t &given)
 {
     const auto key_of = [](const zel_if_element_t &element) {
         return std::tuple(element.direction, element.interface, element.vlan, element.vrf);
     };
-    zel_if_group_t *const groups[] = {&policy.if_group};
-    erase_given<zel_if_group_t>(groups, given, key_of, [&](const zel_if_element_t &element) {
-        throw Refusal(error_not_found, "policy {} is not bound to interface {}, VLAN {}, VRF {}, direction {}",
-                      policy.id, element.interface, element.vlan, element.vrf, element.direction);
-    });
+    std::set<decltype(key_of({}))> present;
+    std::set<decltype(key_of({}))> erased;
+    for (const zel_if_element_t &element : policy.interfaces())
+        present.insert(key_of(element));
+    for (const zel_if_element_t *const element : members(given)) {
+        if (present.erase(key_of(*element)) == 0)
+            throw Refusal(error_not_found, "policy {} is not bound to interface {}, VLAN {}, VRF {}, direction {}",
+                          policy.id(), element->interface, element->vlan, element->vrf, element->direction);
+        erased.insert(key_of(*element));
+    }
+    std::vector<zel_if_element_t> kept;
+    kept.reserve(policy.interfaces().size());
+    for (const zel_if_element_t &element : policy.interfaces())
+        if (!erased.contains(key_of(element)))
+            kept.push_back(element);
+    policy.set_interfaces(std::move(kept));
 }
 
 // ---- Which of them a request calls
 
 template <class R>
-void apply(zel_policy_t &policy, uint32_t op_code, const void *object, void (*set)(zel_policy_t &, const R &),
-           void (*remove)(zel_policy_t &, const R &))
+void apply(Policy &policy, uint32_t op_code, const void *object, void (*set)(Policy &, const R &),
+           void (*remove)(Policy &, const R &))
 {
     (op_code == service::op_code_set ? set : remove)(policy, *static_cast<const R *>(object));
 }
 
-// ---- Ids
-
-// The first object of each id, and the pair that contains it.
-template <class G> class ObjectsById {
-public:
-    void add(zel_match_action_pair_t &pair)
-    {
-        for (const MemberOf<G> *const object : members(group_of<G>(pair))) {
-            const auto [entry, is_first] = first_.try_emplace(object->id, First{object, pair.id});
-            if (!is_first && !equal(*entry->second.object, *object))
-                throw Refusal(error_conflict, "{} {} of pair {} would differ from {} {} of pair {}",
-                              name_of<MemberOf<G>>(), object->id, pair.id, name_of<MemberOf<G>>(), object->id,
-                              entry->second.pair_id);
-        }
-    }
-
-private:
-    struct First {
-        const MemberOf<G> *object;
-        uint16_t pair_id;
-    };
-    std::unordered_map<uint16_t, First> first_;
-};
-
 } // namespace
 
-void update_policy(zel_policy_t &policy, uint32_t api_type, uint32_t op_code, const void *object)
+void update_policy(Policy &policy, uint32_t api_type, uint32_t op_code, const void *object)
 {
     using Matches = zel_match_grp_t;
     using Actions = zel_action_grp_t;
+    policy.forget_derived();
     switch (api_type) {
     case ZEL_API_MATCH_ACTION_PAIR_GROUP_UPDATE:
-        return apply(policy, op_code, object, set_pair_group, remove_pair_group);
+        return apply(policy, op_code, object, set_pairs, remove_pairs);
     case ZEL_API_MATCH_ACTION_PAIR_UPDATE:
         return apply(policy, op_code, object, set_pair, remove_pair);
     case ZEL_API_MATCH_GROUP_UPDATE:
@@ -218,22 +180,9 @@ void update_policy(zel_policy_t &policy, uint32_t api_type, uint32_t op_code, co
     case ZEL_API_ACTION_UPDATE:
         return apply(policy, op_code, object, set_object<Actions>, remove_object<Actions>);
     case ZEL_API_INTERFACE_GROUP_UPDATE:
-        return apply(policy, op_code, object, set_if_group, remove_if_group);
+        return apply(policy, op_code, object, set_interfaces, remove_interfaces);
     default:
         throw Refusal(error_unsupported, "request kind {} is not an update of a part of a policy", api_type);
-    }
-}
-
-void check_policy(const zel_policy_t &policy)
-{
-    std::unordered_set<uint16_t> pair_ids;
-    ObjectsById<zel_match_grp_t> matches;
-    ObjectsById<zel_action_grp_t> actions;
-    for (zel_match_action_pair_t *const pair : pairs_of(policy)) {
-        if (!pair_ids.insert(pair->id).second)
-            throw Refusal(error_conflict, "policy {} would have more than one pair {}", policy.id, pair->id);
-        matches.add(*pair);
-        actions.add(*pair);
     }
 }
 

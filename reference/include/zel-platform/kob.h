@@ -49,7 +49,7 @@ enum {
     KOB_ERR_RESTARTED = 7,    /* the request went to a service that has been replaced since */
     KOB_ERR_TOO_LARGE = 8,    /* the message is larger than a side's limit */
     KOB_ERR_BAD_FRAME = 9,    /* the other side sent, or objects to, something malformed */
-    KOB_ERR_BUSY = 10,        /* the other side is at the limit of its memory */
+    KOB_ERR_BUSY = 10,        /* the other side is at the limit of its memory, or of its connections */
     KOB_ERR_MEMORY = 11,      /* out of memory, or of transport handles */
     KOB_ERR_IN_USE = 12,      /* a service listens at the address already, or it is not a socket */
     KOB_ERR_INTERRUPTED = 13, /* a signal arrived while waiting */

@@ -15,6 +15,12 @@
  * time.  A client that exceeds a limit, or sends something that is not a request, is
  * reported and gets a refusal; if that is not possible, it is cut off.  When the memory
  * for all clients runs out, the client that holds most of it is cut off.
+ *
+ * When there are too many connections, a new one takes the place of the one that has
+ * been idle longest: of the same user if that has too many, otherwise of the user that
+ * has most.  Connections without any request so far go first, and one whose request
+ * has not been answered stays.  Whoever has to go, or cannot come in, is told
+ * KOB_ERR_BUSY.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
 #define ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
@@ -38,14 +44,17 @@ typedef void (*kob_refusal_cb_t)(void *context, uint32_t client, const char *rea
 
 /* A member that is 0 takes its default. */
 typedef struct {
-    uint32_t max_message;        /* largest request and largest reply; 16 MiB */
-    uint32_t max_clients;        /* connections at a time; 64.  Further ones are closed at once */
-    uint32_t max_queued;         /* reply bytes that wait for one client; twice max_message */
-    uint32_t max_memory;         /* half messages and waiting replies of all clients; 4 x max_message */
-    uint32_t idle_ms;            /* a client whose half message does not grow for so long is cut off; 10000 */
-    uint32_t permissions;        /* mode bits of the socket file; 0600 */
-    kob_refusal_cb_t on_refusal; /* may be null */
-    void *context;               /* for on_refusal */
+    uint32_t max_message;          /* largest request and largest reply; 16 MiB */
+    uint32_t max_clients;          /* connections at a time; 64 */
+    uint32_t max_queued;           /* reply bytes that wait for one client; twice max_message */
+    uint32_t max_memory;           /* half messages and waiting replies of all clients; 4 x max_message */
+    uint32_t idle_ms;              /* a client whose half message does not grow for so long is cut off; 10000 */
+    uint32_t permissions;          /* mode bits of the socket file; 0600 */
+    kob_refusal_cb_t on_refusal;   /* may be null */
+    void *context;                 /* for on_refusal */
+    uint32_t max_clients_per_user; /* connections of one user id; seven eighths of max_clients */
+    uint32_t has_group;            /* not 0: the socket file gets the group that follows */
+    uint32_t group;
 } kob_service_options_t;
 
 /*
@@ -81,13 +90,31 @@ int32_t kob_service_receive(kob_service_t *service, kob_msg_t *msg, int32_t time
 uint32_t kob_msg_client(const kob_msg_t *msg);
 
 /*
+ * The process that opened that connection, and its user, as the system saw them then.
+ * 0 and UINT32_MAX where the endpoint cannot say.
+ */
+uint32_t kob_msg_pid(const kob_msg_t *msg);
+uint32_t kob_msg_uid(const kob_msg_t *msg);
+
+/*
+ * is_held 1: no further requests are read of the client that sent this one; they wait in
+ * its connection.  0: they are read again.  Nothing happens when the client has gone, or
+ * where the endpoint cannot do it.
+ */
+void kob_service_hold(kob_service_t *service, const kob_msg_t *request, int is_held);
+
+/* 1 when the client that sent a request has closed its connection, else 0. */
+int kob_service_is_gone(const kob_service_t *service, const kob_msg_t *request);
+
+/*
  * Answers a request with the bytes of the segments, which are copied.  request is the
  * record that the request was received in.  Requests may be answered later, in any
  * order, and more than once.  A reply above KOB_PLAIN_LIMIT travels in parts.
  *
  * Returns KOB_OK when the reply was sent or queued; KOB_ERR_PEER_GONE;
  * KOB_ERR_TOO_LARGE; KOB_ERR_BUSY when the client has too much unread and was cut
- * off, or when memory for all clients ran out; KOB_ERR_MEMORY.
+ * off, or when memory for all clients ran out; KOB_ERR_MEMORY when there was none for
+ * the reply, and the client was cut off.
  */
 int32_t kob_service_reply(kob_service_t *service, const kob_msg_t *request, const mpkob_segment_t *segments,
                           uint32_t num_segments);

@@ -98,7 +98,7 @@ int32_t receive_from(ClientLink &link, kob_msg &msg, Deadline deadline)
         Fault fault{};
         switch (receive_packet(self.socket, self.inbound, msg, fault)) {
         case Step::message:
-            return KOB_OK;
+            return msg.token != 0 ? KOB_OK : msg.refusal; // without token: the service refuses the connection
         case Step::part:
             if (deadline.has_passed())
                 return KOB_ERR_TIMEOUT;

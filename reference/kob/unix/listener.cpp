@@ -111,25 +111,28 @@ int32_t Listener::bind_to_path()
     return bind(socket_, generic(address_), sizeof address_) == 0 ? KOB_OK : open_error(errno);
 }
 
-// The file has the permissions of the socket at bind(), less the umask.  This adds what the
-// umask took.  It works on a descriptor of the file: chmod() with the path would follow a
-// symbolic link that has replaced the file.
-int32_t Listener::set_permissions(uint32_t permissions)
+// The file has the permissions of the socket at bind(), less the umask: none for the group
+// while that is not the right one.  This adds what is missing.  It works on a descriptor of the file: chmod() with the
+// path would follow a symbolic link that has replaced the file.
+int32_t Listener::set_rights(const FileRights &rights)
 {
     const int file = ::open(address_.sun_path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (file < 0)
         return KOB_ERR_SYSTEM;
     bool is_set = fstat(file, &file_) == 0 && S_ISSOCK(file_.st_mode);
-    if (is_set && (file_.st_mode & 07777) != permissions) {
+    if (is_set && rights.has_group)
+        is_set = fchownat(file, "", static_cast<uid_t>(-1), rights.group, AT_EMPTY_PATH) == 0;
+    if (is_set && (file_.st_mode & 07777) != rights.permissions) {
         char name[32]; // fchmod() does not take such a descriptor
         (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", file);
-        is_set = chmod(name, permissions) == 0;
+        is_set = chmod(name, rights.permissions) == 0;
     }
+    const int32_t error = is_set ? KOB_OK : open_error(errno);
     ::close(file);
-    return is_set ? KOB_OK : KOB_ERR_SYSTEM;
+    return error;
 }
 
-int32_t Listener::open(const char *path, uint32_t permissions, uint32_t backlog)
+int32_t Listener::open(const char *path, const FileRights &rights, uint32_t backlog)
 {
     address_ = socket_address(path);
     StartLock lock(path);
@@ -138,9 +141,10 @@ int32_t Listener::open(const char *path, uint32_t permissions, uint32_t backlog)
     socket_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (socket_ < 0)
         return KOB_ERR_SYSTEM;
-    int32_t error = fchmod(socket_, permissions) == 0 ? bind_to_path() : KOB_ERR_SYSTEM;
+    const uint32_t first = rights.has_group ? rights.permissions & 0700 : rights.permissions;
+    int32_t error = fchmod(socket_, first) == 0 ? bind_to_path() : KOB_ERR_SYSTEM;
     if (error == KOB_OK)
-        error = set_permissions(permissions);
+        error = set_rights(rights);
     if (error == KOB_OK && listen(socket_, static_cast<int>(backlog)) != 0)
         error = open_error(errno);
     if (error == KOB_OK)

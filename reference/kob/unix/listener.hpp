@@ -8,12 +8,19 @@
 
 namespace zel::platform::unix_socket {
 
+// Of the socket file.
+struct FileRights {
+    uint32_t permissions;
+    bool has_group; // false: the group of the process
+    uint32_t group;
+};
+
 class Listener {
 public:
     // Binds to a path, which must be one that is_socket_path() accepts, and listens.  Replaces
     // the socket file of a service that is gone.  Of several services that start at one path
     // at a time, one gets it.
-    int32_t open(const char *path, uint32_t permissions, uint32_t backlog);
+    int32_t open(const char *path, const FileRights &rights, uint32_t backlog);
 
     // A new connection, or -1 when none is waiting.  When the process has no descriptor left,
     // closes the connection, because it would otherwise wait for ever.
@@ -26,7 +33,7 @@ public:
 
 private:
     int32_t bind_to_path();
-    int32_t set_permissions(uint32_t permissions);
+    int32_t set_rights(const FileRights &rights);
 
     int socket_ = -1;
     int spare_ = -1; // closed for a moment to accept a connection when descriptors run out

@@ -23,18 +23,24 @@ struct Reply {
 };
 
 struct Connection {
-    Connection(int accepted, uint32_t number, uint32_t max_message, Budget *budget)
-        : socket(accepted), serial(number), inbound(FrameKind::request, max_message, budget)
+    Connection(int accepted, uint32_t number, const ucred &other, uint32_t max_message, Budget *budget)
+        : socket(accepted), serial(number), peer(other), inbound(FrameKind::request, max_message, budget)
     {}
 
     int socket;
     uint32_t serial; // never used again, so that a late reply does not reach another client
+    ucred peer;
     Inbound inbound;
     uint64_t last_part_ms = 0;
-    Reply *first = nullptr; // replies that wait, oldest first
+    uint64_t last_active_ms = now_ms(); // last request or reply
+    bool has_spoken = false;            // there was a request
+    bool is_held = false;               // its requests are not read
+    uint32_t unanswered = 0;            // requests
+    Reply *first = nullptr;             // replies that wait, oldest first
     Reply *last = nullptr;
     uint32_t queued = 0;          // bytes of them
     bool is_room_watched = false; // epoll reports when the socket has room
+    bool is_watched = true;       // epoll reports something
 
     uint64_t held() const { return uint64_t{inbound.held()} + queued; }
 };
@@ -60,10 +66,37 @@ struct Service : ServiceLink {
 
 Service &as_service(ServiceLink &service) { return static_cast<Service &>(service); }
 
-void report(const Service &service, uint32_t client, const char *reason)
+void report(const Service &service, uint32_t client, const ucred &peer, const char *reason)
 {
-    if (service.limits.on_refusal != nullptr)
-        service.limits.on_refusal(service.limits.context, client, reason);
+    if (service.limits.on_refusal == nullptr)
+        return;
+    char text[160];
+    (void)std::snprintf(text, sizeof text, "%s (pid %d, uid %u)", reason, peer.pid, peer.uid);
+    service.limits.on_refusal(service.limits.context, client, text);
+}
+
+// The process that connected.  Without rights of its own when the system does not say.
+ucred peer_of(int socket)
+{
+    ucred peer{0, UINT32_MAX, UINT32_MAX};
+    socklen_t size = sizeof peer;
+    (void)getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+    return peer;
+}
+
+// Says KOB_ERR_BUSY to a client and closes its connection.  Requests that it has sent are
+// discarded: otherwise the system would report them lost, and the refusal with them.
+void turn_away(int socket)
+{
+    Frame frame{};
+    frame.magic = frame_magic;
+    frame.kind = FrameKind::refusal;
+    frame.opcode = KOB_ERR_BUSY;
+    (void)send(socket, &frame, sizeof frame, MSG_DONTWAIT | MSG_NOSIGNAL);
+    char byte = 0;
+    for (int packets = 0; packets < 16 && recv(socket, &byte, sizeof byte, MSG_DONTWAIT) > 0;)
+        ++packets;
+    close(socket);
 }
 
 // ---- Connections
@@ -79,21 +112,27 @@ void drop_replies(Service &service, Connection &connection)
     connection.queued = 0;
 }
 
-void hang_up(Service &service, uint32_t index)
+void hang_up(
+    Service &service, uint32_t index, void (*close_socket)(int) = [](int socket) { close(socket); })
 {
     Connection *const connection = service.connections[index];
+    const bool is_in_reply = connection->first != nullptr; // a refusal cannot come within it
     service.connections[index] = nullptr;
     drop_replies(service, *connection);
     connection->inbound.reset();
-    close(connection->socket);
+    if (is_in_reply)
+        close(connection->socket);
+    else
+        close_socket(connection->socket);
     std::free(connection);
 }
 
 void cut_off(Service &service, uint32_t index, const char *reason)
 {
     const uint32_t client = service.connections[index]->serial;
+    const ucred peer = service.connections[index]->peer;
     hang_up(service, index);
-    report(service, client, reason);
+    report(service, client, peer, reason);
 }
 
 bool watch(const Service &service, int operation, int socket, uint32_t events, uint64_t tag)
@@ -104,31 +143,119 @@ bool watch(const Service &service, int operation, int socket, uint32_t events, u
     return epoll_ctl(service.epoll, operation, socket, &event) == 0;
 }
 
+// Nothing is reported of a connection whose requests are held and whose replies are gone,
+// not even its end.
+void watch_as_needed(Service &service, uint32_t index)
+{
+    Connection &connection = *service.connections[index];
+    const uint32_t input = connection.is_held ? 0 : uint32_t{EPOLLIN};
+    const uint32_t events = connection.is_room_watched ? input | EPOLLOUT : input;
+    if (connection.is_watched == (events != 0)) {
+        watch(service, EPOLL_CTL_MOD, connection.socket, events, index);
+        return;
+    }
+    connection.is_watched = events != 0;
+    if (!watch(service, events != 0 ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, connection.socket, events, index))
+        cut_off(service, index, "too many clients for the system");
+}
+
 void watch_for_room(Service &service, uint32_t index, bool is_watched)
 {
     Connection &connection = *service.connections[index];
     if (connection.is_room_watched == is_watched)
         return;
     connection.is_room_watched = is_watched;
-    const uint32_t events = is_watched ? EPOLLIN | EPOLLOUT : EPOLLIN;
-    watch(service, EPOLL_CTL_MOD, connection.socket, events, index);
+    watch_as_needed(service, index);
 }
 
-// Enters a new connection; closes it when there are max_clients already.
+void hold_connection(Service &service, uint32_t index, bool is_held)
+{
+    Connection &connection = *service.connections[index];
+    if (connection.is_held == is_held)
+        return;
+    connection.is_held = is_held;
+    watch_as_needed(service, index);
+}
+
+uint32_t count_of_user(const Service &service, uid_t user)
+{
+    uint32_t count = 0;
+    for (uint32_t i = 0; i < service.limits.max_clients; ++i)
+        count += service.connections[i] != nullptr && service.connections[i]->peer.uid == user ? 1 : 0;
+    return count;
+}
+
+// The user with the most connections.  There are max_clients of them.
+uid_t find_largest_user(const Service &service)
+{
+    uid_t largest = 0;
+    uint32_t most = 0;
+    for (uint32_t i = 0; i < service.limits.max_clients; ++i) {
+        const uid_t user = service.connections[i]->peer.uid;
+        if (user == largest && most != 0)
+            continue;
+        const uint32_t count = count_of_user(service, user);
+        if (count > most) {
+            largest = user;
+            most = count;
+        }
+        if (2 * most >= service.limits.max_clients)
+            break;
+    }
+    return largest;
+}
+
+// The connection of a user that others may have: the one that has been idle longest, and
+// first one that never sent a request.  max_clients when there is none.
+uint32_t find_idle(const Service &service, uid_t user)
+{
+    uint32_t found = service.limits.max_clients;
+    for (uint32_t i = 0; i < service.limits.max_clients; ++i) {
+        const Connection *const one = service.connections[i];
+        if (one == nullptr || one->peer.uid != user || one->unanswered != 0)
+            continue;
+        const Connection *const best = found < service.limits.max_clients ? service.connections[found] : nullptr;
+        if (best == nullptr ||
+            (one->has_spoken != best->has_spoken ? best->has_spoken : one->last_active_ms < best->last_active_ms))
+            found = i;
+    }
+    return found;
+}
+
+// Room for one more connection of a user; max_clients when there is none.
+uint32_t find_room(Service &service, uid_t user)
+{
+    const uint32_t max_clients = service.limits.max_clients;
+    Connection **const vacant = std::find(service.connections, service.connections + max_clients, nullptr);
+    const auto index = static_cast<uint32_t>(vacant - service.connections);
+    const bool has_too_many = count_of_user(service, user) >= service.limits.max_clients_per_user;
+    if (index < max_clients && !has_too_many)
+        return index;
+    const uint32_t idle = find_idle(service, has_too_many ? user : find_largest_user(service));
+    if (idle == max_clients)
+        return max_clients;
+    const uint32_t client = service.connections[idle]->serial;
+    const ucred peer = service.connections[idle]->peer;
+    hang_up(service, idle, turn_away);
+    report(service, client, peer, "idle, and others came");
+    return idle;
+}
+
+// Enters a new connection, or turns it away.
 void admit(Service &service, int socket)
 {
     const uint32_t serial = ++service.last_serial;
-    Connection **const end = service.connections + service.limits.max_clients;
-    Connection **const vacant = std::find(service.connections, end, nullptr);
-    void *const storage = vacant != end ? std::malloc(sizeof(Connection)) : nullptr;
+    const ucred peer = peer_of(socket);
+    const uint32_t index = find_room(service, peer.uid);
+    void *const storage = index < service.limits.max_clients ? std::malloc(sizeof(Connection)) : nullptr;
     if (storage == nullptr) {
-        close(socket);
-        report(service, serial, "too many clients");
+        turn_away(socket);
+        report(service, serial, peer, "too many clients");
         return;
     }
     widen_send_buffer(socket);
-    const auto index = static_cast<uint32_t>(vacant - service.connections);
-    *vacant = new (storage) Connection(socket, serial, service.limits.max_message, &service.budget);
+    service.connections[index] =
+        new (storage) Connection(socket, serial, peer, service.limits.max_message, &service.budget);
     if (!watch(service, EPOLL_CTL_ADD, socket, EPOLLIN, index))
         cut_off(service, index, "too many clients for the system");
 }
@@ -213,7 +340,7 @@ void refuse(Service &service, uint32_t index, const Fault &fault)
 {
     char reason[128];
     (void)std::snprintf(reason, sizeof reason, "%s: %u bytes", fault.reason, fault.total);
-    report(service, service.connections[index]->serial, reason);
+    report(service, service.connections[index]->serial, service.connections[index]->peer, reason);
     Frame frame{};
     frame.magic = frame_magic;
     frame.kind = FrameKind::refusal;
@@ -221,6 +348,8 @@ void refuse(Service &service, uint32_t index, const Fault &fault)
     frame.opcode = static_cast<uint32_t>(fault.error);
     if (Reply *const reply = new_reply(frame))
         enqueue(service, index, reply);
+    else
+        cut_off(service, index, "no memory for a refusal");
 }
 
 // Takes one packet from a client.  True when it completed a request.
@@ -232,6 +361,11 @@ bool read_packet(Service &service, uint32_t index, kob_msg &msg)
     case Step::message:
         msg.client = connection.serial;
         msg.client_index = index;
+        msg.pid = static_cast<uint32_t>(connection.peer.pid);
+        msg.uid = connection.peer.uid;
+        connection.has_spoken = true;
+        connection.last_active_ms = now_ms();
+        ++connection.unanswered;
         return true;
     case Step::part:
         connection.last_part_ms = now_ms();
@@ -264,7 +398,7 @@ void sweep(Service &service)
     service.next_sweep_ms = UINT64_MAX;
     for (uint32_t i = 0; i < service.limits.max_clients; ++i) {
         const Connection *const connection = service.connections[i];
-        if (connection == nullptr || !connection->inbound.is_half())
+        if (connection == nullptr || connection->is_held || !connection->inbound.is_half())
             continue;
         const uint64_t expiry = connection->last_part_ms + service.limits.idle_ms;
         if (now < expiry)
@@ -277,7 +411,7 @@ void sweep(Service &service)
 }
 
 // Serves one event.  True when it completed a request.
-bool serve(Service &service, const epoll_event &event, kob_msg &msg)
+bool serve(Service &service, epoll_event event, kob_msg &msg)
 {
     if (event.data.u64 == listener_tag) {
         const int socket = service.listener.accept();
@@ -286,6 +420,8 @@ bool serve(Service &service, const epoll_event &event, kob_msg &msg)
         return false;
     }
     const auto index = static_cast<uint32_t>(event.data.u64);
+    if (service.connections[index]->is_held) // its end is reported, too, and waits like its requests
+        event.events &= uint32_t{EPOLLOUT};
     if ((event.events & EPOLLOUT) != 0 && !flush(service, index)) {
         hang_up(service, index);
         return false;
@@ -307,12 +443,12 @@ void close_service(ServiceLink &service)
     std::free(&self);
 }
 
-int32_t start(Service &service, const char *path, uint32_t permissions)
+int32_t start(Service &service, const char *path, const FileRights &rights)
 {
     service.epoll = epoll_create1(EPOLL_CLOEXEC);
     if (service.epoll < 0)
         return KOB_ERR_SYSTEM;
-    if (const int32_t error = service.listener.open(path, permissions, service.limits.max_clients); error != KOB_OK)
+    if (const int32_t error = service.listener.open(path, rights, service.limits.max_clients); error != KOB_OK)
         return error;
     return watch(service, EPOLL_CTL_ADD, service.listener.socket(), EPOLLIN, listener_tag) ? KOB_OK : KOB_ERR_SYSTEM;
 }
@@ -329,7 +465,8 @@ int32_t listen_at(const char *path, const ServiceLimits &limits, const kob_servi
     }
     auto *const started = new (storage) Service(limits);
     started->connections = connections;
-    const int32_t error = start(*started, path, own.permissions != 0 ? own.permissions : default_permissions);
+    const int32_t error = start(
+        *started, path, {own.permissions != 0 ? own.permissions : default_permissions, own.has_group != 0, own.group});
     if (error == KOB_OK)
         service = started;
     else
@@ -356,15 +493,39 @@ int32_t await_request(ServiceLink &service, kob_msg &msg, Deadline deadline)
     return KOB_ERR_TIMEOUT;
 }
 
+// The connection that a request came by; null when it is closed.
+Connection *find_sender(const Service &service, const kob_msg &request)
+{
+    Connection *const connection =
+        request.client_index < service.limits.max_clients ? service.connections[request.client_index] : nullptr;
+    return connection != nullptr && connection->serial == request.client ? connection : nullptr;
+}
+
+void hold_sender(ServiceLink &service, const kob_msg &request, bool is_held)
+{
+    if (find_sender(as_service(service), request) != nullptr)
+        hold_connection(as_service(service), request.client_index, is_held);
+}
+
+bool is_sender_gone(const ServiceLink &service, const kob_msg &request)
+{
+    const Connection *const connection = find_sender(static_cast<const Service &>(service), request);
+    if (connection == nullptr)
+        return true;
+    pollfd entry{connection->socket, 0, 0}; // without events that one asks for, the end is reported
+    return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR)) != 0;
+}
+
 int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segment_t *segments, uint32_t num_segments,
                  uint32_t total)
 {
     Service &self = as_service(service);
-    const uint32_t index = request.client_index;
-    if (index >= self.limits.max_clients || self.connections[index] == nullptr ||
-        self.connections[index]->serial != request.client)
+    Connection *const connection = find_sender(self, request);
+    if (connection == nullptr)
         return KOB_ERR_PEER_GONE;
-
+    const uint32_t index = request.client_index;
+    connection->last_active_ms = now_ms();
+    connection->unanswered -= connection->unanswered != 0 ? 1 : 0;
     Frame frame{};
     frame.magic = frame_magic;
     frame.kind = FrameKind::response;
@@ -375,8 +536,10 @@ int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segme
     frame.sap = request.sap;
     frame.total = total;
     Reply *const reply = new_reply(frame);
-    if (reply == nullptr)
+    if (reply == nullptr) { // the client would wait for it
+        cut_off(self, index, "no memory for a reply");
         return KOB_ERR_MEMORY;
+    }
     char *end = reinterpret_cast<char *>(reply + 1);
     for (uint32_t i = 0; i < num_segments; ++i) {
         if (segments[i].length != 0)
@@ -388,6 +551,7 @@ int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segme
 
 } // namespace
 
-constinit const ServiceOperations service_operations = {listen_at, descriptor, await_request, reply_to, close_service};
+constinit const ServiceOperations service_operations = {listen_at,     descriptor,  await_request, reply_to,
+                                                        close_service, hold_sender, is_sender_gone};
 
 } // namespace zel::platform::unix_socket

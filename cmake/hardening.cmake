@@ -1,0 +1,10 @@
+# What makes a fault harder to use: for everything that is built. tests/hardened.sh looks
+# whether it is there.
+if(NOT ZEL_HARDENED OR NOT CMAKE_BUILD_TYPE STREQUAL Release)
+    return()
+endif()
+add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|i.86)$")
+    add_compile_options(-fcf-protection=full)
+endif()

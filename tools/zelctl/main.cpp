@@ -1,6 +1,7 @@
 // zelctl: the command line client of the policy service.
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
+#include "tools/transport/nats_options.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"
@@ -18,7 +19,7 @@ void add_global_options(CLI::App &app, Options &options)
 {
     app.add_option("--service", options.service, "Where the service listens")
         ->envname("ZEL_SERVICE")
-        ->type_name("unix:PATH")
+        ->type_name("unix:PATH|nats://HOST/SUBJECT|tls://HOST/SUBJECT")
         ->capture_default_str();
     app.add_option("--timeout", options.timeout, "Seconds to wait for an answer")
         ->type_name("SECONDS")
@@ -64,11 +65,13 @@ int run_command_line(int argc, char **argv)
                  "and looks into messages.",
                  "zelctl");
     Options options;
+    tools::NatsOptions nats_options;
     Command chosen;
     const CommandLine line{app, options, chosen};
     app.require_subcommand(1);
     app.fallthrough();
     add_global_options(app, options);
+    tools::add_nats_options(app, nats_options);
     add_policy_commands(line);
     add_stats_command(line);
     add_traffic_command(line);
@@ -84,7 +87,10 @@ int run_command_line(int argc, char **argv)
         fmt::print(stderr, "zelctl: the ZEL_TRACE variables cannot be followed: {}\n", std::strerror(error));
         return exit_usage;
     }
-    return run(chosen);
+    return run([&] {
+        tools::enable_nats(nats_options);
+        return chosen();
+    });
 }
 
 } // namespace

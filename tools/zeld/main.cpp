@@ -1,6 +1,7 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
 #include "platform/heartbeat.h"
 #include "tools/message/tracing.hpp"
+#include "tools/transport/nats_options.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/service.hpp"
 #include "zel-platform/manager.h"
@@ -21,6 +22,7 @@ enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_address = 3, 
 
 struct Options {
     std::string listen;
+    tools::NatsOptions nats;
     std::string state;
     uint64_t max_message = uint64_t{16} * 1024 * 1024;
     uint64_t max_state = uint64_t{256} * 1024 * 1024;
@@ -39,7 +41,8 @@ void add_options(CLI::App &app, Options &options)
 {
     const CLI::AsSizeValue size(false);
     app.set_version_flag("--version", "zeld " ZELD_VERSION);
-    app.add_option("--listen", options.listen, "address to serve, unix:PATH")->required();
+    app.add_option("--listen", options.listen, "address to serve: unix:PATH, nats://HOST/SUBJECT or tls://HOST/SUBJECT")
+        ->required();
     app.add_option("--state", options.state, "file that keeps the policies; without it they end with the process");
     app.add_option("--max-message", options.max_message, "largest request and answer")
         ->transform(size)
@@ -59,6 +62,7 @@ void add_options(CLI::App &app, Options &options)
                                                                             {"debug", LogLevel::debug},
                                                                             {"trace", LogLevel::trace}}))
         ->default_str("info");
+    tools::add_nats_options(app, options.nats);
     app.footer(
         std::string("Exit codes: 0 stopped by SIGINT or SIGTERM, 1 failed, 2 usage, 3 address, 4 state file.\n") +
         tools::trace_help);
@@ -136,6 +140,7 @@ ExitCode start(const Options &options)
         log(LogLevel::error, "{}: {}", options.state, error.what());
         return exit_state;
     }
+    tools::enable_nats(options.nats);
     int32_t error = KOB_OK;
     const Transport transport = open_transport(options, error);
     if (transport == nullptr) {

@@ -104,13 +104,13 @@ int32_t take(Link &link, natsMsg *packet, kob_msg &msg)
 int32_t connect_link(const char *text, bool is_encrypted, uint32_t max_message, Deadline deadline, ClientLink *&link)
 {
     Location location;
-    if (!parse_location(text, is_encrypted ? "tls" : "nats", location))
+    if (!parse_location(text, is_encrypted ? "tls" : "nats", location) || location.num_subjects != 1)
         return KOB_ERR_ADDRESS;
     void *const storage = std::malloc(sizeof(Link));
     if (storage == nullptr)
         return KOB_ERR_MEMORY;
     auto *const made = new (storage) Link(max_message);
-    std::memcpy(made->subject, location.subject, sizeof made->subject);
+    (void)std::snprintf(made->subject, sizeof made->subject, "%s", location.subjects[0]);
     int32_t error = open_connection(location, is_encrypted, Reconnect::never, deadline.remaining(), made->connection);
     if (error == KOB_OK)
         error = subscribe(*made);

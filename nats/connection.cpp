@@ -22,17 +22,59 @@ bool is_host_character(char c)
 bool is_host(const char *begin, const char *end) { return begin != end && std::all_of(begin, end, is_host_character); }
 
 // A subject without wildcards and empty tokens.
-bool is_subject(const char *subject)
+bool is_subject(const char *begin, const char *end)
 {
-    const std::size_t length = std::strlen(subject);
-    if (length == 0 || length >= max_subject || subject[0] == '.' || subject[length - 1] == '.' ||
-        std::strstr(subject, "..") != nullptr)
+    if (begin == end || end - begin >= static_cast<std::ptrdiff_t>(max_subject))
         return false;
-    return std::all_of(subject, subject + length, [](char c) { return c > ' ' && c < 127 && !std::strchr("*>/@", c); });
+    char before = '.';
+    for (const char *at = begin; at != end; before = *at++) {
+        if (*at <= ' ' || *at >= 127 || std::strchr("*>/@", *at) != nullptr || (*at == '.' && before == '.'))
+            return false;
+    }
+    return before != '.';
+}
+
+// Strings, one after the other.
+struct Writer {
+    char *room;
+    char *end;
+
+    // Null when there is no room.
+    const char *write(const char *prefix, const char *begin, const char *stop)
+    {
+        const auto size = static_cast<std::size_t>(end - room);
+        const int length = std::snprintf(room, size, "%s%.*s", prefix, static_cast<int>(stop - begin), begin);
+        if (length < 0 || static_cast<std::size_t>(length) >= size)
+            return nullptr;
+        const char *const written = room;
+        room += length + 1;
+        return written;
+    }
+};
+
+// The pieces between commas, each with a prefix; 0 when one is not right.
+template <int Capacity>
+int split(const char *begin, const char *end, const char *prefix, bool (*is_right)(const char *, const char *),
+          Writer &writer, const char *(&pieces)[Capacity])
+{
+    for (int count = 0; count < Capacity;) {
+        const char *const stop = std::find(begin, end, ',');
+        const char *const piece = is_right(begin, stop) ? writer.write(prefix, begin, stop) : nullptr;
+        if (piece == nullptr)
+            return 0;
+        pieces[count++] = piece;
+        if (stop == end)
+            return count;
+        begin = stop + 1;
+    }
+    return 0;
 }
 
 // Reports come through return values; without a handler the library prints to stderr.
 void ignore_error(natsConnection *, natsSubscription *, natsStatus, void *) {}
+
+// A connection that may come later needs a callback.
+void ignore_connection(natsConnection *, void *) {}
 
 // Calls each setter until one fails.
 natsStatus set_options(natsOptions *options, const Location &location, bool is_encrypted, Reconnect reconnect,
@@ -43,7 +85,9 @@ natsStatus set_options(natsOptions *options, const Location &location, bool is_e
     then(natsOptions_SetSendAsap(options, true));
     then(natsOptions_SetTimeout(options, std::max<int64_t>(timeout_ms, 1)));
     then(natsOptions_SetErrorHandler(options, ignore_error, nullptr));
-    then(natsOptions_SetAllowReconnect(options, reconnect == Reconnect::always));
+    then(natsOptions_SetAllowReconnect(options, reconnect != Reconnect::never));
+    if (reconnect == Reconnect::from_the_start)
+        then(natsOptions_SetRetryOnFailedConnect(options, true, ignore_connection, nullptr));
     then(natsOptions_SetMaxReconnect(options, -1));
     then(natsOptions_SetReconnectWait(options, 100));
     then(natsOptions_SetReconnectJitter(options, 400, 400));
@@ -66,28 +110,18 @@ natsStatus set_options(natsOptions *options, const Location &location, bool is_e
 
 bool parse_location(const char *text, const char *scheme, Location &location)
 {
-    location.num_servers = 0;
     if (std::strncmp(text, "//", 2) != 0)
         return false;
-    const char *host = text + 2;
-    const char *const slash = std::strchr(host, '/');
-    if (slash == nullptr || !is_subject(slash + 1))
+    const char *const hosts = text + 2;
+    const char *const slash = std::strchr(hosts, '/');
+    if (slash == nullptr)
         return false;
-    (void)std::snprintf(location.subject, sizeof location.subject, "%s", slash + 1);
-    char *room = location.bytes;
-    const char *const end = location.bytes + sizeof location.bytes;
-    for (;;) {
-        const char *const stop = std::find(host, slash, ',');
-        const auto needed = static_cast<std::size_t>(stop - host) + std::strlen(scheme) + std::strlen("://") + 1;
-        if (!is_host(host, stop) || location.num_servers == Location::max_servers ||
-            needed > static_cast<std::size_t>(end - room))
-            return false;
-        location.servers[location.num_servers++] = room;
-        room += std::snprintf(room, needed, "%s://%.*s", scheme, static_cast<int>(stop - host), host) + 1;
-        if (stop == slash)
-            return true;
-        host = stop + 1;
-    }
+    char url[16];
+    (void)std::snprintf(url, sizeof url, "%s://", scheme);
+    Writer writer{location.bytes, location.bytes + sizeof location.bytes};
+    location.num_servers = split(hosts, slash, url, is_host, writer, location.servers);
+    location.num_subjects = split(slash + 1, text + std::strlen(text), "", is_subject, writer, location.subjects);
+    return location.num_servers != 0 && location.num_subjects != 0;
 }
 
 int32_t open_connection(const Location &location, bool is_encrypted, Reconnect reconnect, int64_t timeout_ms,
@@ -100,7 +134,7 @@ int32_t open_connection(const Location &location, bool is_encrypted, Reconnect r
     if (status == NATS_OK)
         status = natsConnection_Connect(&connection, options);
     natsOptions_Destroy(options);
-    return error_of(status);
+    return status == NATS_NOT_YET_CONNECTED ? int32_t{KOB_OK} : error_of(status);
 }
 
 int32_t error_of(natsStatus status)

@@ -15,27 +15,29 @@ struct Settings {
     char *certificate;
     char *key;
     char *inbox_prefix;
-    char *shared_prefix;
 };
 extern Settings settings;
 
 constexpr std::size_t max_subject = 200; // bytes, with the final NUL
 
-// An address without its scheme, "//HOST[:PORT][,HOST[:PORT]...]/SUBJECT", taken apart.
+// An address without its scheme, "//HOST[:PORT][,HOST[:PORT]...]/SUBJECT[,SUBJECT...]", taken
+// apart.
 struct Location {
     static constexpr int max_servers = 16;
+    static constexpr int max_subjects = 16;
 
-    char bytes[1024]; // the URLs of the servers, one after the other
-    const char *servers[max_servers];
+    char bytes[4096];                 // the strings that the pointers lead to
+    const char *servers[max_servers]; // URLs
     int num_servers;
-    char subject[max_subject];
+    const char *subjects[max_subjects];
+    int num_subjects;
 };
 
 // False when the text is not such an address.  scheme is "nats" or "tls".
 bool parse_location(const char *text, const char *scheme, Location &location);
 
-// What a connection does when it breaks.
-enum class Reconnect { never, always };
+// What a connection does when it breaks; from_the_start: also when no server is there at first.
+enum class Reconnect { never, always, from_the_start };
 
 // KOB_OK with a connection that the caller closes, or a KOB_ERR_* value.
 int32_t open_connection(const Location &location, bool is_encrypted, Reconnect reconnect, int64_t timeout_ms,

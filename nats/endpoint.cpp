@@ -64,7 +64,6 @@ constexpr Source sources[] = {
     {&zel_nats_options_t::certificate, &Settings::certificate, "ZEL_NATS_CERT"},
     {&zel_nats_options_t::key, &Settings::key, "ZEL_NATS_KEY"},
     {&zel_nats_options_t::inbox_prefix, &Settings::inbox_prefix, "ZEL_NATS_INBOX"},
-    {&zel_nats_options_t::shared_prefix, &Settings::shared_prefix, "ZEL_NATS_SHARED"},
 };
 
 bool take_setting(const zel_nats_options_t *options, const Source &source)

@@ -133,12 +133,12 @@ struct Service : ServiceLink {
     Budget budget;
     Budget kept{0, all_kept_answers};
     natsConnection *connection = nullptr;
-    natsSubscription *subscription = nullptr;
+    char subject[max_subject]{}; // that no other service has
+    natsSubscription *subscriptions[Location::max_subjects]{};
     Queue queue;
     sem_t is_complete{}; // the other thread has left the service
     char name[name_size]{};
     std::atomic<Phase> phase = Phase::starting;
-    bool is_shared = false;
     Request *requests = nullptr; // num_requests of them
     uint32_t next = 0;           // whose turn it is to be used again
     uint32_t last_serial = 0;
@@ -183,7 +183,7 @@ void on_packet(natsConnection *connection, natsSubscription *, natsMsg *packet, 
     auto &service = *static_cast<Service *>(closure);
     if (!is_probe(packet))
         return service.queue.put(packet, service.limits.max_memory);
-    if (natsMsg_GetReply(packet) != nullptr && !service.is_shared)
+    if (natsMsg_GetReply(packet) != nullptr && std::strcmp(natsMsg_GetSubject(packet), service.subject) == 0)
         answer_probe(service, connection, packet);
     natsMsg_Destroy(packet);
 }
@@ -368,14 +368,17 @@ void sweep(Service &service)
 
 // ---- Start and end
 
-int32_t subscribe(Service &service, const char *subject)
+int32_t subscribe(Service &service, const Location &location)
 {
-    const natsStatus status =
-        natsConnection_Subscribe(&service.subscription, service.connection, subject, on_packet, &service);
-    if (status != NATS_OK)
-        return error_of(status);
-    (void)natsSubscription_SetPendingLimits(service.subscription, -1, -1); // the queue has limits
-    (void)natsSubscription_SetOnCompleteCB(service.subscription, on_complete, &service);
+    for (int i = 0; i < location.num_subjects; ++i) {
+        natsSubscription *&made = service.subscriptions[i];
+        const natsStatus status =
+            natsConnection_Subscribe(&made, service.connection, location.subjects[i], on_packet, &service);
+        if (status != NATS_OK)
+            return error_of(status);
+        (void)natsSubscription_SetPendingLimits(made, -1, -1); // the queue has limits
+        (void)natsSubscription_SetOnCompleteCB(made, on_complete, &service);
+    }
     const natsStatus flushed = natsConnection_FlushTimeout(service.connection, 2000);
     return is_denied(service.connection) ? int32_t{KOB_ERR_DENIED} : error_of(flushed);
 }
@@ -388,15 +391,14 @@ int32_t start(Service &service, const Location &location, bool is_encrypted)
     // The last token of an inbox is unique.
     (void)std::snprintf(service.name, sizeof service.name, "%.*s", static_cast<int>(name_size - 1),
                         std::strrchr(inbox, '.') + 1);
-    service.is_shared = settings.shared_prefix != nullptr && std::strncmp(location.subject, settings.shared_prefix,
-                                                                          std::strlen(settings.shared_prefix)) == 0;
+    (void)std::snprintf(service.subject, sizeof service.subject, "%s", location.subjects[0]);
     int32_t error = open_connection(location, is_encrypted, Reconnect::always, 2000, service.connection);
-    if (error == KOB_OK && !service.is_shared)
-        error = find_owner(service.connection, location.subject);
     if (error == KOB_OK)
-        error = subscribe(service, location.subject);
-    if (error == KOB_OK && !service.is_shared)
-        error = settle(service, location.subject);
+        error = find_owner(service.connection, location.subjects[0]);
+    if (error == KOB_OK)
+        error = subscribe(service, location);
+    if (error == KOB_OK)
+        error = settle(service, location.subjects[0]);
     return error;
 }
 
@@ -522,8 +524,10 @@ int32_t reply_to(ServiceLink &service, const kob_msg &msg, const mpkob_segment_t
 void close_service(ServiceLink &service)
 {
     Service &self = as_service(service);
-    if (self.subscription != nullptr) {
-        natsSubscription_Destroy(self.subscription);
+    for (natsSubscription *const subscription : self.subscriptions) {
+        if (subscription == nullptr)
+            continue;
+        natsSubscription_Destroy(subscription);
         sem_wait(&self.is_complete);
     }
     if (self.connection != nullptr)

@@ -3,11 +3,12 @@
  *
  * After zel_nats_enable(), two more kinds of address are understood:
  *
- *     nats://HOST[:PORT][,HOST[:PORT]...]/SUBJECT    without encryption
- *     tls://HOST[:PORT][,HOST[:PORT]...]/SUBJECT     with TLS
+ *     nats://HOST[:PORT][,HOST[:PORT]...]/SUBJECT[,SUBJECT...]    without encryption
+ *     tls://HOST[:PORT][,HOST[:PORT]...]/SUBJECT[,SUBJECT...]     with TLS
  *
  * The hosts are servers of one cluster; the port is 4222 unless given.  The subject names
- * the service.  An address carries no credentials.
+ * the service.  A service may listen at further subjects, which it shares with others: each
+ * of them gets every request.  An address carries no credentials.
  *
  * Link with -lzel-nats -lzel-platform -lnats, in this order; libzel-nats exists as an
  * archive, and for 64-bit.
@@ -39,13 +40,12 @@ extern "C" {
 
 /* Strings are copied.  A member that is null is read from the environment variable beside it; without, it is absent. */
 typedef struct {
-    const char *user;          /* ZEL_NATS_USER */
-    const char *password;      /* ZEL_NATS_PASSWORD */
-    const char *ca;            /* ZEL_NATS_CA: file of trusted certificates */
-    const char *certificate;   /* ZEL_NATS_CERT: file of the own certificate */
-    const char *key;           /* ZEL_NATS_KEY: file of its key */
-    const char *inbox_prefix;  /* ZEL_NATS_INBOX: beginning of the subjects of answers; _INBOX */
-    const char *shared_prefix; /* ZEL_NATS_SHARED: several services may listen at a subject that begins so */
+    const char *user;         /* ZEL_NATS_USER */
+    const char *password;     /* ZEL_NATS_PASSWORD */
+    const char *ca;           /* ZEL_NATS_CA: file of trusted certificates */
+    const char *certificate;  /* ZEL_NATS_CERT: file of the own certificate */
+    const char *key;          /* ZEL_NATS_KEY: file of its key */
+    const char *inbox_prefix; /* ZEL_NATS_INBOX: beginning of the subjects of answers; _INBOX */
 } zel_nats_options_t;
 
 /*

@@ -93,6 +93,7 @@ TEST_F(NatsTest, AddressesThatAreUnderstood)
         {"nats://h/a.*", false},       {"nats://h/>", false},
         {"nats://h/a b", false},       {"nats://user:secret@h/s", false},
         {"nats://h/s@x", false},       {"nats://1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16/s", true},
+        {"nats://h/a,b", true},        {"nats://h/a,", false},
         {"ftp://h/s", false},          {"nats://1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17/s", false},
     };
     for (const auto &[address, is_understood] : cases)
@@ -170,7 +171,7 @@ TEST_F(NatsTest, FailuresHaveTheCodesOfTheTransport)
     EXPECT_EQ(result, KOB_OK) << "both have found the server again";
 }
 
-TEST_F(NatsTest, ASubjectHasOneServiceUnlessItIsShared)
+TEST_F(NatsTest, ASubjectHasOneServiceAndFurtherOnesAreShared)
 {
     const NatsServer server;
     const std::string address = server.address("zel.one");
@@ -189,10 +190,7 @@ TEST_F(NatsTest, ASubjectHasOneServiceUnlessItIsShared)
             start.join();
         EXPECT_LE(std::count_if(services.begin(), services.end(), [](auto &s) { return s->error == KOB_OK; }), 1);
     }
-    zel_nats_options_t options{};
-    options.shared_prefix = "zel.group.";
-    ASSERT_EQ(zel_nats_enable(&options), KOB_OK);
-    Service one(server.address("zel.group.g")), two(server.address("zel.group.g"));
+    Service one(server.address("zel.node.1,zel.group.g")), two(server.address("zel.node.2,zel.group.g"));
     EXPECT_TRUE(one.error == KOB_OK && two.error == KOB_OK);
     Client client(server.address("zel.group.g"));
     ASSERT_EQ(client.send(array_of(4)), KOB_OK);

@@ -18,12 +18,11 @@ void add_nats_options(CLI::App &app, NatsOptions &options)
     add("--nats-inbox", options.inbox, "ZEL_NATS_INBOX", "beginning of the subjects of answers");
 }
 
-void enable_nats(const NatsOptions &options, const std::string &shared_prefix)
+void enable_nats(const NatsOptions &options)
 {
     const zel_nats_options_t given{options.user.c_str(), nullptr,
                                    options.ca.c_str(),   options.certificate.c_str(),
-                                   options.key.c_str(),  options.inbox.c_str(),
-                                   shared_prefix.c_str()};
+                                   options.key.c_str(),  options.inbox.c_str()};
     if (zel_nats_enable(&given) != 0)
         throw std::bad_alloc();
 }

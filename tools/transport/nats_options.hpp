@@ -18,8 +18,7 @@ struct NatsOptions {
 
 void add_nats_options(CLI::App &app, NatsOptions &options);
 
-// Makes nats: and tls: addresses known.  shared_prefix: the beginning of subjects at which
-// several services listen; empty when there is none.  Throws std::bad_alloc.
-void enable_nats(const NatsOptions &options, const std::string &shared_prefix = {});
+// Makes nats: and tls: addresses known.  Throws std::bad_alloc.
+void enable_nats(const NatsOptions &options);
 
 } // namespace tools

@@ -404,7 +404,7 @@ private:
             node.seen_serial = 0;
             return deliver(node, event::ServiceGone{}, 1);
         }
-        event::Observed observed;
+        event::Observed observed{observe.id, {}};
         if (node.service.shows_policies) {
             observed.policies.emplace();
             for (const auto &[key, hash] : node.service.policies)

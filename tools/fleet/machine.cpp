@@ -124,7 +124,7 @@ void Machine::on(const event::ServiceGone &)
 // The service is the truth about what is installed.
 void Machine::on(const event::Observed &observed)
 {
-    if (service_ != ServiceState::observing)
+    if (service_ != ServiceState::observing || observed.id != observe_id_)
         return;
     service_ = ServiceState::observed;
     action::Save changes;
@@ -143,10 +143,11 @@ void Machine::on(const event::Observed &observed)
         installed_.erase(key);
         changes.installed.erase(key);
     }
+    foreign_.clear();
     if (observed.policies) {
         for (const auto &[key, hash] : *observed.policies) {
-            if (config_.own_apps.contains(key.app) && installed_.emplace(key, hash).second)
-                changes.installed[key] = hash;
+            if (config_.own_apps.contains(key.app) && !installed_.contains(key))
+                foreign_.insert(key);
         }
     }
     if (!changes.installed.empty() || !changes.removed.empty())
@@ -285,6 +286,12 @@ bool Machine::is_wanted(const Group &group) const
            (!group.record.refusal || group.record.refusal->revision != newest);
 }
 
+// A group of which nothing is known yet may want what is in the service.
+bool Machine::is_all_known() const
+{
+    return std::all_of(groups_.begin(), groups_.end(), [](const Group &group) { return group.is_known; });
+}
+
 // The objects of a manifest that this node installs, now or when it goes back.
 std::vector<Entry> Machine::needed(const Manifest &manifest) const
 {
@@ -317,6 +324,10 @@ Machine::Plan Machine::plan(const Manifest &manifest, Time now) const
         if (!wanted.contains(key))
             plan.removals.push_back(key);
     }
+    for (const PolicyKey &key : foreign_) {
+        if (!wanted.contains(key))
+            plan.removals.push_back(key);
+    }
     for (const Entry &entry : needed(manifest)) {
         if (!objects_.contains(entry.hash))
             plan.missing.push_back(entry);
@@ -331,6 +342,8 @@ void Machine::decide()
     read_due();
     observe();
     revert_unconfirmed();
+    const bool can_repair = std::all_of(groups_.begin(), groups_.end(),
+                                        [](const Group &g) { return g.is_known || g.record.refusal.has_value(); });
     const bool can_request = service_ == ServiceState::observed && !request_ && now_.steady_ms >= repair_.next_ms;
     for (Group &group : groups_) {
         if (!is_wanted(group) || !has_objects(group))
@@ -338,9 +351,7 @@ void Machine::decide()
         if (can_request && !request_ && !approach(target(&group, group.newest.get()).policies, &group))
             take_over(group);
     }
-    // A group of which nothing is known yet may want what is installed.
-    const bool is_all_known = std::all_of(groups_.begin(), groups_.end(), [](const Group &g) { return g.is_known; });
-    if (can_request && !request_ && is_all_known && !approach(target().policies, nullptr))
+    if (can_request && !request_ && can_repair && !approach(target().policies, nullptr))
         last_text_.clear();
     report_if_due();
 }
@@ -361,7 +372,8 @@ void Machine::observe()
     if (service_ != ServiceState::unobserved || now_.steady_ms < repair_.next_ms)
         return;
     service_ = ServiceState::observing;
-    action::Observe observe{config_.own_apps};
+    observe_id_ = ++last_id_;
+    action::Observe observe{observe_id_, config_.own_apps};
     for (const auto &[key, hash] : installed_)
         observe.apps.insert(key.app);
     actions_.emplace_back(std::move(observe));
@@ -427,6 +439,12 @@ bool Machine::approach(const PolicySet &wanted, Group *group)
         request_removal(std::move(request), key);
         return true;
     }
+    for (const PolicyKey &key : foreign_) {
+        if (wanted.contains(key) || !is_all_known())
+            continue;
+        request_removal(std::move(request), key);
+        return true;
+    }
     return false;
 }
 
@@ -476,6 +494,7 @@ void Machine::start_request(Request request)
 {
     action::Save changes;
     for (const auto &[key, after] : request.after) {
+        foreign_.erase(key);
         std::optional<Hash> &hash = installed_[key];
         request.before[key] = hash;
         hash.reset();

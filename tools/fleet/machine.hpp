@@ -65,7 +65,8 @@ struct Object { // the answer to action::Fetch, or an object that came by itself
 };
 struct ServiceUp {}; // a service answers, and it is another one than before
 struct ServiceGone {};
-struct Observed {                                      // the answer to action::Observe
+struct Observed { // the answer to action::Observe
+    uint64_t id;
     std::optional<std::map<PolicyKey, Hash>> policies; // absent: the service cannot show them
 };
 struct Answered {
@@ -94,6 +95,7 @@ struct Fetch { // an object; it is stored before the event
     Entry entry;
 };
 struct Observe { // which policies of these applications the service has
+    uint64_t id;
     std::set<uint32_t> apps;
 };
 struct Set { // create or replace policies of one application, all of them or none
@@ -204,6 +206,7 @@ private:
     PolicySet policies_of(const Manifest &manifest, bool is_reverted) const;
     Target target(const Group *changed = nullptr, const Manifest *manifest = nullptr) const;
     bool is_wanted(const Group &group) const;
+    bool is_all_known() const;
     std::vector<Entry> needed(const Manifest &manifest) const;
 
     void decide();
@@ -232,7 +235,9 @@ private:
     std::set<Hash> objects_;
     std::map<Hash, std::string> bad_objects_;
     std::map<Hash, Backoff> fetches_; // next_ms: when it counts as lost
+    std::set<PolicyKey> foreign_;     // in the service, of own applications, and not from here
     ServiceState service_ = ServiceState::absent;
+    uint64_t observe_id_ = 0;
     std::optional<Request> request_;
     Backoff repair_;
     uint64_t last_id_ = 0;

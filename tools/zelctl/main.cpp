@@ -1,4 +1,5 @@
 // zelctl: the command line client of the policy service.
+#include "tools/fleet/store.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
 #include "tools/transport/nats_options.hpp"
@@ -7,6 +8,7 @@
 #include "tools/zelctl/output.hpp"
 
 #include <fmt/core.h>
+#include <sodium.h>
 
 #include <cstdio>
 #include <cstring>
@@ -52,6 +54,12 @@ int run(const Command &command)
         return complain(fault, exit_bad_input);
     } catch (const NoService &fault) {
         return complain(fault, exit_no_service);
+    } catch (const fleet::BusError &fault) {
+        return complain(fault, exit_no_service);
+    } catch (const fleet::Conflict &fault) {
+        return complain(fault, exit_no_service);
+    } catch (const fleet::BadData &fault) {
+        return complain(fault, exit_bad_input);
     } catch (const CLI::Error &fault) {
         return complain(fault, exit_usage);
     } catch (const std::exception &fault) {
@@ -78,6 +86,7 @@ int run_command_line(int argc, char **argv)
     add_send_command(line);
     add_codec_commands(line);
     add_import_commands(line);
+    add_fleet_commands(line);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &fault) {
@@ -99,7 +108,7 @@ int run_command_line(int argc, char **argv)
 int main(int argc, char **argv)
 {
     try {
-        return zelctl::run_command_line(argc, argv);
+        return sodium_init() >= 0 ? zelctl::run_command_line(argc, argv) : zelctl::exit_failed;
     } catch (...) { // no memory for the command line, or none for an error message
         (void)std::fputs("zelctl: failed\n", stderr);
         return zelctl::exit_failed;

@@ -46,7 +46,7 @@ expect(SILENT, "apply", fleet.policy(1))
 fleet.add_node("plain")
 small = fleet.add_node("small", service_options=["--max-message", "4096"])
 fleet.await_nodes(2)
-expect(OK, "status")
+wait_for(lambda: fleet.zelctl("status")[0] == OK, what="both at revision 1")
 everywhere({1: 1})
 
 # Several policies are one revision: refused as a whole, with the reason.

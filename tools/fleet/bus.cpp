@@ -155,8 +155,13 @@ void Bus::publish(const std::string &subject, std::string_view data, const std::
 void Bus::flush()
 {
     check(natsConnection_FlushTimeout(connection_, patience.count()), servers_);
+    check_rights();
+}
+
+void Bus::check_rights() const
+{
     if (zel::nats::is_denied(connection_))
-        throw BusError(last_error(connection_));
+        throw BusDenied(last_error(connection_));
 }
 
 std::optional<BusMessage> Bus::request(const std::string &subject, std::string_view data,
@@ -165,8 +170,8 @@ std::optional<BusMessage> Bus::request(const std::string &subject, std::string_v
     natsMsg *answer = nullptr;
     const natsStatus status = natsConnection_Request(&answer, connection_, subject.c_str(), data.data(),
                                                      static_cast<int>(data.size()), wait.count());
-    if (status == NATS_TIMEOUT && zel::nats::is_denied(connection_))
-        throw BusError(last_error(connection_));
+    if (status == NATS_TIMEOUT)
+        check_rights();
     if (status == NATS_TIMEOUT || status == NATS_NO_RESPONDERS || status == NATS_CONNECTION_DISCONNECTED)
         return std::nullopt;
     check(status, subject);
@@ -177,13 +182,14 @@ std::optional<BusMessage> Bus::request(const std::string &subject, std::string_v
 
 std::optional<BusMessage> Bus::last(const char *stream, const std::string &subject)
 {
-    for (int round = 0; round < 5; ++round) {
-        std::optional<BusMessage> message = request(direct_get_subject(stream, subject), "", patience);
+    for (int round = 0; round < 20; ++round) {
+        std::optional<BusMessage> message =
+            request(direct_get_subject(stream, subject), "", std::chrono::milliseconds(500));
         if (message && message->status == 404)
             return std::nullopt;
         if (message && message->status == 200)
             return message;
-        usleep(200000); // a leader is being elected
+        usleep(100000); // a leader is being elected
     }
     throw BusError(fmt::format("{}: the store does not answer", subject));
 }

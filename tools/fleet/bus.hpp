@@ -23,6 +23,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Repeating does not help.
+class BusDenied : public BusError {
+public:
+    using BusError::BusError;
+};
+
 struct BusMessage {
     std::string subject;
     std::string reply;
@@ -62,6 +68,7 @@ public:
     const std::string &inbox() const { return inbox_; }
     std::string address(const std::string &subject) const { return servers_ + "/" + subject; }
 
+    void check_rights() const; // throws BusDenied when a subject was forbidden
     bool is_connected() const;
     // Counts connections: it changes when the connection was lost and made again.
     uint64_t connections() const;

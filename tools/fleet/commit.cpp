@@ -9,7 +9,7 @@ namespace fleet {
 
 namespace {
 
-constexpr int max_rounds = 20;
+constexpr int max_rounds = 60;
 
 uint64_t unix_seconds()
 {

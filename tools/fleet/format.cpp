@@ -229,6 +229,8 @@ Manifest decode_manifest(std::string_view bytes, std::span<const PublicKey> keys
     return read_json(decompress(content, max_manifest), "manifest", manifest_from_json);
 }
 
+std::string rejection_mark(std::string_view bytes) { return " [" + hash_of(bytes).hex().substr(0, 16) + "]"; }
+
 std::vector<std::string> encode_object(std::string_view message)
 {
     const std::string packed = compress(message);

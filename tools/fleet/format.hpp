@@ -109,6 +109,9 @@ SecretKey secret_key_from_hex(std::string_view hex); // throws BadData
 // secret_key may be null.
 std::string encode_manifest(const Manifest &manifest, const SecretKey *secret_key = nullptr);
 
+// Names the bytes of a manifest in the text of a rejection, so that its writer recognises them.
+std::string rejection_mark(std::string_view bytes);
+
 // Throws BadData when the bytes are not a manifest, or when there are keys and none of them
 // signed it.
 Manifest decode_manifest(std::string_view bytes, std::span<const PublicKey> keys = {});

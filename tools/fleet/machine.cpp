@@ -72,6 +72,13 @@ void Machine::on(const event::Pushed &pushed)
         learn(*group, pushed.manifest);
 }
 
+// The store itself is asked, and what it has is reported.
+void Machine::on(const event::Unreadable &unreadable)
+{
+    if (Group *const group = find(unreadable.group))
+        read_soon(*group, 300);
+}
+
 void Machine::on(const event::Read &read)
 {
     Group *const group = find(read.group);

@@ -49,6 +49,9 @@ struct Connected {}; // to the servers, also again
 struct Pushed {      // a revision, as it was committed; may be lost, repeated or late
     ManifestPtr manifest;
 };
+struct Unreadable { // something else than an acceptable manifest came in its place
+    std::string group;
+};
 struct Read { // the answer to action::Read
     enum class Result { manifest, none, failed, rejected };
     std::string group;
@@ -80,8 +83,9 @@ struct Tick {};
 
 } // namespace event
 
-using Event = std::variant<event::Connected, event::Pushed, event::Read, event::Object, event::ServiceUp,
-                           event::ServiceGone, event::Observed, event::Answered, event::Retry, event::Tick>;
+using Event =
+    std::variant<event::Connected, event::Pushed, event::Unreadable, event::Read, event::Object, event::ServiceUp,
+                 event::ServiceGone, event::Observed, event::Answered, event::Retry, event::Tick>;
 
 // ---- Actions, to be done in order
 
@@ -187,6 +191,7 @@ private:
 
     void on(const event::Connected &);
     void on(const event::Pushed &);
+    void on(const event::Unreadable &);
     void on(const event::Read &);
     void on(const event::Object &);
     void on(const event::ServiceUp &);

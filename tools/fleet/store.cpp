@@ -8,13 +8,15 @@ namespace fleet {
 
 namespace {
 
-constexpr int64_t wait_ms = 3000;
+// Short, because a request to a leader that has died is lost; everything here can be repeated.
+constexpr int64_t wait_ms = 700;
 constexpr int64_t history_length = 64;
-constexpr std::chrono::milliseconds pause{250};
-constexpr int max_rounds = 40;
+constexpr std::chrono::milliseconds pause{100};
+constexpr int max_rounds = 60;
 
-[[noreturn]] void fail(const std::string &what, natsStatus status)
+[[noreturn]] void fail(const Bus &bus, const std::string &what, natsStatus status)
 {
+    bus.check_rights();
     const char *const detail = nats_GetLastError(nullptr);
     throw BusError(
         fmt::format("{}: {}", what, detail != nullptr && *detail != '\0' ? detail : natsStatus_GetText(status)));
@@ -34,6 +36,8 @@ template <class Call> auto patiently(Call call)
     for (int round = 0;; ++round) {
         try {
             return call();
+        } catch (const BusDenied &) {
+            throw;
         } catch (const BusError &) {
             if (round == max_rounds)
                 throw;
@@ -52,13 +56,13 @@ std::string_view data_of(const natsMsg *message)
     return {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))};
 }
 
-// A manifest that this program cannot read is an error of the store.
+// Null when the bytes are not a manifest.
 ManifestPtr to_manifest(std::string_view bytes)
 {
     try {
         return std::make_shared<const Manifest>(decode_manifest(bytes));
-    } catch (const BadData &fault) {
-        throw BusError(fault.what());
+    } catch (const BadData &) {
+        return nullptr;
     }
 }
 
@@ -69,7 +73,7 @@ Store::Store(Bus &bus, const SecretKey *secret_key) : bus_(bus), secret_key_(sec
     jsOptions options = patient();
     jsCtx *context = nullptr;
     if (const natsStatus status = natsConnection_JetStream(&context, bus.native(), &options); status != NATS_OK)
-        fail("the servers keep no streams", status);
+        fail(bus, "the servers keep no streams", status);
     js_.reset(context);
 }
 
@@ -85,7 +89,7 @@ void Store::add_stream(jsStreamConfig &config)
     if (status != NATS_OK && code == JSStreamNameExistErr)
         status = js_UpdateStream(nullptr, js_.get(), &config, &options, &code);
     if (status != NATS_OK)
-        fail(fmt::format("stream {}", config.Name), status);
+        fail(bus_, fmt::format("stream {}", config.Name), status);
 }
 
 std::string Store::init(int replicas)
@@ -156,8 +160,25 @@ Current Store::read_current(const std::string &group)
     if (status == NATS_NOT_FOUND || code == JSNoMessageFoundErr)
         return {};
     if (status != NATS_OK)
-        fail("group " + group, status);
-    return {natsMsg_GetSequence(got), to_manifest(data_of(got))};
+        fail(bus_, "group " + group, status);
+    ManifestPtr manifest = to_manifest(data_of(got));
+    return {natsMsg_GetSequence(got), manifest != nullptr ? manifest : last_readable(group)};
+}
+
+// Somebody wrote what is not a manifest.  The next revision follows on the last one that can be
+// read, or without policies on the newest that a node has reported.
+ManifestPtr Store::last_readable(const std::string &group)
+{
+    if (const std::vector<ManifestPtr> kept = history(group); !kept.empty())
+        return kept.back();
+    Manifest newest;
+    newest.group = group;
+    newest.revision.epoch = epoch();
+    for (const Status &status : statuses())
+        for (const GroupStatus &one : status.groups)
+            if (one.group == group && one.wanted.epoch == newest.revision.epoch)
+                newest.revision.sequence = std::max(newest.revision.sequence, one.wanted.sequence);
+    return newest.revision.sequence != 0 ? std::make_shared<const Manifest>(std::move(newest)) : nullptr;
 }
 
 // From any replica, so it may be missing for a moment.
@@ -173,8 +194,10 @@ ManifestPtr Store::after(const std::string &group, uint64_t position)
         jsOptions options = patient();
         const natsStatus status = js_DirectGetMsg(&got, js_.get(), desired_stream, &options, &wanted);
         const Message message(got);
-        if (status == NATS_OK)
-            return to_manifest(data_of(got));
+        if (status == NATS_OK) {
+            ManifestPtr manifest = to_manifest(data_of(got));
+            return manifest != nullptr ? manifest : std::make_shared<const Manifest>();
+        }
         std::this_thread::sleep_for(pause);
     }
     return nullptr;
@@ -194,7 +217,7 @@ bool Store::publish(const std::string &subject, std::string_view data, uint64_t 
     if (status == NATS_OK)
         return true;
     if (code != JSStreamWrongLastSequenceErr)
-        fail(subject, status);
+        fail(bus_, subject, status);
     return false;
 }
 
@@ -204,6 +227,8 @@ ManifestStore::Write Store::write(const Manifest &manifest, uint64_t position)
         return publish(group_subject(manifest.group), encode_manifest(manifest, secret_key_), position)
                    ? Write::done
                    : Write::conflict;
+    } catch (const BusDenied &) {
+        throw;
     } catch (const BusError &) {
         std::this_thread::sleep_for(pause);
         return Write::unknown;
@@ -212,10 +237,14 @@ ManifestStore::Write Store::write(const Manifest &manifest, uint64_t position)
 
 std::vector<ManifestPtr> Store::history(const std::string &group)
 {
-    std::vector<ManifestPtr> manifests;
-    read_all(desired_stream, group_subject(group), false,
-             [&](std::string_view bytes) { manifests.push_back(to_manifest(bytes)); });
-    return manifests;
+    return patiently([&] {
+        std::vector<ManifestPtr> manifests;
+        read_all(desired_stream, group_subject(group), false, [&](std::string_view bytes) {
+            if (ManifestPtr manifest = to_manifest(bytes); manifest != nullptr)
+                manifests.push_back(std::move(manifest));
+        });
+        return manifests;
+    });
 }
 
 // ---- Objects
@@ -252,14 +281,16 @@ std::string Store::object(const Entry &entry)
 
 std::vector<Status> Store::statuses()
 {
-    std::vector<Status> statuses;
-    read_all(status_stream, "zel.status.*", true, [&](std::string_view bytes) {
-        try {
-            statuses.push_back(decode_status(bytes));
-        } catch (const BadData &) { // a node can write nonsense, but only about itself
-        }
+    return patiently([&] {
+        std::vector<Status> statuses;
+        read_all(status_stream, "zel.status.*", true, [&](std::string_view bytes) {
+            try {
+                statuses.push_back(decode_status(bytes));
+            } catch (const BadData &) { // a node can write nonsense, but only about itself
+            }
+        });
+        return statuses;
     });
-    return statuses;
 }
 
 // A consumer for as long as the call takes.
@@ -275,18 +306,18 @@ void Store::read_all(const char *stream, const std::string &subject, bool only_l
     jsErrCode code{};
     if (const natsStatus status = js_SubscribeSync(&made, js_.get(), subject.c_str(), nullptr, &options, &code);
         status != NATS_OK)
-        fail(fmt::format("stream {}", stream), status);
+        fail(bus_, fmt::format("stream {}", stream), status);
     const std::unique_ptr<natsSubscription, void (*)(natsSubscription *)> subscription(made, natsSubscription_Destroy);
     jsConsumerInfo *info = nullptr;
     uint64_t left = 0;
     if (const natsStatus status = natsSubscription_GetConsumerInfo(&info, made, nullptr, &code); status != NATS_OK)
-        fail(fmt::format("stream {}", stream), status);
+        fail(bus_, fmt::format("stream {}", stream), status);
     left = info->NumPending + static_cast<uint64_t>(info->Delivered.Consumer);
     jsConsumerInfo_Destroy(info);
     while (left-- > 0) {
         natsMsg *got = nullptr;
         if (const natsStatus status = natsSubscription_NextMsg(&got, made, wait_ms); status != NATS_OK)
-            fail(fmt::format("stream {}", stream), status);
+            fail(bus_, fmt::format("stream {}", stream), status);
         const Message message(got);
         take(data_of(got));
     }

@@ -26,7 +26,7 @@ public:
     ManifestPtr after(const std::string &group, uint64_t position) override;
     Write write(const Manifest &manifest, uint64_t position) override;
 
-    // The revisions that the store has kept, oldest first.
+    // The revisions that the store has kept and that can be read, oldest first.
     std::vector<ManifestPtr> history(const std::string &group);
 
     // Stores a policy message unless it is there, and sends it ahead to the group.
@@ -44,6 +44,7 @@ private:
     void add_stream(jsStreamConfig &config);
     bool publish(const std::string &subject, std::string_view data, uint64_t position);
     Current read_current(const std::string &group);
+    ManifestPtr last_readable(const std::string &group);
     // Calls take for each message of a stream at a subject, oldest first.
     void read_all(const char *stream, const std::string &subject, bool only_last,
                   const std::function<void(std::string_view)> &take);

@@ -282,7 +282,8 @@ void Agent::receive(const BusMessage &message)
     const std::string group(subject.substr(subject.rfind('.') + 1));
     try {
         post(event::Pushed{decode(message, group)});
-    } catch (const BadData &) { // the store itself is asked soon, and that is reported
+    } catch (const BadData &) {
+        post(event::Unreadable{group});
     }
 }
 
@@ -318,7 +319,7 @@ void Agent::receive_manifest(const BusMessage &message, std::string_view token)
             read.result = event::Read::Result::manifest;
         } catch (const BadData &fault) {
             read.result = event::Read::Result::rejected;
-            read.text = fault.what();
+            read.text = fault.what() + rejection_mark(message.data);
         }
     }
     post(std::move(read));

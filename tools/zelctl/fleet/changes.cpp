@@ -107,9 +107,8 @@ int finish(const Options &options, FleetSession &session, const Manifest &manife
 
 int commit_and_wait(const Options &options, FleetSession &session, const Change &change, const Edit &edit)
 {
-    const std::set<std::string> nodes = session.nodes();
     const Manifest manifest = commit(session.store(), change, edit);
-    return finish(options, session, manifest, session.await(manifest.revision, nodes));
+    return finish(options, session, manifest, session.await(manifest, session.nodes()));
 }
 
 // Every node fetches, verifies and compares, and changes nothing.
@@ -186,7 +185,7 @@ int roll_out(const Options &options, FleetSession &session, const ChangeArgument
             return next;
         });
         change.expected = last.revision.sequence; // nobody else is to come between the stages
-        const Results results = session.await(last.revision, nodes, arguments.stop_on);
+        const Results results = session.await(last, nodes, arguments.stop_on);
         const auto refused =
             static_cast<std::size_t>(std::count_if(results.begin(), results.end(), [](const auto &one) {
                 return one.second.kind == NodeResult::Kind::refused;
@@ -201,7 +200,7 @@ int roll_out(const Options &options, FleetSession &session, const ChangeArgument
                 next.policies = before;
                 return next;
             });
-            const Results back = session.await(undone.revision, nodes);
+            const Results back = session.await(undone, nodes);
             print_results(options, session.group(), undone.revision, back);
             return exit_none;
         }

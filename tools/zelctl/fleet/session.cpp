@@ -35,14 +35,17 @@ Clock::time_point after(double seconds)
 }
 
 // What a status says about a revision; nothing as long as it is not settled.
-std::optional<NodeResult> settled(const Status &status, const std::string &group, const Revision &revision)
+std::optional<NodeResult> settled(const Status &status, const std::string &group, const Revision &revision,
+                                  const std::string &mark)
 {
     const GroupStatus *const found = group_of(status, group);
     if (found == nullptr || found->verdict == Verdict::pending || found->verdict == Verdict::none)
         return std::nullopt;
     const NodeResult result{NodeResult::Kind::done, std::string(name_of(found->verdict)), found->text};
-    if (found->verdict == Verdict::rejected)
-        return NodeResult{NodeResult::Kind::refused, result.verdict, result.text};
+    if (found->verdict == Verdict::rejected) // it does not say of which revision, but of which bytes
+        return found->text.ends_with(mark)
+                   ? std::optional(NodeResult{NodeResult::Kind::refused, result.verdict, result.text})
+                   : std::nullopt;
     if (found->wanted.epoch != revision.epoch || found->wanted.sequence < revision.sequence)
         return std::nullopt;
     if (found->wanted.sequence > revision.sequence)
@@ -78,13 +81,14 @@ std::set<std::string> FleetSession::nodes()
 
 // The statuses arrive by themselves.  At the end, those that the store has are looked at, too:
 // a message may have been lost on its way here.
-Results FleetSession::await(const Revision &revision, const std::set<std::string> &nodes, std::size_t stop_on)
+Results FleetSession::await(const Manifest &manifest, const std::set<std::string> &nodes, std::size_t stop_on)
 {
     Results results;
+    const std::string mark = rejection_mark(encode(manifest));
     std::size_t refused = 0;
     const auto take = [&](const Status &status) {
         const std::optional<NodeResult> result =
-            nodes.contains(status.node) ? settled(status, options_.group, revision) : std::nullopt;
+            nodes.contains(status.node) ? settled(status, options_.group, manifest.revision, mark) : std::nullopt;
         if (result && results.try_emplace(status.node, *result).second)
             refused += result->kind == NodeResult::Kind::refused ? 1 : 0;
     };

@@ -41,7 +41,7 @@ public:
 
     // Waits until every node has settled a revision, or as long as the options say.  Ends
     // early when so many nodes refuse.
-    Results await(const fleet::Revision &revision, const std::set<std::string> &nodes, std::size_t stop_on = SIZE_MAX);
+    Results await(const fleet::Manifest &manifest, const std::set<std::string> &nodes, std::size_t stop_on = SIZE_MAX);
 
     // Asks all nodes of the group, and waits for the answers of those that are given.
     std::map<std::string, fleet::Json> ask(const std::string &question, const std::set<std::string> &nodes);

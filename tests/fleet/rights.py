@@ -152,7 +152,7 @@ for subject in ("zel.status.n1", "$JS.API.DIRECT.GET.ZEL_OBJECTS.zel.obj.a.0", "
     assert not node.is_forbidden(publish(subject)), subject
 for subject in ("zel.rev.all", "zel.node.n1", "_INBOX_n1.x"):
     assert not node.is_forbidden(subscribe(subject)), subject
-for subject in ("zel.desired", "zel.desired.all", "zel.obj.a.0", "zel.push.all", "zel.rev.all", "zel.status.n2", "zel.node.n2",
+for subject in ("zel.desired", "zel.desired.all", "zel.obj.a.0", "zel.push.all", "zel.rev.all", "zel.status.n2", "zel.report.n2", "zel.node.n2",
                 "zel.group.all", "zel.ask.all", "zel.ask.node.n2", "_INBOX.x.y", "_INBOX_n2.x.y", "$JS.API.STREAM.INFO.ZEL_DESIRED",
                 "$JS.API.STREAM.PURGE.ZEL_DESIRED", "$JS.API.STREAM.DELETE.ZEL_DESIRED", "$JS.API.STREAM.MSG.DELETE.ZEL_STATUS",
                 "$JS.API.CONSUMER.CREATE.ZEL_STATUS", "$JS.API.DIRECT.GET.ZEL_STATUS.zel.status.n2",

@@ -170,9 +170,14 @@ inline std::string group_subject(const std::string &group) { return "zel.desired
 inline std::string revision_subject(const std::string &group) { return "zel.rev." + group; } // as republished
 inline std::string push_subject(const std::string &group) { return "zel.push." + group; } // objects ahead of a revision
 inline std::string status_subject(const std::string &node) { return "zel.status." + node; }
+inline std::string report_subject(const std::string &node) { return "zel.report." + node; } // the same, not kept
 inline std::string node_subject(const std::string &node) { return "zel.node." + node; }     // requests of the library
 inline std::string share_subject(const std::string &group) { return "zel.group." + group; } // the same, to all nodes
 inline std::string ask_subject(const std::string &group) { return "zel.ask." + group; }     // questions to agents
+
+// A status goes out at once to whoever listens.  The servers keep it, too, but not more than one
+// in this time for each node: keeping costs them more than passing on.
+constexpr uint64_t keep_status_ms = 1000;
 
 constexpr const char *fleet_subject = "zel.desired"; // the epoch
 constexpr const char *desired_stream = "ZEL_DESIRED";

@@ -81,6 +81,7 @@ void Agent::run(int stop)
         post(event::Tick{});
         turn();
         answer_plans();
+        keep_status();
         relay();
     }
 }
@@ -177,8 +178,19 @@ void Agent::perform(const action::Remove &remove)
 
 void Agent::perform(const action::Report &report)
 {
+    status_ = encode_status(report.status);
     if (bus_.is_connected())
-        bus_.publish(status_subject(options_.machine.node), encode_status(report.status));
+        bus_.publish(report_subject(options_.machine.node), status_);
+    keep_status();
+}
+
+void Agent::keep_status()
+{
+    const uint64_t now = milliseconds<std::chrono::steady_clock>();
+    if (status_.empty() || now < keep_status_at_ || !bus_.is_connected())
+        return;
+    keep_status_at_ = now + keep_status_ms;
+    bus_.publish(status_subject(options_.machine.node), std::exchange(status_, {}));
 }
 
 // ---- Servers and service

@@ -49,6 +49,7 @@ private:
     void perform(const fleet::action::Save &) {} // perform(actions) does it
     void perform(const fleet::action::Drop &drop) { state_.drop(drop.hashes); }
     void perform(const fleet::action::Report &report);
+    void keep_status();
 
     void watch_servers();
     void watch_service();
@@ -85,6 +86,8 @@ private:
     std::deque<std::string> push_order_;
     std::size_t push_bytes_ = 0;
     std::vector<Plan> plans_;
+    std::string status_; // to be kept by the servers
+    uint64_t keep_status_at_ = 0;
     uint64_t connections_ = 0;
     bool has_service_ = false;
     uint64_t look_for_service_at_ = 0;

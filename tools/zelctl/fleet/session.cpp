@@ -60,7 +60,7 @@ FleetSession::FleetSession(const FleetOptions &options)
     : options_(options), bus_(options.servers, Bus::Start::connected), key_(read_key(options.key_file)),
       store_(bus_, key_ ? &*key_ : nullptr)
 {
-    bus_.subscribe("zel.status.*");
+    bus_.subscribe("zel.report.*");
 }
 
 Change FleetSession::change(const std::string &comment) const { return {options_.group, options_.author, comment, {}}; }

@@ -45,7 +45,7 @@ def measure(build, nodes, rules, rate, revisions, agents=AGENTS):
         assert done.returncode == 0, done.stderr
         result = json.loads(done.stdout)
         memory = [int(next(line.split()[1] for line in open(f"/proc/{node.agent.process.pid}/status")
-                           if line.startswith("VmHWM"))) for node in fleet.nodes.values()]
+                           if line.startswith("VmHWM"))) for node in fleet.nodes.values()] or [0]
         result["agent_mb"] = round(max(memory) / 1024, 1)
         for simulator in simulators:
             simulator.kill()

@@ -18,7 +18,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <deque>
 #include <fcntl.h>
 #include <memory>
 #include <netinet/tcp.h>
@@ -44,10 +43,24 @@ uint64_t now_ms()
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// Objects that came ahead of their revision.  Every node gets a copy; the process keeps one.
-std::map<std::string, std::string> pushed;
-std::deque<std::string> push_order;
 std::set<Hash> verified;
+
+// The nodes of a process receive the same manifest; it is decoded for the first of them.
+struct Received {
+    ManifestPtr manifest;
+    Attachments attachments;
+};
+
+const Received &decode(std::string_view bytes)
+{
+    static std::string last;
+    static Received received;
+    if (bytes != last) {
+        received = {std::make_shared<const Manifest>(decode_manifest(bytes)), attachments_of(bytes)};
+        last = bytes;
+    }
+    return received;
+}
 
 class Node {
 public:
@@ -68,8 +81,8 @@ public:
             throw std::runtime_error("cannot connect");
         fcntl(socket_, F_SETFL, O_NONBLOCK);
         send(fmt::format("CONNECT {{\"verbose\":false,\"headers\":true,\"no_responders\":true}}\r\n"
-                         "SUB {} 1\r\nSUB {} 2\r\nSUB _S.{}.> 3\r\n",
-                         revision_subject(options_.group), push_subject(options_.group), name_));
+                         "SUB {} 1\r\nSUB _S.{}.> 2\r\n",
+                         revision_subject(options_.group), name_));
         request(fmt::format("$JS.API.DIRECT.GET.{}.{}", desired_stream, group_subject(options_.group)), "m");
         report();
     }
@@ -149,8 +162,6 @@ private:
     void message(const std::string &subject, std::string_view data)
     {
         const std::string inbox = fmt::format("_S.{}.", name_);
-        if (subject == push_subject(options_.group))
-            return keep_pushed(data);
         if (!subject.starts_with(inbox) || subject == inbox + "m")
             return learn(data);
         const std::string token = subject.substr(inbox.size()); // HASH.PART
@@ -168,41 +179,29 @@ private:
         verify(found->first, parts);
     }
 
-    static void keep_pushed(std::string_view data)
-    {
-        const std::string hash(data.substr(0, 32));
-        if (!pushed.try_emplace(hash, data.substr(36)).second)
-            return;
-        push_order.push_back(hash);
-        if (push_order.size() > 64) {
-            pushed.erase(push_order.front());
-            push_order.pop_front();
-        }
-    }
-
     void learn(std::string_view data)
     {
         if (data.empty())
             return;
-        auto manifest = std::make_unique<Manifest>(decode_manifest(data));
+        const Received &received = decode(data);
+        const ManifestPtr &manifest = received.manifest;
         if (wanted_ != nullptr && wanted_->revision.epoch == manifest->revision.epoch &&
             wanted_->revision.sequence >= manifest->revision.sequence)
             return;
-        wanted_ = std::move(manifest);
+        wanted_ = manifest;
         missing_.clear();
         for (const auto &[key, entry] : wanted_->policies)
             if (!has_.contains(entry.hash))
                 missing_[entry.hash].resize(entry.parts);
         for (const auto &[key, entry] : wanted_->policies)
             if (missing_.contains(entry.hash))
-                obtain(entry);
+                obtain(entry, received.attachments);
         finish();
     }
 
-    void obtain(const Entry &entry)
+    void obtain(const Entry &entry, const Attachments &attachments)
     {
-        const auto found = pushed.find(std::string(entry.hash.bytes.begin(), entry.hash.bytes.end()));
-        if (found != pushed.end())
+        if (const auto found = attachments.find(entry.hash); found != attachments.end())
             return verify(entry.hash, found->second);
         for (uint32_t part = 0; part < entry.parts; ++part)
             request(fmt::format("$JS.API.DIRECT.GET.{}.{}", object_stream, object_subject(entry.hash, part)),
@@ -264,7 +263,7 @@ private:
     uint16_t port_;
     int socket_ = -1;
     std::string buffer_;
-    std::unique_ptr<Manifest> wanted_;
+    ManifestPtr wanted_;
     Revision applied_;
     std::set<Hash> has_;
     std::map<Hash, std::vector<std::string>> missing_;

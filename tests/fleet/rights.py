@@ -152,14 +152,14 @@ for subject in ("zel.status.n1", "$JS.API.DIRECT.GET.ZEL_OBJECTS.zel.obj.a.0", "
     assert not node.is_forbidden(publish(subject)), subject
 for subject in ("zel.rev.all", "zel.node.n1", "_INBOX_n1.x"):
     assert not node.is_forbidden(subscribe(subject)), subject
-for subject in ("zel.desired", "zel.desired.all", "zel.obj.a.0", "zel.push.all", "zel.rev.all", "zel.status.n2", "zel.report.n2", "zel.node.n2",
+for subject in ("zel.desired", "zel.desired.all", "zel.obj.a.0", "zel.rev.all", "zel.status.n2", "zel.report.n2", "zel.node.n2",
                 "zel.group.all", "zel.ask.all", "zel.ask.node.n2", "_INBOX.x.y", "_INBOX_n2.x.y", "$JS.API.STREAM.INFO.ZEL_DESIRED",
                 "$JS.API.STREAM.PURGE.ZEL_DESIRED", "$JS.API.STREAM.DELETE.ZEL_DESIRED", "$JS.API.STREAM.MSG.DELETE.ZEL_STATUS",
                 "$JS.API.CONSUMER.CREATE.ZEL_STATUS", "$JS.API.DIRECT.GET.ZEL_STATUS.zel.status.n2",
                 "$JS.API.DIRECT.GET.ZEL_DESIRED.zel.desired.secret"):
     assert node.is_forbidden(publish(subject)), f"n1 may publish to {subject}"
 for subject in (">", "zel.>", "zel.status.*", "zel.status.n2", "zel.node.n2", "zel.ask.node.n2", "zel.rev.*", "zel.rev.secret",
-                "zel.push.secret", "zel.group.secret", "_INBOX.>", "_INBOX_n2.>", "$JS.>"):
+                "zel.group.secret", "_INBOX.>", "_INBOX_n2.>", "$JS.>"):
     assert node.is_forbidden(subscribe(subject)), f"n1 may subscribe to {subject}"
 
 # Hostile traffic, from a controller that went mad and from a node within its rights.
@@ -167,7 +167,7 @@ rng = random.Random(3)
 hostile = Raw("controller")
 seed = open(secret, "rb").read() * 20
 for i in range(5000):
-    subject = rng.choice(["zel.push.all", "zel.ask.all", "zel.node.n1", "zel.group.all", "zel.ask.node.n1"])
+    subject = rng.choice(["zel.ask.all", "zel.node.n1", "zel.group.all", "zel.ask.node.n1"])
     data = bytes(rng.randrange(256) for _ in range(rng.randrange(60)))
     if i % 3 == 0:
         data = rng.choice([b"plan\n", b"stats\n", b"retry", b"drift", b"ZM1\n", b"\x01BOK"]) + data + seed[:rng.randrange(200)]

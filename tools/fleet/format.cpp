@@ -15,7 +15,7 @@ static_assert(sizeof(Hash::bytes) == crypto_generichash_BYTES);
 static_assert(sizeof(PublicKey) == crypto_sign_PUBLICKEYBYTES && sizeof(SecretKey) == crypto_sign_SECRETKEYBYTES);
 
 constexpr std::string_view magic = "ZM1\n";
-constexpr std::size_t header_size = magic.size() + sizeof(PublicKey) + crypto_sign_BYTES;
+constexpr std::size_t header_size = magic.size() + sizeof(PublicKey) + crypto_sign_BYTES + sizeof(uint32_t);
 constexpr std::size_t max_manifest = 16 * 1024 * 1024; // uncompressed
 
 const unsigned char *bytes_of(std::string_view text) { return reinterpret_cast<const unsigned char *>(text.data()); }
@@ -202,7 +202,36 @@ bool is_in_stage(const Manifest &manifest, std::string_view node)
     return number % whole_fleet < manifest.stage;
 }
 
-std::string encode_manifest(const Manifest &manifest, const SecretKey *secret_key)
+namespace {
+
+void append_number(std::string &bytes, std::size_t number)
+{
+    const auto value = static_cast<uint32_t>(number);
+    bytes.append(reinterpret_cast<const char *>(&value), sizeof value);
+}
+
+// Takes bytes off the front; throws BadData when there are fewer.
+std::string_view take(std::string_view &bytes, std::size_t size)
+{
+    if (bytes.size() < size)
+        throw BadData("not a manifest: cut short");
+    const std::string_view taken = bytes.substr(0, size);
+    bytes.remove_prefix(size);
+    return taken;
+}
+
+std::size_t take_number(std::string_view &bytes)
+{
+    uint32_t value = 0;
+    std::memcpy(&value, take(bytes, sizeof value).data(), sizeof value);
+    return value;
+}
+
+} // namespace
+
+// The mark, key and signature, the length of the content and the content, then each attachment
+// with its hash and length.
+std::string encode_manifest(const Manifest &manifest, const SecretKey *secret_key, const Attachments &attachments)
 {
     const std::string content = compress(manifest_to_json(manifest).dump());
     std::array<unsigned char, crypto_sign_BYTES> signature{};
@@ -214,22 +243,53 @@ std::string encode_manifest(const Manifest &manifest, const SecretKey *secret_ke
     std::string bytes(magic);
     bytes.append(key.begin(), key.end());
     bytes.append(signature.begin(), signature.end());
-    return bytes + content;
+    append_number(bytes, content.size());
+    bytes += content;
+    for (const auto &[hash, parts] : attachments) {
+        bytes.append(hash.bytes.begin(), hash.bytes.end());
+        append_number(bytes, parts.size());
+        bytes += parts;
+    }
+    return bytes;
 }
 
 Manifest decode_manifest(std::string_view bytes, std::span<const PublicKey> keys)
 {
     if (bytes.size() < header_size || !bytes.starts_with(magic))
         throw BadData("not a manifest");
-    const std::string_view key = bytes.substr(magic.size(), sizeof(PublicKey));
-    const std::string_view signature = bytes.substr(magic.size() + key.size(), crypto_sign_BYTES);
-    const std::string_view content = bytes.substr(header_size);
+    take(bytes, magic.size());
+    const std::string_view key = take(bytes, sizeof(PublicKey));
+    const std::string_view signature = take(bytes, crypto_sign_BYTES);
+    const std::string_view content = take(bytes, take_number(bytes));
     if (!keys.empty())
         check_signature(key, signature, content, keys);
     return read_json(decompress(content, max_manifest), "manifest", manifest_from_json);
 }
 
-std::string rejection_mark(std::string_view bytes) { return " [" + hash_of(bytes).hex().substr(0, 16) + "]"; }
+Attachments attachments_of(std::string_view bytes)
+{
+    Attachments attachments;
+    take(bytes, header_size - sizeof(uint32_t));
+    take(bytes, take_number(bytes));
+    while (!bytes.empty()) {
+        Hash hash;
+        std::memcpy(hash.bytes.data(), take(bytes, hash.bytes.size()).data(), hash.bytes.size());
+        attachments[hash] = take(bytes, take_number(bytes));
+    }
+    return attachments;
+}
+
+// Without the attachments.
+std::string rejection_mark(std::string_view bytes)
+{
+    std::string_view rest = bytes;
+    if (bytes.size() >= header_size && bytes.starts_with(magic)) {
+        take(rest, header_size - sizeof(uint32_t));
+        const std::size_t content = take_number(rest);
+        bytes = bytes.substr(0, header_size + std::min(content, rest.size()));
+    }
+    return " [" + hash_of(bytes).hex().substr(0, 16) + "]";
+}
 
 std::vector<std::string> encode_object(std::string_view message)
 {

@@ -106,8 +106,18 @@ SecretKey secret_key_from_hex(std::string_view hex); // throws BadData
 
 // ---- Bytes in the store
 
-// secret_key may be null.
-std::string encode_manifest(const Manifest &manifest, const SecretKey *secret_key = nullptr);
+// Objects that travel with a manifest, so that nodes need not fetch them: the stored bytes of
+// objects of one part, by hash.
+using Attachments = std::map<Hash, std::string>;
+constexpr std::size_t max_attached = 256 * 1024; // bytes of all attachments
+
+// secret_key may be null.  The signature does not cover attachments: their hashes are in the
+// manifest.
+std::string encode_manifest(const Manifest &manifest, const SecretKey *secret_key = nullptr,
+                            const Attachments &attachments = {});
+
+// What came with a manifest.  Only the lengths are checked: decode_object() compares the hash.
+Attachments attachments_of(std::string_view bytes);
 
 // Names the bytes of a manifest in the text of a rejection, so that its writer recognises them.
 std::string rejection_mark(std::string_view bytes);
@@ -168,7 +178,6 @@ inline std::string object_subject(const Hash &hash, uint32_t part)
 }
 inline std::string group_subject(const std::string &group) { return "zel.desired." + group; }
 inline std::string revision_subject(const std::string &group) { return "zel.rev." + group; } // as republished
-inline std::string push_subject(const std::string &group) { return "zel.push." + group; } // objects ahead of a revision
 inline std::string status_subject(const std::string &node) { return "zel.status." + node; }
 inline std::string report_subject(const std::string &node) { return "zel.report." + node; } // the same, not kept
 inline std::string node_subject(const std::string &node) { return "zel.node." + node; }     // requests of the library

@@ -221,10 +221,24 @@ bool Store::publish(const std::string &subject, std::string_view data, uint64_t 
     return false;
 }
 
+Attachments Store::attachments_for(const Manifest &manifest) const
+{
+    Attachments attachments;
+    std::size_t room = std::min(max_attached, bus_.max_payload() / 2);
+    for (const auto &[key, entry] : manifest.policies) {
+        const auto found = fresh_.find(entry.hash);
+        if (found == fresh_.end() || found->second.size() > room || !attachments.insert(*found).second)
+            continue;
+        room -= found->second.size();
+    }
+    return attachments;
+}
+
 ManifestStore::Write Store::write(const Manifest &manifest, uint64_t position)
 {
     try {
-        return publish(group_subject(manifest.group), encode_manifest(manifest, secret_key_), position)
+        return publish(group_subject(manifest.group), encode_manifest(manifest, secret_key_, attachments_for(manifest)),
+                       position)
                    ? Write::done
                    : Write::conflict;
     } catch (const BusDenied &) {
@@ -249,7 +263,7 @@ std::vector<ManifestPtr> Store::history(const std::string &group)
 
 // ---- Objects
 
-Entry Store::put_object(std::string_view message, const std::string &group)
+Entry Store::put_object(std::string_view message)
 {
     if (message.size() > max_object)
         throw BadData(fmt::format("a policy of {} bytes is too large", message.size()));
@@ -257,11 +271,8 @@ Entry Store::put_object(std::string_view message, const std::string &group)
     const Entry entry{hash_of(message), static_cast<uint32_t>(message.size()), static_cast<uint32_t>(parts.size()), 0};
     for (uint32_t part = 0; part < entry.parts; ++part)
         patiently([&] { return publish(object_subject(entry.hash, part), parts[part], 0); });
-    if (parts.size() == 1) {
-        std::string ahead(entry.hash.bytes.begin(), entry.hash.bytes.end());
-        ahead.append(reinterpret_cast<const char *>(&entry.size), sizeof entry.size);
-        bus_.publish(push_subject(group), ahead + parts.front());
-    }
+    if (parts.size() == 1)
+        fresh_[entry.hash] = parts.front();
     return entry;
 }
 

@@ -29,8 +29,9 @@ public:
     // The revisions that the store has kept and that can be read, oldest first.
     std::vector<ManifestPtr> history(const std::string &group);
 
-    // Stores a policy message unless it is there, and sends it ahead to the group.
-    Entry put_object(std::string_view message, const std::string &group);
+    // Stores a policy message unless it is there.  A manifest that this store writes later and
+    // that names it carries it along, if there is room.
+    Entry put_object(std::string_view message);
     std::string object(const Entry &entry); // the message
 
     // The last status of every node.  Those that cannot be read are left out.
@@ -42,6 +43,7 @@ private:
     };
 
     void add_stream(jsStreamConfig &config);
+    Attachments attachments_for(const Manifest &manifest) const;
     bool publish(const std::string &subject, std::string_view data, uint64_t position);
     Current read_current(const std::string &group);
     ManifestPtr last_readable(const std::string &group);
@@ -52,6 +54,7 @@ private:
     Bus &bus_;
     const SecretKey *secret_key_;
     std::unique_ptr<jsCtx, Destroy> js_;
+    Attachments fresh_; // objects that were put
     std::string epoch_;
 };
 

@@ -20,11 +20,10 @@ using namespace fleet;
 namespace {
 
 constexpr int tick_ms = 100;
-constexpr uint64_t look_ms = 250;                   // between two looks for an absent service
-constexpr uint64_t relay_ms = 2000;                 // between two attempts to serve the node's subject
-constexpr std::size_t max_pushed = 8 * 1024 * 1024; // bytes of objects that came ahead of their revision
-constexpr std::size_t push_header = 32 + sizeof(uint32_t);
-constexpr uint64_t plan_ms = 5000; // for the objects of a dry run
+constexpr uint64_t look_ms = 250;                        // between two looks for an absent service
+constexpr uint64_t relay_ms = 2000;                      // between two attempts to serve the node's subject
+constexpr std::size_t max_attachments = 8 * 1024 * 1024; // bytes of objects that came with a manifest
+constexpr uint64_t plan_ms = 5000;                       // for the objects of a dry run
 
 template <class Clock> uint64_t milliseconds()
 {
@@ -53,7 +52,6 @@ Agent::Agent(const Options &options)
     bus_.subscribe(ask_node_subject(options_.machine.node));
     for (const std::string &group : options_.machine.groups) {
         bus_.subscribe(revision_subject(group));
-        bus_.subscribe(push_subject(group));
         bus_.subscribe(ask_subject(group));
     }
 }
@@ -126,10 +124,9 @@ void Agent::perform(const action::Fetch &fetch)
 {
     const Entry &entry = fetch.entry;
     const std::string hash = entry.hash.hex();
-    if (const auto pushed = pushed_.find(hash); pushed != pushed_.end()) {
+    if (const auto attached = attachments_.find(entry.hash); attached != attachments_.end()) {
         std::string text;
-        if (pushed->second.first == entry.size &&
-            store(entry, pushed->second.second, text) == event::Object::Result::stored)
+        if (store(entry, attached->second, text) == event::Object::Result::stored)
             return post(event::Object{entry.hash, event::Object::Result::stored, {}});
     }
     if (!bus_.is_connected())
@@ -289,8 +286,6 @@ void Agent::receive(const BusMessage &message)
         return receive_answer(message, subject.substr(bus_.inbox().size() + 1));
     if (subject.starts_with("zel.ask."))
         return answer_question(message);
-    if (subject.starts_with("zel.push."))
-        return receive_push(message.data);
     const std::string group(subject.substr(subject.rfind('.') + 1));
     try {
         post(event::Pushed{decode(message, group)});
@@ -299,11 +294,12 @@ void Agent::receive(const BusMessage &message)
     }
 }
 
-ManifestPtr Agent::decode(const BusMessage &message, const std::string &group) const
+ManifestPtr Agent::decode(const BusMessage &message, const std::string &group)
 {
     Manifest manifest = decode_manifest(message.data, options_.keys);
     if (manifest.group != group)
         throw BadData("the manifest is that of another group");
+    keep_attachments(message.data);
     return std::make_shared<const Manifest>(std::move(manifest));
 }
 
@@ -385,24 +381,21 @@ event::Object::Result Agent::store(const Entry &entry, std::string_view parts, s
     return event::Object::Result::stored;
 }
 
-// An object ahead of its revision: hash, size and its one part.  It is checked when a manifest
-// asks for it.
-void Agent::receive_push(const std::string &data)
+// Objects that came with a manifest are stored, and checked, when the machine asks for them.
+void Agent::keep_attachments(std::string_view manifest)
 {
-    if (data.size() <= push_header || data.size() > max_pushed / 4)
-        return;
-    uint32_t size = 0;
-    std::memcpy(&size, data.data() + 32, sizeof size);
-    const std::string hash = to_hex({reinterpret_cast<const unsigned char *>(data.data()), 32});
-    if (!pushed_.try_emplace(hash, size, data.substr(push_header)).second)
-        return;
-    push_order_.push_back(hash);
-    push_bytes_ += data.size();
-    while (push_bytes_ > max_pushed) {
-        const auto oldest = pushed_.find(push_order_.front());
-        push_bytes_ -= oldest->second.second.size() + push_header;
-        pushed_.erase(oldest);
-        push_order_.pop_front();
+    for (auto &[hash, parts] : attachments_of(manifest)) {
+        const std::size_t size = parts.size();
+        if (size > max_attachments || !attachments_.try_emplace(hash, std::move(parts)).second)
+            continue;
+        attachment_order_.push_back(hash);
+        attachment_bytes_ += size;
+    }
+    while (attachment_bytes_ > max_attachments) {
+        const auto oldest = attachments_.find(attachment_order_.front());
+        attachment_bytes_ -= oldest->second.size();
+        attachments_.erase(oldest);
+        attachment_order_.pop_front();
     }
 }
 

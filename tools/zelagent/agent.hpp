@@ -60,8 +60,8 @@ private:
     void receive_answer(const fleet::BusMessage &message, std::string_view token);
     void receive_manifest(const fleet::BusMessage &message, std::string_view token);
     void receive_part(const fleet::BusMessage &message, std::string_view token);
-    void receive_push(const std::string &data);
-    fleet::ManifestPtr decode(const fleet::BusMessage &message, const std::string &group) const;
+    void keep_attachments(std::string_view manifest);
+    fleet::ManifestPtr decode(const fleet::BusMessage &message, const std::string &group);
     void finish_fetch(Fetch fetch);
     fleet::event::Object::Result store(const fleet::Entry &entry, std::string_view parts, std::string &text);
 
@@ -81,10 +81,10 @@ private:
     LocalService service_;
     fleet::Bus bus_;
     std::deque<fleet::Event> events_;
-    std::map<std::string, Fetch> fetches_;                           // by hash
-    std::map<std::string, std::pair<uint32_t, std::string>> pushed_; // size and parts, by hash
-    std::deque<std::string> push_order_;
-    std::size_t push_bytes_ = 0;
+    std::map<std::string, Fetch> fetches_; // by hash
+    fleet::Attachments attachments_;
+    std::deque<fleet::Hash> attachment_order_;
+    std::size_t attachment_bytes_ = 0;
     std::vector<Plan> plans_;
     std::string status_; // to be kept by the servers
     uint64_t keep_status_at_ = 0;

@@ -63,7 +63,7 @@ PolicySet put_objects(FleetSession &session, const PolicyMessages &messages, uin
 {
     PolicySet set;
     for (const auto &[key, message] : messages) {
-        Entry entry = session.store().put_object(message, session.group());
+        Entry entry = session.store().put_object(message);
         entry.expires = expire != 0 ? wall_ms() / 1000 + expire : 0;
         set[key] = entry;
     }

@@ -91,7 +91,7 @@ assert relayed.returncode == 0, relayed.stderr
 # An observer looks, and cannot change anything.
 observer = dict(fleet.env, **files("observer"))
 fleet.env, controller = observer, fleet.env
-assert fleet.zelctl("nodes")[0] == 0
+wait_for(lambda: fleet.zelctl("nodes")[0] == 0, what="nodes that an observer sees")
 assert fleet.zelctl("log")[0] == 0
 assert fleet.zelctl("apply", fleet.policy(1, 9))[0] not in (0, 10, 11, 12)
 fleet.env = controller

@@ -56,6 +56,10 @@ def measure(build, nodes, rules, rate, revisions, agents=AGENTS):
 
 def main():
     build, which = sys.argv[1], sys.argv[2:] or list(CASES)
+    fleet = Fleet(build)
+    print(subprocess.run([f"{build}/tests/nats/request_latency", f"127.0.0.1:{fleet.ports[0]}"], check=True,
+                         capture_output=True, text=True).stdout, end="")
+    fleet.stop()
     print(f"{'case':>6} {'nodes':>6} {'rules':>6} {'rate/s':>7} {'p50 ms':>8} {'p99 ms':>8} {'max ms':>8} {'complete':>9} "
           f"{'agent MB':>9} {'load':>5}")
     for name in which:

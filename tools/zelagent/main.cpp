@@ -54,6 +54,9 @@ void add_options(CLI::App &app, Arguments &arguments)
     app.add_option("--state", options.state, "file that keeps what was applied")->required();
     app.add_option("--key", arguments.keys, "public key that manifests must be signed with; several are possible");
     app.add_option("--own-app", arguments.own_apps, "application whose policies all come from the fleet: others go");
+    app.add_option("--read-every", options.machine.read_ms, "milliseconds between two looks at the store, on average")
+        ->check(CLI::Range(100U, 3600000U))
+        ->capture_default_str();
     const std::string group = "The service beside the agent";
     ServiceOptions &service = options.service;
     app.add_option("--service", service.address, "its address")->capture_default_str()->group(group);

@@ -101,6 +101,8 @@ public:
         while (const std::size_t used = take(std::string_view(buffer_).substr(at)))
             at += used;
         buffer_.erase(0, at);
+        if (!newest_.empty())
+            follow(std::exchange(newest_, {}));
         return true;
     }
 
@@ -163,7 +165,7 @@ private:
     {
         const std::string inbox = fmt::format("_S.{}.", name_);
         if (!subject.starts_with(inbox) || subject == inbox + "m")
-            return learn(data);
+            return (void)newest_.assign(data);                  // of several that came at once, the last is followed
         const std::string token = subject.substr(inbox.size()); // HASH.PART
         const std::size_t dot = token.find('.');
         const auto found = missing_.find(hash_from_hex(token.substr(0, dot)));
@@ -179,10 +181,8 @@ private:
         verify(found->first, parts);
     }
 
-    void learn(std::string_view data)
+    void follow(const std::string &data)
     {
-        if (data.empty())
-            return;
         const Received &received = decode(data);
         const ManifestPtr &manifest = received.manifest;
         if (wanted_ != nullptr && wanted_->revision.epoch == manifest->revision.epoch &&
@@ -263,6 +263,7 @@ private:
     uint16_t port_;
     int socket_ = -1;
     std::string buffer_;
+    std::string newest_; // manifest that came and is not looked at yet
     ManifestPtr wanted_;
     Revision applied_;
     std::set<Hash> has_;

@@ -194,7 +194,7 @@ natsStatus make_inbox(char (&inbox)[max_subject])
 
 uint32_t part_limit(natsConnection *connection)
 {
-    constexpr int64_t most = 512 * 1024;
+    constexpr int64_t most = int64_t{512} * 1024;
     const int64_t allowed = natsConnection_GetMaxPayload(connection) - static_cast<int64_t>(sizeof(platform::Frame));
     return static_cast<uint32_t>(std::clamp<int64_t>(allowed, 1, most));
 }

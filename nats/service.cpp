@@ -22,13 +22,13 @@ namespace zel::nats {
 
 namespace {
 
-constexpr uint32_t num_requests = 1024;                // remembered, so that a copy is recognised
-constexpr uint32_t largest_kept_answer = 1024 * 1024;  // bytes
-constexpr uint64_t all_kept_answers = 4 * 1024 * 1024; // bytes
-constexpr uint32_t queue_capacity = 4096;              // packets
-constexpr int64_t probe_ms = 500;                      // for an answer of the service that has the subject
-constexpr int64_t rival_ms = 100;                      // for the answers of services that start at the same time
-constexpr std::size_t name_size = 24;                  // of a service, with the final NUL
+constexpr uint32_t num_requests = 1024;                          // remembered, so that a copy is recognised
+constexpr uint32_t largest_kept_answer = 1024 * 1024;            // bytes
+constexpr uint64_t all_kept_answers = uint64_t{4} * 1024 * 1024; // bytes
+constexpr uint32_t queue_capacity = 4096;                        // packets
+constexpr int64_t probe_ms = 500;                                // for an answer of the service that has the subject
+constexpr int64_t rival_ms = 100;     // for the answers of services that start at the same time
+constexpr std::size_t name_size = 24; // of a service, with the final NUL
 
 // Packets between the two threads.
 class Queue {

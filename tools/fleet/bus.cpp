@@ -15,7 +15,7 @@ namespace fleet {
 
 namespace {
 
-constexpr std::size_t max_queued = 64 * 1024 * 1024; // bytes; more is dropped, as by the servers
+constexpr std::size_t max_queued = std::size_t{64} * 1024 * 1024; // bytes; more is dropped, as by the servers
 constexpr std::chrono::milliseconds patience{2000};
 
 void check(natsStatus status, const std::string &what)
@@ -33,7 +33,7 @@ BusMessage to_message(natsMsg *message)
                       {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))},
                       200};
     if (natsMsgHeader_Get(message, "Status", &status) == NATS_OK)
-        result.status = std::atoi(status);
+        result.status = static_cast<int>(std::strtol(status, nullptr, 10));
     return result;
 }
 

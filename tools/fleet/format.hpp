@@ -109,7 +109,7 @@ SecretKey secret_key_from_hex(std::string_view hex); // throws BadData
 // Objects that travel with a manifest, so that nodes need not fetch them: the stored bytes of
 // objects of one part, by hash.
 using Attachments = std::map<Hash, std::string>;
-constexpr std::size_t max_attached = 256 * 1024; // bytes of all attachments
+constexpr std::size_t max_attached = std::size_t{256} * 1024; // bytes of all attachments
 
 // secret_key may be null.  The signature does not cover attachments: their hashes are in the
 // manifest.
@@ -126,8 +126,8 @@ std::string rejection_mark(std::string_view bytes);
 // signed it.
 Manifest decode_manifest(std::string_view bytes, std::span<const PublicKey> keys = {});
 
-constexpr uint32_t max_object = 64 * 1024 * 1024; // bytes of a message
-constexpr std::size_t object_part = 512 * 1024;   // bytes of a stored part
+constexpr uint32_t max_object = 64 * 1024 * 1024;            // bytes of a message
+constexpr std::size_t object_part = std::size_t{512} * 1024; // bytes of a stored part
 
 // Compressed, in parts.
 std::vector<std::string> encode_object(std::string_view message);

@@ -20,10 +20,10 @@ using namespace fleet;
 namespace {
 
 constexpr int tick_ms = 100;
-constexpr uint64_t look_ms = 250;                        // between two looks for an absent service
-constexpr uint64_t relay_ms = 2000;                      // between two attempts to serve the node's subject
-constexpr std::size_t max_attachments = 8 * 1024 * 1024; // bytes of objects that came with a manifest
-constexpr uint64_t plan_ms = 5000;                       // for the objects of a dry run
+constexpr uint64_t look_ms = 250;   // between two looks for an absent service
+constexpr uint64_t relay_ms = 2000; // between two attempts to serve the node's subject
+constexpr std::size_t max_attachments = std::size_t{8} * 1024 * 1024; // bytes of objects that came with a manifest
+constexpr uint64_t plan_ms = 5000;                                    // for the objects of a dry run
 
 template <class Clock> uint64_t milliseconds()
 {

@@ -19,7 +19,7 @@ for product in "$@"; do
     need "checked library calls" "__[a-z]+_chk"
     # The functions that others call begin with a landing pad. The mark of the whole file is
     # up to the system's start-up files.
-    if [ "$(uname -m)" = x86_64 ]; then
+    if echo "$said" | grep -qE "Machine: +Advanced Micro Devices X86-64" && echo "$said" | grep -q ELF64; then
         pads=$(objdump -d --no-show-raw-insn "$product" | grep -cE "endbr(32|64)" || true)
         exports=$(readelf --dyn-syms -W "$product" | grep -cE "FUNC +GLOBAL +DEFAULT +[0-9]+ " || true)
         [ "$pads" -ge "$exports" ] && [ "$pads" -gt 20 ] || {

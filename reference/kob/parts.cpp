@@ -119,9 +119,9 @@ Step Inbound::finish(const Frame &frame, kob_msg &msg, Fault &fault)
     return Step::message;
 }
 
-uint32_t Outbound::next_length()
+uint32_t Outbound::next_length(uint32_t largest_part)
 {
-    const uint32_t largest = frame.in_parts != 0 ? part_size : KOB_PLAIN_LIMIT;
+    const uint32_t largest = frame.in_parts != 0 ? largest_part : KOB_PLAIN_LIMIT;
     frame.offset = sent;
     return std::min(frame.total - sent, largest);
 }

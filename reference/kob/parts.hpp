@@ -87,8 +87,8 @@ struct Outbound {
     bool is_done;
 
     // Prepares the header of the next packet; returns the length of its content, which
-    // begins at payload + sent.
-    uint32_t next_length();
+    // begins at payload + sent.  A part has at most largest_part bytes of content.
+    uint32_t next_length(uint32_t largest_part = part_size);
 
     // Notes that the packet has gone.
     void advance(uint32_t length);

@@ -16,6 +16,10 @@ enum ExitCode : int {
     exit_bad_input = 3,  // a file, or what is in it
     exit_no_service = 4, // no service, no answer, or no understandable one
     exit_failed = 5,     // anything else: out of memory, output that cannot be written
+    // A change of a fleet:
+    exit_some = 10,   // some nodes refused it
+    exit_none = 11,   // all nodes that answered refused it
+    exit_silent = 12, // none refused it, and not all answered
 };
 
 struct Options {
@@ -46,5 +50,6 @@ void add_stats_command(const CommandLine &line);
 void add_traffic_command(const CommandLine &line);
 void add_codec_commands(const CommandLine &line);
 void add_import_commands(const CommandLine &line);
+void add_fleet_commands(const CommandLine &line);
 
 } // namespace zelctl

@@ -1,12 +1,15 @@
 // zelctl: the command line client of the policy service.
+#include "tools/fleet/store.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
 #include "tools/text/safe_text.hpp"
+#include "tools/transport/nats_options.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"
 
 #include <fmt/core.h>
+#include <sodium.h>
 
 #include <cstdio>
 #include <cstring>
@@ -19,7 +22,7 @@ void add_global_options(CLI::App &app, Options &options)
 {
     app.add_option("--service", options.service, "Where the service listens")
         ->envname("ZEL_SERVICE")
-        ->type_name("unix:PATH")
+        ->type_name("unix:PATH|nats://HOST/SUBJECT|tls://HOST/SUBJECT")
         ->capture_default_str();
     app.add_option("--timeout", options.timeout, "Seconds to wait for an answer")
         ->type_name("SECONDS")
@@ -52,6 +55,12 @@ int run(const Command &command)
         return complain(fault, exit_bad_input);
     } catch (const NoService &fault) {
         return complain(fault, exit_no_service);
+    } catch (const fleet::BusError &fault) {
+        return complain(fault, exit_no_service);
+    } catch (const fleet::Conflict &fault) {
+        return complain(fault, exit_no_service);
+    } catch (const fleet::BadData &fault) {
+        return complain(fault, exit_bad_input);
     } catch (const CLI::Error &fault) {
         return complain(fault, exit_usage);
     } catch (const std::exception &fault) {
@@ -65,17 +74,20 @@ int run_command_line(int argc, char **argv)
                  "and looks into messages.",
                  "zelctl");
     Options options;
+    tools::NatsOptions nats_options;
     Command chosen;
     const CommandLine line{app, options, chosen};
     app.require_subcommand(1);
     app.fallthrough();
     add_global_options(app, options);
+    tools::add_nats_options(app, nats_options);
     add_policy_commands(line);
     add_stats_command(line);
     add_traffic_command(line);
     add_send_command(line);
     add_codec_commands(line);
     add_import_commands(line);
+    add_fleet_commands(line);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &fault) {
@@ -85,7 +97,10 @@ int run_command_line(int argc, char **argv)
         fmt::print(stderr, "zelctl: the ZEL_TRACE variables cannot be followed: {}\n", std::strerror(error));
         return exit_usage;
     }
-    return run(chosen);
+    return run([&] {
+        tools::enable_nats(nats_options);
+        return chosen();
+    });
 }
 
 } // namespace
@@ -94,7 +109,7 @@ int run_command_line(int argc, char **argv)
 int main(int argc, char **argv)
 {
     try {
-        return zelctl::run_command_line(argc, argv);
+        return sodium_init() >= 0 ? zelctl::run_command_line(argc, argv) : zelctl::exit_failed;
     } catch (...) { // no memory for the command line, or none for an error message
         (void)std::fputs("zelctl: failed\n", stderr);
         return zelctl::exit_failed;

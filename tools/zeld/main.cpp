@@ -1,6 +1,7 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
 #include "platform/heartbeat.h"
 #include "tools/message/tracing.hpp"
+#include "tools/transport/nats_options.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/loop.hpp"
 #include "zel-platform/manager.h"
@@ -26,6 +27,7 @@ struct Options {
     std::string listen_read;
     uint32_t mode = 0600;
     std::optional<uint32_t> group;
+    tools::NatsOptions nats;
     std::string state;
     bool is_salvage = false;
     uint64_t max_message = uint64_t{16} * 1024 * 1024;
@@ -67,7 +69,8 @@ void add_options(CLI::App &app, Options &options)
 {
     const CLI::AsSizeValue size(false);
     app.set_version_flag("--version", "zeld " ZELD_VERSION);
-    app.add_option("--listen", options.listen, "address to serve, unix:PATH")->required();
+    app.add_option("--listen", options.listen, "address to serve: unix:PATH, nats://HOST/SUBJECT or tls://HOST/SUBJECT")
+        ->required();
     app.add_option("--listen-read", options.listen_read, "a second address, for show and statistics alone");
     app.add_option("--mode", options.mode, "permissions of the sockets, in octal digits")
         ->transform(CLI::Validator(read_mode, "OCTAL"))
@@ -99,6 +102,7 @@ void add_options(CLI::App &app, Options &options)
                                                                             {"debug", LogLevel::debug},
                                                                             {"trace", LogLevel::trace}}))
         ->default_str("info");
+    tools::add_nats_options(app, options.nats);
     app.footer(
         std::string("Exit codes: 0 stopped by SIGINT or SIGTERM, 1 failed, 2 usage, 3 address, 4 state file.\n") +
         tools::trace_help);
@@ -175,6 +179,7 @@ bool load(Policies &policies, bool is_salvage, int stop_signals)
 
 ExitCode serve(const Options &options, Policies &policies, int stop_signals)
 {
+    tools::enable_nats(options.nats);
     const std::size_t max_body = options.max_message - ZEL_RESP_HDR_SIZE;
     Service service(policies, max_body);
     constexpr std::size_t most_waiting = 4; // largest requests

@@ -14,7 +14,6 @@ using wire::Member;
 using wire::Option;
 using wire::Record;
 using wire::Run;
-using wire::RunElement;
 
 // ---- What is expected
 

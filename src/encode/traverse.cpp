@@ -180,20 +180,26 @@ struct Row {
     uint32_t (*traverse)(const Call &, void *);
 };
 
-constexpr auto rows = [] {
-    std::array<Row, wire::num_mat_types> table{};
+using Rows = std::array<Row, wire::num_mat_types>;
+
+template <const Record &R> constexpr void enter(Rows &rows, const char *function)
+{
+    rows[R.mat_type] = {function, traverse<R>};
+}
+
+constexpr Rows rows = [] {
+    Rows table{};
     table[ZEL_MAT_TYPE_NONE] = {"", traverse_nothing};
     table[ZEL_MAT_TYPE_STAT_REQUEST] = {"", traverse_stat_request};
-    const auto enter = [&]<const Record & R>(const char *function) { table[R.mat_type] = {function, traverse<R>}; };
-    enter.operator()<wire::policy_list>("traverse_mat_policy_list_obj");
-    enter.operator()<wire::policy>("traverse_mat_policy_obj");
-    enter.operator()<wire::match_action_pair_grp>("traverse_mat_match_action_pair_grp_obj");
-    enter.operator()<wire::match_action_pair>("traverse_mat_match_action_pair_obj");
-    enter.operator()<wire::match_grp>("traverse_mat_match_grp_obj");
-    enter.operator()<wire::action_grp>("traverse_mat_action_grp_obj");
-    enter.operator()<wire::match>("traverse_mat_match_obj");
-    enter.operator()<wire::action>("traverse_mat_action_obj");
-    enter.operator()<wire::if_group>("traverse_mat_if_group_obj");
+    enter<wire::policy_list>(table, "traverse_mat_policy_list_obj");
+    enter<wire::policy>(table, "traverse_mat_policy_obj");
+    enter<wire::match_action_pair_grp>(table, "traverse_mat_match_action_pair_grp_obj");
+    enter<wire::match_action_pair>(table, "traverse_mat_match_action_pair_obj");
+    enter<wire::match_grp>(table, "traverse_mat_match_grp_obj");
+    enter<wire::action_grp>(table, "traverse_mat_action_grp_obj");
+    enter<wire::match>(table, "traverse_mat_match_obj");
+    enter<wire::action>(table, "traverse_mat_action_obj");
+    enter<wire::if_group>(table, "traverse_mat_if_group_obj");
     return table;
 }();
 

@@ -198,8 +198,6 @@ bool is_object(Comparison &message, uint32_t mat_type)
         return is_object<wire::policy>(message);
     case ZEL_MAT_TYPE_STAT_REQUEST:
         return is_object<wire::stat_request>(message);
-    case ZEL_MAT_TYPE_NONE:
-        return false;
     default: // the parts of a policy are small messages
         return false;
     }

@@ -504,15 +504,7 @@ int32_t reply_to(ServiceLink &service, const kob_msg &msg, const mpkob_segment_t
     if (msg.client_index >= num_requests || self.requests[msg.client_index].serial != msg.client)
         return KOB_ERR_PEER_GONE;
     Request &request = self.requests[msg.client_index];
-    Frame frame{};
-    frame.magic = frame_magic;
-    frame.kind = FrameKind::response;
-    frame.in_parts = total > KOB_PLAIN_LIMIT ? 1 : 0;
-    frame.token = msg.token;
-    frame.opcode = msg.opcode;
-    frame.node = msg.node;
-    frame.sap = msg.sap;
-    frame.total = total;
+    const Frame frame = frame_of_reply(msg, total);
     char *const bytes = gather(segments, num_segments, total);
     if (bytes == nullptr)
         return KOB_ERR_MEMORY;

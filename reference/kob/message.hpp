@@ -40,4 +40,19 @@ inline void set_error(int32_t *error, int32_t value)
 // that have arrived, which the readers of an array cannot do.
 const char *payload_fault(FrameKind kind, const void *payload, uint32_t size);
 
+// The frame of a reply of so many bytes.
+inline Frame frame_of_reply(const kob_msg &request, uint32_t total)
+{
+    Frame frame{};
+    frame.magic = frame_magic;
+    frame.kind = FrameKind::response;
+    frame.in_parts = total > KOB_PLAIN_LIMIT ? 1 : 0;
+    frame.token = request.token;
+    frame.opcode = request.opcode;
+    frame.node = request.node;
+    frame.sap = request.sap;
+    frame.total = total;
+    return frame;
+}
+
 } // namespace zel::platform

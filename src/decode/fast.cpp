@@ -19,32 +19,16 @@ using wire::Run;
 
 template <const Record &R, std::size_t From> constexpr Run run = run_from(R, From, read_scope);
 
-template <const Record &R>
-constexpr Run start_run = [] {
-    Run run;
-    run.add_start(R);
-    return run;
-}();
-
-template <const Record &R>
-constexpr Run end_run = [] {
-    Run run;
-    run.add_end(R);
-    return run;
-}();
-
-constexpr Run reference_run = [] {
-    Run run;
-    add_fields(run, wire::reference_members, 0);
-    return run;
-}();
+template <const Record &R> constexpr Run start_run = start_of(R);
+template <const Record &R> constexpr Run end_run = end_of(R);
+constexpr Run reference_run = wire::content_of_reference();
 
 // Records that are a single run in all messages.
-template <const Record &R> constexpr bool is_one_run = platform_is_inline &&R.is_leaf();
+template <const Record &R> constexpr bool is_one_run = R.is_leaf() && platform_is_inline;
 template <const Record &R> [[maybe_unused]] constexpr Run whole_run = run_with_start(R, read_scope);
 
 // Members of a sequence that are read within the code of their container.
-template <const Record &R> constexpr bool is_in_place = platform_is_inline &&R != wire::policy;
+template <const Record &R> constexpr bool is_in_place = R != wire::policy &&platform_is_inline;
 
 // ---- Reading
 

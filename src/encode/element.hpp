@@ -57,16 +57,8 @@ inline constexpr wire::Run written_run = From == 0 ? run_with_start(R, written_s
                                                    : run_from(R, From, written_scope);
 
 // A reference to an object of a kind.
-constexpr wire::Run make_reference_run(const wire::Record &record)
-{
-    wire::Run run;
-    run.add_start(record);
-    wire::add_fields(run, wire::reference_members, 0);
-    run.add_end(record);
-    return run;
-}
-
-template <const wire::Record &R> inline constexpr wire::Run reference_run = make_reference_run(R);
+template <const wire::Record &R>
+inline constexpr wire::Run reference_run = start_of(R) + wire::content_of_reference() + end_of(R);
 
 #ifdef ZEL_INLINE_ELEMENTS
 

@@ -26,20 +26,9 @@ template <const Record &R, std::size_t From>
 constexpr Run run = From == 0 ? run_with_start(R, scope) : run_from(R, From, scope);
 
 // The start of a record that may be a reference, and the rest of either form.
-template <const Record &R>
-constexpr Run start_run = [] {
-    Run run;
-    run.add_start(R);
-    return run;
-}();
+template <const Record &R> constexpr Run start_run = start_of(R);
 template <const Record &R> constexpr Run full_run = run_from(R, 0, scope);
-template <const Record &R>
-constexpr Run reference_run = [] {
-    Run run;
-    add_fields(run, wire::reference_members, 0);
-    run.add_end(R);
-    return run;
-}();
+template <const Record &R> constexpr Run reference_run = wire::content_of_reference() + end_of(R);
 
 struct Ids {
     IdSet matches;

@@ -96,14 +96,40 @@ constexpr Run run_from(const Record &record, std::size_t from, RunScope scope)
     return run;
 }
 
-// The start marker, then the run from the first member on.
-constexpr Run run_with_start(const Record &record, RunScope scope)
+constexpr Run start_of(const Record &record)
 {
     Run run;
     run.add_start(record);
-    for (const RunElement &element : run_from(record, 0, scope))
-        run.add(element);
     return run;
+}
+
+constexpr Run end_of(const Record &record)
+{
+    Run run;
+    run.add_end(record);
+    return run;
+}
+
+// The type and the id of a reference, without markers.
+constexpr Run content_of_reference()
+{
+    Run run;
+    add_fields(run, reference_members, 0);
+    return run;
+}
+
+// One run behind the other.
+constexpr Run operator+(Run first, const Run &second)
+{
+    for (const RunElement &element : second)
+        first.add(element);
+    return first;
+}
+
+// The start marker, then the run from the first member on.
+constexpr Run run_with_start(const Record &record, RunScope scope)
+{
+    return start_of(record) + run_from(record, 0, scope);
 }
 
 } // namespace zel::wire

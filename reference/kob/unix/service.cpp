@@ -526,15 +526,7 @@ int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segme
     const uint32_t index = request.client_index;
     connection->last_active_ms = now_ms();
     connection->unanswered -= connection->unanswered != 0 ? 1 : 0;
-    Frame frame{};
-    frame.magic = frame_magic;
-    frame.kind = FrameKind::response;
-    frame.in_parts = total > KOB_PLAIN_LIMIT ? 1 : 0;
-    frame.token = request.token;
-    frame.opcode = request.opcode;
-    frame.node = request.node;
-    frame.sap = request.sap;
-    frame.total = total;
+    const Frame frame = frame_of_reply(request, total);
     Reply *const reply = new_reply(frame);
     if (reply == nullptr) { // the client would wait for it
         cut_off(self, index, "no memory for a reply");

@@ -7,7 +7,11 @@ namespace zel::platform {
 // means 90 %: thirty such branches in a row would make the common path a rare one.
 [[gnu::always_inline]] inline bool expect(bool condition)
 {
+#ifdef __clang_analyzer__ // does not know the function
+    return condition;
+#else
     return __builtin_expect_with_probability(condition, true, 1.0) != 0;
+#endif
 }
 
 } // namespace zel::platform

@@ -11,12 +11,10 @@ struct Pass {
     uint32_t app_type;
     Marks *marks = nullptr; // null: the cache is used
 
-    [[gnu::always_inline]] bool has_marks() const { return marks != nullptr && marks->are_on(); }
-
     // The object with this id that the message has carried in full, or null.
     [[gnu::always_inline]] const void *find(uint32_t mat_type, uint16_t id) const
     {
-        if (has_marks()) {
+        if (marks != nullptr && marks->are_on()) {
             const bool is_shareable = mat_type == ZEL_MAT_TYPE_MATCH || mat_type == ZEL_MAT_TYPE_ACTION;
             return is_shareable ? marks->find(mat_type, id) : nullptr;
         }
@@ -27,7 +25,8 @@ struct Pass {
     // Keeps an object for the references to come.  The first one with an id stays.
     [[gnu::always_inline]] void store(uint32_t mat_type, uint16_t id, void *object) const
     {
-        if (has_marks() && (marks->find(mat_type, id) != nullptr || marks->set(mat_type, id, object)))
+        if (marks != nullptr && marks->are_on() &&
+            (marks->find(mat_type, id) != nullptr || marks->set(mat_type, id, object)))
             return;
         store_in_cache(*handle, app_type, mat_type, id, object);
     }
@@ -38,7 +37,7 @@ struct Pass {
         const uint16_t id = wire::id_of(record, object);
         // Objects are given out as non-const; encoding never writes to them.
         auto *const stored = const_cast<void *>(object);
-        if (has_marks()) {
+        if (marks != nullptr && marks->are_on()) {
             if (marks->find(record.mat_type, id) != nullptr)
                 return false;
             if (expect_true(marks->set(record.mat_type, id, stored)))

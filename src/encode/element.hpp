@@ -71,11 +71,15 @@ public:
 
     template <const wire::Run &Run> [[gnu::always_inline]] int32_t add(const void *object)
     {
+        if constexpr (Run.size() == 0)
+            return 0;
         if (!expect_true(room_.left >= size_of<Run>())) {
             const Appended appended = append_slowly(to_, room_, Run, object);
             room_ = appended.room;
             return appended.status;
         }
+        if (room_.at == nullptr) // a room of no bytes, where no run fits
+            __builtin_unreachable();
         [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline))
         {
             (write<Run, I>(object), ...);

@@ -13,7 +13,6 @@ namespace {
 
 using wire::Kind;
 using wire::Member;
-using wire::Option;
 using wire::Record;
 
 // Heartbeats go out every so many matches of the process, and policies of a list.

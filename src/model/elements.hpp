@@ -29,7 +29,11 @@ inline constexpr bool platform_is_inline = false;
 // This says 100 %.
 [[gnu::always_inline]] inline bool expect_true(bool condition)
 {
+#ifdef __clang_analyzer__ // does not know the function
+    return condition;
+#else
     return __builtin_expect_with_probability(condition, true, 1.0) != 0;
+#endif
 }
 
 // Without its length, which decoders do not look at: a field is read at its own width.

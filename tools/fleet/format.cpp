@@ -16,7 +16,7 @@ static_assert(sizeof(PublicKey) == crypto_sign_PUBLICKEYBYTES && sizeof(SecretKe
 
 constexpr std::string_view magic = "ZM1\n";
 constexpr std::size_t header_size = magic.size() + sizeof(PublicKey) + crypto_sign_BYTES + sizeof(uint32_t);
-constexpr std::size_t max_manifest = 16 * 1024 * 1024; // uncompressed
+constexpr std::size_t max_manifest = std::size_t{16} * 1024 * 1024; // uncompressed
 
 const unsigned char *bytes_of(std::string_view text) { return reinterpret_cast<const unsigned char *>(text.data()); }
 

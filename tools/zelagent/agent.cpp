@@ -350,12 +350,12 @@ void Agent::receive_part(const BusMessage &message, std::string_view token)
     fetch.parts[part] = message.data;
     if (fetch.missing != 0)
         return;
-    Fetch whole = std::move(fetch);
+    const Fetch whole = std::move(fetch);
     fetches_.erase(found);
-    finish_fetch(std::move(whole));
+    finish_fetch(whole);
 }
 
-void Agent::finish_fetch(Fetch fetch)
+void Agent::finish_fetch(const Fetch &fetch)
 {
     std::string bytes;
     for (const std::string &part : fetch.parts)

@@ -62,7 +62,7 @@ private:
     void receive_part(const fleet::BusMessage &message, std::string_view token);
     void keep_attachments(std::string_view manifest);
     fleet::ManifestPtr decode(const fleet::BusMessage &message, const std::string &group);
-    void finish_fetch(Fetch fetch);
+    void finish_fetch(const Fetch &fetch);
     fleet::event::Object::Result store(const fleet::Entry &entry, std::string_view parts, std::string &text);
 
     void answer_question(const fleet::BusMessage &message);

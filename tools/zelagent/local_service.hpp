@@ -55,7 +55,7 @@ public:
     fleet::Json statistics(uint32_t app);
 
     // Passes a request on and gives the payload of the answer; empty without answer.
-    std::string forward(const kob_msg_t *request);
+    std::string forward(const kob_msg_t *given);
 
 private:
     // Sends with one of the library's calls, which returns the token.

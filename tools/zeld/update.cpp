@@ -55,9 +55,8 @@ template <class G> std::vector<uint16_t> pairs_with_group(const Policy &policy, 
     if (found.empty())
         throw Refusal(error_not_found, "policy {} has no pair with {} {}", policy.id(), name_of<G>(), given.id);
     std::sort(found.begin(), found.end());
-    std::vector<uint16_t> ids;
-    for (const auto &[order, id] : found)
-        ids.push_back(id);
+    std::vector<uint16_t> ids(found.size());
+    std::transform(found.begin(), found.end(), ids.begin(), [](const auto &pair) { return pair.second; });
     return ids;
 }
 

@@ -1,7 +1,7 @@
 // The elements of requests, from the wire description.
 #include "elements.hpp"
 
-#include "wire/format.hpp"
+#include "wire/elements.hpp"
 
 namespace fuzz {
 namespace {
@@ -38,7 +38,7 @@ std::vector<ElementFacts> all_elements()
     std::vector<ElementFacts> all;
     for (uint16_t id = 0; id < zel::wire::num_element_ids; ++id)
         if (zel::wire::message_format.is_known(id))
-            all.push_back(facts_of(id, zel::wire::message_format.element(id)));
+            all.push_back(facts_of(id, zel::wire::element(id)));
     return all;
 }
 

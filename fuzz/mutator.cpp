@@ -2,7 +2,7 @@
 // keep the array readable, so that what gets mutated is the meaning.
 #include "elements.hpp"
 #include "target.hpp"
-#include "wire/format.hpp"
+#include "wire/elements.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -301,7 +301,7 @@ private:
 
     static uint32_t mat_type_of(uint16_t start_id)
     {
-        return zel::wire::message_format.element(start_id).record->mat_type;
+        return zel::wire::element(start_id).record->mat_type;
     }
 
     void insert()

@@ -5,12 +5,12 @@
 #include "bounds.hpp"
 #include "elements.hpp"
 #include "heap.hpp"
-#include "platform/avl_tree.h"
 #include "received.hpp"
 #include "target.hpp"
+#include "zel/platform/avl_tree.h"
 
-#include "platform/tlv_array.h"
 #include "wire/record_names.hpp"
+#include "zel/platform/tlv_array.h"
 
 #include <iterator>
 

@@ -34,7 +34,7 @@ void write_dictionaries(const Folder &folder)
     std::set<std::string_view> names{"ref", "any", "hex:"};
     for (const fuzz::ElementFacts &known : fuzz::known_elements()) {
         ids += fmt::format("\"\\x{:02x}\\x{:02x}\"\n", known.id & 0xff, known.id >> 8);
-        const zel::wire::Element element = zel::wire::message_format.element(known.id);
+        const zel::wire::Element element = zel::wire::element(known.id);
         names.insert(element.record->name);
         if (element.member != nullptr)
             names.insert(element.member->name);

@@ -3,11 +3,11 @@
 #include "tools/zeld/service.hpp"
 #include "messages.hpp"
 #include "model.hpp"
-#include "platform/tlv_array.h"
 #include "random_requests.hpp"
 #include "received.hpp"
 #include "target.hpp"
 #include "tools/zeld/log.hpp"
+#include "zel/platform/tlv_array.h"
 
 using namespace fuzz;
 using namespace test;

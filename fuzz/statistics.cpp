@@ -6,8 +6,8 @@
 #include "received.hpp"
 #include "target.hpp"
 
-#include "platform/tlv_array.h"
 #include "zel-platform/tlv_field.h"
+#include "zel/platform/tlv_array.h"
 
 #include <iterator>
 #include <vector>

@@ -6,9 +6,9 @@
 #include "received.hpp"
 #include "target.hpp"
 
-#include "platform/tlv_array.h"
 #include "wire/format.hpp"
 #include "wire/graph.hpp"
+#include "zel/platform/tlv_array.h"
 
 #include <vector>
 

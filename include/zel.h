@@ -38,8 +38,8 @@
  *   graphs, tables and the platform are trusted.
  *
  * The library calls the platform that it is linked with through the operations
- * declared under platform/, and of the C library calloc, free, snprintf, strncpy,
- * strlen, getpid, memcpy, memmove and memset.
+ * declared under zel/platform/, and of the C library calloc, free, snprintf, strncpy,
+ * strlen, getpid, memcmp, memcpy, memmove, memset and vsnprintf.
  */
 #ifndef ZEL_H
 #define ZEL_H
@@ -506,6 +506,16 @@ typedef struct ravl_tree {
     uintptr_t own[7];
 } ravl_tree_t;
 
+/*
+ * Faults since zel_api_init(), or since the caller set the record to 0: for callers without
+ * err_cb, and for those that ask after each request.
+ */
+typedef struct {
+    uint32_t count;         /* reports with the severity of an error */
+    uint32_t first_element; /* id of the first element that could not be written; 0: none */
+    int32_t first_status;   /* the platform's status for it */
+} zel_faults_t;
+
 /* The handle.  Filled by zel_api_init(); nothing has to be torn down. */
 typedef struct {
     uint32_t app_type;      /* row of the platform's g_applications; sent in every header */
@@ -515,6 +525,7 @@ typedef struct {
     zel_trace_cb_t warn_cb; /* trace id 103 */
     zel_trace_cb_t dbg_cb;  /* trace ids 104 and 105 */
     ravl_tree_t mat_cache;  /* object cache; empty between messages */
+    zel_faults_t faults;    /* what went to err_cb, if it is set or not (addition) */
 } zel_api_handle_t;
 
 /* A zero-filled handle for callers that want one per process.  The library never touches it. */
@@ -639,6 +650,27 @@ ZEL_EXPORT uint32_t get_mat_obj_type(uint32_t api_type);
  */
 ZEL_EXPORT uint32_t free_contained_mat_obj_mem(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
                                                void *obj);
+
+/*
+ * Bytes of the message that carries a graph, with header and array (addition).  api_type says
+ * what obj is; null gives a message of the header alone.
+ */
+ZEL_EXPORT uint32_t zel_message_size(zel_api_handle_t *handle, uint32_t api_type, const void *obj);
+
+#define ZEL_PORT_RANGE_MAX 30 /* most pairs that a range takes */
+
+/* A port and its mask, as the port members of a zel_match_service_element_t. */
+typedef struct {
+    uint16_t value;
+    uint16_t mask;
+} zel_port_mask_t;
+
+/*
+ * Splits the ports from first to last, both included, into the fewest pairs of value and mask
+ * that match exactly them (addition), in ascending order.  pairs has room for
+ * ZEL_PORT_RANGE_MAX.  Returns the number of pairs; 0 when first is above last.
+ */
+ZEL_EXPORT uint32_t zel_split_port_range(uint16_t first, uint16_t last, zel_port_mask_t *pairs);
 
 /* ------------------------------------------------------------------------
  * Message parser
@@ -774,6 +806,43 @@ ZEL_EXPORT const char *zel_verify_rule_text(uint32_t rule);
 ZEL_EXPORT int32_t zel_verify_report_text(const zel_verify_report_t *report, char *text, uint32_t size);
 
 /* ------------------------------------------------------------------------
+ * Check of a graph (addition)
+ *
+ * Looks for faults of a graph that a client can make and that nobody sees once it is sent.  The first one is reported in the form of the verifier, with its path.
+ *
+ *     zel_verify_report_t report = {.size = sizeof report};
+ *     if (zel_check_graph(ZEL_MAT_TYPE_POLICY, &policy, NULL, &report) != ZEL_VERIFY_OK) {
+ *         char text[ZEL_VERIFY_TEXT_SIZE];
+ *         zel_verify_report_text(&report, text, sizeof text);
+ *         ... "policy / pair 2 / match 1: two different objects have one id: ..." ...
+ *     }
+ *
+ * Counts are trusted: C does not say how long an array is.  Returns ZEL_VERIFY_OK or what is
+ * wrong.  expected and found of the report are as given here; element_id is the element of
+ * the member, and offset and element_index are 0.  Time is linear in the graph, which is not
+ * changed; memory is allocated for each match and action, and freed.
+ * ------------------------------------------------------------------------ */
+
+enum {
+    ZEL_CHECK_TYPE = 32,     /* a MAT type without record, or a match type that does not travel; 0, type */
+    ZEL_CHECK_NULL = 33,     /* a null root, member or array; count, position from 1 */
+    ZEL_CHECK_LENGTH = 34,   /* a length beyond its array; bytes of the array, length */
+    ZEL_CHECK_MASK = 35,     /* an address or port under a mask of 0, which matches any; 0, value */
+    ZEL_CHECK_CONFLICT = 36, /* two different objects have one id: the first would be sent twice; MAT type, id */
+    ZEL_CHECK_SHARED = 37,   /* two places point to one member or array, which would be freed twice; 0, MAT type */
+    ZEL_CHECK_NO_MEMORY = 38 /* not enough memory to look at all of it; 0, 0 */
+};
+
+/* Options.  Null stands for all zero.  A later version may add members at the end. */
+typedef struct {
+    uint32_t size;  /* sizeof(zel_check_options_t), set by the caller */
+    uint32_t freed; /* not 0: free_contained_mat_obj_mem() will free the graph, so nothing in it may be shared */
+} zel_check_options_t;
+
+ZEL_EXPORT uint32_t zel_check_graph(uint32_t mat_type, const void *obj, const zel_check_options_t *options,
+                                    zel_verify_report_t *report);
+
+/* ------------------------------------------------------------------------
  * Statistics records
  *
  * Offsets are the same on every ABI: natural alignment would move fields on
@@ -854,7 +923,7 @@ ZEL_EXPORT extern const zel_stat_result_entry_tbl_t zel_stat_result_entry_tbl;
 ZEL_EXPORT extern const zel_stat_results_tbl_t zel_stat_results_tbl;
 
 /*
- * Accessors: the platform's converter (platform/tlv_converter.h) bound to one
+ * Accessors: the platform's converter (zel/platform/tlv_converter.h) bound to one
  * table each.  Arguments and results are the converter's and pass through
  * untouched; uintptr_t is one word of its.  _to_tlv, _to_struct and
  * _get_struct_sz report a non-zero status with tlvu_error_print() under their
@@ -1296,7 +1365,7 @@ ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, v
  * Tolerant by contract: fields may come in any order, the last of repeated ones
  * stands, a missing one leaves the record as it was, element lengths are not
  * looked at (a field's full width is read, so every value must be followed by
- * readable memory, see platform/transport.h), and unknown elements are skipped
+ * readable memory, see zel/platform/transport.h), and unknown elements are skipped
  * one by one with a report to warn_cb.  Counts must come before members.  The
  * detail of every element goes to dbg_cb.
  *

@@ -9,7 +9,7 @@ trap 'rm -rf "$work"' EXIT
 nm --defined-only "$library" | awk 'NF == 3 {print $3}' | sort -u >"$work/defined"
 # The checked calls of a hardened build are libc's, too.
 nm -u "$library" | awk '$1 == "U" {print $2}' | sed 's/^__\(.*\)_chk$/\1/; /^__stack_chk_fail/d' | sort -u | comm -23 - "$work/defined" >"$work/needed"
-printf '%s\n' calloc free getpid memcpy memmove memset snprintf strlen strncpy _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
+printf '%s\n' calloc free getpid memcmp memcpy memmove memset snprintf strlen strncpy vsnprintf _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
 comm -23 "$work/needed" "$work/libc" >"$work/platform"
 
 # Nothing runs before main().
@@ -20,7 +20,7 @@ fi
 
 echo 'extern int zel_event_handling(void);' >"$work/program.c"
 while read -r name; do
-    if ! grep -qw -- "$name" "$root"/platform/*.h; then
+    if ! grep -qw -- "$name" "$root"/include/zel/platform/*.h; then
         echo "the library needs $name, which is not the platform's" >&2
         exit 1
     fi

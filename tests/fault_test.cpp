@@ -36,6 +36,7 @@ template <class Work> int each(Way way, const Work &work)
                                            [](const auto &text) { return text.find("insert failed") == 0; });
         EXPECT_EQ(heap.live.size(), static_cast<size_t>(refused));
         EXPECT_EQ(handle.mat_cache.root, nullptr);
+        EXPECT_EQ(handle.faults.count, platform.reported("err").size());
         EXPECT_EQ(!is_through || platform.reported("err") != errors_without || refused != 0, is_hit);
         free_heap();
         if ((n != 0 && !is_hit) || testing::Test::HasFailure())

@@ -1,7 +1,7 @@
 // The message parser, and the whole way from a graph to an equal graph.
-#include "platform/tlv_array.h"
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
+#include "zel/platform/tlv_array.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // The verifier: what the encoder writes passes, and the first fault of anything else is named.
-#include "platform/tlv_array.h"
 #include "support/graphs.hpp"
 #include "support/recording_platform.hpp"
 #include "wire/verify.hpp"
+#include "zel/platform/tlv_array.h"
 
 #include <gtest/gtest.h>
 #include <random>

@@ -1,4 +1,4 @@
-// The calls of platform/tlv_array.h, and the check of a received array.
+// The calls of zel/platform/tlv_array.h, and the check of a received array.
 #include "reference/tlv/array.hpp"
 
 #include "reference/contract.hpp"

@@ -1,5 +1,5 @@
 // TLV arrays: the operations that run once per element of every message, as inline
-// functions.  array.cpp exports them as the calls of platform/tlv_array.h.  A program that
+// functions.  array.cpp exports them as the calls of zel/platform/tlv_array.h.  A program that
 // is compiled together with its platform can include this header instead.
 //
 // An array is a 32-bit number of used bytes, then elements: 16 bits of type, 16 bits of

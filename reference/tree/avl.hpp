@@ -5,7 +5,7 @@
 // pointer: a change walks down from the root once and remembers the links that it needs.
 #pragma once
 
-#include "platform/avl_tree.h"
+#include "zel/platform/avl_tree.h"
 
 #include <cstddef>
 #include <stdint.h>

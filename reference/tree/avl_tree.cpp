@@ -1,4 +1,4 @@
-// The tree of platform/avl_tree.h: a hash table with chaining, and an AVL tree where
+// The tree of zel/platform/avl_tree.h: a hash table with chaining, and an AVL tree where
 // hashing fails.
 //
 // Few entries are a single chain.  More are in a hash table with two buckets per

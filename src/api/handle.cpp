@@ -1,6 +1,6 @@
 // The handle.
-#include "platform/avl_tree.h"
 #include "zel.h"
+#include "zel/platform/avl_tree.h"
 
 #include <cstddef>
 
@@ -16,6 +16,7 @@ int32_t zel_api_init(zel_api_handle_t *handle, uint32_t debug, uint32_t app_type
     handle->err_cb = err_cb;
     handle->warn_cb = warn_cb;
     handle->dbg_cb = dbg_cb;
+    handle->faults = {};
     return ravl_init(&handle->mat_cache, sizeof(zel_mat_cache_key_t), offsetof(zel_mat_cache_entry_t, key),
                      zel_mat_cache_comp_func);
 }

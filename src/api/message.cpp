@@ -1,8 +1,8 @@
 // From a request to a message on the transport.
 #include "model/elements.hpp"
 #include "model/trace.hpp"
-#include "platform/transport.h"
 #include "zel.h"
+#include "zel/platform/transport.h"
 
 #include <array>
 #include <cstdlib>
@@ -135,6 +135,11 @@ void *zel_encode_message(zel_api_handle_t *handle, const zel_kob_header_t *heade
     const MessageSize needed = size_of_message(*handle, *header, obj);
     *size = needed.total();
     return encode_message(*handle, *header, obj, needed);
+}
+
+uint32_t zel_message_size(zel_api_handle_t *handle, uint32_t api_type, const void *obj)
+{
+    return size_of_message(*handle, {api_type, handle->app_type, 0, 0}, obj).total();
 }
 
 uint32_t get_mat_obj_size_for_kob(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type, const void *obj)

@@ -1,7 +1,7 @@
 // Reading what came back, and a first look at what came in.
-#include "platform/tlv_array.h"
 #include "receive/payload.hpp"
 #include "zel.h"
+#include "zel/platform/tlv_array.h"
 
 #include <cstddef>
 #include <cstring>

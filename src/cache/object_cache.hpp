@@ -3,8 +3,8 @@
 #pragma once
 
 #include "model/trace.hpp"
-#include "platform/avl_tree.h"
 #include "wire/records.hpp"
+#include "zel/platform/avl_tree.h"
 
 #include <array>
 #include <bit>

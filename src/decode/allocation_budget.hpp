@@ -1,7 +1,7 @@
 // How many members one message may have memory allocated for.
 #pragma once
 
-#include "platform/tlv_array.h"
+#include "zel/platform/tlv_array.h"
 
 #include <algorithm>
 #include <stdint.h>

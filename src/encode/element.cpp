@@ -8,8 +8,12 @@ const uint8_t zel_tlv_struct_start = 0;
 const uint8_t zel_tlv_struct_end = 0;
 
 namespace zel {
-[[gnu::cold]] void report_failure(const zel_api_handle_t &handle, const char *text, int32_t status)
+[[gnu::cold]] void report_failure(zel_api_handle_t &handle, uint16_t id, const char *text, int32_t status)
 {
+    if (handle.faults.first_element == 0) {
+        handle.faults.first_element = id;
+        handle.faults.first_status = status;
+    }
     trace(handle, Severity::error, {"tlv_add_element", 126}, "Failed to encode %s  tlv element: %d"_trace, text,
           status);
 }

@@ -20,7 +20,7 @@ struct TargetArray {
     uint32_t capacity; // in bytes
 };
 
-void report_failure(const zel_api_handle_t &handle, const char *text, int32_t status);
+void report_failure(zel_api_handle_t &handle, uint16_t id, const char *text, int32_t status);
 
 // Appends one element.  A failure is reported with the text.
 [[gnu::always_inline]] inline int32_t append(const TargetArray &to, uint16_t id, uint16_t length, const void *value,
@@ -28,7 +28,7 @@ void report_failure(const zel_api_handle_t &handle, const char *text, int32_t st
 {
     const int32_t status = tlv_array_add_tlv(to.array, to.capacity, id, length, value, 0);
     if (!expect_true(status == 0))
-        report_failure(*to.handle, text, status);
+        report_failure(*to.handle, id, text, status);
     return status;
 }
 

@@ -4,7 +4,7 @@
 #include "encode/encode.hpp"
 
 #include "model/trace.hpp"
-#include "platform/heartbeat.h"
+#include "zel/platform/heartbeat.h"
 
 #include <atomic>
 

@@ -4,7 +4,7 @@
 // the place of the calls.
 #pragma once
 
-#include "platform/tlv_array.h"
+#include "zel/platform/tlv_array.h"
 
 #include <stdint.h>
 

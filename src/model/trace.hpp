@@ -3,8 +3,8 @@
 
 #include "cache/marks.hpp"
 #include "model/fixed_string.hpp"
-#include "platform/trace.h"
 #include "zel.h"
+#include "zel/platform/trace.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -97,7 +97,9 @@ private:
 
 // Fills a record; returns its length: id, text and terminating NUL.  A text that cannot
 // be formatted counts as far as it stands in the record.
-template <class... Args> uint32_t fill_record(TraceRecord &record, uint32_t id, const char *format, const Args &...args)
+template <class... Args>
+[[gnu::cold, gnu::noinline]] uint32_t fill_record(TraceRecord &record, uint32_t id, const char *format,
+                                                  const Args &...args)
 {
     record.id = id;
     record.text[0] = '\0';
@@ -106,7 +108,8 @@ template <class... Args> uint32_t fill_record(TraceRecord &record, uint32_t id, 
 }
 
 // The trace facility's three destinations.
-template <class... Args> void log(Severity severity, const Site &site, const char *format, const Args &...args)
+template <class... Args>
+[[gnu::cold]] void log(Severity severity, const Site &site, const char *format, const Args &...args)
 {
     const auto id = static_cast<uint32_t>(severity);
     TraceRecord record;
@@ -135,6 +138,8 @@ template <class... Args>
 [[gnu::cold, gnu::noinline]] void report(const zel_api_handle_t &handle, Severity severity, Site site,
                                          const char *format, Args... args)
 {
+    if (severity == Severity::error)
+        ++const_cast<zel_api_handle_t &>(handle).faults.count; // of the caller, who is told by it
     if (handle.debug != 0)
         log(severity, site, format, site.function, site.line, ApplicationName(handle.app_type).text(), args...);
     if (const auto callback = callback_of(handle, severity)) {
@@ -150,14 +155,14 @@ inline bool is_quiet(const zel_api_handle_t &handle)
 }
 
 // Reports a text, made by _trace, to the trace facility when the handle's debug
-// flag is set, and in any case to the callback of its severity.
+// flag is set, and in any case to the callback of its severity.  Errors are counted.
 template <class... Args>
 [[gnu::always_inline]] inline void trace(const zel_api_handle_t &handle, Severity severity, const Site &site,
                                          const char *format, Args... args)
 {
     if constexpr (!reports_are_compiled_in)
         return;
-    if (handle.debug != 0 || callback_of(handle, severity) != nullptr) [[unlikely]]
+    if (severity == Severity::error || handle.debug != 0 || callback_of(handle, severity) != nullptr) [[unlikely]]
         report(handle, severity, site, format, report_argument(args)...);
 }
 

@@ -1,7 +1,7 @@
 // The TLV array of a received message.
 #pragma once
 
-#include "platform/transport.h"
+#include "zel/platform/transport.h"
 
 #include <stdint.h>
 

@@ -1,6 +1,6 @@
 // The accessors: the platform's converter bound to each table.
-#include "platform/tlv_converter.h"
 #include "zel.h"
+#include "zel/platform/tlv_converter.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Statistics results: from a response to one block, and back to the heap.
-#include "platform/transport.h"
 #include "zel.h"
+#include "zel/platform/transport.h"
 
 #include <cstdlib>
 

@@ -5,9 +5,8 @@
 #include "model/elements.hpp"
 #include "verify/accept.hpp"
 #include "verify/id_set.hpp"
+#include "verify/path.hpp"
 
-#include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 namespace zel {
@@ -18,13 +17,6 @@ using wire::load_number;
 using wire::Member;
 using wire::Option;
 using wire::Record;
-
-// An object on the path from the message's object to the element that is read.
-struct PathStep {
-    const PathStep *container;
-    const char *noun;
-    uint32_t position; // among the members of a sequence, from 1; 0 for others
-};
 
 struct Verification {
     const wire::MessageFormat &format;
@@ -49,20 +41,6 @@ struct Verification {
 };
 
 // ---- The report
-
-// Writes the path behind the first used bytes; returns how many are used then.
-uint32_t write_path(zel_verify_report_t &report, const PathStep *step)
-{
-    if (step == nullptr)
-        return 0;
-    const uint32_t used = write_path(report, step->container);
-    char *const end = report.path + used;
-    const std::size_t room = sizeof report.path - used;
-    const char *const separator = used != 0 ? " / " : "";
-    const int written = step->position != 0 ? std::snprintf(end, room, "%s%s %u", separator, step->noun, step->position)
-                                            : std::snprintf(end, room, "%s%s", separator, step->noun);
-    return std::min<uint32_t>(used + static_cast<uint32_t>(written), sizeof report.path - 1);
-}
 
 // Refuses the next element.  There may be a simpler reason than the rule: the element is
 // missing, or its id is unknown.

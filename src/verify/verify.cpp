@@ -1,32 +1,13 @@
 // The exported verifier: its options, its report and the report's text.
 #include "wire/verify.hpp"
+#include "model/options.hpp"
 #include "receive/payload.hpp"
 
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 
 namespace zel {
 namespace {
-
-// An options record of a caller that knows fewer options, or more.
-zel_verify_options_t read_options(const zel_verify_options_t *given)
-{
-    zel_verify_options_t options{};
-    if (given != nullptr)
-        std::memcpy(&options, given, std::min<std::size_t>(given->size, sizeof options));
-    return options;
-}
-
-void hand_out(const zel_verify_report_t &report, zel_verify_report_t *out)
-{
-    if (out == nullptr)
-        return;
-    const uint32_t size = out->size;
-    std::memcpy(out, &report, std::min<std::size_t>(size, sizeof report));
-    out->size = size;
-}
 
 constexpr const char *rule_texts[] = {
     "accepted",
@@ -49,6 +30,19 @@ constexpr const char *rule_texts[] = {
 };
 static_assert(std::size(rule_texts) == ZEL_VERIFY_TRAILING + 1);
 
+constexpr const char *check_texts[] = {
+    "a type does not travel",
+    "a pointer is null",
+    "a length is beyond its array",
+    "an address or port has a mask of 0",
+    "two different objects have one id",
+    "two places point to one block of memory",
+    "out of memory",
+};
+static_assert(std::size(check_texts) == ZEL_CHECK_NO_MEMORY - ZEL_CHECK_TYPE + 1);
+
+bool is_of_check(uint32_t rule) { return rule - ZEL_CHECK_TYPE < std::size(check_texts); }
+
 } // namespace
 } // namespace zel
 
@@ -70,6 +64,8 @@ uint32_t zel_verify_tlv_array(const void *tlv_array, const zel_verify_options_t 
 
 const char *zel_verify_rule_text(uint32_t rule)
 {
+    if (is_of_check(rule))
+        return check_texts[rule - ZEL_CHECK_TYPE];
     return rule < std::size(rule_texts) ? rule_texts[rule] : "unknown rule";
 }
 
@@ -78,7 +74,11 @@ int32_t zel_verify_report_text(const zel_verify_report_t *report, char *text, ui
     const char *const rule = zel_verify_rule_text(report->rule);
     if (report->rule == ZEL_VERIFY_OK || report->rule == ZEL_VERIFY_NO_MESSAGE)
         return std::snprintf(text, size, "%s", rule);
+    const char *const separator = report->path[0] != '\0' ? ": " : "";
+    if (is_of_check(report->rule))
+        return std::snprintf(text, size, "%s%s%s: expected %u, found %u (id %u)", report->path, separator, rule,
+                             report->expected, report->found, report->element_id);
     return std::snprintf(text, size, "%s%s%s: expected %u, found %u (element %u, id %u, offset %u)", report->path,
-                         report->path[0] != '\0' ? ": " : "", rule, report->expected, report->found,
-                         report->element_index, report->element_id, report->offset);
+                         separator, rule, report->expected, report->found, report->element_index, report->element_id,
+                         report->offset);
 }

@@ -43,8 +43,8 @@ struct Member {
     // 1: in every message.  Later: older peers do not know the member, so it may be absent.
     uint8_t since = 1;
     const char *name;               // of the C member; the sequence's is its array's
-    const char *count = "";         // name of the C member that holds the sequence's count
-    const char *text = "";          // names the element in failure reports
+    const char *count = nullptr;    // name of the C member that holds the sequence's count
+    const char *text = nullptr;     // names the element in failure reports; null without an element
     const Record *record = nullptr; // embedded, or of the sequence's members
     std::span<const Option> options = {};
 

@@ -1,5 +1,5 @@
-// A message format: the header, the object of each MAT type, and what every element
-// id means.  There is one, message_format; tests make others to play a newer peer.
+// A message format: the header, the object of each MAT type, and which element ids are known.
+// There is one, message_format; tests make others to play a newer peer.
 #pragma once
 
 #include "wire/records.hpp"
@@ -8,20 +8,13 @@
 
 namespace zel::wire {
 
-// What an element id means.
-struct Element {
-    enum class Kind : uint8_t { unknown, start, end, value } kind = Kind::unknown;
-    const Record *record = nullptr;
-    const Member *member = nullptr; // of a value: the field, or the sequence whose count it is
-};
-
 inline constexpr uint32_t num_mat_types = ZEL_MAT_TYPE_POLICY_LIST + 1;
 inline constexpr uint32_t num_element_ids = 256;
 
 struct MessageFormat {
     const Record *header;
     std::array<const Record *, num_mat_types> objects{}; // null: no object has this MAT type
-    std::array<Element, num_element_ids> elements{};
+    std::array<bool, num_element_ids> known_ids{};
 
     constexpr const Record *object(uint32_t mat_type) const
     {
@@ -29,31 +22,28 @@ struct MessageFormat {
     }
 
     // Unknown elements may come from a newer peer.
-    constexpr Element element(uint16_t id) const { return id < num_element_ids ? elements[id] : Element{}; }
-    constexpr bool is_known(uint16_t id) const { return element(id).kind != Element::Kind::unknown; }
+    constexpr bool is_known(uint16_t id) const { return id < num_element_ids && known_ids[id]; }
 };
 
-constexpr void add_elements(MessageFormat &format, const Record &top)
+constexpr void add_ids(MessageFormat &format, const Record &top)
 {
     for_each_record(top, [&](const Record &record) {
-        if (record.start != 0) {
-            format.elements[record.start] = {Element::Kind::start, &record};
-            format.elements[record.end] = {Element::Kind::end, &record};
-        }
+        if (record.start != 0)
+            format.known_ids[record.start] = format.known_ids[record.end] = true;
         for (const Member &member : record.members)
             if (member.id != 0)
-                format.elements[member.id] = {Element::Kind::value, &record, &member};
+                format.known_ids[member.id] = true;
     });
 }
 
 constexpr MessageFormat make_format(const Record &header, std::span<const Record *const> objects)
 {
     MessageFormat format{&header};
-    add_elements(format, header);
-    add_elements(format, reference);
+    add_ids(format, header);
+    add_ids(format, reference);
     for (const Record *const object : objects) {
         format.objects[object->mat_type] = object;
-        add_elements(format, *object);
+        add_ids(format, *object);
     }
     return format;
 }

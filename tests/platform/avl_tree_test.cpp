@@ -1,8 +1,8 @@
 // The tree against std::map, for keys of several sizes, places and orders; and the
 // number of comparisons, which no choice of keys may drive up.
 #include "bytes.hpp"
-#include "platform/avl_tree.h"
 #include "zel.h"
+#include "zel/platform/avl_tree.h"
 
 #include <cmath>
 #include <map>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/tlv_array.h"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,12 +1,12 @@
 /* The public headers are C, and the library needs nothing that the C compiler does not link. */
-#include "platform/tlv_array.h"
-#include "platform/trace.h"
 #include "zel-platform/kob_client.h"
 #include "zel-platform/kob_service.h"
 #include "zel-platform/manager.h"
 #include "zel-platform/tlv_check.h"
 #include "zel-platform/tlv_field.h"
 #include "zel-platform/trace_control.h"
+#include "zel/platform/tlv_array.h"
+#include "zel/platform/trace.h"
 
 #include <stdio.h>
 #include <unistd.h>

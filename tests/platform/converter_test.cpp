@@ -1,9 +1,9 @@
 // The converter with the library's own tables: both ways, and every damaged body
 // refused without a step outside it.
 #include "bytes.hpp"
-#include "platform/tlv_converter.h"
 #include "zel-platform/tlv_field.h"
 #include "zel.h"
+#include "zel/platform/tlv_converter.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // Whatever system call or allocation fails in an exchange: the next exchange works,
 // and nothing is lost on the way.  The tree works without memory of its own.
-#include "platform/avl_tree.h"
-#include "platform/tlv_converter.h"
 #include "transport_support.hpp"
 #include "zel-platform/tlv_field.h"
 #include "zel.h"
+#include "zel/platform/avl_tree.h"
+#include "zel/platform/tlv_converter.h"
 
 #include <atomic>
 #include <cerrno>

@@ -1,8 +1,8 @@
 // The heartbeat and other messages to the system manager.  The environment is read once in
 // a process, so each case runs in a child of its own.
 #include "bytes.hpp"
-#include "platform/heartbeat.h"
 #include "zel-platform/manager.h"
+#include "zel/platform/heartbeat.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,7 +1,7 @@
 // The trace facility: every destination gets what it was asked to take, whole.
 #include "bytes.hpp"
-#include "platform/trace.h"
 #include "zel-platform/trace_control.h"
+#include "zel/platform/trace.h"
 
 #include <cerrno>
 #include <fstream>

@@ -1,7 +1,7 @@
 /* Sends a message whose header announces a pair group and that carries a policy. Prints the answer. */
-#include "platform/transport.h"
 #include "zel-platform/kob_client.h"
 #include "zel.h"
+#include "zel/platform/transport.h"
 
 #include <stdio.h>
 

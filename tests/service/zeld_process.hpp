@@ -2,12 +2,12 @@
 #pragma once
 
 #include "messages.hpp"
-#include "platform/tlv_array.h"
-#include "platform/transport.h"
 #include "policy_notation.hpp"
 #include "reference/kob/unix/socket.hpp"
 #include "tools/zeld/message.hpp"
 #include "zel-platform/kob_client.h"
+#include "zel/platform/tlv_array.h"
+#include "zel/platform/transport.h"
 
 #include <csignal>
 #include <cstdio>

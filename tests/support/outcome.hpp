@@ -1,10 +1,10 @@
 // All that can be seen of what the library makes of a message, as text.
 #pragma once
 
-#include "platform/transport.h"
 #include "reference/kob/message.hpp"
 #include "wire/format.hpp"
 #include "zel.h"
+#include "zel/platform/transport.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,11 +1,11 @@
 #include "recording_platform.hpp"
 
-#include "platform/avl_tree.h"
-#include "platform/heartbeat.h"
-#include "platform/tlv_array.h"
-#include "platform/tlv_converter.h"
-#include "platform/trace.h"
-#include "platform/transport.h"
+#include "zel/platform/avl_tree.h"
+#include "zel/platform/heartbeat.h"
+#include "zel/platform/tlv_array.h"
+#include "zel/platform/tlv_converter.h"
+#include "zel/platform/trace.h"
+#include "zel/platform/transport.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -1,7 +1,7 @@
 #include "tools/message/element_list.hpp"
 
-#include "platform/tlv_array.h"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <fmt/core.h>
 

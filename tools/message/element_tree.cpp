@@ -3,7 +3,7 @@
 #include "tools/json/notation.hpp"
 #include "tools/json/text_values.hpp"
 #include "tools/text/safe_text.hpp"
-#include "wire/format.hpp"
+#include "wire/elements.hpp"
 
 #include <fmt/core.h>
 
@@ -63,7 +63,7 @@ std::string show_element_tree(const ElementList &list)
     std::string tree = fmt::format("{:>8} {:>6} {:>6}\n", "offset", "id", "length");
     std::size_t depth = 0;
     for (const RawElement &raw : list.elements) {
-        const Element element = message_format.element(raw.id);
+        const Element element = zel::wire::element(raw.id);
         if (element.kind == Element::Kind::end && depth > 0)
             --depth;
         tree += fmt::format("{:>8} {:>6} {:>6}  {:{}}{}\n", raw.offset, raw.id, raw.value.size(), "", 2 * depth,

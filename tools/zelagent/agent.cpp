@@ -1,10 +1,10 @@
 #include "tools/zelagent/agent.hpp"
 
-#include "platform/heartbeat.h"
 #include "tools/fleet/commit.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/message.hpp"
 #include "zel-platform/manager.h"
+#include "zel/platform/heartbeat.h"
 
 #include <fmt/core.h>
 

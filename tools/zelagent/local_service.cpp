@@ -1,10 +1,10 @@
 #include "tools/zelagent/local_service.hpp"
 
-#include "platform/tlv_array.h"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/message.hpp"
 #include "zel-platform/kob_client.h"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <fmt/core.h>
 

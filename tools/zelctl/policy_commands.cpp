@@ -1,5 +1,4 @@
 // zelctl policy: applies, checks, deletes and shows whole policies.
-#include "platform/tlv_array.h"
 #include "tools/json/names.hpp"
 #include "tools/json/progress.hpp"
 #include "tools/json/reader.hpp"
@@ -8,6 +7,7 @@
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <deque>
 #include <fmt/core.h>

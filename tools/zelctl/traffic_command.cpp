@@ -1,10 +1,10 @@
 // zelctl traffic: packet headers for the service to classify.
-#include "platform/tlv_array.h"
 #include "tools/json/notation.hpp"
 #include "tools/json/progress.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/packet_file.hpp"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <algorithm>
 #include <fmt/core.h>

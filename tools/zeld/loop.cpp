@@ -1,7 +1,7 @@
 #include "tools/zeld/loop.hpp"
 
-#include "platform/heartbeat.h"
 #include "tools/zeld/log.hpp"
+#include "zel/platform/heartbeat.h"
 
 #include <algorithm>
 #include <poll.h>

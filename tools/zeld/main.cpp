@@ -1,10 +1,10 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
-#include "platform/heartbeat.h"
 #include "tools/message/tracing.hpp"
 #include "tools/transport/nats_options.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/loop.hpp"
 #include "zel-platform/manager.h"
+#include "zel/platform/heartbeat.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>

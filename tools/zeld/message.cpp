@@ -1,10 +1,10 @@
 #include "tools/zeld/message.hpp"
 
-#include "platform/transport.h"
 #include "tools/message/tracing.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/policy.hpp"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/transport.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,8 +1,8 @@
 // The values of the service's own requests, which are the elements of an array.
 #pragma once
 
-#include "platform/tlv_array.h"
 #include "tools/zeld/refusal.hpp"
+#include "zel/platform/tlv_array.h"
 
 #include <cstring>
 

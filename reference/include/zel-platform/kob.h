@@ -17,7 +17,7 @@
 #define ZEL_PLATFORM_REFERENCE_KOB_H
 
 #pragma GCC visibility push(default)
-#include "platform/transport.h"
+#include "zel/platform/transport.h"
 #pragma GCC visibility pop
 
 #include <stdint.h>

@@ -4,7 +4,7 @@
  * A system manager names a socket in the environment variable NOTIFY_SOCKET: an
  * absolute path, or '@' and an abstract name.  Without the variable, or with
  * another value, nothing is sent.  The variable is read once, at the first call.
- * The library's heartbeat (platform/heartbeat.h) sends "WATCHDOG=1" there by itself.
+ * The library's heartbeat (zel/platform/heartbeat.h) sends "WATCHDOG=1" there by itself.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_MANAGER_H
 #define ZEL_PLATFORM_REFERENCE_MANAGER_H

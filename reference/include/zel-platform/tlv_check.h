@@ -21,7 +21,7 @@ extern "C" {
 #define TLV_ARRAY_OVERHEAD 4u
 #define TLV_ELEMENT_OVERHEAD 4u
 
-/* Status codes of the calls in platform/tlv_array.h. */
+/* Status codes of the calls in zel/platform/tlv_array.h. */
 enum {
     TLV_OK = 0,
     TLV_END = 1,     /* the array has no further element */
@@ -31,7 +31,7 @@ enum {
 
 /*
  * Checks a received array of size bytes.  Returns TLV_OK, or TLV_DAMAGED when the array
- * claims to be larger.  The calls of platform/tlv_array.h do not have the size, so every
+ * claims to be larger.  The calls of zel/platform/tlv_array.h do not have the size, so every
  * receiver of an array must call this once; after TLV_OK no call reads beyond size bytes.
  * Reads nothing outside the size bytes itself.  Reentrant.
  */

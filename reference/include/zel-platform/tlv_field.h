@@ -1,7 +1,7 @@
 /*
  * tlv_field.h - codes of the converter's calls, and the records of its iteration.
  *
- * See platform/tlv_converter.h.  A body is one TLV array (platform/tlv_array.h).  Every
+ * See zel/platform/tlv_converter.h.  A body is one TLV array (zel/platform/tlv_array.h).  Every
  * field is one element.  Every record of a record array is one element with the row's
  * id; its value is a TLV array again, with the elements of the nested table.
  *
@@ -22,7 +22,7 @@
 extern "C" {
 #endif
 
-/* Codes of the calls in platform/tlv_converter.h. */
+/* Codes of the calls in zel/platform/tlv_converter.h. */
 enum {
     TLVU_OK = 0,
     TLVU_END = 1,     /* the iteration has no further element */

@@ -8,7 +8,7 @@
  * Arguments called "reserved" are machine words that the library always gives
  * as 0.
  *
- * A received payload is one TLV array (platform/tlv_array.h), or a response header and
+ * A received payload is one TLV array (zel/platform/tlv_array.h), or a response header and
  * its body.  The platform must see to it that a payload
  *
  *   - is followed by at least 64 readable bytes, which should be 0: decoders read the

@@ -168,7 +168,7 @@ public:
     explicit Client(const std::string &path) : listener_(raw_socket(path, bind)), path_(path)
     {
         REQUIRE(listen(listener_, 1) == 0);
-        const kob_client_options_t options{1, max_message};
+        const kob_client_options_t options{1, max_message, 0};
         kob_ = kob_open(("unix:" + path).c_str(), &options, nullptr);
         REQUIRE(kob_ != 0);
     }

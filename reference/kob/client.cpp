@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <poll.h>
 
 using namespace zel::platform;
 
@@ -150,9 +151,11 @@ int32_t send_once(Client &client, const Frame &frame, const void *payload, const
         if (error != KOB_OK)
             return error;
     }
-    const int32_t error = client.operations->send(*client.link, frame, payload, deadline);
-    if (error == KOB_OK)
-        return KOB_OK;
+    const bool is_posted = client.options.no_wait != 0 && client.operations->post != nullptr;
+    const int32_t error = is_posted ? client.operations->post(*client.link, frame, payload)
+                                    : client.operations->send(*client.link, frame, payload, deadline);
+    if (error == KOB_OK || (is_posted && error == KOB_ERR_TIMEOUT))
+        return error;
     // The connection may hold half a message, and it may say why the service closed it.
     return abandon(client) == KOB_ERR_BUSY ? KOB_ERR_BUSY : error;
 }
@@ -160,7 +163,7 @@ int32_t send_once(Client &client, const Frame &frame, const void *payload, const
 // Sends a request.  If the connection turns out to be broken, connects again, once.
 int32_t send_request(Client &client, Frame frame, const void *payload, kob_msg_t *msg)
 {
-    const Deadline deadline = Deadline::in(client.options.timeout_ms);
+    const Deadline deadline = Deadline::in(client.options.no_wait != 0 ? 0 : client.options.timeout_ms);
     frame.magic = frame_magic;
     frame.kind = FrameKind::request;
     frame.token = client.last_token + 1 != 0 ? client.last_token + 1 : 1;
@@ -312,6 +315,18 @@ int32_t mpkob_send(uint32_t kob_handle, uint32_t node, uint32_t sap, uint32_t op
     const int32_t error = send_request(*client, frame, bytes, msg);
     std::free(bytes);
     return error;
+}
+
+int kob_fd(uint32_t kob_handle, short *events)
+{
+    const Client *const client = find_client(kob_handle);
+    bool is_sending = false;
+    int descriptor = -1;
+    if (client != nullptr && client->link != nullptr && client->operations->descriptor != nullptr)
+        descriptor = client->operations->descriptor(*client->link, is_sending);
+    if (events != nullptr)
+        *events = static_cast<short>(is_sending ? POLLIN | POLLOUT : POLLIN);
+    return descriptor;
 }
 
 int32_t kob_errno_get(uint32_t kob_handle)

@@ -25,6 +25,11 @@ struct ClientOperations {
     int32_t (*send)(ClientLink &link, const Frame &frame, const void *payload, Deadline deadline);
     int32_t (*receive)(ClientLink &link, kob_msg &msg, Deadline deadline);
     void (*disconnect)(ClientLink &link);
+    // As send, without waiting.  What cannot leave now is copied and leaves during later calls;
+    // until then KOB_ERR_TIMEOUT, and the link stays.  Null: send does not wait.
+    int32_t (*post)(ClientLink &link, const Frame &frame, const void *payload) = nullptr;
+    // Null: there is no descriptor.
+    int (*descriptor)(const ClientLink &link, bool &is_sending) = nullptr;
 };
 
 // The options of a service that every endpoint has.  None of the numbers is 0.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <barrier>
 #include <fstream>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace {
@@ -32,6 +33,36 @@ TEST_F(TransportTest, MessagesOfAnySizeArriveWithEverything)
             EXPECT_EQ(payload(message), response_of(size)) << size;
         }
     }
+}
+
+// One thread plays both sides: nothing waits.  Large requests leave while the service reads.
+TEST_F(TransportTest, AnEventLoopNeedsADescriptorAndSendsWithoutWaiting)
+{
+    open_client({0, 0, 1});
+    EXPECT_EQ(kob_fd(kob, nullptr), -1);
+    for (const uint32_t size : {4U, 5000000U}) {
+        const uint32_t token = send(array_of(size), 1);
+        ASSERT_NE(token, 0U);
+        pollfd wait{-1, 0, 0};
+        wait.fd = kob_fd(kob, &wait.events);
+        EXPECT_EQ(wait.events, size > 4 ? POLLIN | POLLOUT : POLLIN);
+        if (size > 4) {
+            EXPECT_EQ(try_send(array_of(size), 1), KOB_ERR_TIMEOUT); // one at a time, and the link stays
+        }
+        while (serve(0) == KOB_ERR_TIMEOUT)
+            EXPECT_EQ(fetch(token, 0), KOB_ERR_TIMEOUT);
+        EXPECT_EQ(payload(received), array_of(size));
+        EXPECT_EQ(reply(response_of(8)), KOB_OK);
+        wait.fd = kob_fd(kob, &wait.events);
+        EXPECT_EQ(wait.events, POLLIN);
+        EXPECT_EQ(poll(&wait, 1, patience), 1);
+        EXPECT_EQ(fetch(token, 0), KOB_OK);
+    }
+    send(array_of(5000000), 1); // what has not left is freed
+    close_service();
+    EXPECT_EQ(fetch(0, 0), KOB_ERR_PEER_GONE);
+    EXPECT_EQ(kob_fd(kob, nullptr), -1);
+    EXPECT_EQ(try_send(array_of(4)), KOB_ERR_ABSENT);
 }
 
 TEST_F(TransportTest, ResponsesMayComeInAnyOrderAndUnfetchedOnesAreBounded)
@@ -65,7 +96,7 @@ TEST_F(TransportTest, ResponsesMayComeInAnyOrderAndUnfetchedOnesAreBounded)
 TEST_F(TransportTest, UnfetchedResponsesAreBoundedInBytes)
 {
     constexpr uint32_t max_message = 10000;
-    open_client({0, max_message});
+    open_client({0, max_message, 0});
     const uint32_t other = ask();
     const Message request = std::exchange(received, Message(kob_msg_alloc(), kob_msg_free));
     ask();
@@ -93,7 +124,7 @@ TEST_F(TransportTest, WaitingEndsWithATimeout)
     ASSERT_EQ(reply(), KOB_OK); // late, and still good
     EXPECT_EQ(fetch(token, -1), KOB_OK);
 
-    open_client({50, 0});
+    open_client({50, 0, 0});
     for (const uint32_t segments : {0U, 1U}) {
         for (int32_t error = KOB_OK; error != KOB_ERR_TIMEOUT; error = try_send(array_of(100000), segments))
             ASSERT_EQ(error, KOB_OK);
@@ -129,7 +160,7 @@ TEST_F(TransportTest, OversizeIsRefusedOnEitherSide)
     ask(array_of(150000), 1); // the connection goes on
     EXPECT_EQ(reply(Bytes(150001)), KOB_ERR_TOO_LARGE);
 
-    open_client({0, 1000});
+    open_client({0, 1000, 0});
     EXPECT_EQ(try_send(array_of(1001), 1), KOB_ERR_TOO_LARGE);
     token = ask();
     ASSERT_EQ(reply(response_of(1000)), KOB_OK);

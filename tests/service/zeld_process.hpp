@@ -172,7 +172,7 @@ public:
     explicit Client(const std::string &address, uint32_t app = 1) : app_type(app)
     {
         // Milliseconds, longer than any request takes; and bytes.
-        const kob_client_options_t options{60000, KOB_MESSAGE_LIMIT};
+        const kob_client_options_t options{60000, KOB_MESSAGE_LIMIT, 0};
         kob = kob_open(address.c_str(), &options, nullptr);
         zel_api_init(&handle, 0, app, kob, nullptr, nullptr, nullptr);
     }

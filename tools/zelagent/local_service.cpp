@@ -69,7 +69,7 @@ std::string show_request(uint32_t app)
 
 LocalService::LocalService(const ServiceOptions &options) : options_(options)
 {
-    const kob_client_options_t limits{static_cast<uint32_t>(options.timeout * 1000), KOB_MESSAGE_LIMIT};
+    const kob_client_options_t limits{static_cast<uint32_t>(options.timeout * 1000), KOB_MESSAGE_LIMIT, 0};
     int32_t error = KOB_OK;
     kob_ = kob_open(options.address.c_str(), &limits, &error);
     if (kob_ == 0)

@@ -51,7 +51,7 @@ std::string_view Answer::body() const
 Connection::Connection(const Options &options) : address_(options.service)
 {
     const double milliseconds = std::ceil(options.timeout * 1000);
-    const kob_client_options_t limits{static_cast<uint32_t>(milliseconds), largest_message};
+    const kob_client_options_t limits{static_cast<uint32_t>(milliseconds), largest_message, 0};
     int32_t error = KOB_OK;
     kob_ = kob_open(address_.c_str(), &limits, &error);
     if (kob_ == 0)

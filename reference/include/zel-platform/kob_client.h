@@ -30,6 +30,7 @@ extern "C" {
 typedef struct {
     uint32_t timeout_ms;  /* for a request to leave, and for a response by default; 5000 */
     uint32_t max_message; /* largest message in either direction; 16 MiB */
+    uint32_t no_wait;     /* not 0: sending does not wait, see kob_fd() */
 } kob_client_options_t;
 
 /*
@@ -55,6 +56,26 @@ void kob_close(uint32_t kob_handle);
  * KOB_ERR_HANDLE.  msg is unchanged unless KOB_OK.
  */
 int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t timeout_ms);
+
+/*
+ * The descriptor of a handle's connection, for a poll() or epoll of the caller's; -1 without
+ * connection, and where the endpoint has none.  Stays the handle's, and changes when the
+ * handle connects again: ask after each request.  *events, which may be null, is what to wait
+ * for: POLLIN, and POLLOUT besides while a request is leaving.  When the descriptor is ready,
+ * call kob_receive() with a time of 0.
+ *
+ *     kob_client_options_t options = {.no_wait = 1};
+ *     uint32_t kob = kob_open("unix:/run/zel.sock", &options, NULL);
+ *     uint32_t token = zel_policy_update(&handle, &policy, ZEL_OP_SET, msg);
+ *     struct pollfd wait = {.fd = kob_fd(kob, &wait.events)};
+ *     while (poll(&wait, 1, -1) >= 0 && kob_receive(kob, token, msg, 0) == KOB_ERR_TIMEOUT)
+ *         wait.fd = kob_fd(kob, &wait.events);
+ *
+ * A handle with no_wait takes a request whole or refuses it.  What the connection does not
+ * take at once is copied and leaves during later calls.  Until then, a further request is
+ * refused with KOB_ERR_TIMEOUT, and nothing of it is sent.
+ */
+int kob_fd(uint32_t kob_handle, short *events);
 
 #pragma GCC visibility pop
 

@@ -20,6 +20,8 @@ struct Link : ClientLink {
     int socket;
     Budget budget;
     Inbound inbound;
+    Outbound leaving{};     // the rest of a request that was posted
+    char *posted = nullptr; // its payload
 };
 
 Link &as_link(ClientLink &link) { return static_cast<Link &>(link); }
@@ -91,10 +93,51 @@ int32_t send_to(ClientLink &link, const Frame &frame, const void *payload, Deadl
     }
 }
 
+// Sends what is left of a posted request, as far as the socket takes it.
+int32_t flush(Link &link)
+{
+    if (link.posted == nullptr)
+        return KOB_OK;
+    const int32_t error = send_packets(link.socket, link.leaving);
+    if (error == KOB_ERR_TIMEOUT)
+        return KOB_OK;
+    std::free(link.posted);
+    link.posted = nullptr;
+    return error;
+}
+
+int32_t post_to(ClientLink &link, const Frame &frame, const void *payload)
+{
+    Link &self = as_link(link);
+    int32_t error = flush(self);
+    if (error != KOB_OK || self.posted != nullptr)
+        return error != KOB_OK ? error : KOB_ERR_TIMEOUT;
+    self.leaving = {frame, static_cast<const char *>(payload), 0, false};
+    error = send_packets(self.socket, self.leaving);
+    if (error != KOB_ERR_TIMEOUT)
+        return error;
+    self.posted = static_cast<char *>(std::malloc(frame.total + std::size_t{1}));
+    if (self.posted == nullptr)
+        return KOB_ERR_MEMORY;
+    if (frame.total != 0)
+        std::memcpy(self.posted, payload, frame.total);
+    self.leaving.payload = self.posted;
+    return KOB_OK;
+}
+
+int descriptor_of(const ClientLink &link, bool &is_sending)
+{
+    const auto &self = static_cast<const Link &>(link);
+    is_sending = self.posted != nullptr;
+    return self.socket;
+}
+
 int32_t receive_from(ClientLink &link, kob_msg &msg, Deadline deadline)
 {
     Link &self = as_link(link);
     for (;;) {
+        if (const int32_t error = flush(self); error != KOB_OK)
+            return error;
         Fault fault{};
         switch (receive_packet(self.socket, self.inbound, msg, fault)) {
         case Step::message:
@@ -104,7 +147,8 @@ int32_t receive_from(ClientLink &link, kob_msg &msg, Deadline deadline)
                 return KOB_ERR_TIMEOUT;
             continue;
         case Step::nothing:
-            if (!wait_for(self.socket, POLLIN, deadline))
+            if (!wait_for(self.socket, static_cast<short>(self.posted != nullptr ? POLLIN | POLLOUT : POLLIN),
+                          deadline))
                 return KOB_ERR_TIMEOUT;
             continue;
         case Step::refused: // reported to the caller that waits for it, as if the service had refused
@@ -125,11 +169,13 @@ void disconnect(ClientLink &link)
     Link &self = as_link(link);
     close(self.socket);
     self.inbound.reset();
+    std::free(self.posted);
     std::free(&self);
 }
 
 } // namespace
 
-constinit const ClientOperations client_operations = {connect_to, send_to, receive_from, disconnect};
+constinit const ClientOperations client_operations = {connect_to, send_to, receive_from,
+                                                      disconnect, post_to, descriptor_of};
 
 } // namespace zel::platform::unix_socket

@@ -1,9 +1,9 @@
 /* Sends one policy, that sends web traffic to a VRF, and prints the service's answer. */
-#include "zel-platform/kob_client.h"
-#include "zel.h"
-
 #include <stdarg.h>
 #include <stdio.h>
+#include <zel-platform/kob_client.h>
+#include <zel.h>
+#include <zel/protocol.h>
 
 static void print_report(const char *format, ...)
 {
@@ -38,8 +38,7 @@ int main(int argc, char **argv)
 
     zel_api_handle_t handle;
     zel_api_init(&handle, 0, 1, kob, print_report, print_report, NULL);
-    const uint32_t set = 1; /* the service's op_code for "create or replace" */
-    uint32_t token = zel_policy_update(&handle, &policy, set, msg);
+    uint32_t token = zel_policy_update(&handle, &policy, ZEL_OP_SET, msg);
     error = token != 0 ? kob_receive(kob, token, msg, -1) : kob_errno_get(kob);
 
     int32_t retval = -1;

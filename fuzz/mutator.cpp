@@ -299,10 +299,7 @@ private:
         elements_.insert(inside, {std::move(type), std::move(id)});
     }
 
-    static uint32_t mat_type_of(uint16_t start_id)
-    {
-        return zel::wire::element(start_id).record->mat_type;
-    }
+    static uint32_t mat_type_of(uint16_t start_id) { return zel::wire::element(start_id).record->mat_type; }
 
     void insert()
     {

@@ -104,7 +104,7 @@ private:
         REQUIRE(is_message || error != service::error_none);
         if (!is_message || error == service::error_limit || error == service::error_denied)
             return;
-        const zeld::Request request = zeld::parse_request(received.payload(), 0);
+        const zeld::Request request = zeld::read_request(received.payload());
         if (request.header.api_type != ZEL_API_STATS_PULL)
             REQUIRE(error == static_cast<uint32_t>(
                                  model_.apply(request.header, request.object.get()).value_or(service::error_none)));

@@ -16,7 +16,8 @@
  *     }
  *
  * There is an answer at any time after zel_request_read(): a request that the service does
- * nothing about is refused as unsupported.
+ * nothing about is refused as unsupported.  A record that was not read, and is 0 but for its
+ * size, can be answered, too.
  *
  * The calls keep nothing between them, take no callback, and are reentrant.  A request is
  * used by one thread at a time.

@@ -5,6 +5,7 @@
 #include "tools/zeld/policy.hpp"
 #include "zel-platform/tlv_check.h"
 #include "zel/platform/transport.h"
+#include "zel/service.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -14,15 +15,9 @@ namespace zeld {
 
 namespace {
 
-// Set when the library reports an error. The library then continues, so its result
-// is incomplete.
-bool has_library_failed = false;
-
 // Logs a diagnostic of the library, without the line feed that some of them have.
 template <LogLevel Level> void report(const char *format, ...) // NOLINT(cert-dcl50-cpp): the type of its callbacks
 {
-    if (Level == LogLevel::error)
-        has_library_failed = true;
     char text[512];
     va_list args;
     va_start(args, format);
@@ -35,19 +30,11 @@ template <LogLevel Level> void report(const char *format, ...) // NOLINT(cert-dc
 // it is set only when its output is logged.
 zel_api_handle_t make_handle()
 {
-    has_library_failed = false;
     zel_api_handle_t handle{};
     const zel_trace_cb_t detail = is_logged(LogLevel::trace) ? report<LogLevel::trace> : nullptr;
     zel_api_init(&handle, tools::trace_flag(), 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::error>, report<LogLevel::warn>,
                  detail);
     return handle;
-}
-
-// A verified message or a checked policy can only fail for lack of memory.
-void require_complete()
-{
-    if (has_library_failed)
-        throw std::bad_alloc();
 }
 
 zel_kob_header_t header_of(const PolicyKey &key)
@@ -71,42 +58,30 @@ const void *payload_of(kob_msg_t *msg)
     return mpkob_is_mpkob(0, msg) != 0 ? mpkob_payload_get(0, msg) : kob_payload_get(msg);
 }
 
-// The parser is tolerant: its graph of a message of another shape may lack members
-// or share memory. So each message is verified first.
-uint32_t verify_request(const void *array, bool is_strict)
-{
-    const zel_verify_options_t options{sizeof options, is_strict};
-    zel_verify_report_t result{};
-    result.size = sizeof result;
-    const uint32_t rule = zel_verify_tlv_array(array, &options, &result);
-    if (rule == ZEL_VERIFY_OK)
-        return result.unknown_elements;
-    char text[ZEL_VERIFY_TEXT_SIZE];
-    zel_verify_report_text(&result, text, sizeof text);
-    throw Refusal(rule == ZEL_VERIFY_REQUEST_KIND ? service::error_unsupported : service::error_malformed, "{}",
-                  std::string_view(text));
-}
-
-Request parse_request(const void *array, uint32_t num_unknown)
+Request read_request(const void *array, bool is_strict)
 {
     zel_api_handle_t handle = make_handle();
-    Request request;
-    void *const object = zel_parse_tlv_array(&handle, array, &request.header);
-    request.object = AnyGraph(object, FreeAnyGraph{get_mat_obj_type(request.header.api_type)});
-    require_complete();
-    if (num_unknown == 0)
+    const zel_request_options_t options{sizeof options, is_strict, 0, &handle};
+    zel_request_t read{};
+    read.size = sizeof read;
+    switch (zel_request_read_array(array, &options, &read)) {
+    case ZEL_REQUEST_REFUSED:
+        throw Refusal(static_cast<service::Error>(read.answer.error), "{}", std::string_view(read.answer.msg));
+    case ZEL_REQUEST_NO_MEMORY:
+        throw std::bad_alloc();
+    }
+    Request request{read.header, AnyGraph(read.object, FreeAnyGraph{read.mat_type})};
+    if (read.unknown_elements == 0)
         request.message = bytes_of(array);
     return request;
 }
-
-Request read_request(const void *array) { return parse_request(array, verify_request(array)); }
 
 Request read_stored(const PolicyKey &key, Bytes &message)
 {
     if (tlv_array_check(message.data(), static_cast<uint32_t>(message.size())) != TLV_OK)
         throw Refusal(service::error_malformed, "the array is longer than the message");
     message.resize(message.size() + KOB_PAYLOAD_TAIL);
-    Request request = parse_request(message.data(), verify_request(message.data(), true));
+    Request request = read_request(message.data(), true);
     message.resize(message.size() - KOB_PAYLOAD_TAIL);
     if (request.header.app_type != key.app_type || request.header.policy_id != key.id)
         throw Refusal(service::error_malformed, "the message changes something else");
@@ -125,7 +100,8 @@ Bytes write_policy(uint32_t app_type, const Policy &policy)
     const auto capacity = static_cast<uint32_t>(size);
     zel_add_kob_header_to_tlv(&handle, message.data(), capacity, &header);
     assemble_mat_obj_for_kob(&handle, app_type, message.data(), capacity, ZEL_MAT_TYPE_POLICY, &graph.policy());
-    require_complete();
+    if (handle.faults.count != 0) // a checked policy can only fail for lack of memory
+        throw std::bad_alloc();
     return message;
 }
 

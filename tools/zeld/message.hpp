@@ -31,13 +31,9 @@ class Policy;
 // The TLV array of a received message, single or multi-part; null when it has none.
 const void *payload_of(kob_msg_t *msg);
 
-// Reading a request in two steps, because each takes its time with a large message. 64
-// bytes behind the array must be readable. verify_request() throws Refusal when the
-// array is not a complete message, and returns the number of unknown elements. In a
-// strict verification there are none.
-uint32_t verify_request(const void *array, bool is_strict = false);
-Request parse_request(const void *array, uint32_t num_unknown);
-Request read_request(const void *array);
+// Verifies a message and reads it. 64 bytes behind the array must be readable. Throws
+// Refusal when it is not a complete message; when strict, also for an unknown element.
+Request read_request(const void *array, bool is_strict = false);
 
 // Reads the message of a stored row. Throws Refusal when it is not a change of that policy.
 Request read_stored(const PolicyKey &key, Bytes &message);

@@ -29,12 +29,7 @@ public:
     {
         if (state_ == State::reading)
             return finish(statistics_->answer());
-        if (!is_verified_) {
-            num_unknown_ = verify_request(payload_of(msg_));
-            is_verified_ = true;
-            return;
-        }
-        request_ = parse_request(payload_of(msg_), num_unknown_);
+        request_ = read_request(payload_of(msg_));
         if (request_.header.api_type != ZEL_API_STATS_PULL)
             return get_ready();
         statistics_.emplace(service_.policies(), request_, service_.max_body(), access_ == Access::read_only);
@@ -67,8 +62,6 @@ private:
     Service &service_;
     kob_msg_t *msg_;
     Access access_;
-    bool is_verified_ = false;
-    uint32_t num_unknown_ = 0;
     Request request_{};
     std::optional<Statistics> statistics_{};
     std::string change_{};

@@ -1,6 +1,6 @@
 #include "tools/zeld/statistics.hpp"
 
-#include "zel-platform/tlv_check.h"
+#include "zel/service.h"
 
 namespace zeld {
 
@@ -43,15 +43,14 @@ Answer Statistics::answer()
 {
     for (const zel_stat_request_entry_t *const query : queries_of(request_))
         add(*query);
-    const zel_stat_results_t results{service::stat_tag_results, static_cast<uint32_t>(entries_.size()),
-                                     entries_.data()};
+    zel_request_t converted{};
+    converted.size = sizeof converted;
+    const std::unique_ptr<zel_request_t, decltype(&zel_request_free)> owner(&converted, zel_request_free);
+    if (zel_request_answer_stats(&converted, entries_.data(), static_cast<uint32_t>(entries_.size())) != ZEL_REQUEST_OK)
+        throw std::bad_alloc();
     Answer given = success("statistics");
-    Bytes &body = given.body;
-    body.resize(TLV_ARRAY_OVERHEAD + zel_stat_results_get_tlv_sz(&results));
-    uint32_t written = 0;
-    if (const int32_t code = zel_stat_results_to_tlv(&results, body.data(), body.size(), &written, 0, 0); code != 0)
-        throw std::logic_error(fmt::format("{} statistics entries were not converted: {}", entries_.size(), code));
-    body.resize(written);
+    const auto *const bytes = static_cast<const unsigned char *>(converted.reply[1].address);
+    given.body.assign(bytes, bytes + converted.reply[1].length);
     for (const auto &counters : to_clear_)
         *counters = {};
     return given;

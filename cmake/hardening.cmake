@@ -1,6 +1,6 @@
 # What makes a fault harder to use: for everything that is built. tests/hardened.sh looks
 # whether it is there.
-if(NOT ZEL_HARDENED OR NOT CMAKE_BUILD_TYPE STREQUAL Release)
+if(NOT ZEL_HARDENED OR NOT ZEL_IS_PRODUCT)
     return()
 endif()
 add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

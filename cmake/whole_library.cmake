@@ -6,7 +6,7 @@
 #
 # Symbols that the version scripts do not name are local to the object.
 function(add_whole_library name)
-    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_BUILD_TYPE STREQUAL Release)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND ZEL_IS_PRODUCT)
         set(options -O3 -fPIC -flto -fno-gnu-unique) # unique symbols cannot become local
     endif()
     foreach(library zel_objects zel_platform)
@@ -34,7 +34,8 @@ function(add_whole_library name)
     add_library(${name} STATIC ${objects})
     set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
     target_include_directories(${name} PUBLIC
-        ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/reference/include)
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/reference/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 
 # Makes the object NAME.o of others.

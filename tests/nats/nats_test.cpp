@@ -46,7 +46,7 @@ struct Service {
 };
 
 struct Client {
-    explicit Client(const std::string &address, const kob_client_options_t &options = {3000, 0})
+    explicit Client(const std::string &address, const kob_client_options_t &options = {3000, 0, 0})
         : kob(kob_open(address.c_str(), &options, &error))
     {}
     ~Client() { kob_close(kob); }
@@ -107,7 +107,7 @@ TEST_F(NatsTest, MessagesOfAllSizesTravelBothWays)
     for (const char *const config : {"", "max_payload: 40000\n"}) {
         const NatsServer server(config);
         Service service(server.address("zel.sizes"));
-        Client client(server.address("zel.sizes"), {20000, 0});
+        Client client(server.address("zel.sizes"), {20000, 0, 0});
         for (const uint32_t size :
              {4U, 100U, 40000U, KOB_PLAIN_LIMIT - 268, KOB_PLAIN_LIMIT, KOB_PLAIN_LIMIT + 1, 9000000U}) {
             std::thread serving(serve, std::ref(service), 1);
@@ -140,7 +140,7 @@ TEST_F(NatsTest, FailuresHaveTheCodesOfTheTransport)
     NatsServer server;
     const std::string address = server.address("zel.fail");
     Service service(address, {5000, 0, 0, 0, 0, 0, nullptr, nullptr, 0, 0, 0});
-    Client client(address, {300, 0});
+    Client client(address, {300, 0, 0});
     EXPECT_EQ(client.request(array_of(4)), KOB_ERR_TIMEOUT) << "nobody takes the request";
     ASSERT_EQ(service.receive(), KOB_OK);
     EXPECT_EQ(client.send(array_of(6000)), KOB_OK);

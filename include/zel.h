@@ -808,7 +808,8 @@ ZEL_EXPORT int32_t zel_verify_report_text(const zel_verify_report_t *report, cha
 /* ------------------------------------------------------------------------
  * Check of a graph (addition)
  *
- * Looks for faults of a graph that a client can make and that nobody sees once it is sent.  The first one is reported in the form of the verifier, with its path.
+ * Looks for faults of a graph that a client can make and that nobody sees once it is sent.  The first one is reported
+ * in the form of the verifier, with its path.
  *
  *     zel_verify_report_t report = {.size = sizeof report};
  *     if (zel_check_graph(ZEL_MAT_TYPE_POLICY, &policy, NULL, &report) != ZEL_VERIFY_OK) {

@@ -146,7 +146,10 @@ inline Result<Prefix> parse_prefix(std::string_view given)
 
 // ---- Parameters of matches and actions
 
-struct NoParam {};
+// A match of a type that has no parameter.
+struct NoParam {
+    uint32_t type = ZEL_MATCH_TYPE_NO_PARAM;
+};
 using Services = std::vector<zel_match_service_element_t>; // any of them matches
 
 using MatchParam = std::variant<NoParam, zel_match_acl_t, zel_match_label_t, Services, zel_match_service_element_t,
@@ -320,26 +323,35 @@ inline Action plain_action(uint32_t type) { return Action(PlainAction{type}); }
 
 namespace detail {
 
-inline void clear_padding([[maybe_unused]] zel_match_t &record)
+// Padding that came with a program's record would make equal contents differ.
+inline void clear_bytes(void *record, std::size_t from, std::size_t to)
 {
-#if defined(__has_builtin)
-#if __has_builtin(__builtin_clear_padding)
-    // The padding of a parameter came with the program's value.
-    switch (record.type) {
-    case ZEL_MATCH_TYPE_LABEL:
-        return __builtin_clear_padding(&record.param.label);
-    case ZEL_MATCH_TYPE_SERVICE_ELEMENT:
-        return __builtin_clear_padding(&record.param.service_element);
-    case ZEL_MATCH_TYPE_LISP_PROTO:
-        return __builtin_clear_padding(&record.param.lisp_proto);
-    default:
-        return;
-    }
-#endif
-#endif
+    std::memset(static_cast<char *>(record) + from, 0, to - from);
 }
 
-inline void clear_padding(zel_action_t &) {} // compared with its padding: at worst an equal action travels twice
+inline void clear_padding(zel_match_service_element_t &element)
+{
+    constexpr std::size_t end = offsetof(zel_match_service_element_t, protocol) + sizeof element.protocol;
+    clear_bytes(&element, end, sizeof element);
+}
+
+inline void clear_padding(zel_match_t &match)
+{
+    zel_match_param_t &param = match.param;
+    if (match.type == ZEL_MATCH_TYPE_SERVICE_ELEMENT)
+        clear_padding(param.service_element);
+    else if (match.type == ZEL_MATCH_TYPE_LABEL)
+        clear_bytes(&param, sizeof param.label.eth_type, offsetof(zel_match_label_t, encap_flag));
+    else if (match.type == ZEL_MATCH_TYPE_LISP_PROTO)
+        clear_bytes(&param, sizeof param.lisp_proto.udp_port, offsetof(zel_match_lisp_proto_t, destination_rloc));
+}
+
+inline void clear_padding(zel_action_t &action)
+{
+    constexpr std::size_t end = offsetof(zel_action_param_redirect_t, label_param) + sizeof(zel_action_label_param_t);
+    if (action.type == ZEL_ACTION_TYPE_REDIRECT)
+        clear_bytes(&action.param, end, offsetof(zel_action_param_redirect_t, etype));
+}
 
 inline uint64_t hash_of(const void *bytes, std::size_t size, uint64_t hash)
 {
@@ -362,7 +374,6 @@ inline std::size_t size_of_param(const zel_match_t &match)
     case ZEL_MATCH_TYPE_LABEL:
         return sizeof match.param.label;
     case ZEL_MATCH_TYPE_SERVICE: // compared member by member
-    case ZEL_MATCH_TYPE_NO_PARAM:
         return 0;
     default:
         return sizeof match.param.service_element;
@@ -622,9 +633,11 @@ private:
         match.op_mode = from.op_mode;
         match.pre_match_id = from.pre_match_id;
         match.type = detail::match_types[from.param.index()];
+        if (const auto *none = std::get_if<NoParam>(&from.param))
+            match.type = none->type;
         std::visit([&](const auto &param) { put(match.param, param); }, from.param);
-        detail::clear_padding(match);
         add(matches_, match_pointers_, match);
+        detail::clear_padding(matches_.back());
     }
 
     void add(const Action &from)
@@ -638,21 +651,24 @@ private:
             action.type = plain->type;
         std::visit([&](const auto &param) { put(action.param, param); }, from.param);
         add(actions_, action_pointers_, action);
+        detail::clear_padding(actions_.back());
     }
 
     // The area of a parameter begins where each alternative begins.
     template <class Area, class P> static void put(Area &area, const P &param)
     {
         static_assert(std::is_trivially_copyable_v<P> && sizeof param <= sizeof area);
-        if constexpr (!std::is_empty_v<P> && !std::is_same_v<P, PlainAction>)
+        if constexpr (!std::is_same_v<P, NoParam> && !std::is_same_v<P, PlainAction>)
             std::memcpy(&area, &param, sizeof param);
     }
 
     void put(zel_match_param_t &area, const Services &services)
     {
         area.service = {static_cast<uint16_t>(services.size()), end_of(element_pointers_)};
-        for (const zel_match_service_element_t &element : services)
+        for (const zel_match_service_element_t &element : services) {
             add(elements_, element_pointers_, element);
+            detail::clear_padding(elements_.back());
+        }
     }
 
     template <class R> static R **end_of(std::vector<R *> &pointers) { return pointers.data() + pointers.size(); }
@@ -697,7 +713,7 @@ namespace detail {
 template <class Variant, std::size_t I> bool take(const uint32_t *types, uint32_t type, const void *area, Variant &into)
 {
     using P = std::variant_alternative_t<I, Variant>;
-    if constexpr (std::is_trivially_copyable_v<P> && !std::is_empty_v<P> && !std::is_same_v<P, PlainAction>) {
+    if constexpr (std::is_trivially_copyable_v<P> && !std::is_same_v<P, NoParam> && !std::is_same_v<P, PlainAction>) {
         if (types[I] == type) {
             P param;
             std::memcpy(&param, area, sizeof param);
@@ -728,6 +744,7 @@ inline Match to_value(const zel_match_t &from)
             services.push_back(*from.param.service.elements[i]);
         match.param = std::move(services);
     } else {
+        match.param = NoParam{from.type};
         detail::take_param(detail::match_types, from.type, &from.param, match.param,
                            std::make_index_sequence<std::variant_size_v<MatchParam>>());
     }

@@ -794,6 +794,23 @@ inline Policy to_value(const zel_policy_t &from)
 
 // ---- Messages
 
+namespace detail {
+
+// Why a message lacks something: memory was short, or the graph has what does not travel.
+inline Error why_incomplete(const Graph &graph)
+{
+    zel_verify_report_t report{};
+    report.size = sizeof report;
+    char text[ZEL_VERIFY_TEXT_SIZE];
+    const uint32_t rule = zel_check_graph(graph.mat_type(), graph.root(), nullptr, &report);
+    if (rule == ZEL_VERIFY_OK || rule == ZEL_CHECK_NO_MEMORY)
+        return {Error::Kind::memory, 0, "out of memory"};
+    zel_verify_report_text(&report, text, sizeof text);
+    return {Error::Kind::value, static_cast<int32_t>(rule), text};
+}
+
+} // namespace detail
+
 // The message that sets a policy, for a file or another transport.
 inline Result<std::vector<unsigned char>> encode(const Policy &policy, uint32_t app_type = 0,
                                                  uint32_t op_code = ZEL_OP_SET)
@@ -808,7 +825,7 @@ inline Result<std::vector<unsigned char>> encode(const Policy &policy, uint32_t 
     const std::unique_ptr<void, void (*)(void *)> message(zel_encode_message(&handle, &header, graph->root(), &size),
                                                           std::free);
     if (message == nullptr || handle.faults.count != 0)
-        return Error{Error::Kind::memory, 0, "out of memory"};
+        return detail::why_incomplete(*graph);
     const auto *const bytes = static_cast<const unsigned char *>(message.get());
     return std::vector<unsigned char>(bytes, bytes + size);
 }
@@ -1018,7 +1035,10 @@ private:
         const auto graph = Graph::of(value);
         if (!graph)
             return graph.error();
-        return request(api_type, policy_id, graph->root(), op_code);
+        auto answer = request(api_type, policy_id, graph->root(), op_code);
+        if (answer && handle_.faults.count != 0)
+            return detail::why_incomplete(*graph); // the service has what could be sent
+        return answer;
     }
 
     // Sends and waits.  Null when the service did what was asked.

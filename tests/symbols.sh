@@ -10,8 +10,7 @@ trap 'rm -rf "$work"' EXIT
 echo '#include "zel/service.h"' | "$cc" -E -P -I"$root/include" -DZEL_EXPORT_TEST - | tr '\n' ' ' | tr ';' '\n' |
     sed -n 's/.*__attribute__((visibility("default"))) *//p' | sed 's/(.*//; s/.*[ *]//' | sort >"$work/header"
 sed -n 's/^ *\([a-z_0-9]*\);$/\1/p' "$root/src/libzel.map" | sort >"$work/map"
-node=$(sed -n 's/ {$//p' "$root/src/libzel.map")
-nm -D --defined-only "$library" | awk '{print $3}' | grep -vx "$node@@$node\|$node" | sed "s/@@$node\$//" | sort >"$work/library"
+nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@@ZEL_[0-9.]*$//' | grep -vx 'ZEL_[0-9.]*' | sort >"$work/library"
 
 test -s "$work/header"
 diff "$work/header" "$work/map"

@@ -16,8 +16,17 @@ endforeach()
 install(TARGETS ${libraries} EXPORT zel
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
-install(DIRECTORY include/ reference/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
-    FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
+option(ZEL_INSTALL_COMMON "Install what is the same for every ABI, too: headers, pages" ON)
+if(ZEL_INSTALL_COMMON)
+    install(DIRECTORY include/ reference/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+        FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
+endif()
+if(TARGET zel_platform_check)
+    install(TARGETS zel_platform_check ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+    if(ZEL_INSTALL_COMMON)
+        install(TARGETS zel_platform_check_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT development)
+    endif()
+endif()
 
 # ---- CMake package and pkg-config
 
@@ -73,7 +82,7 @@ endif()
 # ---- Pages for reading
 
 find_program(ZEL_PYTHON python3)
-if(ZEL_PYTHON)
+if(ZEL_PYTHON AND ZEL_INSTALL_COMMON)
     set(manual ${PROJECT_BINARY_DIR}/manual)
     set(tool_files)
     foreach(tool IN LISTS tools)
@@ -94,5 +103,5 @@ if(ZEL_PYTHON)
     endif()
 endif()
 
-install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT docs)
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT docs)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT docs PATTERN CMakeLists.txt EXCLUDE)

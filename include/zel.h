@@ -316,7 +316,10 @@ typedef struct {
     uint32_t cached; /* set by the decoders: a copy of an earlier object, which owns the parameter */
 } zel_action_t;
 
-/* The actions of a pair, in the order in which they are carried out. */
+/*
+ * The actions of a pair, in the order in which they are carried out.  Another group may point
+ * to the same action: see free_contained_mat_obj_mem().
+ */
 typedef struct {
     uint16_t id;
     uint32_t op_mode;
@@ -338,7 +341,7 @@ typedef struct {
     uint32_t vrf;
 } zel_if_element_t;
 
-/* The interfaces that a policy is bound to. */
+/* The interfaces that a policy is bound to.  An element that two policies point to is freed twice. */
 typedef struct {
     uint16_t num_if;
     zel_if_element_t **if_elements;
@@ -444,7 +447,10 @@ typedef struct {
     uint32_t cached; /* as in zel_action_t */
 } zel_match_t;
 
-/* The matches of a pair. */
+/*
+ * The matches of a pair.  Another group may point to the same match: see
+ * free_contained_mat_obj_mem().
+ */
 typedef struct {
     uint16_t id;
     uint32_t op_mode;
@@ -462,7 +468,7 @@ typedef struct {
     zel_action_grp_t action_group;
 } zel_match_action_pair_t;
 
-/* The pairs of a policy, in the order in which they are tried. */
+/* The pairs of a policy, in the order in which they are tried.  A pair may be in one group only. */
 typedef struct {
     uint16_t num_pair;
     zel_match_action_pair_t **pairs;
@@ -647,6 +653,18 @@ ZEL_EXPORT uint32_t get_mat_obj_type(uint32_t api_type);
  * Releases everything that a root record owns, bottom-up, and nulls the released
  * pointers.  The root itself stays the caller's; free() it if it was allocated.
  * This frees a client's graph and a graph that parse_mat_obj_from_kob() returned.
+ *
+ * It follows every pointer.  A match that two groups point to is sent correctly, and would be
+ * freed twice.  So either each group has a copy of its own, with the same id and content, or
+ * all pointers but one go before:
+ *
+ *     pair1.match_group.matches[0] = web;      (web is on the heap, and in two groups)
+ *     pair2.match_group.matches[0] = web;
+ *     zel_policy_update(&handle, policy, ZEL_OP_SET, kob_msg);
+ *     pair2.match_group.num_match = 0;         (its array is freed, the match is not)
+ *     free_contained_mat_obj_mem(&handle, app, ZEL_MAT_TYPE_POLICY, policy);
+ *
+ * zel_check_graph() finds such pointers when it is asked to.
  */
 ZEL_EXPORT uint32_t free_contained_mat_obj_mem(zel_api_handle_t *handle, uint32_t app_type, uint32_t mat_type,
                                                void *obj);

@@ -2,6 +2,7 @@
 #include "tools/message/tracing.hpp"
 #include "tools/observe/fingerprint.hpp"
 #include "tools/transport/nats_options.hpp"
+#include "tools/zeld/http/metrics_server.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/loop.hpp"
 #include "zel-platform/manager.h"
@@ -37,6 +38,8 @@ struct Options {
     uint32_t max_clients_per_user = 0; // 0: seven eighths of max_clients
     LogLevel log_level = LogLevel::info;
     std::string log;
+    std::string metrics;
+    uint32_t metrics_pairs = 1000;
     Observer::Options observer{.max_kept = std::size_t{4} * 1024 * 1024};
 };
 
@@ -117,6 +120,12 @@ void add_options(CLI::App &app, Options &options)
         ->check(CLI::Range(uint64_t{0}, uint64_t{KOB_MESSAGE_LIMIT}))
         ->capture_default_str();
     app.add_option("--capture", options.observer.capture, "file that gets all messages, in pcapng format");
+    CLI::Option *const metrics =
+        app.add_option("--metrics", options.metrics, "address of metrics over HTTP, such as 127.0.0.1:9464");
+    app.add_option("--metrics-pairs", options.metrics_pairs, "most pairs with counters among the metrics; 0: none")
+        ->needs(metrics)
+        ->check(CLI::Range(0U, 10000U))
+        ->capture_default_str();
     app.add_option("--dump", options.observer.dump,
                    "file that gets the last messages at SIGUSR1; without it the log gets a line for each");
     tools::add_nats_options(app, options.nats);
@@ -168,7 +177,8 @@ observe::Status fixed_status(const Options &options)
     status.max_message = options.max_message;
     status.max_policy_bytes = options.max_state;
     status.max_clients = options.max_clients;
-    status.max_clients_per_user = options.max_clients_per_user;
+    status.max_clients_per_user =
+        options.max_clients_per_user != 0 ? options.max_clients_per_user : (7 * options.max_clients + 7) / 8;
     status.pid = static_cast<uint32_t>(getpid());
     std::string_view(ZELD_VERSION).copy(reinterpret_cast<char *>(status.version), sizeof status.version - 1);
     return status;
@@ -228,6 +238,15 @@ bool load(Policies &policies, bool is_salvage, int stop_signals)
     }
 }
 
+// Null when nobody wants metrics. The source must exist as long as the server.
+std::unique_ptr<MetricsServer> start_metrics(const Options &options, const StatusSource &source)
+{
+    if (options.metrics.empty())
+        return nullptr;
+    return std::make_unique<MetricsServer>(
+        options.metrics, [&source, pairs = options.metrics_pairs] { return take_metrics(source, pairs); });
+}
+
 ExitCode serve(const Options &options, Policies &policies, Observer &observer, const Signals &signals)
 {
     tools::enable_nats(options.nats);
@@ -236,7 +255,11 @@ ExitCode serve(const Options &options, Policies &policies, Observer &observer, c
     constexpr std::size_t most_waiting = 4; // largest requests
     Loop loop(service, observer, open_sockets(options), most_waiting * options.max_message);
     loop.add({signals.requesting, [&] { handle_signals(signals.requesting, observer); }});
-    service.show_status({observer, policies, fixed_status(options), [&loop] { return loop.clients(); }});
+    const StatusSource source{observer, policies, fixed_status(options), [&loop] { return loop.clients(); }};
+    service.show_status(source);
+    const auto metrics = start_metrics(options, source);
+    if (metrics != nullptr)
+        loop.add({metrics->descriptor(), [&] { metrics->provide(); }});
     log(LogLevel::info, "serving {} policies at {}", policies.all().size(), options.listen);
     fmt::print("ready {}\n", options.listen);
     (void)std::fflush(stdout);
@@ -262,7 +285,7 @@ ExitCode start(const Options &options)
         Policies policies(std::move(store), {options.max_message - ZEL_RESP_HDR_SIZE, options.max_state});
         return load(policies, options.is_salvage, signals.stop) ? serve(options, policies, observer, signals) : exit_ok;
     } catch (const std::system_error &error) {
-        log(LogLevel::error, "the capture cannot be written: {}", error.what());
+        log(LogLevel::error, "{}", error.what());
         return exit_usage;
     } catch (const StoreError &error) {
         log(LogLevel::error, "{}: {}", options.state, error.what());

@@ -17,8 +17,8 @@ struct Metrics {
 
     observe::Status status{};
     Tally tally{};
-    std::vector<Pair> pairs{};   // the first ones, in order of application, policy and place
-    uint64_t num_pairs = 0; // of all policies
+    std::vector<Pair> pairs{}; // the first ones, in order of application, policy and place
+    uint64_t num_pairs = 0;    // of all policies
 };
 
 // At most so many pairs.

@@ -45,8 +45,8 @@ Address read_address(const std::string &text)
 
 MHD_Result send(MHD_Connection *connection, unsigned code, const char *type, std::string_view text)
 {
-    MHD_Response *const response = MHD_create_response_from_buffer(
-        text.size(), const_cast<char *>(text.data()), MHD_RESPMEM_MUST_COPY); // which it does not change
+    MHD_Response *const response = MHD_create_response_from_buffer(text.size(), const_cast<char *>(text.data()),
+                                                                   MHD_RESPMEM_MUST_COPY); // which it does not change
     if (response == nullptr)
         return MHD_NO;
     (void)MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
@@ -103,8 +103,8 @@ MetricsServer::~MetricsServer()
 void MetricsServer::start(const std::string &address)
 {
     const Address where = read_address(address);
-    const unsigned flags = MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD |
-                           (where->ai_family == AF_INET6 ? unsigned{MHD_USE_IPv6} : 0U);
+    const unsigned flags =
+        MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD | (where->ai_family == AF_INET6 ? unsigned{MHD_USE_IPv6} : 0U);
     errno = 0;
     daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &handle, this, MHD_OPTION_SOCK_ADDR, where->ai_addr,
                                MHD_OPTION_CONNECTION_LIMIT, most_connections, MHD_OPTION_CONNECTION_TIMEOUT,

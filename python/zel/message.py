@@ -115,7 +115,7 @@ class _Writer:
         self._parts: List[bytes] = []
         self._written: Dict[Tuple[int, int], Any] = {}
 
-    def bytes(self) -> bytes:
+    def finish(self) -> bytes:
         return array(b"".join(self._parts), self._order)
 
     def _add(self, id_: int, value: bytes) -> None:
@@ -195,7 +195,7 @@ def encode(message: Message, order: str = "<") -> bytes:
     writer.record(message.header)
     if message.object is not None:
         writer.record(message.object)
-    return writer.bytes()
+    return writer.finish()
 
 
 def request(kind: str, object_: Optional[Any], policy_id: int = 0, app: int = 0, op_code: int = SET) -> Message:

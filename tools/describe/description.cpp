@@ -73,24 +73,24 @@ Layout layout_of(const Record &record)
 // the members' places.
 
 struct MemberName {
-    uint32_t offset;
     const char *name;
-    uint32_t item = 0; // bytes of an item of an array
-    const char *layout = "";
+    const char *layout;
+    uint32_t offset;
+    uint32_t item; // bytes of an item of an array; 0: no array
 };
-#define STATISTICS_MEMBER(R, member, ...)                                                                              \
-    MemberName { offsetof(R, member), #member __VA_OPT__(, ) __VA_ARGS__ }
-constexpr MemberName stats_members[] = {STATISTICS_MEMBER(zel_stats_t, counter1),
-                                        STATISTICS_MEMBER(zel_stats_t, counter2)};
+#define STATISTICS_MEMBER(R, member, item, layout)                                                                     \
+    MemberName { #member, layout, offsetof(R, member), item }
+constexpr MemberName stats_members[] = {STATISTICS_MEMBER(zel_stats_t, counter1, 0, ""),
+                                        STATISTICS_MEMBER(zel_stats_t, counter2, 0, "")};
 constexpr MemberName entry_members[] = {
-    STATISTICS_MEMBER(zel_stat_result_entry_t, tag),
-    STATISTICS_MEMBER(zel_stat_result_entry_t, key),
-    STATISTICS_MEMBER(zel_stat_result_entry_t, ids, sizeof(uint16_t)),
+    STATISTICS_MEMBER(zel_stat_result_entry_t, tag, 0, ""),
+    STATISTICS_MEMBER(zel_stat_result_entry_t, key, 0, ""),
+    STATISTICS_MEMBER(zel_stat_result_entry_t, ids, sizeof(uint16_t), ""),
     STATISTICS_MEMBER(zel_stat_result_entry_t, stats, sizeof(zel_stats_t), "stats"),
 };
 constexpr MemberName results_members[] = {
-    STATISTICS_MEMBER(zel_stat_results_t, tag),
-    STATISTICS_MEMBER(zel_stat_results_t, num_entries),
+    STATISTICS_MEMBER(zel_stat_results_t, tag, 0, ""),
+    STATISTICS_MEMBER(zel_stat_results_t, num_entries, 0, ""),
     STATISTICS_MEMBER(zel_stat_results_t, entries, 0, "stat_result_entry"),
 };
 #undef STATISTICS_MEMBER
@@ -172,9 +172,10 @@ std::vector<Element> elements()
 
 std::vector<Opcode> opcodes()
 {
-    std::vector<Opcode> all;
-    for (const Name &name : opcode_names)
-        all.push_back({name.value, std::string(name.name)});
+    std::vector<Opcode> all(opcode_names.size());
+    std::ranges::transform(opcode_names, all.begin(), [](const Name &name) {
+        return Opcode{name.value, std::string(name.name)};
+    });
     return all;
 }
 

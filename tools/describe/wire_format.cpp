@@ -196,7 +196,7 @@ std::string meaning_of(const tools::RawElement &raw, const zel::wire::Element &e
     if (element.kind == ElementKind::unknown || raw.value.size() != element.member->width)
         return "unknown";
     const Member &member = *element.member;
-    const std::string name = member.kind == Kind::sequence ? member.count : member.name;
+    std::string name = member.kind == Kind::sequence ? member.count : member.name;
     if (member.format == Format::text) // too long for a line
         return name;
     return fmt::format("{} {}", name, tools::safe_json(tools::show_value(member, raw.value.data()).dump()));

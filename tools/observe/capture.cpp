@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace observe {
@@ -170,11 +171,29 @@ bool take_block(std::string_view &bytes, Recorded &message)
 
 // ---- Writing
 
+constexpr int create_flags = O_WRONLY | O_CREAT | O_NOCTTY | O_CLOEXEC;
+
 bool CaptureWriter::open(const std::string &path, std::string_view program)
 {
-    const int descriptor = path == "-"
-                               ? dup(STDOUT_FILENO)
-                               : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0600);
+    return begin(path == "-" ? dup(STDOUT_FILENO) : ::open(path.c_str(), create_flags | O_TRUNC, 0600), program);
+}
+
+bool CaptureWriter::open_regular(const std::string &path, std::string_view program)
+{
+    const int descriptor = ::open(path.c_str(), create_flags | O_NONBLOCK, 0600);
+    struct stat file {};
+    if (descriptor < 0)
+        return false;
+    if (fstat(descriptor, &file) == 0 && S_ISREG(file.st_mode) && ftruncate(descriptor, 0) == 0)
+        return begin(descriptor, program);
+    ::close(descriptor);
+    errno = EINVAL;
+    return false;
+}
+
+// Becomes the owner of the descriptor.
+bool CaptureWriter::begin(int descriptor, std::string_view program)
+{
     file_ = descriptor >= 0 ? fdopen(descriptor, "wb") : nullptr;
     if (file_ == nullptr)
         return false;

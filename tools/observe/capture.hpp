@@ -58,6 +58,8 @@ public:
     // Creates a file that only its owner can read, or empties the one that is there; "-" is
     // standard output.  Returns false with errno.
     bool open(const std::string &path, std::string_view program);
+    // The same for a program that must not wait for a reader: regular files alone.
+    bool open_regular(const std::string &path, std::string_view program);
     bool is_open() const { return file_ != nullptr; }
     bool write(const Captured &message);
     bool write_blocks(std::string_view blocks);
@@ -65,6 +67,7 @@ public:
     bool close();
 
 private:
+    bool begin(int descriptor, std::string_view program);
     bool put(const void *bytes, std::size_t size);
 
     std::FILE *file_ = nullptr;

@@ -51,7 +51,7 @@ public:
     bool has_come(const Watched &watched) const
     {
         const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
-        return is_interrupted != 0 || (arguments_.count != 0 && watched.messages >= arguments_.count) ||
+        return (arguments_.count != 0 && watched.messages >= arguments_.count) ||
                (arguments_.seconds > 0 && seconds >= arguments_.seconds);
     }
 
@@ -60,6 +60,18 @@ private:
     const WatchArguments &arguments_;
     Clock::time_point start_;
 };
+
+void take_blocks(std::string_view blocks, const End &end, const TakeBlock &take, Watched &watched)
+{
+    observe::Recorded message;
+    const char *block = blocks.data();
+    while (!end.has_come(watched) && observe::take_block(blocks, message)) {
+        ++watched.messages;
+        watched.cut += message.is_cut() ? 1 : 0;
+        take({block, static_cast<std::size_t>(blocks.data() - block)}, message);
+        block = blocks.data();
+    }
+}
 
 } // namespace
 
@@ -79,30 +91,24 @@ int watch(const Options &options, const WatchArguments &arguments, const TakeBlo
     Connection connection(options);
     const End end(arguments);
     uint64_t next = arguments.last ? 0 : observe::watch_new;
-    while (!end.has_come(watched)) {
+    for (;;) {
+        const bool is_interrupted_before = is_interrupted != 0; // what came before it is still taken
         const Answer answer = connection.request(observe::opcode_watch, watch_request(next));
         if (answer.refused())
             return report(options, answer, {});
         std::string_view blocks = answer.body();
         const observe::WatchAnswer given = take_answer(options, blocks);
-        watched.missed += arguments.last && next == 0 ? 0 : given.missed; // at first, all that came before
-        const bool is_idle = blocks.empty();
-        observe::Recorded message;
-        for (const char *block = blocks.data(); observe::take_block(blocks, message) && !end.has_come(watched);
-             block = blocks.data()) {
-            ++watched.messages;
-            watched.cut += message.is_cut() ? 1 : 0;
-            take({block, static_cast<std::size_t>(blocks.data() - block)}, message);
-        }
+        watched.missed += next == 0 ? 0 : given.missed; // at first, all that came before
         next = given.next;
-        if (!is_idle)
-            continue;
-        if (arguments.last)
-            break;
-        pause();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const bool is_idle = blocks.empty();
+        take_blocks(blocks, end, take, watched);
+        if (is_interrupted_before || end.has_come(watched) || (arguments.last && is_idle))
+            return exit_ok;
+        if (is_idle) {
+            pause();
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     }
-    return exit_ok;
 }
 
 } // namespace zelctl

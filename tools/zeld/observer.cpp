@@ -58,7 +58,7 @@ std::string name_of(const kob_msg_t *msg)
 Observer::Observer(Options options)
     : options_(std::move(options)), history_(options_.max_kept), started_ns_(time_of_day_ns())
 {
-    if (!options_.capture.empty() && !capture_.open(options_.capture, options_.program))
+    if (!options_.capture.empty() && !capture_.open_regular(options_.capture, options_.program))
         throw std::system_error(errno, std::generic_category(), options_.capture);
 }
 
@@ -109,12 +109,13 @@ void Observer::log_answer(const kob_msg_t *msg, const Arrival &arrival, const An
     if (!is_logged(LogLevel::info))
         return;
     const std::string change = job != nullptr ? job->log_text() : std::string();
+    // Observers ask a hundred times a second.
+    const LogLevel level = arrival.request.kind == observe::kind_observation ? LogLevel::trace : LogLevel::debug;
     if (!change.empty())
         log_about(uid, LogLevel::info, "{}: {}: {}", name_of(msg), observe::describe(arrival.request), change);
-    else if (is_logged(LogLevel::debug))
-        log_about(uid, LogLevel::debug, "{}: {}: {}, {} bytes, {:.3f} ms", name_of(msg),
-                  observe::describe(arrival.request), answer.header.msg, answer.body.size(),
-                  static_cast<double>(now_ns() - arrival.at_ns) * 1e-6);
+    else if (is_logged(level))
+        log_about(uid, level, "{}: {}: {}, {} bytes, {:.3f} ms", name_of(msg), observe::describe(arrival.request),
+                  answer.header.msg, answer.body.size(), static_cast<double>(now_ns() - arrival.at_ns) * 1e-6);
 }
 
 // ---- On request
@@ -132,12 +133,14 @@ void Observer::dump() const
         log(LogLevel::warn, "the history of traces was cut: {}", std::strerror(errno));
 }
 
-// The file appears whole, and with a name that only the command line gives.
+// The file appears whole, and with a name that only the command line gives. A draft that
+// is there already may be somebody's link.
 bool Observer::write_history() const
 {
     const std::string draft = options_.dump + ".new";
     observe::CaptureWriter file;
-    if (!file.open(draft, options_.program))
+    (void)std::remove(draft.c_str());
+    if (!file.open_regular(draft, options_.program))
         return false;
     for (uint64_t number = history_.first(); number < history_.end(); ++number)
         file.write_blocks(history_.block(number));

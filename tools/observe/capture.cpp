@@ -150,10 +150,11 @@ std::size_t block_size(std::size_t kept) { return sizeof(PacketHead) + kept + pa
 
 void write_block(const Captured &message, std::size_t kept, unsigned char *to)
 {
+    std::size_t written = 0;
     for_each_piece(message, kept, [&](const void *bytes, std::size_t size) {
         if (size != 0)
-            std::memcpy(to, bytes, size);
-        to += size;
+            std::memcpy(to + written, bytes, size);
+        written += size;
     });
 }
 
@@ -199,7 +200,8 @@ bool CaptureWriter::begin(int descriptor, std::string_view program)
         return false;
     constexpr std::size_t buffer_size = std::size_t{256} * 1024;
     (void)std::setvbuf(file_, nullptr, _IOFBF, buffer_size);
-    return write_blocks(file_head(program));
+    const std::string head = file_head(program);
+    return put(head.data(), head.size());
 }
 
 bool CaptureWriter::put(const void *bytes, std::size_t size)

@@ -123,6 +123,7 @@ bool Loop::receive(Socket &socket)
             turn.arrival = observer_.arrived(turn.msg.get());
             enter(std::move(turn));
         } catch (const std::bad_alloc &) {
+            // cppcheck-suppress accessMoved ; when enter() throws, it has not moved the turn
             deliver(turn, failure(service::error_limit, "out of memory"));
         }
         return true;

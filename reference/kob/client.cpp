@@ -75,6 +75,8 @@ struct Client {
     uint32_t last_token = 0;
     uint32_t tokens_before_link = 0; // the last one that went over an earlier connection
     int32_t last_error = KOB_OK;
+    kob_tap_cb_t tap = nullptr;
+    void *tap_context = nullptr;
 };
 
 // ---- Handles: an index into a table of slots and, above it, how often the slot was used
@@ -160,6 +162,12 @@ int32_t send_once(Client &client, const Frame &frame, const void *payload, const
     return abandon(client) == KOB_ERR_BUSY ? KOB_ERR_BUSY : error;
 }
 
+void show_to_tap(const Client &client, const kob_tapped_t &message)
+{
+    if (client.tap != nullptr)
+        client.tap(client.tap_context, &message);
+}
+
 // Sends a request.  If the connection turns out to be broken, connects again, once.
 int32_t send_request(Client &client, Frame frame, const void *payload, kob_msg_t *msg)
 {
@@ -174,6 +182,8 @@ int32_t send_request(Client &client, Frame frame, const void *payload, kob_msg_t
     if (error == KOB_OK) {
         client.last_token = frame.token;
         msg->token = frame.token;
+        show_to_tap(client,
+                    {0, frame.in_parts, frame.token, frame.opcode, frame.node, frame.sap, frame.total, payload});
     }
     return keep_error(client, error);
 }
@@ -262,6 +272,16 @@ void kob_close(uint32_t kob_handle)
     std::free(client);
 }
 
+int32_t kob_tap(uint32_t kob_handle, kob_tap_cb_t tap, void *context)
+{
+    Client *const client = find_client(kob_handle);
+    if (client == nullptr)
+        return KOB_ERR_HANDLE;
+    client->tap = tap;
+    client->tap_context = context;
+    return KOB_OK;
+}
+
 int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t timeout_ms)
 {
     Client *const client = find_client(kob_handle);
@@ -272,8 +292,10 @@ int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t
     const uint32_t wait = timeout_ms < 0 ? client->options.timeout_ms : static_cast<uint32_t>(timeout_ms);
     kob_msg response{};
     const int32_t error = await_response(*client, token, response, Deadline::in(wait));
-    if (error == KOB_OK)
+    if (error == KOB_OK) {
         replace(*msg, response);
+        show_to_tap(*client, {1, msg->in_parts, msg->token, msg->opcode, msg->node, msg->sap, msg->size, msg->payload});
+    }
     return keep_error(*client, error);
 }
 

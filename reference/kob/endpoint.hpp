@@ -56,6 +56,7 @@ struct ServiceOperations {
     void (*close)(ServiceLink &service);
     void (*hold)(ServiceLink &service, const kob_msg &request, bool is_held) = nullptr; // null: cannot be done
     bool (*is_gone)(const ServiceLink &service, const kob_msg &request) = nullptr;
+    uint32_t (*clients)(const ServiceLink &service, kob_client_info_t *infos, uint32_t capacity) = nullptr;
 };
 
 struct Endpoint {

@@ -99,6 +99,11 @@ int kob_service_is_gone(const kob_service_t *service, const kob_msg_t *request)
     return service->operations->is_gone != nullptr && service->operations->is_gone(*service->link, *request) ? 1 : 0;
 }
 
+uint32_t kob_service_clients(const kob_service_t *service, kob_client_info_t *infos, uint32_t capacity)
+{
+    return service->operations->clients != nullptr ? service->operations->clients(*service->link, infos, capacity) : 0;
+}
+
 void kob_service_close(kob_service_t *service)
 {
     if (service == nullptr)

@@ -65,6 +65,55 @@ TEST_F(TransportTest, AnEventLoopNeedsADescriptorAndSendsWithoutWaiting)
     EXPECT_EQ(try_send(array_of(4)), KOB_ERR_ABSENT);
 }
 
+// One that was not sent, or not fetched, is not seen.
+TEST_F(TransportTest, TheTapSeesWhatIsSentAndFetched)
+{
+    std::vector<std::pair<kob_tapped_t, Bytes>> seen;
+    const kob_tap_cb_t tap = [](void *to, const kob_tapped_t *one) {
+        const auto *const bytes = static_cast<const unsigned char *>(one->payload);
+        static_cast<decltype(seen) *>(to)->emplace_back(*one, Bytes(bytes, bytes + one->size));
+    };
+    EXPECT_EQ(kob_tap(0, tap, &seen), KOB_ERR_HANDLE);
+    ASSERT_EQ(kob_tap(kob, tap, &seen), KOB_OK);
+    for (const uint32_t segments : {0U, 3U}) {
+        const uint32_t token = ask(array_of(1000), segments);
+        ASSERT_EQ(reply(response_of(500)), KOB_OK);
+        EXPECT_EQ(fetch(token + 1, 0), KOB_ERR_TIMEOUT);
+        ASSERT_EQ(seen.size(), 1U);
+        ASSERT_EQ(fetch(token), KOB_OK);
+        ASSERT_EQ(seen.size(), 2U);
+        for (const auto &[one, bytes] : seen) {
+            EXPECT_EQ(bytes, one.is_response != 0 ? response_of(500) : array_of(1000));
+            EXPECT_TRUE(one.token == token && one.opcode == 0x1cc02 && one.node == 0xfe000000 && one.sap == 487);
+        }
+        EXPECT_EQ(seen[0].first.in_parts, segments != 0 ? 1U : 0U);
+        seen.clear();
+    }
+    EXPECT_EQ(try_send(array_of(KOB_PLAIN_LIMIT + 4)), KOB_ERR_TOO_LARGE);
+    kob_tap(kob, nullptr, nullptr);
+    expect_exchange();
+    EXPECT_TRUE(seen.empty());
+}
+
+TEST_F(TransportTest, AServiceListsItsClients)
+{
+    kob_client_info_t infos[2] = {};
+    EXPECT_EQ(kob_service_clients(service, infos, 2), 0U);
+    expect_exchange();
+    const uint32_t other = kob_open(address.c_str(), nullptr, nullptr);
+    const Bytes bytes = array_of(4);
+    EXPECT_EQ(fu_kob_send(other, 0, 0, 1, bytes.data(), 4, message.get(), 0, 0), KOB_OK);
+    ASSERT_EQ(serve(), KOB_OK);
+    EXPECT_EQ(kob_service_clients(service, infos, 2), 2U);
+    for (const kob_client_info_t &info : infos)
+        EXPECT_TRUE(info.pid == static_cast<uint32_t>(getpid()) && info.uid == getuid());
+    EXPECT_EQ(infos[1].client, kob_msg_client(received.get()));
+    EXPECT_EQ(kob_service_clients(service, infos, 1), 2U);
+    kob_close(other);
+    EXPECT_EQ(serve(100), KOB_ERR_TIMEOUT);
+    EXPECT_EQ(kob_service_clients(service, infos, 2), 1U);
+}
+
 TEST_F(TransportTest, ResponsesMayComeInAnyOrderAndUnfetchedOnesAreBounded)
 {
     std::vector<uint32_t> tokens;

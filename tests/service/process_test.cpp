@@ -413,7 +413,8 @@ TEST_F(ZeldTest, NobodyWaitsForTheLog)
     for (uint32_t i = 0; i < lines_at_once + 3000; ++i)
         ASSERT_EQ(Client(address).request(ZEL_API_POLICY_DELETE, 1, 7, nullptr), service::error_not_found);
     EXPECT_LT(lines_logged("refused, error"), lines_at_once + 2000);
-    EXPECT_EQ(lines_logged(fmt::format("(pid {}, uid {}): refused, error 3", getpid(), getuid())),
+    EXPECT_EQ(lines_logged(fmt::format("(pid {}, uid {}): policy_delete set, application 1, policy 7: refused, error 3",
+                                       getpid(), getuid())),
               lines_logged("refused, error"));
     usleep(100000);
     (void)client.request(ZEL_API_POLICY_DELETE, 1, 7, nullptr);

@@ -41,6 +41,17 @@ inline constexpr std::array logical_ops{Name{service::logical_and, "and"}, Name{
 inline constexpr std::array all_or_id{Name{service::stat_all, "all"}};
 inline constexpr std::array stat_flags{Name{service::stat_flag_none, "none"}, Name{service::stat_flag_clear, "clear"}};
 
+inline constexpr std::array error_names{
+    Name{service::error_none, "none"},
+    Name{service::error_malformed, "malformed"},
+    Name{service::error_unsupported, "unsupported"},
+    Name{service::error_not_found, "not found"},
+    Name{service::error_conflict, "conflict"},
+    Name{service::error_storage, "storage"},
+    Name{service::error_limit, "limit"},
+    Name{service::error_denied, "denied"},
+};
+
 // A five-tuple has no mask for its protocol; 0 stands for any.
 inline constexpr std::array protocols{Name{0, "any"},   Name{1, "icmp"},  Name{2, "igmp"},  Name{6, "tcp"},
                                       Name{17, "udp"},  Name{47, "gre"},  Name{50, "esp"},  Name{51, "ah"},

@@ -27,6 +27,7 @@ struct Options {
     double timeout = 5; // seconds
     uint32_t app = 0;
     bool json = false;
+    std::string capture; // file for all messages; empty: none
 };
 
 // A command with its arguments bound; returns the exit code.
@@ -51,5 +52,8 @@ void add_traffic_command(const CommandLine &line);
 void add_codec_commands(const CommandLine &line);
 void add_import_commands(const CommandLine &line);
 void add_fleet_commands(const CommandLine &line);
+void add_status_command(const CommandLine &line);
+void add_capture_commands(const CommandLine &line);
+void add_replay_command(const CommandLine &line);
 
 } // namespace zelctl

@@ -1,5 +1,6 @@
 #include "tools/zelctl/connection.hpp"
 
+#include "tools/json/names.hpp"
 #include "tools/json/notation.hpp"
 #include "tools/message/service_protocol.hpp"
 #include "tools/message/tracing.hpp"
@@ -9,28 +10,19 @@
 
 #include <fmt/core.h>
 
-#include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <new>
+#include <unistd.h>
 
 namespace zelctl {
 namespace {
 
 // The largest there is, so that only the service's own limit counts.
 constexpr uint32_t largest_message = KOB_MESSAGE_LIMIT;
-
-constexpr std::array error_names{
-    tools::Name{service::error_none, "none"},
-    tools::Name{service::error_malformed, "malformed"},
-    tools::Name{service::error_unsupported, "unsupported"},
-    tools::Name{service::error_not_found, "not found"},
-    tools::Name{service::error_conflict, "conflict"},
-    tools::Name{service::error_storage, "storage"},
-    tools::Name{service::error_limit, "limit"},
-    tools::Name{service::error_denied, "denied"},
-};
 
 [[noreturn]] void fail(const std::string &address, int32_t error)
 {
@@ -41,12 +33,12 @@ constexpr std::array error_names{
 
 bool Answer::refused() const { return status != service::status_ok || error != service::error_none; }
 
-std::string_view Answer::body() const
+std::string_view Answer::payload() const
 {
-    const std::string_view payload(static_cast<const char *>(kob_payload_get(record.get())),
-                                   kob_msg_size(record.get()));
-    return payload.substr(ZEL_RESP_HDR_SIZE);
+    return {static_cast<const char *>(kob_payload_get(record.get())), kob_msg_size(record.get())};
 }
+
+std::string_view Answer::body() const { return payload().substr(ZEL_RESP_HDR_SIZE); }
 
 Connection::Connection(const Options &options) : address_(options.service)
 {
@@ -57,9 +49,49 @@ Connection::Connection(const Options &options) : address_(options.service)
     if (kob_ == 0)
         fail(address_, error);
     zel_api_init(&handle_, tools::trace_flag(), options.app, kob_, nullptr, nullptr, nullptr);
+    if (!options.capture.empty())
+        open_capture(options.capture);
 }
 
-Connection::~Connection() { kob_close(kob_); }
+void Connection::open_capture(const std::string &path)
+{
+    if (!capture_.open(path, "zelctl"))
+        throw OutputFailure(fmt::format("{}: cannot be written: {}", path, std::strerror(errno)));
+    kob_tap(
+        kob_, [](void *self, const kob_tapped_t *message) { static_cast<Connection *>(self)->capture(*message); },
+        this);
+}
+
+// What this process sends and gets. The service's process is not known here, so the
+// process and the user are this one's.
+void Connection::capture(const kob_tapped_t &message)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    observe::Captured captured{};
+    captured.time_ns = static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+    captured.header = {.magic = observe::capture_magic,
+                       .kind = message.is_response != 0 ? observe::kind_response : observe::kind_request,
+                       .in_parts = static_cast<uint16_t>(message.in_parts),
+                       .number = message.token,
+                       .client = 0,
+                       .pid = static_cast<uint32_t>(getpid()),
+                       .uid = getuid(),
+                       .opcode = message.opcode,
+                       .node = message.node,
+                       .sap = message.sap,
+                       .total = message.size};
+    captured.head = {static_cast<const unsigned char *>(message.payload), message.size};
+    if (!observe::is_about_observation(message.opcode))
+        capture_.write(captured); // close() reports a failure
+}
+
+Connection::~Connection()
+{
+    kob_close(kob_);
+    if (!capture_.close())
+        fmt::print(stderr, "zelctl: the capture is not complete: {}\n", std::strerror(errno));
+}
 
 Answer Connection::request(const Send &send)
 {
@@ -83,20 +115,30 @@ Answer Connection::request(const Send &send)
 
 Answer Connection::request(uint32_t opcode, std::string_view array)
 {
+    observe::CaptureHeader header{};
+    header.in_parts = array.size() > KOB_PLAIN_LIMIT ? 1 : 0;
+    header.opcode = opcode;
+    header.node = ZEL_KOB_DEST_NODE;
+    header.sap = ZEL_KOB_SAP;
+    return resend(header, array);
+}
+
+Answer Connection::resend(const observe::CaptureHeader &header, std::string_view payload)
+{
     return request([&](zel_api_handle_t *, kob_msg_t *msg) -> uint32_t {
-        const auto size = static_cast<uint32_t>(array.size());
-        const mpkob_segment_t whole{array.data(), size};
+        const auto size = static_cast<uint32_t>(payload.size());
+        const mpkob_segment_t whole{payload.data(), size};
         const int32_t error =
-            size > KOB_PLAIN_LIMIT
-                ? mpkob_send(kob_, ZEL_KOB_DEST_NODE, ZEL_KOB_SAP, opcode, &whole, 1, msg, 0)
-                : fu_kob_send(kob_, ZEL_KOB_DEST_NODE, ZEL_KOB_SAP, opcode, array.data(), size, msg, 0, 0);
+            header.in_parts != 0
+                ? mpkob_send(kob_, header.node, header.sap, header.opcode, &whole, 1, msg, 0)
+                : fu_kob_send(kob_, header.node, header.sap, header.opcode, payload.data(), size, msg, 0, 0);
         return error == KOB_OK ? kob_rr_token_get(msg) : 0;
     });
 }
 
 int report(const Options &options, const Answer &answer, std::string_view done)
 {
-    const tools::Json error = tools::show_named(answer.error, error_names);
+    const tools::Json error = tools::show_named(answer.error, tools::error_names);
     if (options.json) {
         const tools::Json json{
             {"refused", answer.refused()}, {"error", error}, {"retval", answer.retval}, {"text", answer.text}};

@@ -1,8 +1,9 @@
 // A connection to the service: sends a request and waits for its answer.
 #pragma once
 
+#include "tools/observe/capture.hpp"
 #include "tools/zelctl/command.hpp"
-#include "zel-platform/kob.h"
+#include "zel-platform/kob_client.h"
 #include "zel.h"
 
 #include <functional>
@@ -32,6 +33,7 @@ struct Answer {
     std::string text;
 
     bool refused() const;
+    std::string_view payload() const;
     std::string_view body() const; // what follows the response header
 };
 
@@ -49,10 +51,17 @@ public:
     // One of the service's own requests: a TLV array under an opcode.
     Answer request(uint32_t opcode, std::string_view array);
 
+    // A request out of a capture, as it was sent.
+    Answer resend(const observe::CaptureHeader &header, std::string_view payload);
+
 private:
+    void open_capture(const std::string &path);
+    void capture(const kob_tapped_t &message);
+
     std::string address_;
     uint32_t kob_ = 0;
     zel_api_handle_t handle_{};
+    observe::CaptureWriter capture_{};
 };
 
 // Prints an answer to standard output or a refusal to standard error; with --json, prints

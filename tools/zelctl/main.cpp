@@ -2,6 +2,7 @@
 #include "tools/fleet/store.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
+#include "tools/observe/fingerprint.hpp"
 #include "tools/text/safe_text.hpp"
 #include "tools/transport/nats_options.hpp"
 #include "tools/zelctl/command.hpp"
@@ -32,6 +33,8 @@ void add_global_options(CLI::App &app, Options &options)
         ->type_name("NUMBER")
         ->capture_default_str();
     app.add_flag("--json", options.json, "Print JSON, for scripts");
+    app.add_option("--capture", options.capture, "Write what is sent and received to a file, in pcapng format")
+        ->type_name("FILE");
     app.footer(
         std::string("Exit codes: 0 done; 1 refused by the service; 2 command line not understood; 3 a file that\n"
                     "cannot be read or is not right; 4 no service or no answer; 5 any other failure.\n") +
@@ -73,6 +76,7 @@ int run_command_line(int argc, char **argv)
     CLI::App app("Client of the policy service: applies, shows and deletes policies, reads counters, feeds traffic,\n"
                  "and looks into messages.",
                  "zelctl");
+    app.set_version_flag("--version", "zelctl " + observe::version_text(ZELCTL_VERSION));
     Options options;
     tools::NatsOptions nats_options;
     Command chosen;
@@ -88,6 +92,9 @@ int run_command_line(int argc, char **argv)
     add_codec_commands(line);
     add_import_commands(line);
     add_fleet_commands(line);
+    add_status_command(line);
+    add_capture_commands(line);
+    add_replay_command(line);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &fault) {

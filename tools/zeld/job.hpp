@@ -10,12 +10,15 @@
 
 namespace zeld {
 
-inline uint64_t now_ns()
+inline uint64_t read_clock_ns(clockid_t clock)
 {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
+
+inline uint64_t now_ns() { return read_clock_ns(CLOCK_MONOTONIC); }
+inline uint64_t time_of_day_ns() { return read_clock_ns(CLOCK_REALTIME); } // since 1970
 
 // The time that a job has until others get their turn.
 class Slice {

@@ -23,7 +23,9 @@ constexpr const char *names[] = {"error", "warn", "info", "debug", "trace"};
 // Where the lines go. A pipe or a terminal is opened once more, so that not to wait is
 // a property of this descriptor and not of everybody's.
 struct Output {
-    Output()
+    Output() { use_stderr(); }
+
+    void use_stderr()
     {
         struct stat file {};
         if (fstat(STDERR_FILENO, &file) != 0)
@@ -43,14 +45,38 @@ struct Output {
         return size == static_cast<ssize_t>(line.size());
     }
 
+    // The number of the descriptor stays: other threads may write to it.
+    bool open_file(const std::string &path)
+    {
+        const int file = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+        if (file < 0)
+            return false;
+        is_socket = false;
+        if (descriptor == STDERR_FILENO) {
+            descriptor = file;
+            return true;
+        }
+        const bool is_replaced = dup3(file, descriptor, O_CLOEXEC) >= 0;
+        close(file);
+        return is_replaced;
+    }
+
     int descriptor = STDERR_FILENO;
     bool is_socket = false;
 };
 
+Output &output()
+{
+    static Output the_output;
+    return the_output;
+}
+
+std::string file_path;
+
 bool write_line(LogLevel level, std::string_view text)
 {
-    static const Output output;
-    return output.write(fmt::format("zeld: {}: {}\n", names[static_cast<int>(level)], tools::safe_text(text)));
+    return output().write(fmt::format("{} zeld: {}: {}\n", show_time(time_of_day_ns()), names[static_cast<int>(level)],
+                                      tools::safe_text(text)));
 }
 
 // Lines about one user: a bucket that fills with time.
@@ -77,6 +103,28 @@ constexpr std::size_t most_users = 1024;
 } // namespace
 
 void set_log_level(LogLevel level) { threshold = level; }
+
+bool open_log(const std::string &path)
+{
+    if (!output().open_file(path))
+        return false;
+    file_path = path;
+    return true;
+}
+
+bool reopen_log() { return file_path.empty() || output().open_file(file_path); }
+
+int log_descriptor() { return output().descriptor; }
+
+std::string show_time(uint64_t ns)
+{
+    constexpr uint64_t second = 1'000'000'000;
+    const auto seconds = static_cast<time_t>(ns / second);
+    tm date{};
+    gmtime_r(&seconds, &date);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", date.tm_year + 1900, date.tm_mon + 1, date.tm_mday,
+                       date.tm_hour, date.tm_min, date.tm_sec, ns % second / 1000);
+}
 
 bool is_logged(LogLevel level) { return level <= threshold; }
 

@@ -31,11 +31,6 @@ bool is_readable(int descriptor)
     return poll(&entry, 1, 0) > 0;
 }
 
-std::string name_of(const kob_msg_t *msg)
-{
-    return fmt::format("client {} (pid {}, uid {})", kob_msg_client(msg), kob_msg_pid(msg), kob_msg_uid(msg));
-}
-
 } // namespace
 
 bool Loop::run(int stop)
@@ -60,14 +55,46 @@ bool Loop::run(int stop)
 }
 
 // Waits unless there is work. Returns true when the service has to stop.
-bool Loop::wait(int stop) const
+bool Loop::wait(int stop)
 {
     std::vector<pollfd> waits{{stop, POLLIN, 0}};
     for (const Socket &socket : sockets_)
         waits.push_back({kob_service_fd(socket.transport.get()), POLLIN, 0});
-    (void)poll(waits.data(), waits.size(), num_waiting_ != 0 ? 0 : tick_ms);
+    const std::size_t first_event = waits.size();
+    for (const Event &event : events_)
+        waits.push_back({event.descriptor, POLLIN, 0});
+    if (poll(waits.data(), waits.size(), num_waiting_ != 0 ? 0 : tick_ms) == 0 && num_waiting_ == 0)
+        observer_.rest();
     fu_keeper_update_and_send_heartbeat(0);
+    for (std::size_t i = 0; i < events_.size(); ++i)
+        if (waits[first_event + i].revents != 0)
+            events_[i].handle();
     return waits[0].revents != 0;
+}
+
+std::vector<observe::ClientStatus> Loop::clients() const
+{
+    std::vector<observe::ClientStatus> found;
+    for (const Socket &socket : sockets_)
+        add_clients(socket, found);
+    return found;
+}
+
+// Where the transport cannot say who is connected, those that have asked for something.
+void Loop::add_clients(const Socket &socket, std::vector<observe::ClientStatus> &found) const
+{
+    constexpr uint32_t most_clients = 4096;
+    std::vector<kob_client_info_t> infos(most_clients);
+    const uint32_t count =
+        std::min(most_clients, kob_service_clients(socket.transport.get(), infos.data(), most_clients));
+    for (const kob_client_info_t &info : std::span(infos).first(count)) {
+        const auto known = clients_.find({&socket, info.client});
+        found.push_back(known != clients_.end() ? known->second.status
+                                                : observe::ClientStatus{info.client, info.pid, info.uid, 0, 0, 0, 0});
+    }
+    for (const auto &[key, client] : clients_)
+        if (count == 0 && key.first == &socket)
+            found.push_back(client.status);
 }
 
 // ---- Receiving
@@ -93,8 +120,10 @@ bool Loop::receive(Socket &socket)
     switch (const int32_t error = kob_service_receive(socket.transport.get(), turn.msg.get(), 0)) {
     case KOB_OK:
         try {
+            turn.arrival = observer_.arrived(turn.msg.get());
             enter(std::move(turn));
         } catch (const std::bad_alloc &) {
+            // cppcheck-suppress accessMoved ; when enter() throws, it has not moved the turn
             deliver(turn, failure(service::error_limit, "out of memory"));
         }
         return true;
@@ -113,6 +142,10 @@ void Loop::enter(Turn &&turn)
     if (is_large(turn.msg.get()) && waiting_ + size > max_waiting_)
         return deliver(turn, failure(service::error_limit, "too many large requests wait; try again"));
     Client &client = clients_[{turn.socket, kob_msg_client(turn.msg.get())}];
+    const kob_msg_t *const msg = turn.msg.get();
+    client.status.client = kob_msg_client(msg);
+    client.status.pid = kob_msg_pid(msg);
+    client.status.uid = kob_msg_uid(msg);
     client.turns.push_back(std::move(turn));
     waiting_ += size;
     if (client.turns.size() == 1) {
@@ -144,7 +177,9 @@ void Loop::work(bool is_reading)
         least_served_ns_ = std::max(least_served_ns_, client->served_ns);
         const uint64_t start = now_ns();
         work_on(*client);
-        client->served_ns += now_ns() - start;
+        const uint64_t taken = now_ns() - start;
+        client->served_ns += taken;
+        client->status.served_ns += taken;
         if (slice.is_over())
             break;
     }
@@ -240,6 +275,8 @@ void Loop::commit_one(Client &client, const char *fault)
 // Answers a client's first turn, and goes on to the next one.
 void Loop::finish(Client &client, const Answer &answer) noexcept
 {
+    ++client.status.requests;
+    client.status.refusals += answer.header.error != service::error_none ? 1 : 0;
     deliver(client.turns.front(), answer);
     Turn turn = std::move(client.turns.front());
     client.turns.pop_front();
@@ -254,26 +291,13 @@ void Loop::finish(Client &client, const Answer &answer) noexcept
 void Loop::deliver(const Turn &turn, const Answer &answer) noexcept
 {
     kob_msg_t *const msg = turn.msg.get();
-    log_outcome(turn, answer);
+    observer_.answered(msg, turn.arrival, answer, turn.job.get());
     const mpkob_segment_t segments[] = {
         {&answer.header, sizeof answer.header},
         {answer.body.data(), static_cast<uint32_t>(answer.body.size())},
     };
     // A reply that cannot be delivered ends the connection.
     (void)kob_service_reply(turn.socket->transport.get(), msg, segments, answer.body.empty() ? 1 : 2);
-}
-
-void Loop::log_outcome(const Turn &turn, const Answer &answer) noexcept
-try {
-    const kob_msg_t *const msg = turn.msg.get();
-    const uint32_t uid = kob_msg_uid(msg);
-    if (answer.header.status != service::status_ok)
-        log_about(uid, LogLevel::warn, "{}: refused, error {}: {}", name_of(msg), answer.header.error,
-                  answer.header.msg);
-    else if (turn.job != nullptr && !turn.job->log_text().empty())
-        log_about(uid, LogLevel::info, "{}: {}", name_of(msg), turn.job->log_text());
-} catch (const std::bad_alloc &) {
-    return; // a line less
 }
 
 // The graph of a large request takes some 10 ms to free.

@@ -28,13 +28,24 @@ public:
         Access access;
     };
 
+    // A further descriptor, and what is done when it is readable.
+    struct Event {
+        int descriptor;
+        std::function<void()> handle;
+    };
+
     // Requests that have arrived and not been done may take so many bytes.
-    Loop(Service &service, std::vector<Socket> sockets, std::size_t max_waiting)
-        : service_(service), sockets_(std::move(sockets)), max_waiting_(max_waiting)
+    Loop(Service &service, Observer &observer, std::vector<Socket> sockets, std::size_t max_waiting)
+        : service_(service), observer_(observer), sockets_(std::move(sockets)), max_waiting_(max_waiting)
     {}
+
+    void add(Event event) { events_.push_back(std::move(event)); }
 
     // Serves until a descriptor is readable. Returns false when a socket fails.
     bool run(int stop);
+
+    // The connections that there are.
+    std::vector<observe::ClientStatus> clients() const;
 
 private:
     struct FreeMessage {
@@ -44,6 +55,7 @@ private:
     struct Turn {
         Socket *socket;
         std::unique_ptr<kob_msg_t, FreeMessage> msg;
+        Arrival arrival{};
         std::unique_ptr<Job> job{}; // after msg: it reads the message
     };
     struct Client {
@@ -51,10 +63,12 @@ private:
         uint64_t served_ns = 0;     // time that the client has had, compared with that of others
         bool is_committing = false; // the first turn's change waits for the commit
         bool is_held = false;       // no more requests are read
+        observe::ClientStatus status{};
     };
     using Clients = std::map<std::pair<const Socket *, uint32_t>, Client>;
 
-    bool wait(int stop) const;
+    void add_clients(const Socket &socket, std::vector<observe::ClientStatus> &found) const;
+    bool wait(int stop);
     bool receive_all();
     bool receive(Socket &socket);
     void enter(Turn &&turn);
@@ -65,13 +79,14 @@ private:
     void commit();
     void commit_one(Client &client, const char *fault);
     void finish(Client &client, const Answer &answer) noexcept;
-    static void deliver(const Turn &turn, const Answer &answer) noexcept;
-    static void log_outcome(const Turn &turn, const Answer &answer) noexcept;
+    void deliver(const Turn &turn, const Answer &answer) noexcept;
     void free_large() noexcept;
     void forget_idle_clients();
 
     Service &service_;
+    Observer &observer_;
     std::vector<Socket> sockets_;
+    std::vector<Event> events_{};
     std::size_t max_waiting_;
     std::size_t waiting_ = 0; // bytes of requests
     Clients clients_;

@@ -1,6 +1,8 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
 #include "tools/message/tracing.hpp"
+#include "tools/observe/fingerprint.hpp"
 #include "tools/transport/nats_options.hpp"
+#include "tools/zeld/http/metrics_server.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/loop.hpp"
 #include "zel-platform/manager.h"
@@ -35,6 +37,16 @@ struct Options {
     uint32_t max_clients = 64;
     uint32_t max_clients_per_user = 0; // 0: seven eighths of max_clients
     LogLevel log_level = LogLevel::info;
+    std::string log;
+    std::string metrics;
+    uint32_t metrics_pairs = 1000;
+    Observer::Options observer{.max_kept = std::size_t{4} * 1024 * 1024};
+};
+
+// Descriptors that are readable when a signal has come.
+struct Signals {
+    int stop;
+    int requesting;
 };
 
 class AddressError : public std::runtime_error {
@@ -68,7 +80,7 @@ std::string read_group(std::string &text)
 void add_options(CLI::App &app, Options &options)
 {
     const CLI::AsSizeValue size(false);
-    app.set_version_flag("--version", "zeld " ZELD_VERSION);
+    app.set_version_flag("--version", "zeld " + observe::version_text(ZELD_VERSION));
     app.add_option("--listen", options.listen, "address to serve: unix:PATH, nats://HOST/SUBJECT or tls://HOST/SUBJECT")
         ->required();
     app.add_option("--listen-read", options.listen_read, "a second address, for show and statistics alone");
@@ -102,25 +114,74 @@ void add_options(CLI::App &app, Options &options)
                                                                             {"debug", LogLevel::debug},
                                                                             {"trace", LogLevel::trace}}))
         ->default_str("info");
+    app.add_option("--log", options.log, "file for the log, instead of stderr; SIGHUP opens it anew");
+    app.add_option("--keep", options.observer.max_kept, "memory for the last messages, which zelctl monitor shows")
+        ->transform(size)
+        ->check(CLI::Range(uint64_t{0}, uint64_t{KOB_MESSAGE_LIMIT}))
+        ->capture_default_str();
+    app.add_option("--capture", options.observer.capture, "file that gets all messages, in pcapng format");
+    CLI::Option *const metrics =
+        app.add_option("--metrics", options.metrics, "address of metrics over HTTP, such as 127.0.0.1:9464");
+    app.add_option("--metrics-pairs", options.metrics_pairs, "most pairs with counters among the metrics; 0: none")
+        ->needs(metrics)
+        ->check(CLI::Range(0U, 10000U))
+        ->capture_default_str();
+    app.add_option("--dump", options.observer.dump,
+                   "file that gets the last messages at SIGUSR1; without it the log gets a line for each");
     tools::add_nats_options(app, options.nats);
     app.footer(
         std::string("Exit codes: 0 stopped by SIGINT or SIGTERM, 1 failed, 2 usage, 3 address, 4 state file.\n") +
         tools::trace_help);
 }
 
-// A descriptor that is readable when the process has to stop. The signals stay
-// blocked, so that none is lost between a check and a wait.
+// A descriptor that is readable when one of the signals has come. They stay blocked, so
+// that none is lost between a check and a wait.
+int open_signals(std::initializer_list<int> signals)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals)
+        sigaddset(&set, signal);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+// Signals that stop the service, and those that ask it for something.
 int open_stop_signals()
 {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop, nullptr);
     // A write above the file size limit then fails, and the request is refused.
     (void)std::signal(SIGXFSZ, SIG_IGN);
     (void)std::signal(SIGPIPE, SIG_IGN); // nobody may read the log any more
-    return signalfd(-1, &stop, SFD_CLOEXEC);
+    return open_signals({SIGINT, SIGTERM});
+}
+
+int open_requesting_signals() { return open_signals({SIGHUP, SIGUSR1}); }
+
+void handle_signals(int signals, const Observer &observer)
+{
+    signalfd_siginfo info{};
+    while (read(signals, &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo == SIGUSR1)
+            observer.dump();
+        else if (!reopen_log())
+            log(LogLevel::error, "the log cannot be opened anew: {}", std::strerror(errno));
+        else
+            log(LogLevel::info, "the log was opened anew");
+    }
+}
+
+// The members of the status that do not change.
+observe::Status fixed_status(const Options &options)
+{
+    observe::Status status{};
+    status.max_message = options.max_message;
+    status.max_policy_bytes = options.max_state;
+    status.max_clients = options.max_clients;
+    status.max_clients_per_user =
+        options.max_clients_per_user != 0 ? options.max_clients_per_user : (7 * options.max_clients + 7) / 8;
+    status.pid = static_cast<uint32_t>(getpid());
+    std::string_view(ZELD_VERSION).copy(reinterpret_cast<char *>(status.version), sizeof status.version - 1);
+    return status;
 }
 
 Transport open_transport(const Options &options, const std::string &address, int32_t &error)
@@ -177,18 +238,33 @@ bool load(Policies &policies, bool is_salvage, int stop_signals)
     }
 }
 
-ExitCode serve(const Options &options, Policies &policies, int stop_signals)
+// Null when nobody wants metrics. The source must exist as long as the server.
+std::unique_ptr<MetricsServer> start_metrics(const Options &options, const StatusSource &source)
+{
+    if (options.metrics.empty())
+        return nullptr;
+    return std::make_unique<MetricsServer>(
+        options.metrics, [&source, pairs = options.metrics_pairs] { return take_metrics(source, pairs); });
+}
+
+ExitCode serve(const Options &options, Policies &policies, Observer &observer, const Signals &signals)
 {
     tools::enable_nats(options.nats);
     const std::size_t max_body = options.max_message - ZEL_RESP_HDR_SIZE;
     Service service(policies, max_body);
     constexpr std::size_t most_waiting = 4; // largest requests
-    Loop loop(service, open_sockets(options), most_waiting * options.max_message);
+    Loop loop(service, observer, open_sockets(options), most_waiting * options.max_message);
+    loop.add({signals.requesting, [&] { handle_signals(signals.requesting, observer); }});
+    const StatusSource source{observer, policies, fixed_status(options), [&loop] { return loop.clients(); }};
+    service.show_status(source);
+    const auto metrics = start_metrics(options, source);
+    if (metrics != nullptr)
+        loop.add({metrics->descriptor(), [&] { metrics->provide(); }});
     log(LogLevel::info, "serving {} policies at {}", policies.all().size(), options.listen);
     fmt::print("ready {}\n", options.listen);
     (void)std::fflush(stdout);
     zel_manager_notify("READY=1");
-    if (!loop.run(stop_signals))
+    if (!loop.run(signals.stop))
         return exit_failed;
     log(LogLevel::info, "stopping");
     return exit_ok;
@@ -198,11 +274,19 @@ ExitCode start(const Options &options)
 {
     set_log_level(options.log_level);
     umask(077);
-    const int stop_signals = open_stop_signals();
+    if (!options.log.empty() && !open_log(options.log)) {
+        log(LogLevel::error, "{}: cannot be written: {}", options.log, std::strerror(errno));
+        return exit_usage;
+    }
+    const Signals signals{open_stop_signals(), open_requesting_signals()};
     try {
+        Observer observer(options.observer);
         auto store = options.state.empty() ? nullptr : std::make_unique<Store>(options.state);
         Policies policies(std::move(store), {options.max_message - ZEL_RESP_HDR_SIZE, options.max_state});
-        return load(policies, options.is_salvage, stop_signals) ? serve(options, policies, stop_signals) : exit_ok;
+        return load(policies, options.is_salvage, signals.stop) ? serve(options, policies, observer, signals) : exit_ok;
+    } catch (const std::system_error &error) {
+        log(LogLevel::error, "{}", error.what());
+        return exit_usage;
     } catch (const StoreError &error) {
         log(LogLevel::error, "{}: {}", options.state, error.what());
         return exit_state;
@@ -216,6 +300,7 @@ ExitCode run_command_line(int argc, char **argv)
 {
     CLI::App app("A stand-in for the zel policy service.", "zeld");
     Options options;
+    options.observer.program = "zeld " ZELD_VERSION;
     add_options(app, options);
     try {
         app.parse(argc, argv);

@@ -42,14 +42,7 @@ public:
         finish(success(change_));
     }
 
-    std::string log_text() const override
-    {
-        const zel_kob_header_t &header = request_.header;
-        if (change_.empty())
-            return {};
-        return fmt::format("request kind {}, op_code {}, application {}: {}", header.api_type, header.op_code,
-                           header.app_type, change_);
-    }
+    std::string log_text() const override { return change_; }
 
 private:
     void get_ready()
@@ -79,6 +72,17 @@ Answer failure(service::Error error, std::string_view text)
     return make_answer(service::status_failed, error, -1, text);
 }
 
+std::unique_ptr<Job> Service::start_observation(uint32_t opcode, const void *array, Access access) const
+{
+    if (!status_)
+        throw Refusal(error_unsupported, "this service does not say anything about itself");
+    if (opcode == observe::opcode_status)
+        return std::make_unique<StatusJob>(*status_, max_body_);
+    if (access == Access::read_only)
+        throw Refusal(service::error_denied, "this address is for show and statistics");
+    return std::make_unique<WatchJob>(status_->observer.history(), array, max_body_);
+}
+
 std::unique_ptr<Job> Service::start(kob_msg_t *msg, Access access)
 {
     switch (const uint32_t opcode = kob_msg_opcode(msg)) {
@@ -91,6 +95,9 @@ std::unique_ptr<Job> Service::start(kob_msg_t *msg, Access access)
         if (access == Access::read_only)
             throw Refusal(service::error_denied, "this address is for show and statistics");
         return std::make_unique<Traffic>(policies_, payload_of(msg));
+    case observe::opcode_status:
+    case observe::opcode_watch:
+        return start_observation(opcode, payload_of(msg), access);
     default:
         throw Refusal(error_unsupported, "opcode {:#x} is not known", opcode);
     }

@@ -77,6 +77,27 @@ int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t
  */
 int kob_fd(uint32_t kob_handle, short *events);
 
+/* A message that a client has sent or fetched. */
+typedef struct {
+    uint32_t is_response; /* 0: a request that has left */
+    uint32_t in_parts;    /* 1: a multi-part message */
+    uint32_t token;
+    uint32_t opcode;
+    uint32_t node;
+    uint32_t sap;
+    uint32_t size;       /* of the payload, in bytes */
+    const void *payload; /* valid during the call */
+} kob_tapped_t;
+
+typedef void (*kob_tap_cb_t)(void *context, const kob_tapped_t *message);
+
+/*
+ * Has tap called with each request when it was taken, and with each response when
+ * kob_receive() returns it; null: with none.  tap must not use the handle.
+ * Returns KOB_OK or KOB_ERR_HANDLE.
+ */
+int32_t kob_tap(uint32_t kob_handle, kob_tap_cb_t tap, void *context);
+
 #pragma GCC visibility pop
 
 #ifdef __cplusplus

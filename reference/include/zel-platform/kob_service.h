@@ -96,6 +96,19 @@ uint32_t kob_msg_client(const kob_msg_t *msg);
 uint32_t kob_msg_pid(const kob_msg_t *msg);
 uint32_t kob_msg_uid(const kob_msg_t *msg);
 
+/* A connection of a service. */
+typedef struct {
+    uint32_t client; /* as kob_msg_client() gives it */
+    uint32_t pid;    /* as kob_msg_pid() and kob_msg_uid() */
+    uint32_t uid;
+} kob_client_info_t;
+
+/*
+ * Puts the connections that there are into infos, at most capacity of them.  Returns how
+ * many there are; 0 where the endpoint cannot say.
+ */
+uint32_t kob_service_clients(const kob_service_t *service, kob_client_info_t *infos, uint32_t capacity);
+
 /*
  * is_held 1: no further requests are read of the client that sent this one; they wait in
  * its connection.  0: they are read again.  Nothing happens when the client has gone, or

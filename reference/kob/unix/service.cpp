@@ -516,6 +516,21 @@ bool is_sender_gone(const ServiceLink &service, const kob_msg &request)
     return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR)) != 0;
 }
 
+uint32_t list_clients(const ServiceLink &service, kob_client_info_t *infos, uint32_t capacity)
+{
+    const auto &self = static_cast<const Service &>(service);
+    uint32_t count = 0;
+    for (uint32_t i = 0; i < self.limits.max_clients; ++i) {
+        const Connection *const one = self.connections[i];
+        if (one == nullptr)
+            continue;
+        if (count < capacity)
+            infos[count] = {one->serial, static_cast<uint32_t>(one->peer.pid), one->peer.uid};
+        ++count;
+    }
+    return count;
+}
+
 int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segment_t *segments, uint32_t num_segments,
                  uint32_t total)
 {
@@ -543,7 +558,7 @@ int32_t reply_to(ServiceLink &service, const kob_msg &request, const mpkob_segme
 
 } // namespace
 
-constinit const ServiceOperations service_operations = {listen_at,     descriptor,  await_request, reply_to,
-                                                        close_service, hold_sender, is_sender_gone};
+constinit const ServiceOperations service_operations = {listen_at,     descriptor,  await_request,  reply_to,
+                                                        close_service, hold_sender, is_sender_gone, list_clients};
 
 } // namespace zel::platform::unix_socket

@@ -1,0 +1,33 @@
+// What a request is, at a look: before it is verified, and whatever its bytes are.
+#pragma once
+
+#include "tools/observe/capture.hpp"
+#include "zel.h"
+
+#include <string_view>
+
+namespace observe {
+
+// Kinds of request by number: 0 is unknown, the library's have their own numbers, and the
+// service's follow.
+constexpr uint32_t kind_unknown = 0;
+constexpr uint32_t kind_show = ZEL_API_STATS_PULL + 1;
+constexpr uint32_t kind_traffic = kind_show + 1;
+constexpr uint32_t kind_observation = kind_traffic + 1;
+constexpr uint32_t num_kinds = kind_observation + 1;
+
+std::string_view kind_name(uint32_t kind);
+
+struct Request {
+    uint32_t kind = kind_unknown;
+    bool has_header = false; // which then is that of the message
+    zel_kob_header_t header{};
+};
+
+// Looks at no more than the first elements of the payload.
+Request identify(uint32_t opcode, ByteView payload);
+
+// "policy_update set, application 3, policy 7"
+std::string describe(const Request &request);
+
+} // namespace observe

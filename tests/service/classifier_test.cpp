@@ -1,6 +1,5 @@
 // The classifier against a simple one that follows the documented rules literally.
 #include "policy_notation.hpp"
-#include "tools/zeld/classifier.hpp"
 
 #include <gtest/gtest.h>
 #include <random>
@@ -178,7 +177,7 @@ PacketHeader random_packet(Dice &dice)
 // The pair that a packet belongs to in each policy, or nothing.
 std::optional<uint16_t> classified(const Policy &policy, const PacketHeader &packet)
 {
-    const Pair *const pair = policy.classifier().classify(packet, pack(packet));
+    const Pair *const pair = policy.classify(packet, classify::pack(packet));
     return pair != nullptr ? std::optional(pair->record.id) : std::nullopt;
 }
 

@@ -11,6 +11,7 @@
 #include <optional>
 
 using namespace zelctl;
+using tools::MaskedPort;
 using namespace test;
 
 namespace {

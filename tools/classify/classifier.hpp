@@ -157,6 +157,10 @@ inline std::string_view label_of(const service::PacketHeader &packet)
     return {reinterpret_cast<const char *>(packet.label), length};
 }
 
+// Whose fault it is: a match's, a pair's, or that of the whole policy.
+constexpr bool is_of_match(Never never) { return never == Never::match_mode || never >= Never::access_list; }
+constexpr bool is_of_policy(Never never) { return never == Never::policy_mode || never == Never::interfaces; }
+
 // The reason in words: "the service has no ACLs".
 const char *text_of(Never never);
 

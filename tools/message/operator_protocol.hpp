@@ -60,9 +60,11 @@ static_assert(sizeof(Reason) == 96);
 
 struct ListRequest {
     uint32_t app_type;
-    uint32_t first_id; // policies with lower ids are left out
+    uint32_t first_id; // policies of that application with lower ids are left out
     uint32_t most;     // entries at most; 0: as many as an answer has room for
+    uint32_t flags;    // list_flag_all: those of the applications with higher numbers, too
 };
+constexpr uint32_t list_flag_all = 1;
 
 struct Summary {
     uint64_t revision; // another one after each change; never one that the policy had before
@@ -73,7 +75,7 @@ struct Summary {
     uint16_t version;
     uint16_t num_pairs;
     uint16_t num_interfaces;
-    uint32_t reserved;
+    uint32_t application; // of the policy's key
 };
 static_assert(sizeof(Summary) == 32);
 
@@ -100,7 +102,8 @@ struct Expected {
     uint32_t reserved;
 };
 
-// The fields of a policy itself, and the order of its pairs: each of them stands once.
+// The fields of a policy itself.  The ids of all its pairs follow in their new order, or
+// none, and the order stays.
 struct PolicyFrame {
     uint32_t op_mode;
     uint32_t app_type;

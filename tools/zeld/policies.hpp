@@ -12,7 +12,7 @@
 
 namespace zeld {
 
-// The fields of a policy itself, and all its pairs in their new order.
+// The fields of a policy itself, and all its pairs in their new order; or none.
 struct Frame {
     service::PolicyFrame fields{};
     std::vector<uint16_t> order{};

@@ -206,7 +206,7 @@ void Policy::set_frame(const service::PolicyFrame &fields, std::span<const uint1
             throw Refusal(service::error_not_found, "policy {} has no pair {}, or it was named before", this->id(), id);
         else
             ids.set(id);
-    if (order.size() != all)
+    if (!order.empty() && order.size() != all)
         throw Refusal(service::error_malformed, "{} pairs in order, and policy {} has {}", order.size(), id(), all);
     forget_derived();
     for (const uint16_t id : order) {

@@ -77,7 +77,7 @@ public:
     void set_pair(const zel_match_action_pair_t &given);
     void remove_pair(uint16_t id);
     void set_pairs(const zel_match_action_pair_grp_t &given);
-    // The policy's own fields, and the order of its pairs, which must be all of them.
+    // The policy's own fields, and the order of its pairs: all of them, or none when it stays.
     void set_frame(const service::PolicyFrame &fields, std::span<const uint16_t> order);
     void set_interfaces(std::vector<zel_if_element_t> interfaces);
     void set_interfaces(const zel_if_group_t &given);

@@ -1,0 +1,53 @@
+#include "tools/json/port_ranges.hpp"
+
+#include "tools/json/text_values.hpp"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <bit>
+
+namespace tools {
+
+std::vector<MaskedPort> expand(PortRange range)
+{
+    std::vector<MaskedPort> ports;
+    const uint32_t end = uint32_t{range.last} + 1;
+    for (uint32_t first = range.first; first < end;) {
+        // The largest aligned block that begins here and ends within the range.
+        const uint32_t aligned = first == 0 ? 0x10000 : first & -first;
+        const uint32_t block = std::min(aligned, std::bit_floor(end - first));
+        ports.push_back({static_cast<uint16_t>(first), static_cast<uint16_t>(0x10000 - block)});
+        first += block;
+    }
+    return ports;
+}
+
+std::optional<PortRange> range_of(MaskedPort port)
+{
+    const auto others = static_cast<uint16_t>(~port.mask);
+    if ((others & (others + 1)) != 0 || (port.value & others) != 0)
+        return std::nullopt;
+    return PortRange{port.value, static_cast<uint16_t>(port.value | others)};
+}
+
+std::optional<PortRange> read_port_range(std::string_view text)
+{
+    const std::size_t dash = text.find('-');
+    if (dash == std::string_view::npos)
+        return std::nullopt;
+    const auto first = read_number(text.substr(0, dash));
+    const auto last = read_number(text.substr(dash + 1));
+    if (!first || !last || *first >= *last || *last > UINT16_MAX)
+        return std::nullopt;
+    return PortRange{static_cast<uint16_t>(*first), static_cast<uint16_t>(*last)};
+}
+
+std::string show_port_range(PortRange range)
+{
+    if (range == PortRange{0, UINT16_MAX})
+        return "any";
+    return range.first == range.last ? fmt::format("{}", range.first) : fmt::format("{}-{}", range.first, range.last);
+}
+
+} // namespace tools

@@ -193,7 +193,7 @@ private:
     {
         search_.forget_used();
         for (const Cube &cube : cubes_.of(rule)) {
-            const Result result = search(cube, [&](uint32_t other) { return other < rule; });
+            const Result result = search(cube, search_.near(cube), [&](uint32_t other) { return other < rule; });
             if (result == Result::covered)
                 continue;
             taken = packet_of(search_.open(), {});
@@ -207,16 +207,17 @@ private:
         return false;
     }
 
-    template <class TakesPart> Result search(const Cube &cube, TakesPart takes_part)
+    template <class TakesPart> Result search(const Cube &cube, const CoverSearch::Covers &covers, TakesPart takes_part)
     {
-        return search_.search(cube, takes_part, limits_.most_steps_of_search);
+        return search_.search(cube, covers, takes_part, limits_.most_steps_of_search);
     }
 
     bool is_covered(uint32_t rule, const std::set<uint32_t> &by)
     {
         const auto cubes = cubes_.of(rule);
         return std::all_of(cubes.begin(), cubes.end(), [&](const Cube &cube) {
-            return search(cube, [&](uint32_t other) { return by.contains(other); }) == Result::covered;
+            return search(cube, search_.near(cube), [&](uint32_t other) { return by.contains(other); }) ==
+                   Result::covered;
         });
     }
 
@@ -282,31 +283,37 @@ private:
     // others, nor reach a rule that does something else.
     Result search_successors(uint32_t rule)
     {
-        const auto is_other = [&](uint32_t other) { return other != rule; };
-        for (const Cube &cube : cubes_.of(rule))
-            if (const Result result = prove(rule, cube, is_other); result != Result::covered)
-                return result;
-        for (uint32_t later = rule + 1; later < cubes_.size(); ++later) {
-            if (actions_[later] == actions_[rule])
-                continue;
-            if (!cubes_.is_known(later))
+        for (uint32_t later = rule + 1; later < cubes_.size(); ++later)
+            if (!cubes_.is_known(later) && actions_[later] != actions_[rule])
                 return Result::undecided;
-            const auto is_before = [&](uint32_t other) { return other < later && other != rule; };
-            for (const Cube &cube : cubes_.of(rule))
-                for (const Cube &beyond : cubes_.of(later)) {
-                    if (!cube.intersects(beyond))
-                        continue;
-                    if (const Result result = prove(rule, cube & beyond, is_before); result != Result::covered)
-                        return result;
-                }
+        const auto cubes = cubes_.of(rule);
+        for (const Cube &cube : cubes)
+            if (const Result result = search_successors(rule, cube); result != Result::covered)
+                return result;
+        return Result::covered;
+    }
+
+    Result search_successors(uint32_t rule, const Cube &cube)
+    {
+        const CoverSearch::Covers covers = search_.near(cube);
+        const auto is_other = [&](uint32_t other) { return other != rule; };
+        if (const Result result = prove(rule, cube, covers, is_other); result != Result::covered)
+            return result;
+        for (const CoverSearch::Cover &later : covers) {
+            if (later.rule <= rule || actions_[later.rule] == actions_[rule])
+                continue;
+            const auto is_before = [&](uint32_t other) { return other < later.rule && other != rule; };
+            if (const Result result = prove(rule, cube & *later.cube, covers, is_before); result != Result::covered)
+                return result;
         }
         return Result::covered;
     }
 
     // What is open must be so for the classifier, which has all rules.
-    template <class TakesPart> Result prove(uint32_t rule, const Cube &cube, TakesPart takes_part)
+    template <class TakesPart>
+    Result prove(uint32_t rule, const Cube &cube, const CoverSearch::Covers &covers, TakesPart takes_part)
     {
-        const Result result = search(cube, takes_part);
+        const Result result = search(cube, covers, takes_part);
         if (result != Result::open)
             return result;
         const PacketHeader packet = packet_of(search_.open(), {});

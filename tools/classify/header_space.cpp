@@ -129,7 +129,17 @@ uint32_t num_fixed_beside(const Cube &cube, const Cube &other)
 
 } // namespace
 
-CoverSearch::Result CoverSearch::run(const Cube &cube, std::vector<Cover> covers, uint64_t max_steps)
+CoverSearch::Covers CoverSearch::near(const Cube &cube) const
+{
+    Covers covers;
+    for (uint32_t rule = 0; rule < rules_.size(); ++rule)
+        for (const Cube &other : rules_.of(rule))
+            if (other.intersects(cube))
+                covers.push_back({&other, rule});
+    return covers;
+}
+
+CoverSearch::Result CoverSearch::run(const Cube &cube, Covers covers, uint64_t max_steps)
 {
     search_left_ = std::min(max_steps, steps_left_);
     const uint64_t before = search_left_;
@@ -138,7 +148,7 @@ CoverSearch::Result CoverSearch::run(const Cube &cube, std::vector<Cover> covers
     return result;
 }
 
-CoverSearch::Result CoverSearch::descend(Cube cube, std::vector<Cover> covers)
+CoverSearch::Result CoverSearch::descend(Cube cube, Covers covers)
 {
     for (;;) {
         if (search_left_ < covers.size() + 1) {
@@ -172,7 +182,7 @@ CoverSearch::Result CoverSearch::descend(Cube cube, std::vector<Cover> covers)
 }
 
 // Each piece differs from the cover in one bit, and agrees with it in those before.
-CoverSearch::Result CoverSearch::split(Cube cube, const Cover &cover, const std::vector<Cover> &covers)
+CoverSearch::Result CoverSearch::split(Cube cube, const Cover &cover, const Covers &covers)
 {
     const Cover taken = cover;
     for (std::size_t i = 0; i < Cube::num_words; ++i)

@@ -91,17 +91,25 @@ public:
 
     CoverSearch(const RuleCubes &rules, uint64_t max_steps) : rules_(rules), steps_left_(max_steps) {}
 
-    // A rule takes part when takes_part(rule). The search ends undecided after at most so
+    struct Cover {
+        const Cube *cube;
+        uint32_t rule;
+    };
+    using Covers = std::vector<Cover>;
+
+    // The cubes of all rules that intersect a cube.
+    Covers near(const Cube &cube) const;
+
+    // Covers take part when takes_part(rule). The search ends undecided after at most so
     // many steps; a step compares two cubes.
-    template <class TakesPart> Result search(const Cube &cube, TakesPart takes_part, uint64_t max_steps)
+    template <class TakesPart>
+    Result search(const Cube &cube, const Covers &covers, TakesPart takes_part, uint64_t max_steps)
     {
-        std::vector<Cover> covers;
-        for (uint32_t rule = 0; rule < rules_.size(); ++rule)
-            if (takes_part(rule))
-                for (const Cube &other : rules_.of(rule))
-                    if (other.intersects(cube))
-                        covers.push_back({&other, rule});
-        return run(cube, std::move(covers), max_steps);
+        Covers some;
+        for (const Cover &cover : covers)
+            if (takes_part(cover.rule))
+                some.push_back(cover);
+        return run(cube, std::move(some), max_steps);
     }
 
     // What covered: the rules that the proof uses; every search adds to them.
@@ -112,14 +120,9 @@ public:
     uint64_t steps_left() const { return steps_left_; }
 
 private:
-    struct Cover {
-        const Cube *cube;
-        uint32_t rule;
-    };
-
-    Result run(const Cube &cube, std::vector<Cover> covers, uint64_t max_steps);
-    Result descend(Cube cube, std::vector<Cover> covers);
-    Result split(Cube cube, const Cover &cover, const std::vector<Cover> &covers);
+    Result run(const Cube &cube, Covers covers, uint64_t max_steps);
+    Result descend(Cube cube, Covers covers);
+    Result split(Cube cube, const Cover &cover, const Covers &covers);
 
     const RuleCubes &rules_;
     uint64_t steps_left_;      // of all searches

@@ -61,6 +61,7 @@ const CLI::Option *option_of(const CLI::App *app, const std::string &word)
 std::string unknown_command(const CLI::App &app, const std::vector<std::string> &words)
 {
     const CLI::App *command = &app;
+    std::string name = app.get_name();
     for (std::size_t i = 0; i < words.size() && command->get_require_subcommand_min() != 0; ++i) {
         const std::string &word = words[i];
         if (word.starts_with('-')) {
@@ -71,10 +72,11 @@ std::string unknown_command(const CLI::App &app, const std::vector<std::string> 
         const CLI::App *const next = command_of(*command, word);
         if (next == nullptr) {
             const std::string best = suggestion(*command, word);
-            return fmt::format("unknown command {}{}; see {} --help", tools::safe_text(word, 100),
-                               best.empty() ? "" : fmt::format("; did you mean {}?", best), command->get_name());
+            return fmt::format("unknown command {}{} (see {} --help)", tools::safe_text(word, 100),
+                               best.empty() ? "" : fmt::format("; did you mean {}?", best), name);
         }
         command = next;
+        name += " " + next->get_name();
     }
     return {};
 }

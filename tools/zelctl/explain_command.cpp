@@ -188,7 +188,9 @@ void add_explain_command(const CommandLine &line)
                         "that are left out are 0");
     explain->add_option("--packets", arguments->packets, "A file of packets, as traffic reads it; - is standard input")
         ->type_name("FILE");
-    explain->add_option("--file", arguments->files, "Ask files of policies instead of the service")->type_name("FILE");
+    explain->add_option("--file", arguments->files, "Ask files of policies instead of the service")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
     explain->add_option("--policy", arguments->policy, "Only this policy")->type_name("ID");
     explain->add_flag("--short", arguments->is_short, "Only the pair that takes the packet");
     when_given(line, explain, [&options = line.options, arguments] { return run_explain(options, *arguments); });

@@ -15,17 +15,17 @@ namespace {
 // Policies that the head of a change request has room for.
 constexpr std::size_t most_policies = (UINT16_MAX - sizeof(service::ChangeRequest)) / sizeof(service::Expected);
 
-ChangeElement whole_policy(uint32_t app, const zel_policy_t &policy)
+} // namespace
+
+std::string encode_policy(uint32_t app, const zel_policy_t &policy)
 {
     tools::Message message;
     message.header = {ZEL_API_POLICY_UPDATE, app, policy.id, service::op_code_set};
     message.graph = tools::Graph(ZEL_MAT_TYPE_POLICY, const_cast<zel_policy_t *>(&policy));
-    ChangeElement element{service::element_message, encode_message(message)};
+    std::string bytes = encode_message(message);
     message.graph.release(); // it stays the caller's
-    return element;
+    return bytes;
 }
-
-} // namespace
 
 ChangeSet::ChangeSet(Connection &connection, uint32_t app, const std::vector<const zel_policy_t *> &policies,
                      const Present &present)
@@ -47,7 +47,7 @@ void ChangeSet::add(Connection &connection, const zel_policy_t &policy, const se
     std::vector<ChangeElement> elements;
     if (present == nullptr) {
         changes_.push_back(compare(nullptr, &policy));
-        elements.push_back(whole_policy(app_, policy));
+        elements.push_back({service::element_message, encode_policy(app_, policy)});
     } else {
         const tools::Message message = fetch_policy(connection, app_, policy.id);
         const auto &before = message.graph.as<zel_policy_t>();
@@ -64,22 +64,29 @@ void ChangeSet::add(Connection &connection, const zel_policy_t &policy, const se
     }
 }
 
-Answer ChangeSet::send(Connection &connection, bool is_dry_run) const
+std::string change_request(uint32_t app, bool is_dry_run, const std::vector<service::Expected> &expected,
+                           const std::vector<ChangeElement> &elements)
 {
-    const service::ChangeRequest head{app_, is_dry_run ? uint32_t{service::change_flag_dry_run} : 0U,
-                                      static_cast<uint32_t>(expected_.size()), 0};
+    const service::ChangeRequest head{app, is_dry_run ? uint32_t{service::change_flag_dry_run} : 0U,
+                                      static_cast<uint32_t>(expected.size()), 0};
     std::string first(bytes_of(head));
-    for (const service::Expected &expected : expected_)
-        first += bytes_of(expected);
+    for (const service::Expected &one : expected)
+        first += bytes_of(one);
     std::string array;
     add_element(array, service::element_change, first);
-    for (const ChangeElement &element : elements_)
+    for (const ChangeElement &element : elements)
         for (std::string_view rest(element.bytes); !rest.empty();) {
             const std::string_view part = rest.substr(0, UINT16_MAX);
             add_element(array, element.type, part);
             rest.remove_prefix(part.size());
         }
-    return connection.request(service::opcode_change, array, is_dry_run ? Effect::reads : Effect::changes);
+    return array;
+}
+
+Answer ChangeSet::send(Connection &connection, bool is_dry_run) const
+{
+    return connection.request(service::opcode_change, change_request(app_, is_dry_run, expected_, elements_),
+                              is_dry_run ? Effect::reads : Effect::changes);
 }
 
 } // namespace zelctl

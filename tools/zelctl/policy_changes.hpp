@@ -6,6 +6,13 @@
 
 namespace zelctl {
 
+// The message that creates a policy.
+std::string encode_policy(uint32_t app, const zel_policy_t &policy);
+
+// The payload of a change request.
+std::string change_request(uint32_t app, bool is_dry_run, const std::vector<service::Expected> &expected,
+                           const std::vector<ChangeElement> &elements);
+
 class ChangeSet {
 public:
     // Reads the service's versions of the policies, as far as they are present, and

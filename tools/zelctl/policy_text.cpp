@@ -42,10 +42,12 @@ void add_words(std::string &text, const Json &value);
 void add_members(std::string &text, const Json &object)
 {
     for (const auto &[name, value] : object.items()) {
-        if (is_nothing(value))
+        std::string words;
+        add_words(words, value);
+        const bool is_selector = name == "type" && value.is_string() && object.contains(value.get<std::string>());
+        if (words.empty() || is_nothing(value) || is_selector)
             continue;
-        text += (text.empty() || text.back() == ' ' ? "" : " ") + name + " ";
-        add_words(text, value);
+        text += (text.empty() ? "" : " ") + name + " " + words;
     }
 }
 

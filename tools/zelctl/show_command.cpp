@@ -30,9 +30,10 @@ std::string show_list(const std::vector<service::Summary> &policies)
 // because an id may mean another object in another policy.
 void print_all_as_json(const Options &options, Connection &connection)
 {
+    const std::vector<service::Summary> policies = list_policies(connection, options.app);
     fmt::print("[");
     const char *separator = "\n";
-    for (const service::Summary &summary : list_policies(connection, options.app)) {
+    for (const service::Summary &summary : policies) {
         const tools::Message message = fetch_policy(connection, options.app, summary.policy_id);
         fmt::print("{}{}", separator, show_json(write_graph(message.graph), 2));
         separator = ",\n";

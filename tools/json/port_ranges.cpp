@@ -1,25 +1,22 @@
 #include "tools/json/port_ranges.hpp"
 
 #include "tools/json/text_values.hpp"
+#include "zel.h"
 
 #include <fmt/core.h>
 
-#include <algorithm>
-#include <bit>
+#include <array>
+#include <span>
 
 namespace tools {
 
 std::vector<MaskedPort> expand(PortRange range)
 {
+    std::array<zel_port_mask_t, ZEL_PORT_RANGE_MAX> split{};
+    const uint32_t number = zel_split_port_range(range.first, range.last, split.data());
     std::vector<MaskedPort> ports;
-    const uint32_t end = uint32_t{range.last} + 1;
-    for (uint32_t first = range.first; first < end;) {
-        // The largest aligned block that begins here and ends within the range.
-        const uint32_t aligned = first == 0 ? 0x10000 : first & -first;
-        const uint32_t block = std::min(aligned, std::bit_floor(end - first));
-        ports.push_back({static_cast<uint16_t>(first), static_cast<uint16_t>(0x10000 - block)});
-        first += block;
-    }
+    for (const zel_port_mask_t &port : std::span(split).first(number))
+        ports.push_back({port.value, port.mask});
     return ports;
 }
 

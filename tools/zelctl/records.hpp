@@ -1,9 +1,9 @@
 // The service's own requests: TLV arrays of records, to and from bytes.
 #pragma once
 
-#include "platform/tlv_array.h"
 #include "tools/zelctl/connection.hpp"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <cstring>
 #include <string>

@@ -1,8 +1,8 @@
 #include "tools/zeld/change.hpp"
 
-#include "platform/tlv_array.h"
 #include "zel-platform/kob.h"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <cstring>
 

@@ -1,9 +1,9 @@
 // The body of an answer that is a TLV array of records.
 #pragma once
 
-#include "platform/tlv_array.h"
 #include "tools/zeld/message.hpp"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 namespace zeld {
 

@@ -37,14 +37,14 @@ void set_ports(Node &item, std::string_view name, MaskedPort port)
 
 // The longest range that the ports at some distance from each other, from the first on,
 // are the masked ports of.  port(i) returns the port number i, or nothing behind the last.
-template <class PortAt> std::pair<std::size_t, PortRange> longest_range(PortAt port)
+template <class PortAt> std::pair<std::size_t, std::optional<PortRange>> longest_range(PortAt port)
 {
     std::size_t best = 1;
-    PortRange range = range_of(*port(0)).value_or(PortRange{});
-    PortRange grown = range;
-    Ports ports{*port(0)};
-    if (!range_of(*port(0)))
+    std::optional<PortRange> range = range_of(*port(0));
+    if (!range)
         return {best, range};
+    PortRange grown = *range;
+    Ports ports{*port(0)};
     for (std::size_t i = 1; port(i); ++i) {
         const auto next = range_of(*port(i));
         if (!next || next->first != grown.last + 1)

@@ -21,12 +21,12 @@ std::vector<Node> split_ranges(const Node &item);
 // Elements that are the result of one split.
 struct JoinedElements {
     std::size_t number; // of the elements
-    PortRange sport;
-    PortRange dport;
+    // Nothing when the port has a mask that is no range; all elements then have it.
+    std::optional<PortRange> sport;
+    std::optional<PortRange> dport;
 };
 
-// The longest front part of the elements that split_ranges() makes of one item.  A number
-// of 1 may be an element whose ports are no ranges.
+// The longest front part of the elements that split_ranges() makes of one item.
 JoinedElements join_front(std::span<const zel_match_service_element_t *const> elements);
 
 } // namespace tools

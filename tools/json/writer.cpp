@@ -79,10 +79,10 @@ Json JsonWriter::write_elements(const Member &sequence, const void *object)
     for (std::span<const zel_match_service_element_t *const> rest(elements); !rest.empty();) {
         const JoinedElements joined = join_front(rest);
         Json item = write(*sequence.record, rest.front());
-        if (joined.number > 1) {
-            item["sport"] = show_ports(joined.sport);
-            item["dport"] = show_ports(joined.dport);
-        }
+        if (joined.sport)
+            item["sport"] = show_ports(*joined.sport);
+        if (joined.dport)
+            item["dport"] = show_ports(*joined.dport);
         items.push_back(std::move(item));
         rest = rest.subspan(joined.number);
     }

@@ -86,11 +86,7 @@ std::string address_of(uint32_t address, uint32_t mask)
     return tools::show_ipv4(address) + (mask == UINT32_MAX ? "" : "/" + tools::show_ipv4_mask(mask));
 }
 
-std::string port_text(tools::MaskedPort port)
-{
-    const auto range = tools::range_of(port);
-    return range ? tools::show_port_range(*range) : fmt::format("{}/{:#06x}", port.value, port.mask);
-}
+std::string port_text(uint16_t port, uint16_t mask) { return fmt::format("{}/{:#06x}", port, mask); }
 
 std::string with_port(const std::string &address, const std::string &ports)
 {
@@ -107,9 +103,9 @@ struct Line {
 Line line_of(const zel_match_service_element_t &element, const tools::JoinedElements &joined)
 {
     const std::string sport =
-        joined.number > 1 ? tools::show_port_range(joined.sport) : port_text({element.sport, element.sport_mask});
+        joined.sport ? tools::show_port_range(*joined.sport) : port_text(element.sport, element.sport_mask);
     const std::string dport =
-        joined.number > 1 ? tools::show_port_range(joined.dport) : port_text({element.dport, element.dport_mask});
+        joined.dport ? tools::show_port_range(*joined.dport) : port_text(element.dport, element.dport_mask);
     const std::string protocol = name_of(element.protocol, tools::protocols);
     return {fmt::format("{} {} -> ", protocol == "any" ? "ip" : protocol,
                         with_port(address_of(element.sip, element.sip_mask), sport)),

@@ -25,8 +25,18 @@ struct Arguments {
     bool watch = false;
     double interval = 1; // seconds
     uint32_t rounds = 0; // 0: until interrupted
+    std::string sort = "id";
     View view;
 };
+
+SortBy sort_named(std::string_view name)
+{
+    if (name == "packets")
+        return SortBy::packets;
+    if (name == "bytes")
+        return SortBy::bytes;
+    return name == "rate" ? SortBy::rate : SortBy::id;
+}
 
 struct Pulled {
     Statistics statistics;
@@ -184,17 +194,11 @@ void add_stats_command(const CommandLine &line)
     stats->add_option("--pair", arguments->pair, "Only this pair")->type_name("ID")->check(policy_id_range());
     stats->add_flag("--clear", arguments->clear, "Set the counters to zero after reading them");
     stats
-        ->add_option("--sort", arguments->view.sort,
+        ->add_option("--sort", arguments->sort,
                      "By id, or the largest first: packets, bytes, or with --watch rate, in packets per second")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, SortBy>{
-                                                {"id", SortBy::id},
-                                                {"packets", SortBy::packets},
-                                                {"bytes", SortBy::bytes},
-                                                {"rate", SortBy::rate},
-                                            })
-                        .description(""))
-        ->type_name("id|packets|bytes|rate")
-        ->default_str("id");
+        ->check(CLI::IsMember({"id", "packets", "bytes", "rate"}))
+        ->type_name("")
+        ->capture_default_str();
     CLI::Option *const watch = stats->add_flag(
         "--watch", arguments->watch,
         "Show them again and again, with rates, until interrupted; on a terminal in place; waits for a service that "
@@ -209,6 +213,7 @@ void add_stats_command(const CommandLine &line)
         ->capture_default_str();
     stats->add_option("--rounds", arguments->rounds, "End after so many looks")->needs(watch);
     when_given(line, stats, [&options = line.options, arguments] {
+        arguments->view.sort = sort_named(arguments->sort);
         return arguments->watch ? run_watch(options, *arguments) : run_once(options, *arguments);
     });
 }

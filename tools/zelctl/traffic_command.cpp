@@ -91,8 +91,8 @@ int run_traffic(const Options &options, const std::string &path)
 void add_traffic_command(const CommandLine &line)
 {
     const auto path = std::make_shared<std::string>();
-    CLI::App *const traffic =
-        line.app.add_subcommand("traffic", "Let the service classify packet headers and count them");
+    CLI::App *const traffic = line.app.add_subcommand(
+        "traffic", "Let the service classify packet headers, and count them in the policies of all applications");
     traffic
         ->add_option("FILE", *path,
                      "One header a line: a JSON object, or the numbers source address, destination address, source "

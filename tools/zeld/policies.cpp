@@ -29,6 +29,10 @@ uint64_t next_revision()
 // Rows of updates may take as much work to read as the policy has bytes, or as this.
 constexpr std::size_t least_work = 4096;
 
+// What a small change of many takes, and how many bytes are encoded in a step.
+constexpr uint64_t steps_of_change = 100;
+constexpr std::size_t bytes_of_step = 8;
+
 std::string describe(const Policies::Map &changes)
 {
     if (changes.size() != 1)
@@ -146,6 +150,7 @@ std::string Policies::apply(const Batch &batch)
     std::set<PolicyKey> changed;
     try {
         for (const Batch::Change &change : batch.changes) {
+            Budget::step(steps_of_change);
             Staged staged = stage(batch, change, budget);
             check_total(staged);
             for (const auto &[key, policy] : staged.policies)
@@ -186,6 +191,8 @@ void Policies::stage_frame(Staged &staged, uint32_t app_type, const Frame &frame
 {
     const PolicyKey key{app_type, frame.fields.policy_id};
     auto policy = std::make_shared<Policy>(*get(key));
+    if (store_ != nullptr) // which gets the whole policy
+        Budget::step(policy->encoded_size() / bytes_of_step);
     policy->set_frame(frame.fields, frame.order);
     stage_version(staged, key, std::move(policy), {}, 0, false);
 }

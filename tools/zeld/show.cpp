@@ -23,8 +23,10 @@ void Show::begin()
     for (const auto &policy : shown_)
         size += policy->encoded_size();
     if (size > max_body_)
-        throw Refusal(error_limit, "the policies take {} bytes, and an answer has room for {}; show them one by one",
-                      size, max_body_);
+        throw Refusal(
+            error_limit,
+            "the policies take {} bytes, and an answer has room for {}; show them one by one, or raise --max-message",
+            size, max_body_);
     body_.reserve(size);
     has_begun_ = true;
 }

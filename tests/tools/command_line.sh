@@ -128,7 +128,7 @@ printf '\002\000\000\000\001\000' >"$dir/damaged.msg"
 for command in verify decode "--json decode"; do
     # shellcheck disable=SC2086
     expect 3 "$zelctl" $command "$dir/cut.msg"
-    says "zelctl: $dir/cut.msg: no message: its first four bytes claim more than the 100 bytes there are"
+    says "$dir/cut.msg: no message: its first four bytes claim more than the 100 bytes there are"
     # shellcheck disable=SC2086
     expect 3 "$zelctl" $command "$dir/damaged.msg"
     says "damaged.msg: header: an element is damaged: expected 1, found 0 (element 0, id 0, offset 4)"
@@ -202,11 +202,11 @@ fi
 # A rule set becomes a policy that can be applied, through a pipe or a file.
 last="import through a pipe"
 { "$zelctl" import classbench "$examples/classbench/small.rules" --policy 9 || echo "import ended with $?"; } |
-    "$zelctl" policy check - >"$dir/out"
+    "$zelctl" policy check - >"$dir/out" || [ $? -eq 7 ] # some rules of the set are redundant
 says "policy 9 without fault"
 printf '[{"id": 1, "set_vrf": 4}, {"id": 2, "type": 77}]' >"$dir/actions.json"
 expect 0 "$zelctl" import classbench "$examples/classbench/small.rules" --actions "$dir/actions.json" -o "$dir/p.json"
-expect 0 "$zelctl" policy check "$dir/p.json"
+expect 7 "$zelctl" policy check "$dir/p.json"
 printf '@1.0.0.0/8\t2.0.0.0/8\t0 : 1\t0 : 1\t0x06/0xFF\t0x0002/0x0002\n' >"$dir/flags.rules"
 expect 0 "$zelctl" import classbench "$dir/flags.rules"
 says "TCP flags of 1 of 1 rules"

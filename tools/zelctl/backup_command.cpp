@@ -134,12 +134,6 @@ Answer send_delete(Connection &connection, const Summary &summary)
     });
 }
 
-void require(Answer answer)
-{
-    if (answer.refused())
-        throw Refused(std::move(answer));
-}
-
 // Policy by policy.  When it ends early, a second restore goes on.
 Outcome restore(Connection &connection, const std::vector<tools::Message> &messages, bool is_dry_run)
 {
@@ -154,16 +148,16 @@ Outcome restore(Connection &connection, const std::vector<tools::Message> &messa
         const ChangeSet changes(connection, message.header.app_type, {&policy}, present);
         const PolicyChange &change = changes.changes().front();
         if (change.kind == ChangeKind::added && !is_dry_run)
-            require(send_new(connection, message));
+            (void)accepted(send_new(connection, message));
         else if (changes.bytes() != 0)
-            require(changes.send(connection, is_dry_run));
+            (void)accepted(changes.send(connection, is_dry_run));
         count(outcome, change);
         progress.reached(i + 1);
     }
     for (const auto &[key, summary] : present)
         if (!wanted.contains(key)) {
             if (!is_dry_run)
-                require(send_delete(connection, summary));
+                (void)accepted(send_delete(connection, summary));
             ++outcome.num_removed;
         }
     return outcome;

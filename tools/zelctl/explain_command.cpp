@@ -46,9 +46,8 @@ public:
     Reasons explain(const service::PacketHeader &packet) override
     {
         const service::ExplainRequest request{app_, policy_ ? *policy_ : service::show_all, packet};
-        Answer answer = connection_.request(service::opcode_explain, one_record(service::element_explain, request));
-        if (answer.refused())
-            throw Refused(std::move(answer));
+        const Answer answer =
+            accepted(connection_.request(service::opcode_explain, one_record(service::element_explain, request)));
         return read_records<Reason>(answer, service::element_reason);
     }
 

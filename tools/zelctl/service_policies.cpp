@@ -7,13 +7,19 @@
 
 namespace zelctl {
 
+Answer accepted(Answer answer)
+{
+    if (!answer.refused())
+        return answer;
+    throw Refused(std::move(answer));
+}
+
 static std::vector<service::Summary> list(Connection &connection, service::ListRequest request)
 {
     std::vector<service::Summary> all;
     for (;;) {
-        Answer answer = connection.request(service::opcode_list, one_record(service::element_list, request));
-        if (answer.refused())
-            throw Refused(std::move(answer));
+        const Answer answer =
+            accepted(connection.request(service::opcode_list, one_record(service::element_list, request)));
         const auto page = read_records<service::Summary>(answer, service::element_summary);
         if (page.empty())
             return all;
@@ -44,9 +50,8 @@ Present by_key(const std::vector<service::Summary> &policies)
 std::string fetch_messages(Connection &connection, uint32_t app, uint32_t policy_id)
 {
     const service::ShowRequest request{app, policy_id};
-    Answer answer = connection.request(service::opcode_show, one_record(service::element_show, request));
-    if (answer.refused())
-        throw Refused(std::move(answer));
+    const Answer answer =
+        accepted(connection.request(service::opcode_show, one_record(service::element_show, request)));
     return std::string(answer.body());
 }
 

@@ -22,6 +22,9 @@ private:
     std::shared_ptr<Answer> answer_;
 };
 
+// Returns an answer that is no refusal; throws Refused for any other.
+Answer accepted(Answer answer);
+
 // The summaries of an application's policies, fetched in pages.  All throw Refused.
 std::vector<service::Summary> list_policies(Connection &connection, uint32_t app);
 

@@ -52,11 +52,9 @@ Pulled pull(Connection &connection, const Arguments &arguments)
     zel_stat_request_entry_t *entries[] = {&entry};
     const zel_stat_request_t request{1, entries};
     const Clock::time_point now = Clock::now();
-    Answer answer = connection.request(
+    const Answer answer = accepted(connection.request(
         [&](zel_api_handle_t *handle, kob_msg_t *msg) { return zel_stats_pull(handle, &request, msg); },
-        arguments.clear ? Effect::changes : Effect::reads);
-    if (answer.refused())
-        throw Refused(std::move(answer));
+        arguments.clear ? Effect::changes : Effect::reads));
     return {read_statistics(answer), now};
 }
 

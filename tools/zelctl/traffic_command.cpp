@@ -63,9 +63,7 @@ Sent send_all(Connection &connection, std::span<const PacketHeader> headers)
     while (sent.packets < headers.size()) {
         const auto rest = headers.subspan(sent.packets);
         const auto some = rest.first(std::min(headers_at_a_time(), rest.size()));
-        Answer answer = send_some(connection, some, sent);
-        if (answer.refused())
-            throw Refused(std::move(answer));
+        const Answer answer = accepted(send_some(connection, some, sent));
         sent.matched += static_cast<uint32_t>(answer.retval);
         sent.packets += some.size();
         progress.reached(sent.packets);

@@ -321,7 +321,7 @@ TEST(Update, RequestsThatMultiply)
         group += "5=1,";
     const auto large = policy(1, group + "/");
     EXPECT_EQ(apply(policies, 5, set, 1, part_of(*large, 5)),
-              "!6 the request would take more than 8388608 bytes of memory");
+              "!6 the request would take more than 8388608 bytes of memory: raise --max-state");
     EXPECT_EQ(policies.get({1, 1})->num_pairs(), 10000u);
 }
 

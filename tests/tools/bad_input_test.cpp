@@ -41,7 +41,7 @@ const Bad bad_values[] = {
     Bad{match, "{\"id\": 1, \"label\": {\"label\": \"12345678901234567890123456789012345678901234567890123456789012345\"}}", "1: .label.label: expected a text of at most 64 bytes, or \"hex:\" and hexadecimal digits, found a text of 65 bytes"},
     Bad{match, "{\"id\": 1, \"lisp_proto\": {\"destination_rloc\": 167772161}}", "1: .lisp_proto.destination_rloc: expected an IPv4 address such as \"10.1.2.3\", found 167772161"},
     Bad{element, "{\"sip\": \"10.0.0/8\"}", "1: .sip: expected an IPv4 address such as \"10.1.2.3\", the same with a mask such as \"10.0.0.0/8\", or \"any\", found \"10.0.0/8\""},
-    Bad{element, "{\"sport\": \"80/0x10000\"}", "1: .sport: expected an integer from 0 to 65535, the same with a mask such as \"1024/0xfc00\", or \"any\", found \"80/0x10000\""},
+    Bad{element, "{\"sport\": \"80/0x10000\"}", "1: .sport: expected an integer from 0 to 65535, the same with a mask such as \"1024/0xfc00\", a range such as \"80-90\" in a service, or \"any\", found \"80/0x10000\""},
     Bad{action, "{\"id\": 1, \"redirect\": {\"l2_ipv4\": {\"smac\": \"02:00\"}}}", "1: .redirect.l2_ipv4.smac: expected an Ethernet address such as \"00:1b:21:0a:0b:0c\", found \"02:00\""}};
 
 const Bad bad_members[] = {

@@ -57,6 +57,55 @@ TEST(JsonRoundTrip, RandomValuesOfRecordsOfFields)
     check(packet_header);
 }
 
+// Items with ranges become masked elements, which are shown as the same items again, and
+// elements that no range makes stay what they are.
+TEST(JsonRoundTrip, RangesOfPortsAreSplitAndJoined)
+{
+    std::mt19937 random(3);
+    const auto ports = [&]() -> std::string {
+        const std::array values{random() % 65536, random() % 65536};
+        const auto [low, high] = std::minmax(values[0], values[1]);
+        switch (random() % 4) {
+        case 0:
+            return "\"any\"";
+        case 1:
+            return std::to_string(low);
+        case 2:
+            return "\"" + std::to_string(low) + "/0xf0f0\"";
+        default:
+            return low == high ? "7" : "\"" + std::to_string(low) + "-" + std::to_string(high) + "\"";
+        }
+    };
+    std::size_t num_elements = 0;
+    for (int round = 0; round < 300; ++round) {
+        std::string items;
+        for (uint32_t n = random() % 4 + 1; n != 0; --n)
+            items += R"({"dip":"10.0.0.)" + std::to_string(n) + R"(","sport":)" + ports() + R"(,"dport":)" + ports() +
+                     (n == 1 ? "}" : "},");
+        const std::string text = R"({"id":1,"service":[)" + items + "]}";
+        const Graph graph = graph_from_json(ZEL_MAT_TYPE_MATCH, text);
+        Json shown = write_graph(graph)["service"];
+        for (Json &item : shown) {
+            item.erase("sip");
+            item.erase("protocol");
+        }
+        ASSERT_EQ(shown.dump(), "[" + items + "]");
+        num_elements += graph.as<zel_match_t>().param.service.num_elements;
+    }
+    EXPECT_GT(num_elements, 10000u);
+    const auto number_of = [](const std::string &dport) {
+        const Graph graph = graph_from_json(ZEL_MAT_TYPE_MATCH, R"({"id":1,"service":[{"dport":")" + dport + "\"}]}");
+        return graph.as<zel_match_t>().param.service.num_elements;
+    };
+    EXPECT_EQ(number_of("80-90"), 3u);
+    EXPECT_EQ(number_of("80-87"), 1u);
+    EXPECT_EQ(number_of("1024-65535"), 6u);
+    EXPECT_EQ(number_of("1-65534"), 30u);
+    EXPECT_NE(complaint([&] { number_of("90-80"); }), "");
+    EXPECT_NE(
+        complaint([&] { graph_from_json(ZEL_MAT_TYPE_MATCH, R"({"id":1,"service_element":{"dport":"80-90"}})"); }), "");
+}
+
 TEST(JsonRoundTrip, PeopleMayLeaveOutAndAbbreviate)
 {
     const Graph graph = graph_from_json(ZEL_MAT_TYPE_MATCH, R"({"id": 5, "service": [{"dip": "10.0.0.0/8"}]})");

@@ -37,7 +37,7 @@ protected:
 
 TEST_F(PacketFile, LinesOfATrace)
 {
-    const auto headers = read("167837955\t3221225985\t50000\t443\t6\t512\t17\n\n# none\n1 2 3 4 17");
+    const auto headers = read("10.1.1.3\t3221225985\t50000\t443\t6\t512\t17\n\n# none\n1 2 3 4 17");
     ASSERT_EQ(headers.size(), 2u);
     EXPECT_EQ(headers[0].sip, 0x0a010103u);
     EXPECT_EQ(headers[0].dip, 0xc0000201u);
@@ -52,15 +52,14 @@ TEST_F(PacketFile, LinesOfATrace)
 TEST_F(PacketFile, LinesOfJson)
 {
     const auto headers = read_packet_file(EXAMPLES_DIR "/packets.jsonl");
-    ASSERT_EQ(headers.size(), 4u);
+    ASSERT_EQ(headers.size(), 6u);
     EXPECT_EQ(headers[0].sip, 0x0a010203u);
     EXPECT_EQ(headers[0].protocol, 6);
     EXPECT_EQ(headers[1].arp_opcode, 1u);
     EXPECT_EQ(headers[1].vlan, 100);
-    EXPECT_EQ(headers[2].lisp_instance, 1001u);
-    EXPECT_EQ(headers[3].label_length, 12);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(headers[3].label)), "overlay-blue");
-    EXPECT_EQ(headers[3].exp, 6);
+    EXPECT_EQ(headers[3].lisp_instance, 1001u);
+    EXPECT_EQ(headers[4].label_length, 12);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(headers[4].label)), "overlay-blue");
 }
 
 TEST_F(PacketFile, BadLines)

@@ -1,6 +1,7 @@
 #include "tools/json/notation.hpp"
 
 #include "tools/json/field_rules.hpp"
+#include "tools/json/port_ranges.hpp"
 #include "tools/json/text_values.hpp"
 
 #include <fmt/core.h>
@@ -96,6 +97,22 @@ std::optional<uint32_t> read_mask(const Member &field, std::string_view text)
     return number && *number <= most_in(field) ? std::optional(static_cast<uint32_t>(*number)) : std::nullopt;
 }
 
+// A number under a mask is a port, and may be shown as a range of ports.
+bool holds_port(const Member &field) { return field.format == Format::number && field.width == sizeof(uint16_t); }
+
+MaskedPort port_of(uint32_t value, uint32_t mask)
+{
+    return {static_cast<uint16_t>(value), static_cast<uint16_t>(mask)};
+}
+
+// A range that takes one mask.
+std::optional<MaskedPort> read_port(const Member &field, std::string_view text)
+{
+    const auto range = holds_port(field) ? read_port_range(text) : std::nullopt;
+    const std::vector<MaskedPort> ports = range ? expand(*range) : std::vector<MaskedPort>{};
+    return ports.size() == 1 ? std::optional(ports.front()) : std::nullopt;
+}
+
 Json show_masked(const Member &field, const Member &mask_field, const void *record)
 {
     const void *const value = part(record, field.offset);
@@ -105,6 +122,9 @@ Json show_masked(const Member &field, const Member &mask_field, const void *reco
     Json shown = show_value(field, value);
     if (mask == most_in(field))
         return shown;
+    if (holds_port(field))
+        if (const auto range = range_of(port_of(load(field, value), mask)))
+            return show_port_range(*range);
     return (shown.is_string() ? shown.get<std::string>() : shown.dump()) + "/" + show_mask(field, mask);
 }
 
@@ -117,6 +137,11 @@ bool read_masked(const Node &node, const Member &field, const Member &mask_field
     if (node.text == "any") {
         store(field, value, 0);
         set(mask_field, record, 0);
+        return true;
+    }
+    if (const auto port = read_port(field, node.text)) {
+        store(field, value, port->value);
+        set(mask_field, record, port->mask);
         return true;
     }
     const std::size_t slash = node.text.find('/');
@@ -241,8 +266,9 @@ std::string expected_of(const Member &field)
     std::string alone = expected_value(field);
     if (rule_of(field).mask == nullptr)
         return alone;
-    return fmt::format("{}, the same with a mask such as \"{}\", or \"any\"", alone,
-                       field.format == Format::ipv4 ? "10.0.0.0/8" : "1024/0xfc00");
+    return fmt::format("{}, the same with a mask such as \"{}\",{} or \"any\"", alone,
+                       field.format == Format::ipv4 ? "10.0.0.0/8" : "1024/0xfc00",
+                       holds_port(field) ? " a range such as \"80-90\" in a service," : "");
 }
 
 } // namespace tools

@@ -15,10 +15,15 @@ Progress::Progress(const std::string &work, std::size_t total)
     : work_(safe_text(work, 100)), total_(total), watched_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + step)
 {}
 
-Progress::~Progress()
+Progress::~Progress() { clear(); }
+
+void Progress::clear()
 {
-    if (shown_)
-        fmt::print(stderr, "\r\x1b[K");
+    if (!shown_)
+        return;
+    fmt::print(stderr, "\r\x1b[K");
+    (void)std::fflush(stderr);
+    shown_ = false;
 }
 
 void Progress::reached(std::size_t done)

@@ -16,6 +16,8 @@ public:
     Progress &operator=(const Progress &) = delete;
 
     void reached(std::size_t done);
+    // Takes the line away, so that something else can be printed.
+    void clear();
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -2,12 +2,14 @@
 
 #include "tools/json/field_rules.hpp"
 #include "tools/json/notation.hpp"
+#include "tools/json/service_elements.hpp"
 #include "tools/json/text_values.hpp"
 #include "wire/graph.hpp"
 
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <deque>
 
 namespace tools {
 
@@ -54,6 +56,27 @@ private:
     std::map<uint32_t, uint32_t> lines_;
 };
 
+// What one record of a sequence is read from.
+struct Item {
+    const Node *node;
+    std::size_t place; // in the array
+};
+
+// The items of an array.  Those with ranges are several, which split keeps.
+std::vector<Item> items_of(const Node &array, const Member &sequence, std::deque<Node> &split)
+{
+    std::vector<Item> items;
+    for (std::size_t place = 0; place < array.children.size(); ++place) {
+        const Node &item = array.children[place];
+        std::vector<Node> several = has_ranges(sequence) ? split_ranges(item) : std::vector<Node>{};
+        if (several.empty())
+            items.push_back({&item, place});
+        for (Node &one : several)
+            items.push_back({&split.emplace_back(std::move(one)), place});
+    }
+    return items;
+}
+
 [[noreturn]] void fail_without_choice(const Input &in, const Member &choice)
 {
     std::vector<std::string_view> names{choice.name};
@@ -64,17 +87,34 @@ private:
 
 } // namespace
 
+void refuse_unknown_member(const Input &in, const Node &member, const std::vector<std::string_view> &names)
+{
+    if (std::ranges::find(names, member.key) != names.end())
+        return;
+    const JsonPath path = in.path.in(member.key);
+    Input{in.document, member, path}.fail("unknown member; expected " + enumerated(names));
+}
+
 void refuse_unknown_members(const Input &in, const std::vector<std::string_view> &names)
 {
     for (const Node &child : in.node.children)
-        if (std::ranges::find(names, child.key) == names.end()) {
-            const JsonPath path = in.path.in(child.key);
-            Input{in.document, child, path}.fail("unknown member; expected " + enumerated(names));
-        }
+        refuse_unknown_member(in, child, names);
+}
+
+template <class Read> void JsonReader::guard(Read read)
+{
+    if (faults_ == nullptr)
+        return read();
+    try {
+        read();
+    } catch (const BadInput &fault) {
+        faults_->emplace_back(fault.what());
+    }
 }
 
 void JsonReader::read(const Input &in, const Record &record, void *object)
 {
+    const std::size_t num_before = num_faults();
     if (record.is_shareable() && read_reference(in, record, object))
         return;
     if (has_short_form(record) && !in.node.is_object())
@@ -82,7 +122,7 @@ void JsonReader::read(const Input &in, const Record &record, void *object)
     else
         read_members(in, record, object);
     if (record.is_shareable())
-        define(in, record, object);
+        define(in, record, object, num_faults() != num_before);
 }
 
 // {"ref": 5} stands for the match, or action, 5 that came before.
@@ -104,13 +144,13 @@ bool JsonReader::read_reference(const Input &in, const Record &record, void *obj
     });
 }
 
-void JsonReader::define(const Input &in, const Record &record, const void *object)
+void JsonReader::define(const Input &in, const Record &record, const void *object, bool is_broken)
 {
     const uint16_t id = id_of(record, object);
     const auto [entry, is_new] =
-        definitions_.try_emplace({record.mat_type, id}, Definition{object, in.document.file, in.node.line});
+        definitions_.try_emplace({record.mat_type, id}, Definition{object, in.document.file, in.node.line, is_broken});
     const Definition &earlier = entry->second;
-    if (!is_new && !equal(record, object, earlier.object))
+    if (!is_new && !is_broken && !earlier.is_broken && !equal(record, object, earlier.object))
         in.fail(fmt::format("{0} {1} differs from the {0} {1} in {2}:{3}; a message has one {0} of an id", record.name,
                             id, earlier.file, earlier.line));
 }
@@ -119,15 +159,18 @@ void JsonReader::read_members(const Input &in, const Record &record, void *objec
 {
     if (!in.node.is_object())
         in.expected("an object");
-    refuse_unknown_members(in, member_names(record));
-    for (const Member &member : record.members) {
-        if (member.kind == Kind::field)
-            read_field(in, member, object);
-        else if (member.kind == Kind::choice)
-            read_choice(in, member, object);
-        else
-            with_member(in, member.name, [&](const Input &value) { read_content(value, member, object); });
-    }
+    const std::vector<std::string_view> names = member_names(record);
+    for (const Node &child : in.node.children)
+        guard([&] { refuse_unknown_member(in, child, names); });
+    for (const Member &member : record.members)
+        guard([&] {
+            if (member.kind == Kind::field)
+                read_field(in, member, object);
+            else if (member.kind == Kind::choice)
+                read_choice(in, member, object);
+            else
+                with_member(in, member.name, [&](const Input &value) { read_content(value, member, object); });
+        });
 }
 
 void JsonReader::read_field(const Input &in, const Member &field, void *object)
@@ -161,20 +204,23 @@ void JsonReader::read_items(const Input &in, const Member &sequence, void *objec
 {
     if (in.node.kind != Node::Kind::array)
         in.expected("an array");
-    const std::vector<Node> &items = in.node.children;
+    std::deque<Node> split;
+    const std::vector<Item> items = items_of(in.node, sequence, split);
     if (items.size() > most_in(sequence))
         in.fail(fmt::format("{} are too many; at most {} can be sent", items.size(), most_in(sequence)));
     if (!items.empty())
         array_of(object, sequence) = allocate<void *>(items.size());
     Keys keys(*sequence.record);
     for (uint32_t i = 0; i < items.size(); ++i) {
-        const JsonPath path = in.path.at(i);
-        const Input item{in.document, items[i], path};
+        const JsonPath path = in.path.at(items[i].place);
+        const Input item{in.document, *items[i].node, path};
         void *const member = allocate_bytes(sequence.record->size);
         array_of(object, sequence)[i] = member;
         set_count(object, sequence, i + 1);
-        read(item, *sequence.record, member);
-        keys.add(item, member);
+        guard([&] {
+            read(item, *sequence.record, member);
+            keys.add(item, member);
+        });
     }
 }
 

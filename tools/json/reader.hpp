@@ -17,8 +17,11 @@ namespace tools {
 // The documents and the records must outlive the reader.
 class JsonReader {
 public:
-    // A missing application number becomes app_type.
-    explicit JsonReader(uint32_t app_type) : app_type_(app_type) {}
+    // A missing application number becomes app_type.  With a list for faults, a fault in a
+    // member or an item is put there, and reading goes on behind it.
+    explicit JsonReader(uint32_t app_type, std::vector<std::string> *faults = nullptr)
+        : app_type_(app_type), faults_(faults)
+    {}
 
     // Fills a zero-filled record.  Throws BadInput and then leaves the record half
     // filled, but so that it can be freed.
@@ -29,10 +32,13 @@ private:
         const void *object;
         std::string_view file;
         uint32_t line;
+        bool is_broken; // has a fault, and so is not compared
     };
 
+    template <class Read> void guard(Read read);
+    std::size_t num_faults() const { return faults_ != nullptr ? faults_->size() : 0; }
     bool read_reference(const Input &in, const zel::wire::Record &record, void *object);
-    void define(const Input &in, const zel::wire::Record &record, const void *object);
+    void define(const Input &in, const zel::wire::Record &record, const void *object, bool is_broken);
     void read_members(const Input &in, const zel::wire::Record &record, void *object);
     void read_field(const Input &in, const zel::wire::Member &field, void *object);
     void read_content(const Input &in, const zel::wire::Member &member, void *object);
@@ -40,6 +46,7 @@ private:
     void read_choice(const Input &in, const zel::wire::Member &choice, void *object);
 
     uint32_t app_type_;
+    std::vector<std::string> *faults_;
     std::map<std::pair<uint32_t, uint16_t>, Definition> definitions_; // by MAT type and id
 };
 
@@ -58,7 +65,8 @@ template <class Read> bool with_member(const Input &in, std::string_view name, R
     return true;
 }
 
-// Refuses an object that has members of other names.
+// Refuses a member, and an object that has members, of other names.
+void refuse_unknown_member(const Input &in, const Node &member, const std::vector<std::string_view> &names);
 void refuse_unknown_members(const Input &in, const std::vector<std::string_view> &names);
 
 } // namespace tools

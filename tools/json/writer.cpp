@@ -1,6 +1,7 @@
 #include "tools/json/writer.hpp"
 
 #include "tools/json/field_rules.hpp"
+#include "tools/json/service_elements.hpp"
 #include "tools/json/text_values.hpp"
 #include "wire/graph.hpp"
 
@@ -21,6 +22,12 @@ bool follows_from_text(const Member &field, const void *object)
 }
 
 } // namespace
+
+// One port is a number.
+static Json show_ports(PortRange range)
+{
+    return range.first == range.last ? Json(range.first) : Json(show_port_range(range));
+}
 
 Json JsonWriter::write(const Record &record, const void *object)
 {
@@ -55,9 +62,30 @@ Json JsonWriter::write_content(const Member &member, const void *object)
         return show_field(member, object);
     if (member.kind == Kind::embedded)
         return write(*member.record, part(object, member.offset));
+    if (has_ranges(member))
+        return write_elements(member, object);
     Json items = Json::array();
     for (uint32_t i = 0; i < count_of(object, member); ++i)
         items.push_back(write(*member.record, array_of(object, member)[i]));
+    return items;
+}
+
+Json JsonWriter::write_elements(const Member &sequence, const void *object)
+{
+    std::vector<const zel_match_service_element_t *> elements;
+    for (uint32_t i = 0; i < count_of(object, sequence); ++i)
+        elements.push_back(static_cast<const zel_match_service_element_t *>(array_of(object, sequence)[i]));
+    Json items = Json::array();
+    for (std::span<const zel_match_service_element_t *const> rest(elements); !rest.empty();) {
+        const JoinedElements joined = join_front(rest);
+        Json item = write(*sequence.record, rest.front());
+        if (joined.sport)
+            item["sport"] = show_ports(*joined.sport);
+        if (joined.dport)
+            item["dport"] = show_ports(*joined.dport);
+        items.push_back(std::move(item));
+        rest = rest.subspan(joined.number);
+    }
     return items;
 }
 

@@ -18,6 +18,7 @@ public:
 
 private:
     Json write_content(const zel::wire::Member &member, const void *object);
+    Json write_elements(const zel::wire::Member &sequence, const void *object);
     void write_member(Json &json, const zel::wire::Member &member, const void *object);
 
     std::map<std::pair<uint32_t, uint16_t>, const void *> written_; // by MAT type and id

@@ -61,6 +61,19 @@ public:
         return static_cast<uint8_t>(*protocol & *mask);
     }
 
+    // The optional last column; a mask of 0 is for any flags.
+    bool flags()
+    {
+        if (rest_.empty())
+            return false;
+        const std::string_view field = next("TCP flags");
+        const auto [left, right] = split(field, '/');
+        const auto mask = number(right, UINT16_MAX);
+        if (!number(left, UINT16_MAX) || !mask)
+            fail("TCP flags", "a value and a mask such as \"0x0002/0x0002\"", field);
+        return *mask != 0;
+    }
+
     void strip(char mark)
     {
         if (!rest_.starts_with(mark))
@@ -110,19 +123,20 @@ Rule read_rule(std::string_view text, const std::string &file, uint32_t line)
     rule.sport = reader.ports("source ports");
     rule.dport = reader.ports("destination ports");
     rule.protocol = reader.protocol("protocol");
+    rule.has_flags = reader.flags();
     return rule;
 }
 
 void fill_match(zel_match_t &match, const Rule &rule)
 {
-    const std::vector<MaskedPort> sports = expand(rule.sport);
-    const std::vector<MaskedPort> dports = expand(rule.dport);
+    const std::vector<tools::MaskedPort> sports = tools::expand(rule.sport);
+    const std::vector<tools::MaskedPort> dports = tools::expand(rule.dport);
     match.type = ZEL_MATCH_TYPE_SERVICE;
     zel_match_service_t &service = match.param.service;
     const auto elements = tools::make_members(service.elements, service.num_elements, sports.size() * dports.size());
     for (std::size_t i = 0; i < elements.size(); ++i) {
-        const MaskedPort sport = sports[i / dports.size()];
-        const MaskedPort dport = dports[i % dports.size()];
+        const tools::MaskedPort sport = sports[i / dports.size()];
+        const tools::MaskedPort dport = dports[i % dports.size()];
         *elements[i] = {rule.sip,   rule.sip_mask, rule.dip,   rule.dip_mask, sport.value,
                         sport.mask, dport.value,   dport.mask, rule.protocol};
     }
@@ -156,20 +170,6 @@ std::vector<Rule> read_classbench(std::string_view text, const std::string &file
         progress.reached(at);
     }
     return rules;
-}
-
-std::vector<MaskedPort> expand(PortRange range)
-{
-    std::vector<MaskedPort> ports;
-    const uint32_t end = uint32_t{range.last} + 1;
-    for (uint32_t first = range.first; first < end;) {
-        // The largest aligned block that begins here and ends within the range.
-        const uint32_t aligned = first == 0 ? 0x10000 : first & -first;
-        const uint32_t block = std::min(aligned, std::bit_floor(end - first));
-        ports.push_back({static_cast<uint16_t>(first), static_cast<uint16_t>(0x10000 - block)});
-        first += block;
-    }
-    return ports;
 }
 
 tools::Graph make_policy(const std::vector<Rule> &rules, uint16_t policy_id, uint32_t app,

@@ -1,6 +1,7 @@
 // Filter sets in the ClassBench text format, as policies.
 #pragma once
 
+#include "tools/json/port_ranges.hpp"
 #include "tools/message/graph.hpp"
 
 #include <cstdint>
@@ -10,10 +11,7 @@
 
 namespace zelctl {
 
-struct PortRange {
-    uint16_t first;
-    uint16_t last;
-};
+using tools::PortRange;
 
 struct Rule {
     uint32_t sip;
@@ -22,26 +20,18 @@ struct Rule {
     uint32_t dip_mask;
     PortRange sport;
     PortRange dport;
-    uint8_t protocol; // 0: any
+    uint8_t protocol;       // 0: any
+    bool has_flags = false; // TCP flags, which no match can say
 };
 
 // One rule a line, the fields separated by tabs:
 //
 //     @10.0.0.0/8  192.168.1.0/24  0 : 65535  80 : 80  0x06/0xFF  [0x0000/0x0000]
 //
-// The last column, TCP flags, is not used.  Empty lines and lines that begin with #
-// are skipped.  The mask of the protocol is 0xFF for one protocol or 0x00 for any.  The one
-// protocol 0 is refused, because 0 means any in a service element.  Throws BadInput.
+// The last column, TCP flags, is not used; a rule that has some matches more than it should.  Empty lines and lines
+// that begin with # are skipped.  The mask of the protocol is 0xFF for one protocol or 0x00 for any.  The one protocol
+// 0 is refused, because 0 means any in a service element.  Throws BadInput.
 std::vector<Rule> read_classbench(std::string_view text, const std::string &file);
-
-// A port p matches when (p & mask) == value.
-struct MaskedPort {
-    uint16_t value;
-    uint16_t mask;
-};
-
-// The fewest masked ports that match exactly the ports of a range.
-std::vector<MaskedPort> expand(PortRange range);
 
 // A policy with a pair for every rule, in order; a packet belongs to the first rule that
 // matches.  Rule number n, counted from 0, becomes pair n + 1 with match group n + 1 and

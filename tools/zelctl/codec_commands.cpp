@@ -7,6 +7,7 @@
 #include <fmt/core.h>
 
 #include <memory>
+#include <unistd.h>
 
 namespace zelctl {
 namespace {
@@ -22,6 +23,8 @@ int run_encode(const Options &options, const EncodeArguments &arguments)
     const tools::Message message = request.kind.empty()
                                        ? message_from_json(tools::read_json_file(request.file), options.app)
                                        : make_request(request, options.app);
+    if (arguments.output == "-" && isatty(STDOUT_FILENO) != 0)
+        throw CLI::ValidationError("--output", "a message is bytes, which no terminal shows; give a file, or a pipe");
     write_file(arguments.output, encode_message(message));
     return exit_ok;
 }
@@ -43,12 +46,18 @@ struct VerifyArguments {
     bool is_strict = false;
 };
 
-int run_verify(const VerifyArguments &arguments)
+int run_verify(const Options &options, const VerifyArguments &arguments)
 {
     const std::string bytes = tools::read_file(arguments.path);
     const zel_verify_report_t report = tools::verify_message(bytes, arguments.path, arguments.is_strict);
-    fmt::print("{}: {}, {} unknown elements\n", tools::safe_text(arguments.path), zel_verify_rule_text(report.rule),
-               report.unknown_elements);
+    if (options.json)
+        print_json({{"file", arguments.path},
+                    {"accepted", true},
+                    {"text", zel_verify_rule_text(report.rule)},
+                    {"unknown_elements", report.unknown_elements}});
+    else
+        fmt::print("{}: {}, {} unknown elements\n", tools::safe_text(arguments.path), zel_verify_rule_text(report.rule),
+                   report.unknown_elements);
     return exit_ok;
 }
 
@@ -84,7 +93,8 @@ void add_codec_commands(const CommandLine &line)
         line.app.add_subcommand("verify", "Say whether a service may trust the shape of a message file");
     verify->add_option("FILE", verify_arguments->path, "The message file; - is standard input")->required();
     verify->add_flag("--strict", verify_arguments->is_strict, "Refuse elements that newer peers may have added, too");
-    when_given(line, verify, [verify_arguments] { return run_verify(*verify_arguments); });
+    when_given(line, verify,
+               [&options = line.options, verify_arguments] { return run_verify(options, *verify_arguments); });
 }
 
 } // namespace zelctl

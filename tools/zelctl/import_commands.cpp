@@ -1,9 +1,13 @@
 // zelctl import: makes policies of rule sets in other formats.
 #include "tools/json/reader.hpp"
 #include "tools/json/writer.hpp"
+#include "tools/text/safe_text.hpp"
 #include "tools/zelctl/classbench.hpp"
 #include "tools/zelctl/command.hpp"
 #include "tools/zelctl/output.hpp"
+
+#include <algorithm>
+#include <fmt/core.h>
 
 #include <memory>
 
@@ -46,6 +50,13 @@ int run_classbench(const Options &options, const Arguments &arguments)
     const std::vector<zel_action_t> actions = read_actions(arguments.actions);
     const std::vector<Rule> rules = read_classbench(tools::read_file(arguments.file), arguments.file);
     const tools::Graph policy = make_policy(rules, arguments.policy, options.app, actions, arguments.file);
+    if (rules.empty())
+        throw tools::BadInput(arguments.file + ": holds no rule");
+    if (const auto number = std::ranges::count_if(rules, &Rule::has_flags); number != 0)
+        fmt::print(stderr,
+                   "zelctl: {}: TCP flags of {} of {} rules cannot be said in a policy; their pairs match packets "
+                   "with any flags\n",
+                   tools::safe_text(arguments.file), number, rules.size());
     write_file(arguments.output, show_json(write_graph(policy), 2) + "\n");
     return exit_ok;
 }

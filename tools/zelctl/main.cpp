@@ -6,12 +6,15 @@
 #include "tools/text/safe_text.hpp"
 #include "tools/transport/nats_options.hpp"
 #include "tools/zelctl/command.hpp"
+#include "tools/zelctl/command_names.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/output.hpp"
+#include "tools/zelctl/service_policies.hpp"
 
 #include <fmt/core.h>
 #include <sodium.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -36,39 +39,59 @@ void add_global_options(CLI::App &app, Options &options)
     app.add_option("--capture", options.capture, "Write what is sent and received to a file, in pcapng format")
         ->type_name("FILE");
     app.footer(
-        std::string("Exit codes: 0 done; 1 refused by the service; 2 command line not understood; 3 a file that\n"
-                    "cannot be read or is not right; 4 no service or no answer; 5 any other failure.\n") +
+        std::string("Options of every command: --service ADDRESS, --timeout SECONDS, --app NUMBER, --json; see\n"
+                    "zelctl --help.\n"
+                    "Exit codes: 0 done; 1 refused by the service; 2 command line not understood; 3 a file that\n"
+                    "cannot be read or is not right; 4 no service or no answer; 5 any other failure; 6 a request was\n"
+                    "sent, and it is not known whether it was done; 7 check found something, or diff a difference.\n") +
         tools::trace_help);
 }
 
-int complain(const std::exception &fault, int code)
+int complain(bool as_json, std::string_view fault, int code)
 {
-    fmt::print(stderr, "zelctl: {}\n", tools::safe_text(fault.what()));
+    if (as_json)
+        print_json({{"failed", true}, {"exit_code", code}, {"text", tools::safe_text(fault)}});
+    else
+        fmt::print(stderr, "zelctl: {}\n", tools::safe_text(fault));
     return code;
 }
 
 // Runs a command and turns each exception into a message and an exit code.
-int run(const Command &command)
+int run(const Options &options, const Command &command)
 {
+    const auto fail = [&](const std::exception &fault, int code) { return complain(options.json, fault.what(), code); };
     try {
         const int code = command();
         finish_output();
         return code;
     } catch (const tools::BadInput &fault) {
-        return complain(fault, exit_bad_input);
+        return fail(fault, exit_bad_input);
+    } catch (const Refused &fault) {
+        return report(options, fault.answer(), {});
+    } catch (const OutcomeUnknown &fault) {
+        return fail(fault, exit_unknown);
     } catch (const NoService &fault) {
-        return complain(fault, exit_no_service);
+        return fail(fault, exit_no_service);
     } catch (const fleet::BusError &fault) {
-        return complain(fault, exit_no_service);
+        return fail(fault, exit_no_service);
     } catch (const fleet::Conflict &fault) {
-        return complain(fault, exit_no_service);
+        return fail(fault, exit_no_service);
     } catch (const fleet::BadData &fault) {
-        return complain(fault, exit_bad_input);
+        return fail(fault, exit_bad_input);
     } catch (const CLI::Error &fault) {
-        return complain(fault, exit_usage);
+        return fail(fault, exit_usage);
     } catch (const std::exception &fault) {
-        return complain(fault, exit_failed);
+        return fail(fault, exit_failed);
     }
+}
+
+// What the command line asks for instead of a command: help or the version; or what is
+// wrong with it.
+int end_early(const CLI::App &app, const CLI::ParseError &fault, bool as_json)
+{
+    if (fault.get_exit_code() == 0)
+        return app.exit(fault) == 0 ? exit_ok : exit_usage;
+    return complain(as_json, fault.what(), exit_usage);
 }
 
 int run_command_line(int argc, char **argv)
@@ -86,25 +109,34 @@ int run_command_line(int argc, char **argv)
     add_global_options(app, options);
     tools::add_nats_options(app, nats_options);
     add_policy_commands(line);
+    add_explain_command(line);
     add_stats_command(line);
     add_traffic_command(line);
     add_send_command(line);
     add_codec_commands(line);
     add_import_commands(line);
+    add_backup_commands(line);
     add_fleet_commands(line);
     add_status_command(line);
     add_capture_commands(line);
     add_replay_command(line);
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    const bool as_json = std::ranges::find(words, "--json") != words.end();
+    if (const std::string unknown = unknown_command(app, words); !unknown.empty())
+        return complain(as_json, unknown, exit_usage);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &fault) {
-        return app.exit(fault) == 0 ? exit_ok : exit_usage;
+        return end_early(app, fault, as_json);
     }
     if (const int32_t error = zel_trace_init(); error != 0) {
-        fmt::print(stderr, "zelctl: the ZEL_TRACE variables cannot be followed: {}\n", std::strerror(error));
-        return exit_usage;
+        return complain(as_json,
+                        fmt::format("the ZEL_TRACE variables cannot be followed: {}; they take trace ids with commas "
+                                    "between them, or all",
+                                    std::strerror(error)),
+                        exit_usage);
     }
-    return run([&] {
+    return run(options, [&] {
         tools::enable_nats(nats_options);
         return chosen();
     });

@@ -21,10 +21,14 @@ constexpr uint32_t trace_packet_bytes = 64;
 struct Column {
     std::string_view name;
     uint64_t most;
+    bool is_address = false;
 };
-constexpr std::array columns{Column{"source address", UINT32_MAX}, Column{"destination address", UINT32_MAX},
-                             Column{"source port", UINT16_MAX},    Column{"destination port", UINT16_MAX},
-                             Column{"protocol", UINT8_MAX},        Column{"flags", UINT32_MAX},
+constexpr std::array columns{Column{"source address", UINT32_MAX, true},
+                             Column{"destination address", UINT32_MAX, true},
+                             Column{"source port", UINT16_MAX},
+                             Column{"destination port", UINT16_MAX},
+                             Column{"protocol", UINT8_MAX},
+                             Column{"flags", UINT32_MAX},
                              Column{"rule number", UINT32_MAX}};
 constexpr std::size_t columns_needed = 5;
 
@@ -35,16 +39,24 @@ std::string_view trim_front(std::string_view text)
     return text.substr(std::min(text.find_first_not_of(blanks), text.size()));
 }
 
+std::optional<uint64_t> read_column(std::string_view text, bool is_address)
+{
+    if (is_address && text.find('.') != std::string_view::npos)
+        return tools::read_ipv4(text);
+    return text.starts_with("0x") ? std::nullopt : tools::read_number(text);
+}
+
 PacketHeader read_trace_line(std::string_view text, const std::string &where)
 {
     std::array<uint64_t, columns.size()> values{};
     std::size_t column = 0;
     for (; !text.empty() && column < columns.size(); ++column) {
         const std::string_view digits = text.substr(0, text.find_first_of(blanks));
-        const auto value = digits.starts_with("0x") ? std::nullopt : tools::read_number(digits);
+        const auto value = read_column(digits, columns[column].is_address);
         if (!value || *value > columns[column].most)
-            throw tools::BadInput(fmt::format("{}: {}: expected an integer from 0 to {}, found \"{}\"", where,
-                                              columns[column].name, columns[column].most, digits));
+            throw tools::BadInput(fmt::format(
+                "{}: {}: expected an integer from 0 to {}{}, found \"{}\"", where, columns[column].name,
+                columns[column].most, columns[column].is_address ? " or an address such as 10.1.2.3" : "", digits));
         values[column] = *value;
         text = trim_front(text.substr(digits.size()));
     }

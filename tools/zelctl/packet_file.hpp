@@ -14,7 +14,7 @@ namespace zelctl {
 // - a JSON object with the fields of service::PacketHeader;
 // - a trace: source address, destination address, source port, destination port,
 //   protocol, and if given flags and rule number, which are not used; decimal
-//   numbers with blanks between them.  The packet is taken to be IPv4 of 64 bytes.
+//   numbers with blanks between them, addresses also as 10.1.2.3.  The packet is taken to be IPv4 of 64 bytes.
 //
 // Throws BadInput.
 std::vector<service::PacketHeader> read_packet_file(const std::string &path);

@@ -1,4 +1,5 @@
 // zelctl send: any kind of request, from a file with its object.
+#include "tools/zelctl/output.hpp"
 #include "tools/zelctl/request.hpp"
 #include "tools/zelctl/statistics.hpp"
 
@@ -23,8 +24,11 @@ int run_send(const Options &options, const RequestArguments &arguments)
     });
     if (header.api_type != ZEL_API_STATS_PULL || answer.refused())
         return report(options, answer, answer.text.empty() ? "done" : answer.text);
-    const Statistics statistics = read_statistics(answer);
-    fmt::print("{}", options.json ? show_as_json(statistics) : show_as_table(statistics));
+    const std::vector<Row> rows = make_rows(read_statistics(answer), {});
+    if (options.json)
+        print_json(to_json(rows));
+    else
+        fmt::print("{}", show_as_table(rows));
     return exit_ok;
 }
 

@@ -3,10 +3,12 @@
 #include "tools/json/progress.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/packet_file.hpp"
+#include "tools/zelctl/service_policies.hpp"
 #include "zel-platform/tlv_check.h"
 #include "zel/platform/tlv_array.h"
 
 #include <algorithm>
+#include <csignal>
 #include <fmt/core.h>
 
 #include <memory>
@@ -29,21 +31,52 @@ std::string encode_headers(std::span<const PacketHeader> headers)
     return array;
 }
 
+// An interrupt ends the wait for an answer, so that what has been sent can be told.
+void let_interrupt_wait()
+{
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    (void)sigaction(SIGINT, &action, nullptr);
+}
+
+// Packets of which the service has said that they are counted.
+struct Sent {
+    std::size_t packets = 0;
+    uint64_t matched = 0;
+};
+
+Answer send_some(Connection &connection, std::span<const PacketHeader> some, const Sent &sent)
+{
+    try {
+        return connection.request(service::opcode_traffic, encode_headers(some), Effect::changes);
+    } catch (const OutcomeUnknown &unknown) {
+        throw OutcomeUnknown(fmt::format("{}; {} packets were counted before, of which {} matched, and up to {} more "
+                                         "may have been",
+                                         unknown.what(), sent.packets, sent.matched, some.size()));
+    }
+}
+
+Sent send_all(Connection &connection, std::span<const PacketHeader> headers)
+{
+    tools::Progress progress("sending packet headers", headers.size());
+    Sent sent;
+    while (sent.packets < headers.size()) {
+        const auto rest = headers.subspan(sent.packets);
+        const auto some = rest.first(std::min(headers_at_a_time(), rest.size()));
+        const Answer answer = accepted(send_some(connection, some, sent));
+        sent.matched += static_cast<uint32_t>(answer.retval);
+        sent.packets += some.size();
+        progress.reached(sent.packets);
+    }
+    return sent;
+}
+
 int run_traffic(const Options &options, const std::string &path)
 {
     const std::vector<PacketHeader> headers = read_packet_file(path);
     Connection connection(options);
-    tools::Progress progress("sending packet headers", headers.size());
-    uint64_t matched = 0;
-    for (std::size_t sent = 0; sent < headers.size();) {
-        const auto some = std::span(headers).subspan(sent, std::min(headers_at_a_time(), headers.size() - sent));
-        const Answer answer = connection.request(service::opcode_traffic, encode_headers(some));
-        if (answer.refused())
-            return report(options, answer, {});
-        matched += static_cast<uint32_t>(answer.retval);
-        sent += some.size();
-        progress.reached(sent);
-    }
+    let_interrupt_wait();
+    const uint64_t matched = send_all(connection, headers).matched;
     if (options.json)
         fmt::print("{}\n", tools::Json{{"packets", headers.size()}, {"matched", matched}}.dump());
     else
@@ -56,8 +89,8 @@ int run_traffic(const Options &options, const std::string &path)
 void add_traffic_command(const CommandLine &line)
 {
     const auto path = std::make_shared<std::string>();
-    CLI::App *const traffic =
-        line.app.add_subcommand("traffic", "Let the service classify packet headers and count them");
+    CLI::App *const traffic = line.app.add_subcommand(
+        "traffic", "Let the service classify packet headers, and count them in the policies of all applications");
     traffic
         ->add_option("FILE", *path,
                      "One header a line: a JSON object, or the numbers source address, destination address, source "

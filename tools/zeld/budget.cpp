@@ -11,7 +11,8 @@ void Budget::charge(std::size_t bytes)
         return;
     current_->taken_ += bytes;
     if (current_->taken_ > current_->limit_)
-        throw Refusal(service::error_limit, "the request would take more than {} bytes of memory", current_->limit_);
+        throw Refusal(service::error_limit, "the request would take more than {} bytes of memory: raise --max-state",
+                      current_->limit_);
 }
 
 void Budget::step(uint64_t steps)

@@ -25,7 +25,7 @@ namespace {
 enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_address = 3, exit_state = 4 };
 
 struct Options {
-    std::string listen;
+    std::string listen = "unix:/run/zel.sock";
     std::string listen_read;
     uint32_t mode = 0600;
     std::optional<uint32_t> group;
@@ -82,7 +82,7 @@ void add_options(CLI::App &app, Options &options)
     const CLI::AsSizeValue size(false);
     app.set_version_flag("--version", "zeld " + observe::version_text(ZELD_VERSION));
     app.add_option("--listen", options.listen, "address to serve: unix:PATH, nats://HOST/SUBJECT or tls://HOST/SUBJECT")
-        ->required();
+        ->capture_default_str();
     app.add_option("--listen-read", options.listen_read, "a second address, for show and statistics alone");
     app.add_option("--mode", options.mode, "permissions of the sockets, in octal digits")
         ->transform(CLI::Validator(read_mode, "OCTAL"))

@@ -2,7 +2,7 @@
 // groups hold ids, and the object is here once.
 #pragma once
 
-#include "tools/zeld/classifier.hpp"
+#include "tools/classify/classifier.hpp"
 #include "tools/zeld/graph.hpp"
 #include "tools/zeld/id_map.hpp"
 
@@ -90,6 +90,9 @@ private:
     }
     static const void *owned_by(const zel_action_t &) { return nullptr; }
 
+    static std::size_t size_to_classify(const zel_match_t &match) { return classify::Classifier::size_of(match); }
+    static std::size_t size_to_classify(const zel_action_t &) { return 0; }
+
     // A match that owns nothing takes one step.
     static uint64_t steps(const zel_match_t &match)
     {
@@ -121,7 +124,7 @@ private:
     std::size_t size_of(const Object &entry) const
     {
         return heap_size(*entry.record) + control_block + block_overhead + IdMap<Object>::entry_size +
-               Classifier::size_of(*entry.record);
+               size_to_classify(*entry.record);
     }
 
     void set(Object &entry, const M &object)

@@ -2,6 +2,9 @@
 
 #include "tools/zeld/update.hpp"
 
+#include <set>
+#include <time.h>
+
 namespace zeld {
 
 namespace {
@@ -12,8 +15,23 @@ using service::error_malformed;
 using service::error_not_found;
 using service::error_unsupported;
 
+// Tells the versions of policies apart, also those of an earlier run of the service.
+uint64_t next_revision()
+{
+    static uint64_t revision = [] {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+    }();
+    return ++revision;
+}
+
 // Rows of updates may take as much work to read as the policy has bytes, or as this.
 constexpr std::size_t least_work = 4096;
+
+// What a small change of many takes, and how many bytes are encoded in a step.
+constexpr uint64_t steps_of_change = 100;
+constexpr std::size_t bytes_of_step = 8;
 
 std::string describe(const Policies::Map &changes)
 {
@@ -71,6 +89,7 @@ void Policies::load_row(const PolicyKey &key, uint32_t number, Bytes message)
         policy->rows.work += message.size() + budget.steps();
         update_policy(*policy, request.header.api_type, request.header.op_code, request.object.get());
     }
+    policy->revision = next_revision();
     policies_[key] = std::move(policy);
 }
 
@@ -82,6 +101,15 @@ std::shared_ptr<const Policy> Policies::get(const PolicyKey &key) const
     if (found == policies_.end())
         throw Refusal(error_not_found, "application {} has no policy {}", key.app_type, key.id);
     return found->second;
+}
+
+std::vector<std::shared_ptr<const Policy>> Policies::named(uint32_t app_type, uint32_t policy_id) const
+{
+    if (policy_id == service::show_all)
+        return of_application(app_type);
+    if (policy_id > UINT16_MAX)
+        throw Refusal(error_malformed, "{} is not a policy id", policy_id);
+    return {get({app_type, static_cast<uint16_t>(policy_id)})};
 }
 
 std::vector<std::shared_ptr<const Policy>> Policies::of_application(uint32_t app_type) const
@@ -105,6 +133,68 @@ std::string Policies::apply(const Request &request)
     std::string text = describe(staged.policies);
     adopt(std::move(staged));
     return text;
+}
+
+// Each change sees those before it, so they are adopted one by one. What commit() has
+// not made durable can be undone.
+std::string Policies::apply(const Batch &batch)
+{
+    const Budget budget(limits_.max_state);
+    const std::size_t num_undo = undo_.size();
+    const std::size_t num_changes = changes_.size();
+    const auto forget = [&] {
+        undo(num_undo);
+        changes_.resize(num_changes);
+    };
+    check_expected(batch);
+    std::set<PolicyKey> changed;
+    try {
+        for (const Batch::Change &change : batch.changes) {
+            Budget::step(steps_of_change);
+            Staged staged = stage(batch, change, budget);
+            check_total(staged);
+            for (const auto &[key, policy] : staged.policies)
+                changed.insert(key);
+            adopt(std::move(staged));
+        }
+    } catch (...) {
+        forget();
+        throw;
+    }
+    if (batch.is_dry_run)
+        forget();
+    return fmt::format("{} policies changed", changed.size());
+}
+
+void Policies::check_expected(const Batch &batch) const
+{
+    for (const service::Expected &expected : batch.expected) {
+        if (expected.policy_id > UINT16_MAX)
+            throw Refusal(error_malformed, "{} is not a policy id", expected.policy_id);
+        const auto found = policies_.find({batch.app_type, static_cast<uint16_t>(expected.policy_id)});
+        if ((found == policies_.end() ? 0 : found->second->revision) != expected.revision)
+            throw Refusal(error_conflict, "policy {} has been changed since it was read", expected.policy_id);
+    }
+}
+
+Policies::Staged Policies::stage(const Batch &batch, const Batch::Change &change, const Budget &budget) const
+{
+    Staged staged;
+    if (change.frame)
+        stage_frame(staged, batch.app_type, *change.frame);
+    else
+        stage(staged, change.request, budget);
+    return staged;
+}
+
+void Policies::stage_frame(Staged &staged, uint32_t app_type, const Frame &frame) const
+{
+    const PolicyKey key{app_type, frame.fields.policy_id};
+    auto policy = std::make_shared<Policy>(*get(key));
+    if (store_ != nullptr) // which gets the whole policy
+        Budget::step(policy->encoded_size() / bytes_of_step);
+    policy->set_frame(frame.fields, frame.order);
+    stage_version(staged, key, std::move(policy), {}, 0, false);
 }
 
 void Policies::stage(Staged &staged, const Request &request, const Budget &budget) const
@@ -159,10 +249,11 @@ void Policies::stage_part(Staged &staged, const Request &request, const Budget &
 void Policies::stage_version(Staged &staged, const PolicyKey &key, std::shared_ptr<Policy> policy, Bytes row,
                              uint64_t work, bool frees) const
 {
+    policy->revision = next_revision();
     const std::size_t size = policy->encoded_size();
     if (size > limits_.max_policy)
-        throw Refusal(error_limit, "policy {} would take {} bytes, and an answer has room for {}", key.id, size,
-                      limits_.max_policy);
+        throw Refusal(error_limit, "policy {} would take {} bytes, and an answer has room for {}: raise --max-message",
+                      key.id, size, limits_.max_policy);
     if (store_ != nullptr) {
         Rows &rows = policy->rows;
         const Rows before = rows_of(key);
@@ -204,8 +295,8 @@ void Policies::check_total(const Staged &staged) const
             total += policy->held();
     }
     if (total > held_ && total > limits_.max_state)
-        throw Refusal(error_limit, "all policies together would take {} bytes; {} are allowed", total,
-                      limits_.max_state);
+        throw Refusal(error_limit, "all policies together would take {} bytes; {} are allowed: raise --max-state",
+                      total, limits_.max_state);
 }
 
 // ---- From staged to current, and back
@@ -228,9 +319,9 @@ void Policies::adopt(Staged staged)
     }
 }
 
-void Policies::undo() noexcept
+void Policies::undo(std::size_t num_kept) noexcept
 {
-    for (; !undo_.empty(); undo_.pop_back()) {
+    for (; undo_.size() > num_kept; undo_.pop_back()) {
         auto &[key, old] = undo_.back();
         if (const auto present = policies_.find(key); present != policies_.end()) {
             held_ -= present->second->held();

@@ -5,11 +5,30 @@
 // still be undone.
 #pragma once
 
+#include "tools/message/operator_protocol.hpp"
 #include "tools/zeld/store.hpp"
 
 #include <map>
 
 namespace zeld {
+
+// The fields of a policy itself, and all its pairs in their new order; or none.
+struct Frame {
+    service::PolicyFrame fields{};
+    std::vector<uint16_t> order{};
+};
+
+// Changes that are made in order, all or none.
+struct Batch {
+    struct Change {
+        Request request{}; // of the library, unless there is a frame
+        std::optional<Frame> frame{};
+    };
+    uint32_t app_type = 0;
+    bool is_dry_run = false;
+    std::vector<service::Expected> expected{};
+    std::vector<Change> changes{};
+};
 
 class Policies {
 public:
@@ -30,6 +49,8 @@ public:
     // Makes the change that a request asks for. Returns a text that says what changed.
     // Throws Refusal, and then nothing has changed.
     std::string apply(const Request &request);
+    // The same for several changes. A dry run changes nothing in any case.
+    std::string apply(const Batch &batch);
 
     // Makes durable what was applied since the last call. When it throws StoreError, all
     // of that has been undone.
@@ -37,6 +58,8 @@ public:
 
     // Throws Refusal when the policy does not exist.
     std::shared_ptr<const Policy> get(const PolicyKey &key) const;
+    // One policy, or all of the application for service::show_all. Throws Refusal.
+    std::vector<std::shared_ptr<const Policy>> named(uint32_t app_type, uint32_t policy_id) const;
     // The policies of an application, in ascending id order.
     std::vector<std::shared_ptr<const Policy>> of_application(uint32_t app_type) const;
     const Map &all() const { return policies_; }
@@ -61,9 +84,12 @@ private:
                        bool frees) const;
     void stage_removal(Staged &staged, const PolicyKey &key) const;
     Rows rows_of(const PolicyKey &key) const;
+    void stage_frame(Staged &staged, uint32_t app_type, const Frame &frame) const;
+    Staged stage(const Batch &batch, const Batch::Change &change, const Budget &budget) const;
+    void check_expected(const Batch &batch) const;
     void check_total(const Staged &staged) const;
     void adopt(Staged staged);
-    void undo() noexcept;
+    void undo(std::size_t num_kept = 0) noexcept;
 
     std::unique_ptr<Store> store_;
     Limits limits_;

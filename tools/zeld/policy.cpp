@@ -12,7 +12,7 @@ std::size_t size_of(const Pair &pair)
     constexpr std::size_t control_block = 16;
     const std::size_t members = pair.matches.size() + pair.actions.size();
     return sizeof(Pair) + sizeof(Counters) + 2 * control_block + 4 * block_overhead + IdMap<PairRef>::entry_size +
-           members * sizeof(uint16_t) + Classifier::size_of_rule(pair.matches.size());
+           sizeof(const Pair *) + members * sizeof(uint16_t) + Classifier::size_of_rule(pair.matches.size());
 }
 
 // A policy in the service's map.
@@ -64,20 +64,27 @@ std::size_t Policy::held() const
 {
     return sizeof(Policy) + map_node + 3 * IdMap<PairRef>::base_size + pairs_held_ + matches_.held() + actions_.held() +
            interfaces_->size() * (sizeof(zel_if_element_t) + Classifier::size_of_interface) +
-           (message != nullptr ? message->size() + sizeof(Bytes) + 2 * block_overhead : 0) + sizeof(Classifier);
+           (message != nullptr ? message->size() + sizeof(Bytes) + 2 * block_overhead : 0) + sizeof(Compiled);
 }
 
-const Classifier &Policy::classifier() const
+const Policy::Compiled &Policy::compiled() const
 {
-    if (classifier_ == nullptr)
-        classifier_ = std::make_shared<const Classifier>(*this);
-    return *classifier_;
+    if (compiled_ == nullptr)
+        compiled_ =
+            std::make_shared<const Compiled>(Compiled{Classifier(PolicyGraph(*this).policy()), pairs_in_order()});
+    return *compiled_;
+}
+
+const Pair *Policy::classify(const service::PacketHeader &packet, const PackedHeader &fields) const
+{
+    const uint32_t found = compiled().classifier.classify(packet, fields);
+    return found != Classifier::none ? compiled().pairs[found] : nullptr;
 }
 
 void Policy::forget_derived()
 {
     message = nullptr;
-    classifier_ = nullptr;
+    compiled_ = nullptr;
 }
 
 template <> Objects<zel_match_t> &Policy::objects<zel_match_grp_t>() { return matches_; }
@@ -184,6 +191,30 @@ void Policy::set_pairs(const zel_match_action_pair_grp_t &given)
             throw Refusal(service::error_conflict, "policy {} would have more than one pair {}", id(), one->id);
         const PairRef *const before = old.find(one->id);
         add_pair(*one, next_order_++, before != nullptr ? (*before)->counters : nullptr);
+    }
+}
+
+void Policy::set_frame(const service::PolicyFrame &fields, std::span<const uint16_t> order)
+{
+    record_.version = fields.version;
+    record_.op_mode = fields.op_mode;
+    record_.app_type = fields.app_type;
+    const auto all = static_cast<std::size_t>(num_pairs_);
+    IdSet ids;
+    for (const uint16_t id : order)
+        if (pair(id) == nullptr || ids.test(id))
+            throw Refusal(service::error_not_found, "policy {} has no pair {}, or it was named before", this->id(), id);
+        else
+            ids.set(id);
+    if (!order.empty() && order.size() != all)
+        throw Refusal(service::error_malformed, "{} pairs in order, and policy {} has {}", order.size(), id(), all);
+    forget_derived();
+    for (const uint16_t id : order) {
+        Budget::step();
+        Pair moved = **pairs_.find(id);
+        displace(moved);
+        moved.order = next_order_++;
+        place(std::move(moved));
     }
 }
 

@@ -3,7 +3,8 @@
 // not touch is shared by both versions.
 #pragma once
 
-#include "tools/zeld/classifier.hpp"
+#include "tools/classify/classifier.hpp"
+#include "tools/message/operator_protocol.hpp"
 #include "tools/zeld/id_map.hpp"
 #include "tools/zeld/message.hpp"
 #include "tools/zeld/objects.hpp"
@@ -12,6 +13,9 @@
 #include <optional>
 
 namespace zeld {
+
+using classify::Classifier;
+using classify::PackedHeader;
 
 using IdSet = std::bitset<UINT16_MAX + 1>;
 
@@ -60,16 +64,21 @@ public:
     // The message that created the policy, while no part of it was changed; or null.
     std::shared_ptr<const Bytes> message{};
     Rows rows{};
+    // Another number for each version.
+    uint64_t revision = 0;
 
     // Compiled when it is first asked for.
-    const Classifier &classifier() const;
-    bool has_classifier() const { return classifier_ != nullptr; }
+    const Classifier &classifier() const { return compiled().classifier; }
+    // The first pair that matches, or null.
+    const Pair *classify(const service::PacketHeader &packet, const PackedHeader &fields) const;
 
     // Changes of a version that nobody else can see. When one of them throws Refusal,
     // the version is changed in part: throw it away.
     void set_pair(const zel_match_action_pair_t &given);
     void remove_pair(uint16_t id);
     void set_pairs(const zel_match_action_pair_grp_t &given);
+    // The policy's own fields, and the order of its pairs: all of them, or none when it stays.
+    void set_frame(const service::PolicyFrame &fields, std::span<const uint16_t> order);
     void set_interfaces(std::vector<zel_if_element_t> interfaces);
     void set_interfaces(const zel_if_group_t &given);
     // Replaces a pair's group, or takes members out of it.
@@ -86,6 +95,11 @@ public:
     void forget_derived();
 
 private:
+    struct Compiled {
+        Classifier classifier;
+        std::vector<const Pair *> pairs; // in order
+    };
+    const Compiled &compiled() const;
     template <class G> Objects<MemberOf<G>> &objects();
     void add_pair(const zel_match_action_pair_t &given, uint64_t order, std::shared_ptr<Counters> counters);
     template <class G> std::vector<uint16_t> add_members(uint16_t pair_id, uint64_t order, const G &given);
@@ -101,7 +115,7 @@ private:
     uint64_t next_order_ = 0;
     uint32_t num_pairs_ = 0;
     std::size_t pairs_held_ = 0;
-    mutable std::shared_ptr<const Classifier> classifier_{};
+    mutable std::shared_ptr<const Compiled> compiled_{};
 };
 
 // The ids of a pair's matches or actions, by the type of their group.

@@ -1,5 +1,8 @@
 #include "tools/zeld/service.hpp"
 
+#include "tools/zeld/change.hpp"
+#include "tools/zeld/explain.hpp"
+#include "tools/zeld/list.hpp"
 #include "tools/zeld/show.hpp"
 #include "tools/zeld/statistics.hpp"
 #include "tools/zeld/traffic.hpp"
@@ -98,6 +101,14 @@ std::unique_ptr<Job> Service::start(kob_msg_t *msg, Access access)
     case observe::opcode_status:
     case observe::opcode_watch:
         return start_observation(opcode, payload_of(msg), access);
+    case service::opcode_explain:
+        return std::make_unique<Explain>(policies_, payload_of(msg), max_body_);
+    case service::opcode_list:
+        return std::make_unique<List>(policies_, payload_of(msg), max_body_);
+    case service::opcode_change:
+        if (access == Access::read_only)
+            throw Refusal(service::error_denied, "this address is for show and statistics");
+        return std::make_unique<ChangeJob>(policies_, payload_of(msg));
     default:
         throw Refusal(error_unsupported, "opcode {:#x} is not known", opcode);
     }

@@ -18,19 +18,15 @@ Show::Show(const Policies &policies, const void *array, std::size_t max_body)
 
 void Show::begin()
 {
-    const auto [app_type, policy_id] = request_;
-    if (policy_id == service::show_all)
-        shown_ = policies_.of_application(app_type);
-    else if (policy_id <= UINT16_MAX)
-        shown_ = {policies_.get({app_type, static_cast<uint16_t>(policy_id)})};
-    else
-        throw Refusal(error_malformed, "{} is not a policy id", policy_id);
+    shown_ = policies_.named(request_.app_type, request_.policy_id);
     std::size_t size = 0;
     for (const auto &policy : shown_)
         size += policy->encoded_size();
     if (size > max_body_)
-        throw Refusal(error_limit, "the policies take {} bytes, and an answer has room for {}; show them one by one",
-                      size, max_body_);
+        throw Refusal(
+            error_limit,
+            "the policies take {} bytes, and an answer has room for {}; show them one by one, or raise --max-message",
+            size, max_body_);
     body_.reserve(size);
     has_begun_ = true;
 }

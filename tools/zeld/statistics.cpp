@@ -77,7 +77,9 @@ void Statistics::add(const Policy &policy, const zel_stat_request_entry_t &query
         return add(policy, *pair, query.flag);
     }
     if (policy.num_pairs() > max_entries_ - num_taken_)
-        throw Refusal(error_limit, "the answer would have more than {} entries", max_entries_);
+        throw Refusal(error_limit,
+                      "the answer would have more than {} entries; ask for one policy, or raise --max-message",
+                      max_entries_);
     for (const Pair *const pair : policy.pairs_in_order()) {
         take_one();
         add(policy, *pair, query.flag);
@@ -98,7 +100,9 @@ void Statistics::add(const Policy &policy, const Pair &pair, uint32_t flag)
 void Statistics::take_one()
 {
     if (++num_taken_ > max_entries_)
-        throw Refusal(error_limit, "the answer would have more than {} entries", max_entries_);
+        throw Refusal(error_limit,
+                      "the answer would have more than {} entries; ask for one policy, or raise --max-message",
+                      max_entries_);
 }
 
 } // namespace zeld

@@ -40,7 +40,7 @@ bool Traffic::read(const Slice &slice)
         if (packets_.size() % steps_between_looks == 0 && slice.is_over())
             return false;
         values_.next(packets_.emplace_back());
-        fields_.push_back(pack(packets_.back()));
+        fields_.push_back(classify::pack(packets_.back()));
     }
     return true;
 }
@@ -82,13 +82,14 @@ bool Traffic::classify(const Slice &slice)
 {
     std::size_t steps = 0; // since the last look at the clock
     while (policy_ < searched_.size()) {
-        const Classifier &classifier = searched_[policy_]->classifier();
+        const Policy &policy = *searched_[policy_];
+        const Classifier &classifier = policy.classifier();
         if (packet_ == packets_.size() || classifier.is_empty()) {
             ++policy_;
             packet_ = 0;
             steps += steps_of_policy;
         } else {
-            count(classifier, packet_++);
+            count(policy, packet_++);
             steps += classifier.cost();
         }
         if (steps < steps_between_looks)
@@ -100,9 +101,9 @@ bool Traffic::classify(const Slice &slice)
     return true;
 }
 
-void Traffic::count(const Classifier &classifier, std::size_t i)
+void Traffic::count(const Policy &policy, std::size_t i)
 {
-    const Pair *const pair = classifier.classify(packets_[i], fields_[i]);
+    const Pair *const pair = policy.classify(packets_[i], fields_[i]);
     if (pair == nullptr)
         return;
     ++pair->counters->packets;

@@ -20,7 +20,7 @@ private:
     bool compile(const Slice &slice);
     void check_work() const;
     bool classify(const Slice &slice);
-    void count(const Classifier &classifier, std::size_t i);
+    void count(const Policy &policy, std::size_t i);
 
     const Policies &policies_;
     Values<service::PacketHeader> values_;

@@ -1,12 +1,10 @@
 // From a policy to its classifier.
-#include "tools/zeld/classifier.hpp"
-
-#include "tools/zeld/policy.hpp"
+#include "tools/classify/classifier.hpp"
 
 #include <algorithm>
 #include <map>
 
-namespace zeld {
+namespace classify {
 
 namespace {
 
@@ -17,34 +15,33 @@ template <class V> constexpr V all = static_cast<V>(~V{0});
 
 template <class R> bool is_active(const R &record) { return record.op_mode == service::op_mode_active; }
 
+template <class R, class Count> std::span<R *const> members(R *const *array, Count count) { return {array, count}; }
+
 } // namespace
 
 // Translates a policy. A match that never matches has no patterns; a pair that never
 // matches becomes no rule.
 class Compiler {
 public:
-    Compiler(Classifier &out, const Policy &policy) : out_(out)
+    Compiler(Classifier &out, const zel_policy_t &policy) : out_(out)
     {
-        out_.bindings_.reserve(policy.interfaces().size());
-        for (const zel_if_element_t &element : policy.interfaces())
-            if (is_active(element))
-                out_.bindings_.push_back({element.interface, element.vrf, element.vlan});
-        out_.is_bound_ = !policy.interfaces().empty();
-        if (!is_active(policy.record()))
-            return;
-        policy.for_each_match([&](const zel_match_t &match) {
-            const auto first = static_cast<uint32_t>(out_.patterns_.size());
-            add_match(match);
-            patterns_of(match.id) = {first, static_cast<uint32_t>(out_.patterns_.size())};
-        });
-        for (const Pair *const pair : policy.pairs_in_order())
-            add_pair(*pair);
+        add_interfaces(policy.if_group);
+        if (!is_active(policy))
+            out_.never_ = Never::policy_mode;
+        else if (out_.is_bound_ && out_.bindings_.empty())
+            out_.never_ = Never::interfaces;
+        const zel_match_action_pair_grp_t &group = policy.match_action_pair_group;
+        out_.outcomes_.reserve(group.num_pair);
+        ++compilation();
+        for (const zel_match_action_pair_t *const pair : members(group.pairs, group.num_pair))
+            out_.outcomes_.push_back(is_active(policy) ? add_pair(*pair) : without_rule(Never::policy_mode));
         make_tuples();
     }
 
 private:
-    using Pattern = Classifier::Pattern;
     using Range = Classifier::Range;
+    using Alternative = Classifier::Alternative;
+    using Outcome = Classifier::Outcome;
     // Masked addresses of a pattern.
     struct Key {
         uint64_t mask;
@@ -56,37 +53,86 @@ private:
         uint64_t value;
         uint32_t rule;
     };
+    // A match that has been compiled.
+    struct Compiled {
+        uint64_t compilation = 0; // in which that was
+        Range patterns{};
+        Never never = Never::no;
+    };
 
-    // Where the patterns of each match are. Those of matches that the policy does not
-    // have are left over from earlier policies.
-    static Range &patterns_of(uint16_t id)
+    // By id. Those of other compilations are left over, and do not count.
+    static Compiled &compiled(uint16_t id)
     {
-        static std::vector<Range> ranges(UINT16_MAX + 1);
-        return ranges[id];
+        static std::vector<Compiled> matches(UINT16_MAX + 1);
+        return matches[id];
+    }
+    static uint64_t &compilation()
+    {
+        static uint64_t number = 0;
+        return number;
+    }
+
+    void add_interfaces(const zel_if_group_t &group)
+    {
+        out_.is_bound_ = group.num_if != 0;
+        out_.bindings_.reserve(group.num_if);
+        for (const zel_if_element_t *const element : members(group.if_elements, group.num_if))
+            if (is_active(*element))
+                out_.bindings_.push_back({element->interface, element->vrf, element->vlan});
+    }
+
+    const Compiled &compile(const zel_match_t &match)
+    {
+        Compiled &entry = compiled(match.id);
+        if (entry.compilation == compilation())
+            return entry;
+        const auto first = static_cast<uint32_t>(out_.patterns_.size());
+        const Never never = add_match(match);
+        if (never != Never::no)
+            out_.unused_.push_back({match.id, never});
+        entry = {compilation(), {first, static_cast<uint32_t>(out_.patterns_.size())}, never};
+        return entry;
     }
 
     // ---- Rules
 
-    void add_pair(const Pair &pair)
+    static Outcome without_rule(Never never, uint16_t match = 0) { return {Classifier::none, never, match}; }
+
+    Outcome add_pair(const zel_match_action_pair_t &pair)
     {
-        const zel_match_grp_t &group = pair.record.match_group;
+        const zel_match_grp_t &group = pair.match_group;
         const bool needs_all = group.logical_op == service::logical_and;
-        if (!is_active(pair.record) || !is_active(group) || (!needs_all && group.logical_op != service::logical_or))
-            return;
-        const auto first = static_cast<uint32_t>(out_.matches_.size());
-        for (const uint16_t id : pair.matches) {
-            const Range patterns = patterns_of(id);
-            if (patterns.first != patterns.end)
-                out_.matches_.push_back(patterns);
-            else if (needs_all)
-                return out_.matches_.resize(first);
+        if (!is_active(pair))
+            return without_rule(Never::pair_mode);
+        if (!is_active(group))
+            return without_rule(Never::group_mode);
+        if (!needs_all && group.logical_op != service::logical_or)
+            return without_rule(Never::logical_op);
+        const auto first = static_cast<uint32_t>(out_.alternatives_.size());
+        Outcome outcome = without_rule(Never::empty_group);
+        for (const zel_match_t *const match : members(group.matches, group.num_match)) {
+            const Compiled &entry = compile(*match);
+            if (entry.never == Never::no) {
+                out_.alternatives_.push_back({entry.patterns, match->id});
+                continue;
+            }
+            outcome = without_rule(entry.never, match->id);
+            if (needs_all) {
+                out_.alternatives_.resize(first);
+                return outcome;
+            }
         }
-        const Classifier::Rule rule{&pair, {first, static_cast<uint32_t>(out_.matches_.size())}, needs_all};
-        if (!needs_all && rule.matches.first == rule.matches.end)
-            return;
-        for (const Key &key : needs_all ? keys_of_all(rule.matches) : keys_of_any(rule.matches))
-            tuples_[key.mask].push_back({key.value, static_cast<uint32_t>(out_.rules_.size())});
-        out_.rules_.push_back(rule);
+        const Range alternatives{first, static_cast<uint32_t>(out_.alternatives_.size())};
+        return needs_all || alternatives.first != alternatives.end ? add_rule(alternatives, needs_all) : outcome;
+    }
+
+    Outcome add_rule(const Range &alternatives, bool needs_all)
+    {
+        const auto number = static_cast<uint32_t>(out_.rules_.size());
+        for (const Key &key : needs_all ? keys_of_all(alternatives) : keys_of_any(alternatives))
+            tuples_[key.mask].push_back({key.value, number});
+        out_.rules_.push_back({static_cast<uint32_t>(out_.outcomes_.size()), alternatives, needs_all});
+        return {number, Never::no, 0};
     }
 
     void add_keys(Keys &keys, const Range &patterns) const
@@ -99,22 +145,22 @@ private:
     }
 
     // A packet that matches has one of these keys.
-    Keys keys_of_any(const Range &matches) const
+    Keys keys_of_any(const Range &alternatives) const
     {
         Keys keys;
-        for (uint32_t i = matches.first; i < matches.end; ++i)
-            add_keys(keys, out_.matches_[i]);
+        for (uint32_t i = alternatives.first; i < alternatives.end; ++i)
+            add_keys(keys, out_.alternatives_[i].patterns);
         return keys.size() <= Classifier::most_buckets ? keys : Keys{{0, 0}};
     }
 
     // The keys of the match that has the fewest, and among those the one with most bits.
-    Keys keys_of_all(const Range &matches) const
+    Keys keys_of_all(const Range &alternatives) const
     {
         const auto rank = [](const Keys &keys) { return std::pair(keys.size(), ~keys.front().mask); };
         Keys best{{0, 0}};
-        for (uint32_t i = matches.first; i < matches.end; ++i) {
+        for (uint32_t i = alternatives.first; i < alternatives.end; ++i) {
             Keys keys;
-            add_keys(keys, out_.matches_[i]);
+            add_keys(keys, out_.alternatives_[i].patterns);
             const bool is_of_use = keys.size() <= Classifier::most_buckets &&
                                    std::all_of(keys.begin(), keys.end(), [](const Key &key) { return key.mask != 0; });
             if (is_of_use && (best.front().mask == 0 || rank(keys) < rank(best)))
@@ -186,36 +232,40 @@ private:
         if (!is_first && out_.entries_.back() == rule)
             return 0;
         out_.entries_.push_back(rule);
-        const Range &matches = out_.rules_[rule].matches;
-        std::size_t steps = 1 + matches.end - matches.first;
-        for (uint32_t i = matches.first; i < matches.end; ++i)
-            steps += out_.matches_[i].end - out_.matches_[i].first;
+        const Range &alternatives = out_.rules_[rule].alternatives;
+        std::size_t steps = 1 + Classifier::length(alternatives);
+        for (uint32_t i = alternatives.first; i < alternatives.end; ++i)
+            steps += Classifier::length(out_.alternatives_[i].patterns);
         return steps;
     }
 
     // ---- Patterns
 
-    void add(const PackedHeader &value, const PackedHeader &mask, uint32_t label = Classifier::no_label)
+    Never add(const PackedHeader &value, const PackedHeader &mask, uint32_t label = Pattern::no_label)
     {
         Pattern pattern{value, mask, label};
         for (std::size_t i = 0; i < mask.size(); ++i)
             pattern.value[i] &= mask[i];
         out_.patterns_.push_back(pattern);
+        return Never::no;
     }
 
-    // Adds the patterns of one match; none when it never matches.
-    void add_match(const zel_match_t &match)
+    // Adds the patterns of one match, or says why it never matches.
+    Never add_match(const zel_match_t &match)
     {
         const zel_match_param_t &param = match.param;
         if (!is_active(match))
-            return;
+            return Never::match_mode;
         switch (match.type) {
+        case ZEL_MATCH_TYPE_ACL:
+        case ZEL_MATCH_TYPE_ACL_IPV6:
+            return Never::access_list;
         case ZEL_MATCH_TYPE_LABEL:
             return add_label(param.label);
         case ZEL_MATCH_TYPE_SERVICE:
-            for (const zel_match_service_element_t *const element : members(param.service))
+            for (const auto *const element : members(param.service.elements, param.service.num_elements))
                 add_service_element(*element);
-            return;
+            return param.service.num_elements == 0 ? Never::no_elements : Never::no;
         case ZEL_MATCH_TYPE_SERVICE_ELEMENT:
             return add_service_element(param.service_element);
         case ZEL_MATCH_TYPE_ETH_PROTO:
@@ -232,54 +282,59 @@ private:
         case ZEL_MATCH_TYPE_NO_PARAM:
             return add({}, {});
         default:
-            return; // the service has no ACLs, and other types are unknown
+            return Never::type;
         }
     }
 
-    void add_service_element(const zel_match_service_element_t &element)
+    Never add_service_element(const zel_match_service_element_t &element)
     {
         const uint8_t protocol_mask = element.protocol == 0 ? 0 : all<uint8_t>;
-        add({addresses(element.sip, element.dip), transport(element.sport, element.dport, element.protocol, 0, 0), 0},
+        return add(
+            {addresses(element.sip, element.dip), transport(element.sport, element.dport, element.protocol, 0, 0), 0},
             {addresses(element.sip_mask, element.dip_mask),
              transport(element.sport_mask, element.dport_mask, protocol_mask, 0, 0), 0});
     }
 
     // Compares the tunnel's port, and its endpoint unless that is 0.
-    void add_lisp_proto(const zel_match_lisp_proto_t &lisp)
+    Never add_lisp_proto(const zel_match_lisp_proto_t &lisp)
     {
         const uint32_t rloc_mask = lisp.destination_rloc == 0 ? 0 : all<uint32_t>;
-        add({addresses(0, lisp.destination_rloc), transport(0, lisp.udp_port, protocol_udp, 0, 0), 0},
-            {addresses(0, rloc_mask), transport(0, all<uint16_t>, all<uint8_t>, 0, 0), 0});
+        return add({addresses(0, lisp.destination_rloc), transport(0, lisp.udp_port, protocol_udp, 0, 0), 0},
+                   {addresses(0, rloc_mask), transport(0, all<uint16_t>, all<uint8_t>, 0, 0), 0});
     }
 
     // A packet header does not contain a tunnel, so a label with encap_flag never matches.
-    void add_label(const zel_match_label_t &label)
+    Never add_label(const zel_match_label_t &label)
     {
-        if (label.encap_flag != 0 || label.length == 0 || label.length > ZEL_LABEL_SIZE)
-            return;
+        if (label.encap_flag != 0)
+            return Never::tunnel_label;
+        if (label.length == 0 || label.length > ZEL_LABEL_SIZE)
+            return Never::label_length;
         const uint16_t type_mask = label.eth_type == 0 ? 0 : all<uint16_t>;
         out_.labels_.emplace_back(reinterpret_cast<const char *>(label.label), label.length);
-        add({0, transport(0, 0, 0, 0, label.eth_type), 0}, {0, transport(0, 0, 0, 0, type_mask), 0},
-            static_cast<uint32_t>(out_.labels_.size() - 1));
+        return add({0, transport(0, 0, 0, 0, label.eth_type), 0}, {0, transport(0, 0, 0, 0, type_mask), 0},
+                   static_cast<uint32_t>(out_.labels_.size() - 1));
     }
 
     Classifier &out_;
     std::map<uint64_t, std::vector<Entry>> tuples_; // by mask
 };
 
-Classifier::Classifier(const Policy &policy) { Compiler(*this, policy); }
+Classifier::Classifier(const zel_policy_t &policy) { Compiler(*this, policy); }
 
 std::size_t Classifier::size_of(const zel_match_t &match)
 {
     constexpr std::size_t size_of_label = 128;
     const std::size_t patterns = match.type == ZEL_MATCH_TYPE_SERVICE ? match.param.service.num_elements : 1;
-    return patterns * 2 * sizeof(Pattern) + (match.type == ZEL_MATCH_TYPE_LABEL ? size_of_label : 0);
+    return patterns * 2 * sizeof(Pattern) + 2 * sizeof(Unused) +
+           (match.type == ZEL_MATCH_TYPE_LABEL ? size_of_label : 0);
 }
 
 // A vector that grows has room for twice its elements.
 std::size_t Classifier::size_of_rule(std::size_t num_matches)
 {
-    return 2 * (sizeof(Rule) + num_matches * sizeof(Range) + most_buckets * 2 * sizeof(uint32_t));
+    return 2 *
+           (sizeof(Rule) + sizeof(Outcome) + num_matches * sizeof(Alternative) + most_buckets * 2 * sizeof(uint32_t));
 }
 
-} // namespace zeld
+} // namespace classify

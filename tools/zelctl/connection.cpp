@@ -24,7 +24,6 @@ namespace {
 // The largest there is, so that only the service's own limit counts.
 constexpr uint32_t largest_message = KOB_MESSAGE_LIMIT;
 
-
 } // namespace
 
 bool Answer::refused() const { return status != service::status_ok || error != service::error_none; }

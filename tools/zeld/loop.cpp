@@ -93,7 +93,7 @@ bool Loop::receive(Socket &socket)
     switch (const int32_t error = kob_service_receive(socket.transport.get(), turn.msg.get(), 0)) {
     case KOB_OK:
         try {
-            enter(std::move(turn));
+            enter(turn);
         } catch (const std::bad_alloc &) {
             deliver(turn, failure(service::error_limit, "out of memory"));
         }
@@ -107,7 +107,8 @@ bool Loop::receive(Socket &socket)
     }
 }
 
-void Loop::enter(Turn &&turn)
+// Takes the turn, unless it throws.
+void Loop::enter(Turn &turn)
 {
     const std::size_t size = kob_msg_size(turn.msg.get());
     if (is_large(turn.msg.get()) && waiting_ + size > max_waiting_)

@@ -442,7 +442,8 @@ public:
     // False: there are more different records than ids.
     bool number(R &record)
     {
-        for (std::size_t i = content_hash(record) & (slots_.size() - 1);; i = (i + 1) & (slots_.size() - 1)) {
+        for (std::size_t i = static_cast<std::size_t>(content_hash(record)) & (slots_.size() - 1);;
+             i = (i + 1) & (slots_.size() - 1)) {
             if (slots_[i] == nullptr) {
                 slots_[i] = &record;
                 return take_id(record.id);

@@ -7,7 +7,6 @@
 #include "wire/graph.hpp"
 
 #include <cstddef>
-#include <span>
 
 namespace zel {
 namespace {
@@ -144,12 +143,14 @@ bool check_identity(Check &check, const Record &record, const void *object)
     return check.objects.faults.count == 0 || refuse(check, ZEL_CHECK_NO_MEMORY, element, 0, 0);
 }
 
-bool check_members(Check &check, const Member &sequence, std::span<const wire::Pointer> members, PathStep &step)
+// The step is that of the member that is being looked at.
+bool check_members(Check &check, const Member &sequence, const void *object, PathStep &step)
 {
-    for (const void *const member : members) {
-        ++step.position;
+    const uint32_t count = wire::count_of(object, sequence);
+    while (step.position < count) {
+        const void *const member = wire::array_of(object, sequence)[step.position++];
         if (member == nullptr)
-            return refuse(check, ZEL_CHECK_NULL, sequence.id, static_cast<uint32_t>(members.size()), step.position);
+            return refuse(check, ZEL_CHECK_NULL, sequence.id, count, step.position);
         if (!check_owner(check, sequence, member) || !check_record(check, *sequence.record, member))
             return false;
     }
@@ -159,14 +160,14 @@ bool check_members(Check &check, const Member &sequence, std::span<const wire::P
 bool check_sequence(Check &check, const Member &sequence, const void *object)
 {
     const uint32_t count = wire::count_of(object, sequence);
-    const wire::Pointer *const array = wire::array_of(object, sequence);
+    const void *const array = wire::array_of(object, sequence);
     if (count != 0 && array == nullptr)
         return refuse(check, ZEL_CHECK_NULL, sequence.id, count, 0);
     if (array != nullptr && !check_owner(check, sequence, array))
         return false;
     PathStep step{check.path, sequence.record->noun, 0};
     check.path = &step;
-    const bool is_right = check_members(check, sequence, {array, count}, step);
+    const bool is_right = check_members(check, sequence, object, step);
     check.path = step.container;
     return is_right;
 }

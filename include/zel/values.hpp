@@ -2,6 +2,10 @@
 #ifndef ZEL_VALUES_HPP
 #define ZEL_VALUES_HPP
 
+#if __cplusplus < 201703L
+#error "zel.hpp needs C++17, with GCC and Clang the option -std=c++17"
+#endif
+
 #include <zel.h>
 #include <zel/protocol.h>
 

@@ -84,8 +84,12 @@ endif()
 find_program(ZEL_PYTHON python3)
 if(ZEL_PYTHON AND ZEL_INSTALL_COMMON)
     set(manual ${PROJECT_BINARY_DIR}/manual)
+    set(documented ${tools})
+    if(TARGET zel_platform_check_program)
+        list(APPEND documented zel_platform_check_program)
+    endif()
     set(tool_files)
-    foreach(tool IN LISTS tools)
+    foreach(tool IN LISTS documented)
         list(APPEND tool_files $<TARGET_FILE:${tool}>)
     endforeach()
     add_custom_command(OUTPUT ${manual}/written
@@ -94,12 +98,17 @@ if(ZEL_PYTHON AND ZEL_INSTALL_COMMON)
         COMMAND ${CMAKE_COMMAND} -E touch ${manual}/written
         DEPENDS scripts/man-pages include/zel.h include/zel/protocol.h include/zel/service.h
             reference/include/zel-platform/kob.h reference/include/zel-platform/kob_client.h
-            reference/include/zel-platform/kob_service.h ${tools}
+            reference/include/zel-platform/kob_service.h ${documented}
         COMMENT "Writing the manual pages")
     add_custom_target(zel_manual ALL DEPENDS ${manual}/written)
     install(DIRECTORY ${manual}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+    if(TARGET zel_platform_check_program)
+        install(FILES ${manual}/man1/zel-platform-check.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+            COMPONENT development)
+    endif()
     if(tools)
-        install(DIRECTORY ${manual}/man1 ${manual}/man8 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tools)
+        install(FILES ${manual}/man1/zelctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+        install(DIRECTORY ${manual}/man8 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tools)
     endif()
 endif()
 

@@ -1,7 +1,8 @@
 # Debian packages, a package for each product and ABI: see scripts/package.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zel)
-set(CPACK_PACKAGE_CONTACT "libzel developers <libzel@localhost>")
+set(ZEL_MAINTAINER "libzel developers <libzel@example.org>" CACHE STRING "Who answers for the packages")
+set(CPACK_PACKAGE_CONTACT ${ZEL_MAINTAINER})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "policy service client library")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -17,8 +18,9 @@ set(abi)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(abi 32)
 endif()
-set(about " A client builds a graph of policies, pairs, matches and actions as plain C records.
- The library sends it to a policy service as one message, and rebuilds it there.")
+set(about " A client builds a graph of policies, pairs, matches and actions as plain
+ C records. The library sends it to a policy service as one message, and
+ rebuilds it there.")
 macro(describe component package section summary)
     string(TOUPPER ${component} upper)
     set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package})
@@ -35,6 +37,7 @@ if(abi) # the headers are there
     string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ", libzel-dev (= ${PROJECT_VERSION})")
 endif()
 set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
 if(TARGET zelctl)
     describe(tools zel-tools net "policy service tools")
     list(APPEND CPACK_COMPONENTS_ALL tools)
@@ -44,7 +47,6 @@ if(TARGET zelctl)
     list(APPEND CPACK_COMPONENTS_ALL docs)
 endif()
 
-file(READ packaging/debian/changelog changelog)
-file(WRITE ${PROJECT_BINARY_DIR}/package/changelog "${changelog}")
+configure_file(packaging/debian/changelog ${PROJECT_BINARY_DIR}/package/changelog @ONLY)
 execute_process(COMMAND gzip -9nf ${PROJECT_BINARY_DIR}/package/changelog)
 include(CPack)

@@ -5,6 +5,7 @@
 #include "support/graphs.hpp"
 #include "tools/json/names.hpp"
 #include "tools/message/message.hpp"
+#include "wire/elements.hpp"
 #include "zel-platform/tlv_check.h"
 
 #include <filesystem>

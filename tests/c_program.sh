@@ -9,7 +9,8 @@ trap 'rm -rf "$work"' EXIT
 nm --defined-only "$library" | awk 'NF == 3 {print $3}' | sort -u >"$work/defined"
 # The checked calls of a hardened build are libc's, too.
 nm -u "$library" | awk '$1 == "U" {print $2}' | sed 's/^__\(.*\)_chk$/\1/; /^__stack_chk_fail/d' | sort -u | comm -23 - "$work/defined" >"$work/needed"
-printf '%s\n' calloc free getpid memcmp memcpy memmove memset snprintf strlen strncpy vsnprintf _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
+# Clang makes bcmp of a memcmp that asks for equality.
+printf '%s\n' bcmp calloc free getpid memcmp memcpy memmove memset snprintf strlen strncpy vsnprintf _GLOBAL_OFFSET_TABLE_ | sort >"$work/libc"
 comm -23 "$work/needed" "$work/libc" >"$work/platform"
 
 # Nothing runs before main().

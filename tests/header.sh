@@ -7,6 +7,7 @@ c++*) compiler=$cxx kind=c++ values=hpp ;;
 *) compiler=$cc kind=c values=h ;;
 esac
 cd "$root"
+test "$(find include reference/include nats/include -name '*.h' | wc -l)" -ge 15 # they are where this looks
 for folder in include reference/include nats/include; do
     for header in $(cd $folder && find . -name '*.h' -o -name "*.$values"); do
         # shellcheck disable=SC2086

@@ -75,6 +75,7 @@ foreach(libraries static+platform_static shared+platform whole)
         string(REPLACE .cpp _cpp program ${program})
         add_executable(${libraries}-${program} ${source})
         target_link_libraries(${libraries}-${program} PRIVATE ${targets})
+        target_compile_features(${libraries}-${program} PRIVATE c_std_11 cxx_std_17)
         set_target_properties(${libraries}-${program} PROPERTIES OUTPUT_NAME ${program}
             RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${libraries})
     endforeach()

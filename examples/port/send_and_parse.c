@@ -1,6 +1,6 @@
 /* Sends a policy over this platform, and reads it as a service does. */
 #include "port.h"
-#include "zel.h"
+#include "zel/service.h"
 
 #include <stdarg.h>
 #include <stdio.h>
@@ -31,21 +31,19 @@ int main(void)
     loopback_msg_t msg = {0};
     zel_api_handle_t handle;
     zel_api_init(&handle, 0, 1, 2, print_report, print_report, NULL);
-    const uint32_t token = zel_policy_update(&handle, &policy, 1, &msg);
-    if (token == 0 || zel_verify_mat_obj_from_kob(0, &msg, NULL, NULL) != ZEL_VERIFY_OK)
+    const uint32_t token = zel_policy_update(&handle, &policy, ZEL_OP_SET, &msg);
+    zel_request_t request = {.size = sizeof request};
+    if (token == 0 || zel_request_read(0, &msg, NULL, &request) != ZEL_REQUEST_OK)
         return 1;
 
-    uint32_t mat_type = 0, api_type = 0, app_type = 0;
-    uint16_t policy_id = 0;
-    zel_policy_t *read = parse_mat_obj_from_kob(0, &handle, &msg, &mat_type, &api_type, &policy_id, &app_type);
-    if (read == NULL || read->match_action_pair_group.num_pair != 1)
+    const zel_policy_t *read = request.object;
+    if (read->match_action_pair_group.num_pair != 1)
         return 1;
     const zel_match_action_pair_t *read_pair = read->match_action_pair_group.pairs[0];
     printf("token %u: policy %u sends port %u to VRF %u\n", (unsigned)token, (unsigned)read->id,
            (unsigned)read_pair->match_group.matches[0]->param.service_element.dport,
            (unsigned)read_pair->action_group.actions[0]->param.set_vrf.vrf);
-    free_contained_mat_obj_mem(&handle, app_type, mat_type, read);
-    free(read);
+    zel_request_free(&request);
     free(msg.payload);
     return 0;
 }

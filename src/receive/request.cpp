@@ -93,14 +93,17 @@ void zel_request_answer(zel_request_t *request, uint32_t error, const char *form
     begin_answer(*request, error);
     va_list args;
     va_start(args, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is not
     (void)std::vsnprintf(request->answer.msg, sizeof request->answer.msg, format, args);
     va_end(args);
 }
 
 uint32_t zel_request_answer_stats(zel_request_t *request, const zel_stat_result_entry_t *entries, uint32_t num_entries)
 {
-    // Converting only reads the entries.
-    const zel_stat_results_t results{ZEL_STAT_TAG_RESULTS, num_entries, const_cast<zel_stat_result_entry_t *>(entries)};
+    zel_stat_results_t results{};
+    results.tag = ZEL_STAT_TAG_RESULTS;
+    results.num_entries = num_entries;
+    results.entries = const_cast<zel_stat_result_entry_t *>(entries); // converting only reads them
     const uint32_t capacity = array_overhead + zel_stat_results_get_tlv_sz(&results);
     begin_answer(*request, ZEL_ERROR_NONE);
     request->body = std::calloc(1, capacity);

@@ -143,25 +143,33 @@ bool check_identity(Check &check, const Record &record, const void *object)
     return check.objects.faults.count == 0 || refuse(check, ZEL_CHECK_NO_MEMORY, element, 0, 0);
 }
 
-bool check_sequence(Check &check, const Member &sequence, const void *object)
+// The step is that of the member that is being looked at.
+bool check_members(Check &check, const Member &sequence, const void *object, PathStep &step)
 {
     const uint32_t count = wire::count_of(object, sequence);
-    const wire::Pointer *const array = wire::array_of(object, sequence);
-    PathStep step{check.path, sequence.record->noun, 0};
-    if (count != 0 && array == nullptr)
-        return refuse(check, ZEL_CHECK_NULL, sequence.id, count, 0);
-    if (array != nullptr && !check_owner(check, sequence, array))
-        return false;
     while (step.position < count) {
-        const void *const member = array[step.position++];
-        check.path = &step;
+        const void *const member = wire::array_of(object, sequence)[step.position++];
         if (member == nullptr)
             return refuse(check, ZEL_CHECK_NULL, sequence.id, count, step.position);
         if (!check_owner(check, sequence, member) || !check_record(check, *sequence.record, member))
             return false;
-        check.path = step.container;
     }
     return true;
+}
+
+bool check_sequence(Check &check, const Member &sequence, const void *object)
+{
+    const uint32_t count = wire::count_of(object, sequence);
+    const void *const array = wire::array_of(object, sequence);
+    if (count != 0 && array == nullptr)
+        return refuse(check, ZEL_CHECK_NULL, sequence.id, count, 0);
+    if (array != nullptr && !check_owner(check, sequence, array))
+        return false;
+    PathStep step{check.path, sequence.record->noun, 0};
+    check.path = &step;
+    const bool is_right = check_members(check, sequence, object, step);
+    check.path = step.container;
+    return is_right;
 }
 
 bool check_member(Check &check, const Member &member, const void *object)
@@ -204,6 +212,7 @@ void check_graph(Check &check, uint32_t mat_type, const void *object)
         refuse(check, ZEL_CHECK_NULL, record->start, 1, 1);
     else
         check_record(check, *record, object);
+    check.path = nullptr;
     zel_empty_mat_cache(&check.objects);
     zel_empty_mat_cache(&check.addresses);
 }

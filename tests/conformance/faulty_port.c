@@ -97,8 +97,11 @@ WRAP(int32_t, ravl_insert, struct ravl_tree *tree, void *entry)
 {
     if (has("equal") && __real_ravl_lookup(tree, key_of(entry)) != NULL)
         __real_ravl_delete(tree, __real_ravl_lookup(tree, key_of(entry)));
-    if (has("memory") && malloc(1) == NULL)
-        return 0;
+    if (has("memory")) {
+        void *volatile block = malloc(1); /* volatile: a compiler leaves out an allocation that nothing needs */
+        if (block == NULL)
+            return 0;
+    }
     if (has("links"))
         ((zel_mat_cache_entry_t *)entry)->obj = NULL;
     return __real_ravl_insert(tree, entry);

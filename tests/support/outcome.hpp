@@ -108,7 +108,7 @@ inline void append_reading(std::string &to, zel_api_handle_t &handle, const void
 
     zel_kob_header_t header{};
     void *const object = zel_parse_tlv_array(&handle, array, &header);
-    append_bytes(to, &header, sizeof header);
+    append_record(to, wire::kob_header, &header);
     if (object == nullptr)
         return;
     const uint32_t mat_type = get_mat_obj_type(header.api_type);

@@ -212,8 +212,9 @@ bool Store::publish(const std::string &subject, std::string_view data, uint64_t 
     options.ExpectLastSubjectSeq = position;
     options.ExpectNoMessage = position == 0;
     jsErrCode code{};
-    const natsStatus status =
-        js_Publish(nullptr, js_.get(), subject.c_str(), data.data(), static_cast<int>(data.size()), &options, &code);
+    const auto size = static_cast<int>(data.size());
+    // cppcheck-suppress invalidLifetime ; the data is read during the call
+    const natsStatus status = js_Publish(nullptr, js_.get(), subject.c_str(), data.data(), size, &options, &code);
     if (status == NATS_OK)
         return true;
     if (code != JSStreamWrongLastSequenceErr)

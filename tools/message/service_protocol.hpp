@@ -1,55 +1,43 @@
-// What zelctl and zeld agree on beyond the library: the values that libzel
-// leaves to its service, and the two requests that are zeld's own.
+// The values of zel/protocol.h as types of the tools, and the requests that are zeld's own.
 #pragma once
 
 #include "zel.h"
+#include "zel/protocol.h"
 
 #include <cstdint>
 
 namespace service {
 
-// op_code of an update.  A statistics pull always carries op_code_stats.
 enum OpCode : uint32_t {
-    op_code_set = 1,    // create the object, or replace the one with its id
-    op_code_remove = 2, // remove the objects that the graph names by id
-    op_code_stats = 3,
+    op_code_set = ZEL_OP_SET,
+    op_code_remove = ZEL_OP_REMOVE,
+    op_code_stats = ZEL_OP_STATS,
 };
-
-// op_mode of any object.
 enum OpMode : uint32_t {
-    op_mode_active = 0,
-    op_mode_disabled = 1, // kept and shown, but never matches
+    op_mode_active = ZEL_MODE_ACTIVE,
+    op_mode_disabled = ZEL_MODE_DISABLED,
 };
-
-// logical_op of a match group.
 enum LogicalOp : uint32_t {
-    logical_and = 0, // all matches; a group without matches matches everything
-    logical_or = 1,  // any match
+    logical_and = ZEL_LOGICAL_AND,
+    logical_or = ZEL_LOGICAL_OR,
 };
-
-// flag of a statistics query.  A policy id or pair id of 0xffff asks for all.
 enum StatFlag : uint32_t {
-    stat_flag_none = 0,
-    stat_flag_clear = 1, // set the counters to zero after reading them
+    stat_flag_none = ZEL_STAT_FLAG_NONE,
+    stat_flag_clear = ZEL_STAT_FLAG_CLEAR,
 };
-constexpr uint16_t stat_all = 0xffff;
-
-// An entry of the answer: ids[0] is the policy id, ids[1] the pair id; stats[0]
-// counts matched packets (counter1) and their bytes (counter2).
-constexpr uint8_t stat_tag_results = 1;
-constexpr uint8_t stat_tag_pair = 2;
-
-// status and error of a response.  retval is 0 on success, -1 otherwise.
-enum Status : uint32_t { status_ok = 1, status_failed = 2 };
+constexpr uint16_t stat_all = ZEL_STAT_ALL;
+constexpr uint8_t stat_tag_results = ZEL_STAT_TAG_RESULTS;
+constexpr uint8_t stat_tag_pair = ZEL_STAT_TAG_PAIR;
+enum Status : uint32_t { status_ok = ZEL_STATUS_OK, status_failed = ZEL_STATUS_FAILED };
 enum Error : uint32_t {
-    error_none = 0,
-    error_malformed = 1,   // the message could not be understood; the text says where
-    error_unsupported = 2, // request kind, op_code or opcode that the service does not know
-    error_not_found = 3,   // no such policy, pair or object
-    error_conflict = 4,    // a duplicate id, or an object that cannot take the change
-    error_storage = 5,     // the change could not be made durable, and was not made
-    error_limit = 6,       // too large, or too much work
-    error_denied = 7,      // not at this address, which is for reading
+    error_none = ZEL_ERROR_NONE,
+    error_malformed = ZEL_ERROR_MALFORMED,
+    error_unsupported = ZEL_ERROR_UNSUPPORTED,
+    error_not_found = ZEL_ERROR_NOT_FOUND,
+    error_conflict = ZEL_ERROR_CONFLICT,
+    error_storage = ZEL_ERROR_STORAGE,
+    error_limit = ZEL_ERROR_LIMIT,
+    error_denied = ZEL_ERROR_DENIED,
 };
 
 // zeld's own requests, by transport opcode.  The transport carries TLV arrays and

@@ -121,9 +121,8 @@ bool Loop::receive(Socket &socket)
     case KOB_OK:
         try {
             turn.arrival = observer_.arrived(turn.msg.get());
-            enter(std::move(turn));
+            enter(turn);
         } catch (const std::bad_alloc &) {
-            // cppcheck-suppress accessMoved ; when enter() throws, it has not moved the turn
             deliver(turn, failure(service::error_limit, "out of memory"));
         }
         return true;
@@ -136,7 +135,8 @@ bool Loop::receive(Socket &socket)
     }
 }
 
-void Loop::enter(Turn &&turn)
+// Takes the turn, unless it throws.
+void Loop::enter(Turn &turn)
 {
     const std::size_t size = kob_msg_size(turn.msg.get());
     if (is_large(turn.msg.get()) && waiting_ + size > max_waiting_)

@@ -71,7 +71,7 @@ private:
     bool wait(int stop);
     bool receive_all();
     bool receive(Socket &socket);
-    void enter(Turn &&turn);
+    void enter(Turn &turn);
     void work(bool is_reading);
     bool can_go_on(const Client &client, bool is_reading) const;
     void work_on(Client &client);

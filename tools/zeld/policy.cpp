@@ -40,8 +40,9 @@ std::span<const zel_if_element_t> Policy::interfaces() const { return *interface
 
 const Pair *Policy::pair(uint16_t id) const
 {
-    const PairRef *const found = pairs_.find(id);
-    return found != nullptr ? found->get() : nullptr;
+    if (const PairRef *const found = pairs_.find(id))
+        return found->get();
+    return nullptr;
 }
 
 std::vector<const Pair *> Policy::pairs_in_order() const

@@ -79,6 +79,28 @@ if(tools)
     install(FILES packaging/systemd/zel.conf DESTINATION lib/sysusers.d COMPONENT tools)
 endif()
 
+# ---- Completion, printed by the tools
+
+set(completions ${PROJECT_BINARY_DIR}/completions)
+# add_completion(TOOL SHELL FILE FOLDER)
+function(add_completion tool shell file folder)
+    add_custom_command(OUTPUT ${completions}/${shell}/${file}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${completions}/${shell}
+        COMMAND ${tool} --completion ${shell} > ${completions}/${shell}/${file}
+        DEPENDS ${tool})
+    set_property(GLOBAL APPEND PROPERTY ZEL_COMPLETIONS ${completions}/${shell}/${file})
+    install(FILES ${completions}/${shell}/${file} DESTINATION ${CMAKE_INSTALL_DATADIR}/${folder} COMPONENT tools)
+endfunction()
+foreach(tool IN LISTS tools)
+    add_completion(${tool} bash ${tool} bash-completion/completions)
+    add_completion(${tool} zsh _${tool} zsh/vendor-completions)
+    add_completion(${tool} fish ${tool}.fish fish/vendor_completions.d)
+endforeach()
+if(tools)
+    get_property(files GLOBAL PROPERTY ZEL_COMPLETIONS)
+    add_custom_target(zel_completions ALL DEPENDS ${files})
+endif()
+
 # ---- Pages for reading
 
 find_program(ZEL_PYTHON python3)

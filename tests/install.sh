@@ -91,6 +91,16 @@ for libraries in static+platform_static shared+platform whole; do
     run "CMake package, $libraries" "$work/installed/$libraries"
 done
 
+# Completion comes with the tools.
+if [ -x "$root/bin/zelctl" ]; then
+    # shellcheck disable=SC2016
+    bash -c 'source "$0"; COMP_WORDS=(zelctl policy app) COMP_CWORD=2; _zelctl zelctl app policy; [ "${COMPREPLY[*]}" = apply ]
+        COMP_WORDS=(zelctl --completion ""); _zelctl zelctl "" --completion; [ "${COMPREPLY[*]}" = "bash zsh fish" ]' \
+        "$root/share/bash-completion/completions/zelctl"
+    test -s "$root/share/zsh/vendor-completions/_zelctl"
+    test -s "$root/share/fish/vendor_completions.d/zelctl.fish"
+fi
+
 # As a part of another project: the libraries only, and no warnings taken for errors.
 configure -B "$work/added" -DZEL_SOURCE="$source"
 if grep -qE "Werror|gtest|zelctl|bench" "$work/added/build.ninja"; then

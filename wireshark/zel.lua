@@ -159,6 +159,13 @@ local ELEMENTS = {
     [161] = {kind = "value", record = "action_set_vrf", name = "vrf", width = 4, count = 1, format = "number"},
     [201] = {kind = "value", record = "show_request", name = "show_request", width = 8, count = 1, format = "number", layout = "show_request"},
     [202] = {kind = "value", record = "packet_header", name = "packet_header", width = 104, count = 1, format = "number", layout = "packet_header"},
+    [203] = {kind = "value", record = "explain_request", name = "explain_request", width = 8, count = 1, format = "number", layout = "explain_request"},
+    [204] = {kind = "value", record = "reason", name = "reason", width = 96, count = 1, format = "number", layout = "reason"},
+    [205] = {kind = "value", record = "list_request", name = "list_request", width = 16, count = 1, format = "number", layout = "list_request"},
+    [206] = {kind = "value", record = "summary", name = "summary", width = 32, count = 1, format = "number", layout = "summary"},
+    [207] = {kind = "value", record = "change_request", name = "change_request", width = 16, count = 1, format = "number", layout = "change_request"},
+    [208] = {kind = "value", record = "message_part", name = "message_part", width = 0, count = 1, format = "number", layout = "message_part"},
+    [209] = {kind = "value", record = "policy_frame", name = "policy_frame", width = 12, count = 1, format = "number", layout = "policy_frame"},
     [210] = {kind = "value", record = "status", name = "status", width = 168, count = 1, format = "number", layout = "status"},
     [211] = {kind = "value", record = "client", name = "client", width = 40, count = 1, format = "number", layout = "client"},
     [212] = {kind = "value", record = "application", name = "application", width = 16, count = 1, format = "number", layout = "application"},
@@ -174,7 +181,7 @@ local LAYOUTS = {
         {offset = 4, record = "frame", name = "kind", width = 2, count = 1, format = "number", names = {[1] = "request", [2] = "response", [3] = "refusal"}},
         {offset = 6, record = "frame", name = "in_parts", width = 2, count = 1, format = "number"},
         {offset = 8, record = "frame", name = "token", width = 4, count = 1, format = "number"},
-        {offset = 12, record = "frame", name = "opcode", width = 4, count = 1, format = "hexadecimal", names = {[117762] = "request", [117764] = "multi-part request", [117778] = "show", [117780] = "traffic", [117792] = "status", [117794] = "watch"}},
+        {offset = 12, record = "frame", name = "opcode", width = 4, count = 1, format = "hexadecimal", names = {[117762] = "request", [117764] = "multi-part request", [117778] = "show", [117780] = "traffic", [117782] = "explain", [117784] = "list", [117786] = "change", [117792] = "status", [117794] = "watch"}},
         {offset = 16, record = "frame", name = "node", width = 4, count = 1, format = "number"},
         {offset = 20, record = "frame", name = "sap", width = 4, count = 1, format = "number"},
         {offset = 24, record = "frame", name = "total", width = 4, count = 1, format = "number"},
@@ -188,7 +195,7 @@ local LAYOUTS = {
         {offset = 12, record = "capture", name = "client", width = 4, count = 1, format = "number"},
         {offset = 16, record = "capture", name = "pid", width = 4, count = 1, format = "number"},
         {offset = 20, record = "capture", name = "uid", width = 4, count = 1, format = "number"},
-        {offset = 24, record = "capture", name = "opcode", width = 4, count = 1, format = "hexadecimal", names = {[117762] = "request", [117764] = "multi-part request", [117778] = "show", [117780] = "traffic", [117792] = "status", [117794] = "watch"}},
+        {offset = 24, record = "capture", name = "opcode", width = 4, count = 1, format = "hexadecimal", names = {[117762] = "request", [117764] = "multi-part request", [117778] = "show", [117780] = "traffic", [117782] = "explain", [117784] = "list", [117786] = "change", [117792] = "status", [117794] = "watch"}},
         {offset = 28, record = "capture", name = "node", width = 4, count = 1, format = "number"},
         {offset = 32, record = "capture", name = "sap", width = 4, count = 1, format = "number"},
         {offset = 36, record = "capture", name = "total", width = 4, count = 1, format = "number"},
@@ -219,6 +226,61 @@ local LAYOUTS = {
         {offset = 34, record = "packet_header", name = "label_length", width = 2, count = 1, format = "number"},
         {offset = 36, record = "packet_header", name = "label", width = 64, count = 1, format = "text"},
         {offset = 100, record = "packet_header", name = "bytes", width = 4, count = 1, format = "number"},
+    }},
+    explain_request = {size = 8, fields = {
+        {offset = 0, record = "explain_request", name = "app_type", width = 4, count = 1, format = "number"},
+        {offset = 4, record = "explain_request", name = "policy_id", width = 4, count = 1, format = "number"},
+    }, rest = "packet_header"},
+    reason = {size = 96, fields = {
+        {offset = 0, record = "reason", name = "policy_id", width = 2, count = 1, format = "number"},
+        {offset = 2, record = "reason", name = "pair_id", width = 2, count = 1, format = "number"},
+        {offset = 4, record = "reason", name = "match_id", width = 2, count = 1, format = "number"},
+        {offset = 6, record = "reason", name = "verdict", width = 1, count = 1, format = "number", names = {[0] = "took", [1] = "no_pair", [2] = "never", [3] = "field", [4] = "label", [5] = "interface", [6] = "vlan", [7] = "vrf"}},
+        {offset = 7, record = "reason", name = "field", width = 1, count = 1, format = "number"},
+        {offset = 8, record = "reason", name = "found", width = 4, count = 1, format = "hexadecimal"},
+        {offset = 12, record = "reason", name = "wanted", width = 4, count = 1, format = "hexadecimal"},
+        {offset = 16, record = "reason", name = "mask", width = 4, count = 1, format = "hexadecimal"},
+        {offset = 20, record = "reason", name = "last", width = 4, count = 1, format = "number"},
+        {offset = 24, record = "reason", name = "num_elements", width = 4, count = 1, format = "number"},
+        {offset = 28, record = "reason", name = "label_length", width = 2, count = 1, format = "number"},
+        {offset = 30, record = "reason", name = "label", width = 64, count = 1, format = "text"},
+    }},
+    list_request = {size = 16, fields = {
+        {offset = 0, record = "list_request", name = "app_type", width = 4, count = 1, format = "number"},
+        {offset = 4, record = "list_request", name = "first_id", width = 4, count = 1, format = "number"},
+        {offset = 8, record = "list_request", name = "most", width = 4, count = 1, format = "number"},
+        {offset = 12, record = "list_request", name = "flags", width = 4, count = 1, format = "hexadecimal"},
+    }},
+    summary = {size = 32, fields = {
+        {offset = 0, record = "summary", name = "revision", width = 8, count = 1, format = "number"},
+        {offset = 8, record = "summary", name = "op_mode", width = 4, count = 1, format = "number", names = {[0] = "active", [1] = "disabled"}},
+        {offset = 12, record = "summary", name = "app_type", width = 4, count = 1, format = "number"},
+        {offset = 16, record = "summary", name = "bytes", width = 4, count = 1, format = "number"},
+        {offset = 20, record = "summary", name = "policy_id", width = 2, count = 1, format = "number"},
+        {offset = 22, record = "summary", name = "version", width = 2, count = 1, format = "number"},
+        {offset = 24, record = "summary", name = "num_pairs", width = 2, count = 1, format = "number"},
+        {offset = 26, record = "summary", name = "num_interfaces", width = 2, count = 1, format = "number"},
+        {offset = 28, record = "summary", name = "application", width = 4, count = 1, format = "number"},
+    }},
+    change_request = {size = 16, fields = {
+        {offset = 0, record = "change_request", name = "app_type", width = 4, count = 1, format = "number"},
+        {offset = 4, record = "change_request", name = "flags", width = 4, count = 1, format = "hexadecimal"},
+        {offset = 8, record = "change_request", name = "num_expected", width = 4, count = 1, format = "number"},
+    }, rest = "expected"},
+    expected = {size = 16, fields = {
+        {offset = 0, record = "expected", name = "revision", width = 8, count = 1, format = "number"},
+        {offset = 8, record = "expected", name = "policy_id", width = 4, count = 1, format = "number"},
+    }},
+    message_part = {size = 0, fields = {
+    }},
+    policy_frame = {size = 12, fields = {
+        {offset = 0, record = "policy_frame", name = "op_mode", width = 4, count = 1, format = "number", names = {[0] = "active", [1] = "disabled"}},
+        {offset = 4, record = "policy_frame", name = "app_type", width = 4, count = 1, format = "number"},
+        {offset = 8, record = "policy_frame", name = "policy_id", width = 2, count = 1, format = "number"},
+        {offset = 10, record = "policy_frame", name = "version", width = 2, count = 1, format = "number"},
+    }, rest = "pair_id"},
+    pair_id = {size = 2, fields = {
+        {offset = 0, record = "pair_id", name = "pair_id", width = 2, count = 1, format = "number"},
     }},
     status = {size = 168, fields = {
         {offset = 0, record = "status", name = "fingerprint", width = 8, count = 1, format = "hexadecimal"},
@@ -289,6 +351,9 @@ local OPCODES = {
     [117764] = "multi-part request",
     [117778] = "show",
     [117780] = "traffic",
+    [117782] = "explain",
+    [117784] = "list",
+    [117786] = "change",
     [117792] = "status",
     [117794] = "watch",
 }
@@ -404,6 +469,11 @@ function add_layout(tree, name, range)
         if f.offset + f.width * f.count <= range:len() then
             add_items(sub, f, range:range(f.offset, f.width * f.count))
         end
+    end
+    local at, step = layout.size, layout.rest and LAYOUTS[layout.rest].size
+    while step and at + step <= range:len() do
+        add_layout(sub, layout.rest, range:range(at, step))
+        at = at + step
     end
     if range:len() < layout.size then
         sub:add_proto_expert_info(truncated, "the record " .. name .. " has " .. layout.size .. " bytes")
@@ -563,8 +633,25 @@ function zel.dissector(buffer, pinfo, tree)
     return range:len()
 end
 
+-- Messages in several packets: those that are not whole yet, by subject and token; and
+-- whole ones, by the place of their last packet. A capture is read more than once.
+local unfinished, finished = {}, {}
+function zel.init() unfinished, finished = {}, {} end
+
+-- The whole message, when this packet is its last one.
+local function reassemble(payload, total, offset, message, place)
+    if finished[place] then return finished[place] end
+    local bytes = offset == 0 and ByteArray.new() or unfinished[message]
+    if not bytes or bytes:len() ~= offset then return end
+    bytes:append(payload:bytes())
+    unfinished[message] = bytes
+    if bytes:len() < total then return end
+    unfinished[message], finished[place] = nil, bytes
+    return bytes
+end
+
 -- A packet of the transport: its header, and a message or a part of one.
-local function dissect_frame(tree, range)
+local function dissect_frame(tree, range, subject, place)
     local size = LAYOUTS.frame.size
     add_layout(tree, "frame", range:range(0, math.min(size, range:len())))
     if range:len() < size then return "truncated packet" end
@@ -573,7 +660,12 @@ local function dissect_frame(tree, range)
     local payload = rest_of(range, size)
     if payload and (offset ~= 0 or payload:len() < total) and number(range:range(6, 2)) ~= 0 then
         tree:add(fields.payload, payload)
-        return request_name(nil, opcode) .. ", " .. payload:len() .. " of " .. total .. " bytes from " .. offset
+        local message = subject .. " " .. number(range:range(8, 4))
+        local whole = reassemble(payload, total, offset, message, place)
+        if not whole then
+            return request_name(nil, opcode) .. ", " .. payload:len() .. " of " .. total .. " bytes from " .. offset
+        end
+        payload = whole:tvb("Whole message"):range()
     end
     return dissect_payload(tree, payload, kind, opcode, total)
 end
@@ -624,7 +716,7 @@ local function dissect_command(buffer, pinfo, tree, at)
         local range = buffer(behind + headers, total - headers)
         if has_magic(range, FRAME_MAGIC) then
             pinfo.cols.protocol = "ZEL"
-            pinfo.cols.info = dissect_frame(sub:add(zel, range), range)
+            pinfo.cols.info = dissect_frame(sub:add(zel, range), range, subject, pinfo.number .. " " .. at)
         end
     end
     return behind + total + 2

@@ -13,9 +13,15 @@ Values = Dict[str, Any]
 
 
 def read_record(name: str, data: bytes, order: str = "<") -> Values:
-    """A record that travels whole. Members that a shorter one does not have are missing."""
+    """A record that travels whole. Members that a shorter one does not have are missing.
+    Records behind it are a list, under their name."""
     values: Values = {}
-    for part in LAYOUTS[name].parts:
+    layout = LAYOUTS[name]
+    if layout.rest:
+        step = LAYOUTS[layout.rest].size
+        starts = range(layout.size, len(data) - step + 1, step)
+        values[layout.rest] = [read_record(layout.rest, data[at : at + step], order) for at in starts]
+    for part in layout.parts:
         content = data[part.offset : part.offset + part.width * part.count]
         if len(content) == part.width * part.count:
             values[part.name] = _read_items(part, content, order)

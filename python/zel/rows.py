@@ -82,3 +82,4 @@ class Layout:
 
     size: int
     parts: Tuple[Part, ...]
+    rest: str = ""  # the layout of the records behind it, as many as there is room for

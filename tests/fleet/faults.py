@@ -39,7 +39,7 @@ class Writer(threading.Thread):
             self.attempts += 1
             word = f"write {self.attempts}"
             code, output = fleet.zelctl("apply", "--message", word, fleet.policy(1, self.attempts % 60000 + 1), wait=0)
-            if isinstance(output, dict):  # committed, whatever the nodes have made of it
+            if isinstance(output, dict) and "revision" in output:  # committed, whatever the nodes have made of it
                 if output["revision"] in self.acknowledged:
                     self.failure = f"revision {output['revision']} was acknowledged twice"
                 self.acknowledged[output["revision"]] = word

@@ -63,14 +63,22 @@ def work(service):
         {"id": 1, "acl": "\x1b[31m\"}\n"}]}}]}
     many = {"id": 8, "if_group": [{"interface": i} for i in range(5000)]}
     for policy in (hostile, many):
-        service.run("policy", "apply", "-", text=json.dumps(policy))
-    service.run("policy", "apply", f"{EXAMPLES}/policies/branch_nat.json")
+        service.run("policy", "apply", "--replace", "-", text=json.dumps(policy))
+    service.run("policy", "apply", "--replace", f"{EXAMPLES}/policies/branch_nat.json")
     service.run("--app", "3", "policy", "apply", f"{EXAMPLES}/policies/web_redirect.json")
+    hostile["op_mode"] = "disabled"
+    service.run("policy", "apply", "-", text=json.dumps(hostile))
     service.run("traffic", f"{EXAMPLES}/packets.jsonl")
     service.run("policy", "delete", "99", code=1)
     service.run("stats")
-    service.run("policy", "show")
-    return 8
+    service.run("explain", "--policy", "20", "dip=192.0.2.80", "protocol=tcp")
+    service.run("--json", "policy", "show")
+    return len(KINDS)
+
+
+# The kinds of work()'s requests.
+KINDS = (["policy_update", "policy_update", "policy_list_update", "list", "change", "list", "list", "show", "change"]
+         + ["traffic", "policy_delete", "stats_pull", "explain", "list", "list"] + 4 * ["show"])
 
 
 def messages(path):
@@ -101,7 +109,7 @@ class Observation(unittest.TestCase):
         second.run("capture", "--last", "-o", self.path("d"))
         second.run("replay", self.path("a"), code=5)  # it has policies by now
         second.run("policy", "apply", f"{EXAMPLES}/policies/lisp_overlay.json")  # in statistics and show from now on
-        self.assertEqual(second.json("replay", "--force", self.path("a"), code=1)[0]["differing"], 2)
+        self.assertGreater(second.json("replay", "--force", self.path("a"), code=1)[0]["differing"], 0)
         second.stop()
         expected = messages(self.path("a"))
         self.assertEqual(len(expected), 2 * number)
@@ -109,9 +117,8 @@ class Observation(unittest.TestCase):
         for name in "cd":
             self.assertEqual(messages(self.path(name)), expected, name)
         self.assertEqual(os.stat(self.path("a")).st_mode & 0o777, 0o600)
-        self.assertEqual([one["kind"] for one in seen], ["policy_update", "policy_update", "policy_list_update",
-                         "policy_update", "traffic", "policy_delete", "stats_pull", "show"])
-        self.assertEqual((seen[3]["app"], seen[3]["policy_id"], seen[5]["error"]), (3, 10, "not found"))
+        self.assertEqual([one["kind"] for one in seen], KINDS)
+        self.assertEqual((seen[2]["app"], seen[1]["policy_id"], seen[10]["error"]), (0, 8, "not found"))
         self.assertEqual(seen[0]["message"]["policy"]["id"], 9)
 
     def test_what_is_not_kept_is_reported(self):
@@ -144,7 +151,7 @@ class Observation(unittest.TestCase):
         with open(self.path("old"), encoding="utf-8") as file:
             lines = file.read()
         form = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z zeld: %s: client \d+ \(pid \d+, uid " + str(os.getuid()) + r"\): %s"
-        for level, text in (("info", "policy_update set, application 0, policy 8: "), ("debug", "show: 4 policies, "),
+        for level, text in (("info", "policy_update set, application 0, policy 8: "), ("debug", "list: 4 policies, "),
                             ("warn", "policy_delete remove, application 0, policy 99: refused, error 3: ")):
             self.assertTrue(re.search(form % (level, text), lines, re.M), text)
         with open(self.path("log"), encoding="utf-8") as file:
@@ -164,9 +171,9 @@ class Observation(unittest.TestCase):
         kind, page = get("application/openmetrics-text; version=1.0.0")
         self.assertTrue(kind.startswith("application/openmetrics-text"))
         samples = read_metrics(page)
-        self.assertEqual(samples["zel_requests_total", ("kind", "policy_update"), ("result", "done")], 3)
+        self.assertEqual(samples["zel_requests_total", ("kind", "policy_update"), ("result", "done")], 2)
         self.assertEqual(samples["zel_requests_total", ("kind", "policy_delete"), ("result", "not_found")], 1)
-        self.assertEqual(samples["zel_request_duration_seconds_count", ("kind", "show")], 1)
+        self.assertEqual(samples["zel_request_duration_seconds_count", ("kind", "show")], KINDS.count("show"))
         self.assertEqual(samples["zel_pairs",] - samples["zel_pairs_omitted",], 3)
         self.assertEqual(len([key for key in samples if key[0] == "zel_pair_packets_total"]), 3)
         kind, text = get("text/plain")

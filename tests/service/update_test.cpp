@@ -276,6 +276,7 @@ TEST(Update, MemoryIsCounted)
     }
     const std::pair<const char *, std::string> shapes[] = {
         {"empty", ""}, {"one pair", "1@1:1=1/1=1"}, {"pairs", pairs}, {"interfaces", interfaces}};
+    const Classifier scratch(*policy(1, "1@1:1=1/1=1")); // which all compilations share, is not a policy's
     for (const auto &[name, text] : shapes) {
         const auto graph = policy(1, text);
         const int num_policies = text.size() < 100 ? 2000 : 3;

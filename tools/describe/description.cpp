@@ -3,6 +3,7 @@
 #include "tools/json/document.hpp"
 #include "tools/json/field_rules.hpp"
 #include "tools/observe/records.hpp"
+#include "tools/observe/request.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -18,10 +19,20 @@ using tools::Name;
 
 constexpr std::array packet_kinds{Name{1, "request"}, Name{2, "response"}, Name{3, "refusal"}};
 constexpr std::array statuses{Name{service::status_ok, "ok"}, Name{service::status_failed, "failed"}};
-constexpr std::array opcode_names{
-    Name{ZEL_KOB_OPC_REQUEST, "request"},   Name{ZEL_KOB_OPC_MP_REQUEST, "multi-part request"},
-    Name{service::opcode_show, "show"},     Name{service::opcode_traffic, "traffic"},
-    Name{observe::opcode_status, "status"}, Name{observe::opcode_watch, "watch"},
+// Of the library's requests, and of the service's own.
+constexpr auto opcode_names = [] {
+    std::array<Name, 2 + std::size(observe::own_requests)> names{Name{ZEL_KOB_OPC_REQUEST, "request"},
+                                                                 Name{ZEL_KOB_OPC_MP_REQUEST, "multi-part request"}};
+    std::ranges::transform(observe::own_requests, names.begin() + 2, [](const observe::OwnRequest &own) {
+        return Name{own.opcode, own.name};
+    });
+    return names;
+}();
+constexpr std::array verdict_names{
+    Name{service::verdict_took, "took"},   Name{service::verdict_no_pair, "no_pair"},
+    Name{service::verdict_never, "never"}, Name{service::verdict_field, "field"},
+    Name{service::verdict_label, "label"}, Name{service::verdict_interface, "interface"},
+    Name{service::verdict_vlan, "vlan"},   Name{service::verdict_vrf, "vrf"},
 };
 
 // Names of numbers in records that travel whole.
@@ -37,6 +48,9 @@ constexpr Naming namings[] = {
     {"response", "status", statuses},
     {"response", "error", tools::error_names},
     {"request_count", "error", tools::error_names},
+    {"reason", "verdict", verdict_names},
+    {"summary", "op_mode", tools::op_modes},
+    {"policy_frame", "op_mode", tools::op_modes},
 };
 
 Names names_of(const Record &record, const Member &member)
@@ -134,8 +148,16 @@ std::vector<Layout> layouts()
 {
     std::vector<Layout> all{layout_of(observe::frame_record), layout_of(observe::capture_record),
                             layout_of(observe::response_record)};
-    for (const auto &element : observe::record_elements)
-        all.push_back(layout_of(*element.record));
+    const auto add = [&](const Record &record) -> Layout & {
+        if (const auto known = std::ranges::find(all, record.name, &Layout::name); known != all.end())
+            return *known;
+        return all.emplace_back(layout_of(record));
+    };
+    for (const auto &element : observe::record_elements) {
+        add(*element.record).rest = element.rest != nullptr ? element.rest->name : "";
+        if (element.rest != nullptr)
+            add(*element.rest);
+    }
     return all;
 }
 
@@ -160,7 +182,7 @@ std::vector<Element> elements()
     for (const Layout &layout : statistics())
         for (const Field &field : layout.fields)
             all.push_back({Element::Kind::value, field.id, layout.name, field});
-    for (const auto &[id, record] : observe::record_elements) {
+    for (const auto &[id, record, rest] : observe::record_elements) {
         Field field{.record = record->name, .name = record->name, .id = id};
         field.width = record->size;
         field.layout = record->name;

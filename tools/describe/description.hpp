@@ -35,6 +35,7 @@ struct Layout {
     std::string name;
     uint32_t size;
     std::vector<Field> fields;
+    std::string rest{}; // layout of the records behind it, as many as there is room for
 };
 
 struct Element {

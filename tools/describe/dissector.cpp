@@ -44,7 +44,7 @@ std::string print_layout(const Layout &layout)
     std::string text = fmt::format("    {} = {{size = {}, fields = {{\n", layout.name, layout.size);
     for (const Field &field : layout.fields)
         text += fmt::format("        {{offset = {}, {}}},\n", field.offset, print_field(field));
-    return text + "    }},\n";
+    return text + fmt::format("    }}{}}},\n", layout.rest.empty() ? "" : fmt::format(", rest = \"{}\"", layout.rest));
 }
 
 } // namespace

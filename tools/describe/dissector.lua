@@ -110,6 +110,11 @@ function add_layout(tree, name, range)
             add_items(sub, f, range:range(f.offset, f.width * f.count))
         end
     end
+    local at, step = layout.size, layout.rest and LAYOUTS[layout.rest].size
+    while step and at + step <= range:len() do
+        add_layout(sub, layout.rest, range:range(at, step))
+        at = at + step
+    end
     if range:len() < layout.size then
         sub:add_proto_expert_info(truncated, "the record " .. name .. " has " .. layout.size .. " bytes")
     end
@@ -268,8 +273,25 @@ function zel.dissector(buffer, pinfo, tree)
     return range:len()
 end
 
+-- Messages in several packets: those that are not whole yet, by subject and token; and
+-- whole ones, by the place of their last packet. A capture is read more than once.
+local unfinished, finished = {}, {}
+function zel.init() unfinished, finished = {}, {} end
+
+-- The whole message, when this packet is its last one.
+local function reassemble(payload, total, offset, message, place)
+    if finished[place] then return finished[place] end
+    local bytes = offset == 0 and ByteArray.new() or unfinished[message]
+    if not bytes or bytes:len() ~= offset then return end
+    bytes:append(payload:bytes())
+    unfinished[message] = bytes
+    if bytes:len() < total then return end
+    unfinished[message], finished[place] = nil, bytes
+    return bytes
+end
+
 -- A packet of the transport: its header, and a message or a part of one.
-local function dissect_frame(tree, range)
+local function dissect_frame(tree, range, subject, place)
     local size = LAYOUTS.frame.size
     add_layout(tree, "frame", range:range(0, math.min(size, range:len())))
     if range:len() < size then return "truncated packet" end
@@ -278,7 +300,12 @@ local function dissect_frame(tree, range)
     local payload = rest_of(range, size)
     if payload and (offset ~= 0 or payload:len() < total) and number(range:range(6, 2)) ~= 0 then
         tree:add(fields.payload, payload)
-        return request_name(nil, opcode) .. ", " .. payload:len() .. " of " .. total .. " bytes from " .. offset
+        local message = subject .. " " .. number(range:range(8, 4))
+        local whole = reassemble(payload, total, offset, message, place)
+        if not whole then
+            return request_name(nil, opcode) .. ", " .. payload:len() .. " of " .. total .. " bytes from " .. offset
+        end
+        payload = whole:tvb("Whole message"):range()
     end
     return dissect_payload(tree, payload, kind, opcode, total)
 end
@@ -329,7 +356,7 @@ local function dissect_command(buffer, pinfo, tree, at)
         local range = buffer(behind + headers, total - headers)
         if has_magic(range, FRAME_MAGIC) then
             pinfo.cols.protocol = "ZEL"
-            pinfo.cols.info = dissect_frame(sub:add(zel, range), range)
+            pinfo.cols.info = dissect_frame(sub:add(zel, range), range, subject, pinfo.number .. " " .. at)
         end
     end
     return behind + total + 2

@@ -140,7 +140,7 @@ std::string print_layout(const Layout &layout)
                             field.offset, field.width, field.count, name_of(field.format), field.layout,
                             field.is_array ? "True" : "False", field.is_signed ? "True" : "False",
                             print_names(field.names));
-    return text + "    )),\n";
+    return text + fmt::format("    ){}),\n", layout.rest.empty() ? "" : fmt::format(", \"{}\"", layout.rest));
 }
 
 std::string print_layouts()

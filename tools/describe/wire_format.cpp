@@ -74,7 +74,7 @@ constexpr const char *about_service = R"(
 ## The service's own requests
 
 The payload is an array; each of these records is the value of one element. Opcodes and rules are in
-[service.md](service.md) and [observe.md](observe.md).
+[service.md](service.md), [operators.md](operators.md) and [observe.md](observe.md).
 )";
 
 constexpr const char *about_transport = R"(
@@ -159,6 +159,8 @@ std::string print_layout(const Layout &layout, bool has_elements)
 {
     std::string text =
         fmt::format("\n### {}\n\n{}", layout.name, has_elements ? "" : fmt::format("{} bytes.\n", layout.size));
+    if (layout.fields.empty())
+        return fmt::format("\n### {}\n\nBytes of messages, which may begin and end in other elements.\n", layout.name);
     text += has_elements ? table_head + 1 : layout_head;
     for (const Field &field : layout.fields) {
         const std::string bytes = field.is_array     ? ""
@@ -168,12 +170,25 @@ std::string print_layout(const Layout &layout, bool has_elements)
         text += row(std::to_string(has_elements ? field.id : field.offset), fmt::format("`{}`", field.name), bytes,
                     format, field.layout.empty() ? notes(field) : fmt::format("`{}`", field.layout));
     }
+    if (!layout.rest.empty())
+        text += fmt::format("\nRecords `{}` follow, to the end of the element.\n", layout.rest);
     return text;
 }
 
 const Layout &named(const std::vector<Layout> &all, std::string_view name)
 {
     return *std::ranges::find(all, name, &Layout::name);
+}
+
+// An element whose value is a record, and the record behind that if no other element has it.
+std::string print_element(const Element &element, const std::vector<Layout> &whole)
+{
+    const Layout &layout = named(whole, element.record);
+    std::string text = fmt::format("\nElement {}:\n", element.id) + print_layout(layout, false);
+    const auto is_of_rest = [&](const Element &other) { return other.record == layout.rest; };
+    if (!layout.rest.empty() && std::ranges::none_of(elements(), is_of_rest))
+        text += print_layout(named(whole, layout.rest), false);
+    return text;
 }
 
 // ---- Golden messages
@@ -241,7 +256,7 @@ std::string print_wire_format(const std::vector<std::string> &golden_files)
     text += about_service;
     for (const Element &element : elements())
         if (!element.field.layout.empty() && element.field.layout == element.record)
-            text += fmt::format("\nElement {}:\n", element.id) + print_layout(named(whole, element.record), false);
+            text += print_element(element, whole);
     text += about_transport + print_layout(named(whole, "frame"), false);
     text += about_captures + print_layout(named(whole, "capture"), false);
     text += about_golden;

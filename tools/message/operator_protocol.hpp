@@ -67,7 +67,7 @@ struct ListRequest {
 constexpr uint32_t list_flag_all = 1;
 
 struct Summary {
-    uint64_t revision; // another one after each change; never one that the policy had before
+    uint64_t revision; // equal ones mean equal policies; never 0
     uint32_t op_mode;
     uint32_t app_type; // inside the policy
     uint32_t bytes;    // of the message that creates the policy

@@ -5,6 +5,7 @@
 #include "tools/observe/protocol.hpp"
 
 #include "reference/kob/frame.hpp"
+#include "tools/message/operator_protocol.hpp"
 #include "tools/message/packet_record.hpp"
 #include "wire/records.hpp"
 
@@ -61,6 +62,80 @@ inline constexpr Member show_request_members[] = {
     OBSERVE_FIELD(service::ShowRequest, policy_id, number),
 };
 OBSERVE_RECORD(service::ShowRequest, show_request);
+
+// A packet's header follows, see record_elements.
+inline constexpr Member explain_request_members[] = {
+    OBSERVE_FIELD(service::ExplainRequest, app_type, number),
+    OBSERVE_FIELD(service::ExplainRequest, policy_id, number),
+};
+inline constexpr Record explain_request_record{
+    "explain_request", "", 0, 0, offsetof(service::ExplainRequest, packet), explain_request_members};
+
+inline constexpr Member reason_members[] = {
+    OBSERVE_FIELD(service::Reason, policy_id, number),
+    OBSERVE_FIELD(service::Reason, pair_id, number),
+    OBSERVE_FIELD(service::Reason, match_id, number),
+    OBSERVE_FIELD(service::Reason, verdict, number),
+    OBSERVE_FIELD(service::Reason, field, number),
+    OBSERVE_FIELD(service::Reason, found, hexadecimal),
+    OBSERVE_FIELD(service::Reason, wanted, hexadecimal),
+    OBSERVE_FIELD(service::Reason, mask, hexadecimal),
+    OBSERVE_FIELD(service::Reason, last, number),
+    OBSERVE_FIELD(service::Reason, num_elements, number),
+    OBSERVE_FIELD(service::Reason, label_length, number),
+    OBSERVE_FIELD(service::Reason, label, text),
+};
+OBSERVE_RECORD(service::Reason, reason);
+
+inline constexpr Member list_request_members[] = {
+    OBSERVE_FIELD(service::ListRequest, app_type, number),
+    OBSERVE_FIELD(service::ListRequest, first_id, number),
+    OBSERVE_FIELD(service::ListRequest, most, number),
+    OBSERVE_FIELD(service::ListRequest, flags, hexadecimal),
+};
+OBSERVE_RECORD(service::ListRequest, list_request);
+
+inline constexpr Member summary_members[] = {
+    OBSERVE_FIELD(service::Summary, revision, number),
+    OBSERVE_FIELD(service::Summary, op_mode, number),
+    OBSERVE_FIELD(service::Summary, app_type, number),
+    OBSERVE_FIELD(service::Summary, bytes, number),
+    OBSERVE_FIELD(service::Summary, policy_id, number),
+    OBSERVE_FIELD(service::Summary, version, number),
+    OBSERVE_FIELD(service::Summary, num_pairs, number),
+    OBSERVE_FIELD(service::Summary, num_interfaces, number),
+    OBSERVE_FIELD(service::Summary, application, number),
+};
+OBSERVE_RECORD(service::Summary, summary);
+
+inline constexpr Member change_request_members[] = {
+    OBSERVE_FIELD(service::ChangeRequest, app_type, number),
+    OBSERVE_FIELD(service::ChangeRequest, flags, hexadecimal),
+    OBSERVE_FIELD(service::ChangeRequest, num_expected, number),
+};
+OBSERVE_RECORD(service::ChangeRequest, change_request);
+
+inline constexpr Member expected_members[] = {
+    OBSERVE_FIELD(service::Expected, revision, number),
+    OBSERVE_FIELD(service::Expected, policy_id, number),
+};
+OBSERVE_RECORD(service::Expected, expected);
+
+inline constexpr Member policy_frame_members[] = {
+    OBSERVE_FIELD(service::PolicyFrame, op_mode, number),
+    OBSERVE_FIELD(service::PolicyFrame, app_type, number),
+    OBSERVE_FIELD(service::PolicyFrame, policy_id, number),
+    OBSERVE_FIELD(service::PolicyFrame, version, number),
+};
+OBSERVE_RECORD(service::PolicyFrame, policy_frame);
+
+inline constexpr Member pair_id_members[] = {
+    zel::wire::field(0, 0, sizeof(uint16_t), "pair_id", "", Format::number),
+};
+inline constexpr Record pair_id_record{"pair_id", "", 0, 0, sizeof(uint16_t), pair_id_members};
+
+// Bytes of messages, which may begin and end in other elements.
+inline constexpr Record message_part_record{"message_part", "", 0, 0, 0, {}};
 
 inline constexpr Member status_members[] = {
     OBSERVE_FIELD(Status, fingerprint, hexadecimal),
@@ -124,14 +199,22 @@ OBSERVE_RECORD(WatchAnswer, watched);
 #undef OBSERVE_FIELD
 #undef OBSERVE_RECORD
 
-// Elements whose value is a record.
+// Elements whose value is a record, and others behind it to the value's end.
 struct RecordElement {
     uint16_t id;
     const Record *record;
+    const Record *rest = nullptr;
 };
 inline constexpr RecordElement record_elements[] = {
     {service::element_show, &show_request_record},
     {service::element_packet, &tools::packet_header},
+    {service::element_explain, &explain_request_record, &tools::packet_header},
+    {service::element_reason, &reason_record},
+    {service::element_list, &list_request_record},
+    {service::element_summary, &summary_record},
+    {service::element_change, &change_request_record, &expected_record},
+    {service::element_message, &message_part_record},
+    {service::element_frame, &policy_frame_record, &pair_id_record},
     {element_status, &status_record},
     {element_client, &client_record},
     {element_application, &application_record},

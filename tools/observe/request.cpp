@@ -21,10 +21,9 @@ std::string_view name_in(tools::Names names, uint32_t value)
 
 uint32_t kind_of_opcode(uint32_t opcode)
 {
-    if (opcode == service::opcode_show)
-        return kind_show;
-    if (opcode == service::opcode_traffic)
-        return kind_traffic;
+    const auto *const found = std::ranges::find(own_requests, opcode, &OwnRequest::opcode);
+    if (found != std::ranges::end(own_requests))
+        return found->kind;
     return is_about_observation(opcode) ? kind_observation : kind_unknown;
 }
 
@@ -61,12 +60,11 @@ bool read_header(ByteView payload, zel_kob_header_t &header)
 
 std::string_view kind_name(uint32_t kind)
 {
-    if (kind == kind_show)
-        return "show";
-    if (kind == kind_traffic)
-        return "traffic";
     if (kind == kind_observation)
         return "observation";
+    if (const auto *const own = std::ranges::find(own_requests, kind, &OwnRequest::kind);
+        own != std::ranges::end(own_requests))
+        return own->name;
     const std::string_view name = name_in(tools::request_kind_names, kind);
     return name.empty() ? "unknown" : name;
 }

@@ -1,4 +1,5 @@
 // zelagent: brings the service of this machine to the policies of its groups.
+#include "tools/completion/completion.hpp"
 #include "tools/fleet/commit.hpp"
 #include "tools/zelagent/agent.hpp"
 
@@ -110,6 +111,7 @@ ExitCode run_command_line(int argc, char **argv)
     CLI::App app("Brings the service of this machine to the policies of its groups, and reports.", "zelagent");
     Arguments arguments;
     add_options(app, arguments);
+    tools::add_completion_option(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -1,4 +1,5 @@
 // zelctl: the command line client of the policy service.
+#include "tools/completion/completion.hpp"
 #include "tools/fleet/store.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/tracing.hpp"
@@ -120,6 +121,7 @@ int run_command_line(int argc, char **argv)
     add_status_command(line);
     add_capture_commands(line);
     add_replay_command(line);
+    tools::add_completion_option(app);
     const std::vector<std::string> words(argv + 1, argv + argc);
     const bool as_json = std::ranges::find(words, "--json") != words.end();
     if (const std::string unknown = unknown_command(app, words); !unknown.empty())

@@ -50,7 +50,8 @@ void ChangeJob::read_head(const void *value, uint16_t length)
 void ChangeJob::read_frame(const void *value, uint16_t length)
 {
     std::span<const unsigned char> bytes(static_cast<const unsigned char *>(value), length);
-    Frame frame{take<service::PolicyFrame>(bytes, "the frame of a policy"), {}};
+    Frame frame{.checksum = checksum(bytes)};
+    frame.fields = take<service::PolicyFrame>(bytes, "the frame of a policy");
     while (!bytes.empty())
         frame.order.push_back(take<uint16_t>(bytes, "a pair id"));
     split_messages();

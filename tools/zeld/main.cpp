@@ -1,4 +1,5 @@
 // zeld: a stand-in for the zel policy service, for development and tests.
+#include "tools/completion/completion.hpp"
 #include "tools/message/tracing.hpp"
 #include "tools/observe/fingerprint.hpp"
 #include "tools/transport/nats_options.hpp"
@@ -302,6 +303,7 @@ ExitCode run_command_line(int argc, char **argv)
     Options options;
     options.observer.program = "zeld " ZELD_VERSION;
     add_options(app, options);
+    tools::add_completion_option(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

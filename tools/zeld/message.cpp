@@ -1,6 +1,7 @@
 #include "tools/zeld/message.hpp"
 
 #include "tools/message/tracing.hpp"
+#include "tools/zeld/checksum.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/policy.hpp"
 #include "zel-platform/tlv_check.h"
@@ -73,6 +74,7 @@ Request read_request(const void *array, bool is_strict)
     Request request{read.header, AnyGraph(read.object, FreeAnyGraph{read.mat_type})};
     if (read.unknown_elements == 0)
         request.message = bytes_of(array);
+    request.checksum = checksum(bytes_of(array));
     return request;
 }
 

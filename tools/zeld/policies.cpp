@@ -3,7 +3,6 @@
 #include "tools/zeld/update.hpp"
 
 #include <set>
-#include <time.h>
 
 namespace zeld {
 
@@ -14,17 +13,6 @@ using service::error_limit;
 using service::error_malformed;
 using service::error_not_found;
 using service::error_unsupported;
-
-// Tells the versions of policies apart, also those of an earlier run of the service.
-uint64_t next_revision()
-{
-    static uint64_t revision = [] {
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
-        return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
-    }();
-    return ++revision;
-}
 
 // Rows of updates may take as much work to read as the policy has bytes, or as this.
 constexpr std::size_t least_work = 4096;
@@ -89,7 +77,7 @@ void Policies::load_row(const PolicyKey &key, uint32_t number, Bytes message)
         policy->rows.work += message.size() + budget.steps();
         update_policy(*policy, request.header.api_type, request.header.op_code, request.object.get());
     }
-    policy->revision = next_revision();
+    policy->revise(request.checksum);
     policies_[key] = std::move(policy);
 }
 
@@ -194,6 +182,7 @@ void Policies::stage_frame(Staged &staged, uint32_t app_type, const Frame &frame
     if (store_ != nullptr) // which gets the whole policy
         Budget::step(policy->encoded_size() / bytes_of_step);
     policy->set_frame(frame.fields, frame.order);
+    policy->revise(frame.checksum);
     stage_version(staged, key, std::move(policy), {}, 0, false);
 }
 
@@ -206,29 +195,30 @@ void Policies::stage(Staged &staged, const Request &request, const Budget &budge
     switch (header.api_type) {
     case ZEL_API_POLICY_LIST_UPDATE:
         for (const zel_policy_t *const policy : members(*static_cast<const zel_policy_list_t *>(request.object.get())))
-            stage_whole(staged, header, *policy, {});
+            stage_whole(staged, request, *policy, {});
         return;
     case ZEL_API_POLICY_UPDATE: {
         const auto &policy = *static_cast<const zel_policy_t *>(request.object.get());
         if (policy.id != header.policy_id)
             throw Refusal(error_malformed, "the header names policy {} and the message carries policy {}",
                           header.policy_id, policy.id);
-        return stage_whole(staged, header, policy, request.message);
+        return stage_whole(staged, request, policy, request.message);
     }
     default:
         return stage_part(staged, request, budget);
     }
 }
 
-void Policies::stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &given,
+void Policies::stage_whole(Staged &staged, const Request &request, const zel_policy_t &given,
                            std::span<const unsigned char> message) const
 {
-    const PolicyKey key{header.app_type, given.id};
+    const PolicyKey key{request.header.app_type, given.id};
     if (staged.policies.contains(key))
         throw Refusal(error_conflict, "the list has more than one policy {}", given.id);
-    if (header.op_code == service::op_code_remove)
+    if (request.header.op_code == service::op_code_remove)
         return stage_removal(staged, key);
     auto policy = std::make_shared<Policy>(given);
+    policy->revise(request.checksum);
     if (!message.empty())
         policy->message = std::make_shared<const Bytes>(message.begin(), message.end());
     stage_version(staged, key, std::move(policy), {}, 0, false);
@@ -240,6 +230,7 @@ void Policies::stage_part(Staged &staged, const Request &request, const Budget &
     const PolicyKey key{header.app_type, header.policy_id};
     auto policy = std::make_shared<Policy>(*get(key));
     update_policy(*policy, header.api_type, header.op_code, request.object.get());
+    policy->revise(request.checksum);
     stage_version(staged, key, std::move(policy), Bytes(request.message.begin(), request.message.end()),
                   request.message.size() + budget.steps(), header.op_code == service::op_code_remove);
 }
@@ -249,7 +240,6 @@ void Policies::stage_part(Staged &staged, const Request &request, const Budget &
 void Policies::stage_version(Staged &staged, const PolicyKey &key, std::shared_ptr<Policy> policy, Bytes row,
                              uint64_t work, bool frees) const
 {
-    policy->revision = next_revision();
     const std::size_t size = policy->encoded_size();
     if (size > limits_.max_policy)
         throw Refusal(error_limit, "policy {} would take {} bytes, and an answer has room for {}: raise --max-message",

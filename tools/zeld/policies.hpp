@@ -16,6 +16,7 @@ namespace zeld {
 struct Frame {
     service::PolicyFrame fields{};
     std::vector<uint16_t> order{};
+    uint64_t checksum = 0;
 };
 
 // Changes that are made in order, all or none.
@@ -77,7 +78,7 @@ private:
 
     void load_row(const PolicyKey &key, uint32_t number, Bytes message);
     void stage(Staged &staged, const Request &request, const Budget &budget) const;
-    void stage_whole(Staged &staged, const zel_kob_header_t &header, const zel_policy_t &given,
+    void stage_whole(Staged &staged, const Request &request, const zel_policy_t &given,
                      std::span<const unsigned char> message) const;
     void stage_part(Staged &staged, const Request &request, const Budget &budget) const;
     void stage_version(Staged &staged, const PolicyKey &key, std::shared_ptr<Policy> policy, Bytes row, uint64_t work,

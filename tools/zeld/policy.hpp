@@ -5,6 +5,7 @@
 
 #include "tools/classify/classifier.hpp"
 #include "tools/message/operator_protocol.hpp"
+#include "tools/zeld/checksum.hpp"
 #include "tools/zeld/id_map.hpp"
 #include "tools/zeld/message.hpp"
 #include "tools/zeld/objects.hpp"
@@ -64,8 +65,11 @@ public:
     // The message that created the policy, while no part of it was changed; or null.
     std::shared_ptr<const Bytes> message{};
     Rows rows{};
-    // Another number for each version.
+    // Follows from the messages that made this version, so that equal numbers mean equal
+    // versions, in every run of the service. Never 0.
     uint64_t revision = 0;
+    // Another message has made this version of the one that had the revision until now.
+    void revise(uint64_t checksum_of_message) { revision = std::max<uint64_t>(mix(revision, checksum_of_message), 1); }
 
     // Compiled when it is first asked for.
     const Classifier &classifier() const { return compiled().classifier; }

@@ -1,5 +1,6 @@
 #include "tools/zeld/store.hpp"
 
+#include "tools/zeld/checksum.hpp"
 #include "tools/zeld/log.hpp"
 
 #include <cstdio>
@@ -51,13 +52,6 @@ bool is_own(const std::string &path)
     return is_whole && number_at(version_at) == format_version && number_at(application_at) == application_id;
 }
 
-// Each step is a bijection of the sum, so that any change of one word changes the result.
-uint64_t mix(uint64_t sum, uint64_t word)
-{
-    sum = (sum ^ word) * 0x9e3779b97f4a7c15;
-    return sum ^ sum >> 32;
-}
-
 uint64_t checksum_of(int64_t sequence, int64_t rows, uint64_t sum)
 {
     return mix(mix(mix(0, static_cast<uint64_t>(sequence)), static_cast<uint64_t>(rows)), sum);
@@ -67,13 +61,7 @@ uint64_t checksum_of(int64_t sequence, int64_t rows, uint64_t sum)
 
 uint64_t row_checksum(const PolicyKey &key, uint32_t number, std::span<const unsigned char> content)
 {
-    uint64_t sum = mix(mix(mix(mix(0, key.app_type), key.id), number), content.size());
-    for (; !content.empty(); content = content.subspan(std::min<std::size_t>(content.size(), sizeof(uint64_t)))) {
-        uint64_t word = 0;
-        std::memcpy(&word, content.data(), std::min(content.size(), sizeof word));
-        sum = mix(sum, word);
-    }
-    return sum;
+    return checksum(content, mix(mix(mix(0, key.app_type), key.id), number));
 }
 
 // ---- Opening

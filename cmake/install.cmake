@@ -1,4 +1,4 @@
-# What is installed: components runtime, development, tools and docs.
+# What is installed: components runtime, development, tools, python and docs.
 #
 # libzel.so and libzel-platform.so do not need each other by name: a program links both, or
 # libzel and a platform of its own.
@@ -77,6 +77,14 @@ if(tools)
     install(FILES packaging/systemd/zeld.service packaging/systemd/zelagent.service
         DESTINATION lib/systemd/system COMPONENT tools)
     install(FILES packaging/systemd/zel.conf DESTINATION lib/sysusers.d COMPONENT tools)
+endif()
+
+# ---- For other programs: the dissector, where Wireshark looks for plugins, and the Python package
+
+if(ZEL_INSTALL_COMMON)
+    install(FILES wireshark/zel.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tools)
+    install(DIRECTORY python/zel DESTINATION lib/python3/dist-packages COMPONENT python
+        PATTERN __pycache__ EXCLUDE)
 endif()
 
 # ---- Completion, printed by the tools

@@ -22,6 +22,7 @@ function(add_whole_library name)
         target_compile_definitions(${name}_${library} PRIVATE
             ZEL_INLINE_ELEMENTS="reference/tlv/array.hpp" ${ARGN})
         set_target_properties(${name}_${library} PROPERTIES
+            UNITY_BUILD OFF
             CXX_VISIBILITY_PRESET hidden
             VISIBILITY_INLINES_HIDDEN ON)
         list(APPEND objects $<TARGET_OBJECTS:${name}_${library}>)

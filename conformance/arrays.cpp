@@ -9,7 +9,6 @@
 namespace zel::conformance {
 namespace {
 
-constexpr uint32_t overhead = 4;
 constexpr uint32_t element_room = UINT16_MAX + 64U; // for an element of any length
 constexpr std::size_t two_elements = std::size_t{2} * element_room;
 

@@ -11,6 +11,8 @@
 
 namespace zel::conformance {
 
+constexpr uint32_t overhead = 4; // bytes of an array before its elements, and of an element before its value
+
 enum class State : uint32_t {
     kept,
     advised,   // no duty is broken, but the port can do better

@@ -10,8 +10,7 @@
 namespace zel::conformance {
 namespace {
 
-constexpr uint32_t overhead = 4;
-constexpr uint32_t max_entries = 300;
+constexpr uint32_t most_results = 300;
 
 const void *const table = &zel_stat_results_tbl;
 
@@ -43,7 +42,7 @@ struct Sample {
     bool write_all() { return write(overhead + elements_size) == 0; }
 
     zel_stat_result_entry_t *entries =
-        static_cast<zel_stat_result_entry_t *>(std::calloc(max_entries, sizeof(zel_stat_result_entry_t)));
+        static_cast<zel_stat_result_entry_t *>(std::calloc(most_results, sizeof(zel_stat_result_entry_t)));
     GuardedBlock block;
     zel_stat_results_t results;
     uint32_t elements_size = 0;
@@ -103,7 +102,7 @@ template <class Visit> Outcome for_each_field(Visit visit)
 
 Outcome check_converter_records()
 {
-    for (const uint32_t count : {0U, 1U, 3U, max_entries}) {
+    for (const uint32_t count : {0U, 1U, 3U, most_results}) {
         now("results with %u entries", count);
         Sample sample(count);
         if (!sample.write_all())
@@ -121,12 +120,12 @@ Outcome check_converter_records()
             return broken("%s: came back different", progress->doing);
         std::free(read);
     }
-    return kept("results with 0 to %u entries came back in one block", max_entries);
+    return kept("results with 0 to %u entries came back in one block", most_results);
 }
 
 Outcome check_converter_size()
 {
-    for (const uint32_t count : {0U, 1U, max_entries}) {
+    for (const uint32_t count : {0U, 1U, most_results}) {
         now("results with %u entries", count);
         Sample sample(count);
         if (!sample.write_all())

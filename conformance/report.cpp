@@ -99,10 +99,10 @@ void Report::add(const Duty &duty, const Outcome &outcome)
     }
 }
 
-void Report::add(std::span<const OptionalSymbol> symbols)
+void Report::add(std::span<const OptionalSymbol> optional)
 {
     begin_list("optional");
-    for (const OptionalSymbol &symbol : symbols) {
+    for (const OptionalSymbol &symbol : optional) {
         if (is_json_) {
             begin_item();
             print_member("name", symbol.name);

@@ -11,7 +11,7 @@ public:
     explicit Report(bool is_json);
 
     void add(const Duty &duty, const Outcome &outcome);
-    void add(std::span<const OptionalSymbol> symbols);
+    void add(std::span<const OptionalSymbol> optional);
     void add(std::span<const Speed> speeds, double plain_loop);
     void end();
 

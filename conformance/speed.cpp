@@ -107,15 +107,15 @@ double time_size()
 
 // ---- Tree
 
-constexpr uint32_t max_entries = 65536;
+constexpr uint32_t largest_tree = 65536;
 ravl_tree_t tree;
-zel_mat_cache_entry_t entries[max_entries];
+zel_mat_cache_entry_t entries[largest_tree];
 
 void empty_tree()
 {
     std::memset(entries, 0, sizeof entries);
     (void)ravl_init(&tree, sizeof(zel_mat_cache_key_t), offsetof(zel_mat_cache_entry_t, key), zel_mat_cache_comp_func);
-    for (uint32_t i = 0; i < max_entries; ++i) {
+    for (uint32_t i = 0; i < largest_tree; ++i) {
         entries[i].key.mat_type = ZEL_MAT_TYPE_MATCH;
         entries[i].key.mat_id = static_cast<uint16_t>(i);
     }
@@ -154,7 +154,7 @@ double time_insert()
     return least(message_entries, empty_tree, [] { fill_tree(message_entries); });
 }
 double time_lookup_few() { return time_lookups(64); }
-double time_lookup_many() { return time_lookups(max_entries); }
+double time_lookup_many() { return time_lookups(largest_tree); }
 double time_delete()
 {
     return least(

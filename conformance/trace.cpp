@@ -95,11 +95,11 @@ Outcome check_trace_threads() { return unchecked("this program has one thread; a
 
 Outcome check_heartbeat()
 {
-    constexpr uint32_t calls = 100000;
-    now("%u heartbeats", calls);
-    for (uint32_t i = 0; i < calls; ++i)
+    constexpr uint32_t num_beats = 100000;
+    now("%u heartbeats", num_beats);
+    for (uint32_t i = 0; i < num_beats; ++i)
         fu_keeper_update_and_send_heartbeat(0);
-    return kept("%u calls came back", calls);
+    return kept("%u calls came back", num_beats);
 }
 
 } // namespace zel::conformance

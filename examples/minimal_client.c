@@ -15,7 +15,7 @@ static void print_report(const char *format, ...)
 
 int main(int argc, char **argv)
 {
-    const char *address = argc > 1 ? argv[1] : "unix:/run/zel.sock";
+    const char *address = argc > 1 ? argv[1] : "unix:/run/zel/zel.sock";
     int32_t error = KOB_OK;
     uint32_t kob = kob_open(address, NULL, &error);
     kob_msg_t *msg = kob_msg_alloc();

@@ -16,7 +16,7 @@ static void serve(zel_request_t *request)
 
 int main(int argc, char **argv)
 {
-    const char *address = argc > 1 ? argv[1] : "unix:/run/zel.sock";
+    const char *address = argc > 1 ? argv[1] : "unix:/run/zel/zel.sock";
     int32_t error = KOB_OK;
     kob_service_t *service = kob_service_open(address, NULL, &error);
     kob_msg_t *msg = kob_msg_alloc();

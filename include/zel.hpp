@@ -3,7 +3,7 @@
 //     zel::Policy policy{7};
 //     policy.pairs.push_back({{zel::tcp().from("10.0.0.0/8").to_ports(8000, 8080)}, {zel::set_vrf(100)}});
 //
-//     auto client = zel::Client::open("unix:/run/zel.sock");
+//     auto client = zel::Client::open("unix:/run/zel/zel.sock");
 //     if (!client)
 //         return complain(client.error());
 //     if (auto answer = client->set(policy); !answer)

@@ -106,12 +106,17 @@ class Dissector(unittest.TestCase):
             ({"kind": 2, "number": 1}, answer(statistics())),
             ({"kind": 2, "number": 2}, answer(error=3, text=b"no \x1b[31m such policy")),
             ({"opcode": 0x1CC12}, zel.array(zel.element(201, write_record("show_request", app_type=5, policy_id=9)))),
+            ({"opcode": 0x1CC1A}, zel.array(
+                zel.element(207, write_record("change_request", num_expected=2) + write_record("expected", policy_id=8)
+                            + write_record("expected", policy_id=11))
+                + zel.element(208, b"\1\2\3")
+                + zel.element(209, write_record("policy_frame", policy_id=8) + struct.pack("<3H", 3, 1, 2)))),
         ])
         for display_filter, expected in (
             ("zel.match_service_element.sip == 160.161.162.4", 1), ("zel.capture.pid == 77", 1),
             ("zel.stat_result_entry.ids == 7 && zel.stats.counter1 == 1099511627776", 1), ("zel.response.error == 3", 1),
             ("zel.response.retval == -1", 1), ("zel.refused", 1), ("zel.show_request.policy_id == 9", 1),
-            ("zel.capture.kind == 2", 2), ("zel.truncated || zel.malformed || zel.unknown", 0),
+            ("zel.capture.kind == 2", 2), ("zel.expected.policy_id == 11 && zel.pair_id.pair_id == 2", 1), ("zel.truncated || zel.malformed || zel.unknown", 0),
             ("zel.reference.mat_id == 0", 1)):
             self.assertEqual(count(data, display_filter), expected, display_filter)
         text = tshark(data)
@@ -134,6 +139,15 @@ class Dissector(unittest.TestCase):
         self.assertEqual(count(data, 'zel.nats.subject == "zel.node"', suffix=".pcap"), 3)
         self.assertEqual(count(data, "zel.kob_header.api_type == 1", suffix=".pcap"), 2)
         self.assertEqual(count(data, "zel.frame.offset == 4000", suffix=".pcap"), 1)
+        # A message in parts is shown with its last one, among parts of another.
+        stream = b""
+        for token, offset in ((5, 0), (6, 0), (5, 300), (6, 300)):
+            whole = message if token == 5 else bytes(len(message))
+            part = write_record("frame", magic=0x4B4F4201, kind=1, in_parts=1, token=token, opcode=0x1CC04,
+                                total=len(whole), offset=offset) + (whole[:300] if offset == 0 else whole[300:])
+            stream += b"PUB zel.node %d\r\n%s\r\n" % (len(part), part)
+        data = tcp_capture([stream])
+        self.assertEqual(count(data, "zel.kob_header.api_type == 1", suffix=".pcap"), 1)
 
 
 if __name__ == "__main__":

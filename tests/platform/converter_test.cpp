@@ -9,7 +9,7 @@ namespace {
 
 using Entry = zel_stat_result_entry_t;
 using Block = std::shared_ptr<zel_stat_results_t>;
-const void *const table = &zel_stat_results_tbl;
+const void *const results_table = &zel_stat_results_tbl;
 
 std::vector<Entry> some_entries(uint32_t count)
 {
@@ -35,7 +35,7 @@ Bytes encode(std::vector<Entry> entries)
 int32_t decode(const Bytes &body, Block &block)
 {
     void *record = &block; // not null, so that a slot left as it was is seen
-    const int32_t code = tlvu_table_convert_tlv_to_struct(&record, body.data(), 0, table, 0);
+    const int32_t code = tlvu_table_convert_tlv_to_struct(&record, body.data(), 0, results_table, 0);
     block.reset(static_cast<zel_stat_results_t *>(record), std::free);
     EXPECT_EQ(code == TLVU_OK, block != nullptr);
     return code;
@@ -57,7 +57,7 @@ TEST(Converter, RecordsComeBackInOneBlock)
         for (const std::size_t room : {needed, needed - 1}) { // the caller's
             Bytes bytes(room, 0xee);
             void *record = bytes.data();
-            EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, body.data(), room, table, 1),
+            EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, body.data(), room, results_table, 1),
                       room == needed ? TLVU_OK : TLVU_NO_ROOM);
             EXPECT_EQ(bytes[0], room == needed ? 9 : 0xee);
         }
@@ -131,10 +131,10 @@ TEST(Converter, MissingPointersAreNamed)
 {
     const Bytes body = encode({});
     void *record = nullptr;
-    EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, body.data(), 1000, table, 1), TLVU_ARGUMENT);
+    EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, body.data(), 1000, results_table, 1), TLVU_ARGUMENT);
     for (const uintptr_t caller_owned : {0U, 1U})
-        EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, nullptr, 1000, table, caller_owned), TLVU_ARGUMENT);
-    EXPECT_EQ(tlvu_field_itr_init(&record, nullptr, 0, table, 0, 0), TLVU_ARGUMENT);
+        EXPECT_EQ(tlvu_table_convert_tlv_to_struct(&record, nullptr, 1000, results_table, caller_owned), TLVU_ARGUMENT);
+    EXPECT_EQ(tlvu_field_itr_init(&record, nullptr, 0, results_table, 0, 0), TLVU_ARGUMENT);
 }
 
 TEST(Converter, WritesAllOrNothing)
@@ -144,7 +144,7 @@ TEST(Converter, WritesAllOrNothing)
     zel_stat_results_t record{9, 2, entries.data()};
     Bytes body;
     const auto write = [&] {
-        return tlvu_table_convert_struct_to_tlv(body.data(), body.size(), table, &record, nullptr, 0, 0);
+        return tlvu_table_convert_struct_to_tlv(body.data(), body.size(), results_table, &record, nullptr, 0, 0);
     };
     EXPECT_EQ(write(), TLVU_ARGUMENT);
     for (body.resize(1); body.size() < size; body.push_back(0)) {
@@ -160,7 +160,7 @@ std::vector<uint16_t> iterate(const Bytes &body, uint16_t element)
     tlvu_itr_t itr;
     tlvu_field_t field;
     std::vector<uint16_t> reached;
-    EXPECT_EQ(tlvu_field_itr_init(&itr, body.data(), body.size() - 1, table, 0, element), TLVU_DAMAGED);
+    EXPECT_EQ(tlvu_field_itr_init(&itr, body.data(), body.size() - 1, results_table, 0, element), TLVU_DAMAGED);
     EXPECT_EQ(zel_stat_results_field_itr_init(&itr, body.data(), body.size(), 0, element), TLVU_OK);
     int32_t code = TLVU_OK;
     while ((code = zel_stat_results_field_get_next(&itr, &field)) == TLVU_OK) {

@@ -15,7 +15,7 @@ using namespace test;
 
 namespace {
 
-const std::string file = "rules";
+const std::string rules_file = "rules";
 
 zel_action_t vrf_action(uint16_t id)
 {
@@ -109,9 +109,9 @@ TEST(Classbench, ThePolicyMatchesWhatTheRulesMatch)
         std::string text;
         for (int i = 0; i < 25; ++i)
             text += random.line();
-        const std::vector<Rule> rules = read_classbench(text, file);
+        const std::vector<Rule> rules = read_classbench(text, rules_file);
         ASSERT_EQ(rules.size(), 25u);
-        const tools::Graph policy = make_policy(rules, 1, 0, {vrf_action(1)}, file);
+        const tools::Graph policy = make_policy(rules, 1, 0, {vrf_action(1)}, rules_file);
         for (int i = 0; i < 500; ++i) {
             const Packet packet = random.packet();
             const auto expected = first_rule(rules, packet);
@@ -127,7 +127,7 @@ TEST(Classbench, RulesBecomePairsInOrder)
     const std::string example = EXAMPLES_DIR "/classbench/small.rules";
     const std::vector<Rule> rules = read_classbench(tools::read_file(example), example);
     ASSERT_EQ(rules.size(), 30u);
-    const tools::Graph graph = make_policy(rules, 7, 2, {vrf_action(4), vrf_action(9)}, file);
+    const tools::Graph graph = make_policy(rules, 7, 2, {vrf_action(4), vrf_action(9)}, rules_file);
     const auto &policy = graph.as<zel_policy_t>();
     EXPECT_EQ(policy.id, 7);
     EXPECT_EQ(policy.app_type, 2u);
@@ -150,7 +150,9 @@ TEST(Classbench, RulesBecomePairsInOrder)
 
 TEST(Classbench, BadLines)
 {
-    const auto read = [](const std::string &line) { return complaint([&] { read_classbench("\n" + line, file); }); };
+    const auto read = [](const std::string &line) {
+        return complaint([&] { read_classbench("\n" + line, rules_file); });
+    };
     const std::string addresses = "@10.0.0.0/8\t10.0.0.0/8\t";
     EXPECT_EQ(read("10.0.0.0/8"), "rules:2: rule: expected a line that begins with @, found \"10.0.0.0/8\"");
     EXPECT_EQ(read("@10.0.0.0/33\t"), "rules:2: source address: expected an address and a prefix length such as "

@@ -109,12 +109,12 @@ TEST(JsonRoundTrip, RangesOfPortsAreSplitAndJoined)
 TEST(JsonRoundTrip, PeopleMayLeaveOutAndAbbreviate)
 {
     const Graph graph = graph_from_json(ZEL_MAT_TYPE_MATCH, R"({"id": 5, "service": [{"dip": "10.0.0.0/8"}]})");
-    const auto &match = graph.as<zel_match_t>();
-    EXPECT_EQ(match.type, uint32_t{ZEL_MATCH_TYPE_SERVICE});
-    ASSERT_EQ(match.param.service.num_elements, 1);
-    EXPECT_EQ(match.param.service.elements[0]->dip, 0x0a000000u);
-    EXPECT_EQ(match.param.service.elements[0]->dip_mask, 0xff000000u);
-    EXPECT_EQ(match.param.service.elements[0]->sport_mask, 0u);
+    const auto &read = graph.as<zel_match_t>();
+    EXPECT_EQ(read.type, uint32_t{ZEL_MATCH_TYPE_SERVICE});
+    ASSERT_EQ(read.param.service.num_elements, 1);
+    EXPECT_EQ(read.param.service.elements[0]->dip, 0x0a000000u);
+    EXPECT_EQ(read.param.service.elements[0]->dip_mask, 0xff000000u);
+    EXPECT_EQ(read.param.service.elements[0]->sport_mask, 0u);
 
     // A record with one member may be written as an object, too.
     const Graph same = graph_from_json(

@@ -354,7 +354,7 @@ private:
     Classifier::Binding binding_{};
     std::vector<uint32_t> actions_{}; // by rule
     std::map<uint16_t, uint32_t> place_{};
-    std::mt19937_64 random_{seed};
+    std::mt19937_64 random_{seed}; // NOLINT(cert-msc51-cpp): that is what it is for
     std::vector<Finding> findings_{};
 };
 

@@ -1,5 +1,6 @@
 // From a policy to its classifier.
 #include "tools/classify/classifier.hpp"
+#include "tools/message/graph.hpp"
 
 #include <algorithm>
 #include <map>
@@ -15,7 +16,7 @@ template <class V> constexpr V all = static_cast<V>(~V{0});
 
 template <class R> bool is_active(const R &record) { return record.op_mode == service::op_mode_active; }
 
-template <class R, class Count> std::span<R *const> members(R *const *array, Count count) { return {array, count}; }
+using tools::members;
 
 } // namespace
 

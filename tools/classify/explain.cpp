@@ -172,7 +172,8 @@ void Explanation::why_not(Reason &reason, const Classifier::Rule &rule) const
         if (rule.needs_all)
             break;
     }
-    why_not(reason, *failed, *closest);
+    if (closest != nullptr) // always: a rule has patterns
+        why_not(reason, *failed, *closest);
 }
 
 void Explanation::why_not(Reason &reason, const Classifier::Alternative &alternative, const Pattern &closest) const

@@ -46,7 +46,7 @@ PythonType type_of(Format format)
     return {"int", "0"};
 }
 
-std::string print_names(Names names)
+std::string print_names_of(Names names)
 {
     std::string text;
     for (const tools::Name &name : names)
@@ -87,7 +87,7 @@ std::string print_row(const std::vector<Element> &all, const Member &member)
     switch (member.kind) {
     case Kind::field:
         return fmt::format("        Field(\"{}\", {}, {}, \"{}\", {}, {}),\n", member.name, member.id, member.width,
-                           name_of(member.format), print_names(value_of(all, member.id).names), member.since);
+                           name_of(member.format), print_names_of(value_of(all, member.id).names), member.since);
     case Kind::embedded:
         return fmt::format("        Embedded(\"{}\", {}),\n", member.name, class_name(member.record->name));
     case Kind::sequence:
@@ -132,14 +132,14 @@ void add_inner_first(std::vector<const Record *> &ordered, const Record &record)
 
 // ---- Records that travel whole, and statistics
 
-std::string print_layout(const Layout &layout)
+std::string print_parts(const Layout &layout)
 {
     std::string text = fmt::format("    \"{}\": Layout({}, (\n", layout.name, layout.size);
     for (const Field &field : layout.fields)
         text += fmt::format("        Part(\"{}\", {}, {}, {}, {}, \"{}\", \"{}\", {}, {}, {}),\n", field.name, field.id,
                             field.offset, field.width, field.count, name_of(field.format), field.layout,
                             field.is_array ? "True" : "False", field.is_signed ? "True" : "False",
-                            print_names(field.names));
+                            print_names_of(field.names));
     return text + fmt::format("    ){}),\n", layout.rest.empty() ? "" : fmt::format(", \"{}\"", layout.rest));
 }
 
@@ -148,7 +148,7 @@ std::string print_layouts()
     std::string text = "\nLAYOUTS: Dict[str, Layout] = {\n";
     for (const auto &group : {layouts(), statistics()})
         for (const Layout &layout : group)
-            text += print_layout(layout);
+            text += print_parts(layout);
     text += "}\n\n# Elements whose value is a record.\nRECORD_ELEMENTS: Dict[int, str] = {\n";
     for (const Element &element : elements())
         if (!element.field.layout.empty() && element.field.layout == element.record)

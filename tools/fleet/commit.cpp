@@ -9,7 +9,7 @@ namespace fleet {
 
 namespace {
 
-constexpr int max_rounds = 60;
+constexpr int max_conflicts = 60;
 
 uint64_t unix_seconds()
 {
@@ -47,7 +47,7 @@ Manifest commit(ManifestStore &store, const Change &change, const Edit &edit)
 {
     Current base = store.current(change.group);
     Manifest manifest = next_manifest(store, change, edit, base);
-    for (int round = 0; round < max_rounds; ++round) {
+    for (int round = 0; round < max_conflicts; ++round) {
         if (store.write(manifest, base.position) == ManifestStore::Write::done)
             return manifest;
         const ManifestPtr next = store.after(change.group, base.position);

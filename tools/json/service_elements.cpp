@@ -9,13 +9,13 @@ namespace tools {
 
 namespace {
 
-using Element = zel_match_service_element_t;
+using ServiceElement = zel_match_service_element_t;
 using Ports = std::vector<MaskedPort>;
 
-MaskedPort sport_of(const Element &element) { return {element.sport, element.sport_mask}; }
-MaskedPort dport_of(const Element &element) { return {element.dport, element.dport_mask}; }
+MaskedPort sport_of(const ServiceElement &element) { return {element.sport, element.sport_mask}; }
+MaskedPort dport_of(const ServiceElement &element) { return {element.dport, element.dport_mask}; }
 
-bool is_same_but_ports(const Element &a, const Element &b)
+bool is_same_but_ports(const ServiceElement &a, const ServiceElement &b)
 {
     return a.sip == b.sip && a.sip_mask == b.sip_mask && a.dip == b.dip && a.dip_mask == b.dip_mask &&
            a.protocol == b.protocol;
@@ -81,9 +81,9 @@ std::vector<Node> split_ranges(const Node &item)
     return items;
 }
 
-JoinedElements join_front(std::span<const Element *const> elements)
+JoinedElements join_front(std::span<const ServiceElement *const> elements)
 {
-    const Element &first = *elements.front();
+    const ServiceElement &first = *elements.front();
     const auto [width, dport] = longest_range([&](std::size_t i) -> std::optional<MaskedPort> {
         const bool is_alike =
             i < elements.size() && is_same_but_ports(*elements[i], first) && sport_of(*elements[i]) == sport_of(first);
@@ -94,7 +94,7 @@ JoinedElements join_front(std::span<const Element *const> elements)
         if ((row + 1) * num > elements.size())
             return false;
         for (std::size_t i = 0; i < num; ++i) {
-            const Element &element = *elements[row * num + i];
+            const ServiceElement &element = *elements[row * num + i];
             if (!is_same_but_ports(element, first) || dport_of(element) != dport_of(*elements[i]) ||
                 sport_of(element) != sport_of(*elements[row * num]))
                 return false;

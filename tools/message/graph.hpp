@@ -33,6 +33,13 @@ inline void *allocate_bytes(std::size_t bytes, std::size_t count = 1)
 
 template <class T> T *allocate(std::size_t count = 1) { return static_cast<T *>(allocate_bytes(sizeof(T), count)); }
 
+// The members of a group.
+template <class R, class Count> std::span<R *const> members(R *const *array, Count count) { return {array, count}; }
+inline std::span<zel_match_action_pair_t *const> pairs_of(const zel_policy_t &policy)
+{
+    return members(policy.match_action_pair_group.pairs, policy.match_action_pair_group.num_pair);
+}
+
 // Fills an empty sequence with n zero-filled members.
 template <class R, class Count> std::span<R *> make_members(R **&array, Count &count, std::size_t n)
 {

@@ -8,6 +8,9 @@
 
 namespace service {
 
+// Where service and tools meet unless they are told otherwise.  The systemd unit makes the folder.
+constexpr const char *default_address = "unix:/run/zel/zel.sock";
+
 enum OpCode : uint32_t {
     op_code_set = ZEL_OP_SET,
     op_code_remove = ZEL_OP_REMOVE,

@@ -12,7 +12,7 @@ namespace zelagent {
 
 // What libzel leaves to its service.  The defaults are the stand-in's.
 struct ServiceOptions {
-    std::string address = "unix:/run/zel.sock";
+    std::string address = service::default_address;
     double timeout = 10; // seconds
     uint32_t op_set = service::op_code_set;
     uint32_t op_remove = service::op_code_remove;

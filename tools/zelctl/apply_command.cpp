@@ -11,7 +11,7 @@
 namespace zelctl {
 namespace {
 
-struct Arguments {
+struct ApplyArguments {
     std::vector<std::string> paths;
     bool each = false;
     bool replaces = false;
@@ -62,7 +62,7 @@ std::string done_text(const PolicyChange &change)
     }
 }
 
-void print_changes(const Options &options, const Arguments &arguments, const ChangeSet &changes)
+void print_changes(const Options &options, const ApplyArguments &arguments, const ChangeSet &changes)
 {
     if (options.json) {
         tools::Json json{{"refused", false}, {"dry_run", arguments.is_dry_run}, {"bytes", changes.bytes()}};
@@ -83,7 +83,7 @@ void print_changes(const Options &options, const Arguments &arguments, const Cha
 }
 
 // The policies of one request, all or none.
-int apply_some(const Options &options, const Arguments &arguments, Connection &connection,
+int apply_some(const Options &options, const ApplyArguments &arguments, Connection &connection,
                const std::vector<const zel_policy_t *> &policies, const Present &present)
 {
     const ChangeSet changes(connection, options.app, policies, present);
@@ -96,7 +96,7 @@ int apply_some(const Options &options, const Arguments &arguments, Connection &c
     return exit_ok;
 }
 
-int apply_changes(const Options &options, const Arguments &arguments, const PolicyFiles &files)
+int apply_changes(const Options &options, const ApplyArguments &arguments, const PolicyFiles &files)
 {
     Connection connection(options);
     std::vector<const zel_policy_t *> policies;
@@ -111,7 +111,7 @@ int apply_changes(const Options &options, const Arguments &arguments, const Poli
     return exit_ok;
 }
 
-int run_apply(const Options &options, const Arguments &arguments)
+int run_apply(const Options &options, const ApplyArguments &arguments)
 {
     PolicyFiles files(options.app, arguments.each ? Requests::one_each : Requests::one);
     for (const std::string &path : arguments.paths)
@@ -127,7 +127,7 @@ int run_apply(const Options &options, const Arguments &arguments)
 
 void add_apply_command(const CommandLine &line, CLI::App *policy)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<ApplyArguments>();
     CLI::App *const apply =
         policy->add_subcommand("apply", "Make the service's policies those in files: send what differs, and keep the "
                                         "counters of the pairs that stay");

@@ -102,14 +102,14 @@ int run_backup(const Options &options, const BackupArguments &arguments)
 
 // ---- Restore
 
-struct Outcome {
+struct RestoreOutcome {
     std::size_t num_unchanged = 0;
     std::size_t num_changed = 0;
     std::size_t num_added = 0;
     std::size_t num_removed = 0;
 };
 
-void count(Outcome &outcome, const PolicyChange &change)
+void count(RestoreOutcome &outcome, const PolicyChange &change)
 {
     outcome.num_unchanged += change.kind == ChangeKind::unchanged ? 1 : 0;
     outcome.num_changed += change.kind == ChangeKind::changed ? 1 : 0;
@@ -135,9 +135,9 @@ Answer send_delete(Connection &connection, const Summary &summary)
 }
 
 // Policy by policy.  When it ends early, a second restore goes on.
-Outcome restore(Connection &connection, const std::vector<tools::Message> &messages, bool is_dry_run)
+RestoreOutcome restore(Connection &connection, const std::vector<tools::Message> &messages, bool is_dry_run)
 {
-    Outcome outcome;
+    RestoreOutcome outcome;
     tools::Progress progress("restoring policies", messages.size());
     const Present present = by_key(list_every_policy(connection));
     std::set<std::pair<uint32_t, uint16_t>> wanted;
@@ -170,7 +170,7 @@ int run_restore(const Options &options, const RestoreArguments &arguments)
     if (std::ranges::any_of(messages, [](const auto &m) { return m.header.api_type != ZEL_API_POLICY_UPDATE; }))
         throw tools::BadInput(arguments.file + ": has a message that is no policy");
     Connection connection(options);
-    const Outcome outcome = restore(connection, messages, arguments.is_dry_run);
+    const RestoreOutcome outcome = restore(connection, messages, arguments.is_dry_run);
     if (options.json)
         print_json({{"dry_run", arguments.is_dry_run},
                     {"added", outcome.num_added},

@@ -3,6 +3,7 @@
 // The order of the requests keeps each step valid: an id names one match at any time.
 // Matches and actions that both versions have change first, everywhere; pairs are set
 // when the ids in their groups, or their own fields, differ.
+#include "tools/message/graph.hpp"
 #include "tools/message/message.hpp"
 #include "tools/message/operator_protocol.hpp"
 #include "tools/zelctl/policy_diff.hpp"
@@ -21,10 +22,7 @@ namespace {
 
 using namespace zel::wire;
 
-std::span<zel_match_action_pair_t *const> pairs_of(const zel_policy_t &policy)
-{
-    return {policy.match_action_pair_group.pairs, policy.match_action_pair_group.num_pair};
-}
+using tools::pairs_of;
 
 std::span<zel_match_t *const> objects_of(const zel_match_action_pair_t &pair, const zel_match_t *)
 {
@@ -132,9 +130,8 @@ private:
                 removed.emplace_back().id = id;
         if (removed.empty())
             return;
-        std::vector<zel_match_action_pair_t *> pointers;
-        for (zel_match_action_pair_t &pair : removed)
-            pointers.push_back(&pair);
+        std::vector<zel_match_action_pair_t *> pointers(removed.size());
+        std::ranges::transform(removed, pointers.begin(), [](zel_match_action_pair_t &pair) { return &pair; });
         const zel_match_action_pair_grp_t group{static_cast<uint16_t>(pointers.size()), pointers.data()};
         add(ZEL_API_MATCH_ACTION_PAIR_GROUP_UPDATE, service::op_code_remove, &group);
     }

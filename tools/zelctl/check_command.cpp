@@ -17,9 +17,8 @@ namespace zelctl {
 namespace {
 
 using classify::Finding;
-using Kind = Finding::Kind;
 
-struct Arguments {
+struct CheckArguments {
     std::vector<std::string> paths;
     bool each = false;
     uint64_t max_message = uint64_t{16} * 1024 * 1024; // zeld's own default
@@ -45,27 +44,27 @@ std::string numbered(const char *noun, const std::vector<uint16_t> &ids)
     return has_others ? fmt::format("{} and {} others", text, ids.size() - num_named) : text;
 }
 
-std::string text_of(const Finding &finding)
+std::string words_of(const Finding &finding)
 {
-    const std::string pair = fmt::format("pair {}", finding.pair);
+    std::string pair = fmt::format("pair {}", finding.pair);
     switch (finding.kind) {
-    case Kind::policy_never:
+    case Finding::Kind::policy_never:
         return fmt::format("no packet matches: {}", classify::text_of(finding.never));
-    case Kind::match_never:
+    case Finding::Kind::match_never:
         if (!is_of_match(finding.never))
             return fmt::format("{} never matches: {}", pair, classify::text_of(finding.never));
         return fmt::format(
             "{} never matches: {}{}", finding.kills_pair ? pair : fmt::format("match {} of {}", finding.match, pair),
             classify::text_of(finding.never), finding.kills_pair ? fmt::format(" (match {})", finding.match) : "");
-    case Kind::contradiction:
+    case Finding::Kind::contradiction:
         return fmt::format("{} never matches: {} exclude each other", pair, numbered("match", finding.others));
-    case Kind::covered:
+    case Finding::Kind::covered:
         return fmt::format("{} never matches: {}{} all its packets", pair, numbered("pair", finding.others),
                            finding.others.size() == 1 ? " takes" : " together take");
-    case Kind::redundant:
+    case Finding::Kind::redundant:
         return fmt::format("{} is redundant: without it, others such as pair {} do the same", pair,
                            finding.others.front());
-    case Kind::undecided:
+    case Finding::Kind::undecided:
         return fmt::format("{} is not decided: that would take too many steps", pair);
     }
     return pair;
@@ -82,13 +81,13 @@ tools::Json to_json(const Found &found)
 {
     const Finding &finding = found.finding;
     tools::Json json{{"policy", found.policy}, {"kind", kind_names.at(static_cast<std::size_t>(finding.kind))}};
-    if (finding.kind != Kind::policy_never)
+    if (finding.kind != Finding::Kind::policy_never)
         json["pair"] = finding.pair;
-    if (finding.kind == Kind::match_never && is_of_match(finding.never))
+    if (finding.kind == Finding::Kind::match_never && is_of_match(finding.never))
         json["match"] = finding.match;
     if (!finding.others.empty())
-        json[finding.kind == Kind::contradiction ? "matches" : "pairs"] = finding.others;
-    json["text"] = text_of(finding);
+        json[finding.kind == Finding::Kind::contradiction ? "matches" : "pairs"] = finding.others;
+    json["text"] = words_of(finding);
     if (finding.witness)
         json["packet"] = packet_to_json(*finding.witness);
     return json;
@@ -107,7 +106,7 @@ std::size_t size_of(uint32_t app, uint32_t api_type, void *object)
 }
 
 // What the service would refuse for its size, in words.
-std::vector<std::string> too_large(const Options &options, const Arguments &arguments, const PolicyFiles &files)
+std::vector<std::string> too_large(const Options &options, const CheckArguments &arguments, const PolicyFiles &files)
 {
     std::vector<std::string> texts;
     for (std::size_t i = 0; i < files.size(); ++i) {
@@ -132,7 +131,7 @@ void print_text(const std::vector<std::string> &faults, const std::vector<Found>
         fmt::print(stderr, "zelctl: and {} more faults\n", faults.size() - most_faults);
     for (const Found &one : found) {
         const std::string packet = packet_of(one.finding);
-        fmt::print("policy {}: {}{}\n", one.policy, text_of(one.finding), packet.empty() ? "" : "; packet " + packet);
+        fmt::print("policy {}: {}{}\n", one.policy, words_of(one.finding), packet.empty() ? "" : "; packet " + packet);
     }
     if (!faults.empty())
         return;
@@ -149,7 +148,7 @@ void print_as_json(const std::vector<std::string> &faults, const std::vector<Fou
     print_json(json);
 }
 
-int run_check(const Options &options, const Arguments &arguments)
+int run_check(const Options &options, const CheckArguments &arguments)
 {
     std::vector<std::string> faults;
     PolicyFiles files(options.app, arguments.each ? Requests::one_each : Requests::one, &faults);
@@ -181,7 +180,7 @@ int run_check(const Options &options, const Arguments &arguments)
 
 void add_check_command(const CommandLine &line, CLI::App *policy)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<CheckArguments>();
     CLI::App *const check = policy->add_subcommand(
         "check", "Say what is wrong with files: all faults, pairs that can never match, pairs that change nothing");
     check->add_option("FILE", arguments->paths, "A policy, or an array of policies, as JSON; - is standard input")

@@ -1,6 +1,8 @@
 // The global options of zelctl, its exit codes, and how a command is added.
 #pragma once
 
+#include "tools/message/service_protocol.hpp"
+
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
@@ -25,7 +27,7 @@ enum ExitCode : int {
 };
 
 struct Options {
-    std::string service = "unix:/run/zel.sock";
+    std::string service = service::default_address;
     double timeout = 5; // seconds
     uint32_t app = 0;
     bool json = false;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view service_name = "service";
 
-struct Arguments {
+struct DiffArguments {
     std::string before;
     std::string after;
 };
@@ -60,7 +60,7 @@ private:
     std::map<uint16_t, const zel_policy_t *> policies_{};
 };
 
-int run_diff(const Options &options, const Arguments &arguments)
+int run_diff(const Options &options, const DiffArguments &arguments)
 {
     Side before(options, arguments.before);
     Side after(options, arguments.after);
@@ -93,7 +93,7 @@ int run_diff(const Options &options, const Arguments &arguments)
 
 void add_diff_command(const CommandLine &line, CLI::App *policy)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<DiffArguments>();
     CLI::App *const diff = policy->add_subcommand(
         "diff", "Show what changes from A to B, by pair and match and action; exit code 7 when something does");
     diff->add_option("A", arguments->before,

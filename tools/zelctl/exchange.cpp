@@ -12,12 +12,6 @@
 namespace zelctl {
 namespace {
 
-std::string name_of_error(uint32_t error)
-{
-    const tools::Json name = tools::show_named(error, tools::error_names);
-    return name.is_string() ? name.get<std::string>() : name.dump();
-}
-
 // The message, or why it cannot be shown.
 tools::Json show_message(const std::string &payload)
 {
@@ -29,6 +23,12 @@ tools::Json show_message(const std::string &payload)
 }
 
 } // namespace
+
+std::string name_of_error(uint32_t error)
+{
+    const tools::Json name = tools::show_named(error, tools::error_names);
+    return name.is_string() ? name.get<std::string>() : name.dump();
+}
 
 std::string show_time(uint64_t ns)
 {

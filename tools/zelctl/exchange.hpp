@@ -37,6 +37,9 @@ struct Exchange {
 std::string to_line(const Exchange &exchange);
 tools::Json to_json(const Exchange &exchange, bool has_message);
 
+// The name of an error of the service, or its number.
+std::string name_of_error(uint32_t error);
+
 // "2026-01-31T12:00:00.000000Z"
 std::string show_time(uint64_t ns);
 

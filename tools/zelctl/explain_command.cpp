@@ -20,7 +20,7 @@ namespace {
 
 using service::Reason;
 
-struct Arguments {
+struct ExplainArguments {
     std::vector<std::string> words;
     std::string packets; // a file
     std::vector<std::string> files;
@@ -59,7 +59,7 @@ private:
 
 class FileSource : public Source {
 public:
-    FileSource(const Options &options, const Arguments &arguments) : files_(options.app, Requests::one_each)
+    FileSource(const Options &options, const ExplainArguments &arguments) : files_(options.app, Requests::one_each)
     {
         for (const std::string &path : arguments.files)
             files_.read(path);
@@ -115,7 +115,7 @@ std::string show_reason(const Reason &reason)
 }
 
 // The reasons of a policy; of a short answer, the last one.
-void print_policy(std::span<const Reason> reasons, const Arguments &arguments, std::size_t width)
+void print_policy(std::span<const Reason> reasons, const ExplainArguments &arguments, std::size_t width)
 {
     fmt::print("policy {}\n", reasons.front().policy_id);
     for (const Reason &reason : arguments.is_short ? reasons.last(1) : reasons)
@@ -134,7 +134,7 @@ tools::Json to_json(const Reason &reason)
     return json;
 }
 
-void print_answer(const Options &options, const Arguments &arguments, const service::PacketHeader &packet,
+void print_answer(const Options &options, const ExplainArguments &arguments, const service::PacketHeader &packet,
                   const Reasons &reasons)
 {
     if (options.json) {
@@ -156,7 +156,7 @@ void print_answer(const Options &options, const Arguments &arguments, const serv
     }
 }
 
-int run_explain(const Options &options, const Arguments &arguments)
+int run_explain(const Options &options, const ExplainArguments &arguments)
 {
     std::vector<service::PacketHeader> packets;
     if (!arguments.words.empty())
@@ -179,7 +179,7 @@ int run_explain(const Options &options, const Arguments &arguments)
 
 void add_explain_command(const CommandLine &line)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<ExplainArguments>();
     CLI::App *const explain = line.app.add_subcommand(
         "explain", "Say which pair of each policy takes a packet, and why those above it do not");
     explain->add_option("PACKET", arguments->words,

@@ -14,7 +14,7 @@
 namespace zelctl {
 namespace {
 
-struct Arguments {
+struct ImportArguments {
     std::string file;
     uint16_t policy = 1;
     std::string actions;
@@ -45,7 +45,7 @@ std::vector<zel_action_t> read_actions(const std::string &path)
     return actions;
 }
 
-int run_classbench(const Options &options, const Arguments &arguments)
+int run_classbench(const Options &options, const ImportArguments &arguments)
 {
     const std::vector<zel_action_t> actions = read_actions(arguments.actions);
     const std::vector<Rule> rules = read_classbench(tools::read_file(arguments.file), arguments.file);
@@ -67,7 +67,7 @@ void add_import_commands(const CommandLine &line)
 {
     CLI::App *const import = line.app.add_subcommand("import", "Make a policy of another tool's rule set");
     import->require_subcommand(1);
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<ImportArguments>();
     CLI::App *const classbench = import->add_subcommand("classbench", "A filter set in the ClassBench text format");
     classbench->add_option("FILE", arguments->file, "The filter set; - is standard input")->required();
     classbench->add_option("--policy", arguments->policy, "The policy's id")->type_name("ID")->capture_default_str();

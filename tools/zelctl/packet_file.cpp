@@ -32,11 +32,11 @@ constexpr std::array columns{Column{"source address", UINT32_MAX, true},
                              Column{"rule number", UINT32_MAX}};
 constexpr std::size_t columns_needed = 5;
 
-constexpr std::string_view blanks = " \t\r";
+constexpr std::string_view separators = " \t\r";
 
 std::string_view trim_front(std::string_view text)
 {
-    return text.substr(std::min(text.find_first_not_of(blanks), text.size()));
+    return text.substr(std::min(text.find_first_not_of(separators), text.size()));
 }
 
 std::optional<uint64_t> read_column(std::string_view text, bool is_address)
@@ -51,7 +51,7 @@ PacketHeader read_trace_line(std::string_view text, const std::string &where)
     std::array<uint64_t, columns.size()> values{};
     std::size_t column = 0;
     for (; !text.empty() && column < columns.size(); ++column) {
-        const std::string_view digits = text.substr(0, text.find_first_of(blanks));
+        const std::string_view digits = text.substr(0, text.find_first_of(separators));
         const auto value = read_column(digits, columns[column].is_address);
         if (!value || *value > columns[column].most)
             throw tools::BadInput(fmt::format(

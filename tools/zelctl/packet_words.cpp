@@ -7,6 +7,7 @@
 #include "tools/json/text_values.hpp"
 #include "tools/json/writer.hpp"
 #include "tools/message/packet_record.hpp"
+#include "tools/zelctl/policy_text.hpp"
 
 #include <fmt/core.h>
 
@@ -67,7 +68,7 @@ std::string wanted_of(const classify::Field &field, const service::Reason &reaso
 {
     if (reason.mask == 0)
         return tools::show_port_range({static_cast<uint16_t>(reason.wanted), static_cast<uint16_t>(reason.last)});
-    const std::string value = value_of(field, reason.wanted);
+    std::string value = value_of(field, reason.wanted);
     if (field.bits == 32 && reason.mask != UINT32_MAX)
         return fmt::format("in {}/{}", value, tools::show_ipv4_mask(reason.mask));
     if (field.bits == 16 && reason.mask != UINT16_MAX)
@@ -117,9 +118,7 @@ tools::Json packet_to_json(const service::PacketHeader &packet)
 {
     tools::Json json = tools::JsonWriter().write(tools::packet_header, &packet);
     for (auto member = json.begin(); member != json.end();)
-        member = *member == 0 || *member == "" || *member == "0.0.0.0" || *member == "0x0000" || *member == "any"
-                     ? json.erase(member)
-                     : std::next(member);
+        member = is_nothing(*member) ? json.erase(member) : std::next(member);
     return json;
 }
 

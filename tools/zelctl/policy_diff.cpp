@@ -2,6 +2,7 @@
 
 #include "tools/json/field_rules.hpp"
 #include "tools/json/writer.hpp"
+#include "tools/message/graph.hpp"
 #include "tools/text/safe_text.hpp"
 #include "tools/zelctl/policy_text.hpp"
 #include "wire/graph.hpp"
@@ -11,7 +12,6 @@
 
 #include <algorithm>
 #include <map>
-#include <span>
 
 namespace zelctl {
 
@@ -20,11 +20,8 @@ namespace {
 using namespace zel::wire;
 using Details = std::vector<std::string>;
 
-template <class R> std::span<R *const> members(R *const *array, uint32_t count) { return {array, count}; }
-std::span<zel_match_action_pair_t *const> pairs_of(const zel_policy_t &policy)
-{
-    return members(policy.match_action_pair_group.pairs, policy.match_action_pair_group.num_pair);
-}
+using tools::members;
+using tools::pairs_of;
 auto members_of(const zel_match_grp_t &group) { return members(group.matches, group.num_match); }
 auto members_of(const zel_action_grp_t &group) { return members(group.actions, group.num_action); }
 

@@ -9,6 +9,8 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
+#include <array>
 #include <span>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -32,11 +34,6 @@ std::string mode_of(uint32_t op_mode)
 
 // ---- Any record, from its JSON: names and values, without those that are 0
 
-bool is_nothing(const Json &value)
-{
-    return value == 0 || value == "" || value == "0.0.0.0" || value == "0x0000" || value == "00:00:00:00:00:00";
-}
-
 void add_words(std::string &text, const Json &value);
 
 void add_members(std::string &text, const Json &object)
@@ -47,7 +44,7 @@ void add_members(std::string &text, const Json &object)
         const bool is_selector = name == "type" && value.is_string() && object.contains(value.get<std::string>());
         if (words.empty() || is_nothing(value) || is_selector)
             continue;
-        text += (text.empty() ? "" : " ") + name + " " + words;
+        text += fmt::format("{}{} {}", text.empty() ? "" : " ", name, words);
     }
 }
 
@@ -55,12 +52,9 @@ void add_words(std::string &text, const Json &value)
 {
     if (value.is_object())
         return add_members(text, value);
-    if (!value.is_string())
-        text += value.dump();
-    else if (const auto word = value.get<std::string>(); word.find_first_of(" ,\"") == std::string::npos)
-        text += word;
-    else
-        text += value.dump();
+    const std::string word = value.is_string() ? value.get<std::string>() : std::string();
+    const bool needs_quotes = word.find_first_of(" ,\"") != std::string::npos;
+    text += value.is_string() && !needs_quotes ? word : value.dump();
 }
 
 // A match or an action: what its type selects.  A type without content stands alone.
@@ -150,6 +144,12 @@ winsize terminal_size()
 
 } // namespace
 
+bool is_nothing(const Json &value)
+{
+    constexpr std::array<std::string_view, 6> zeros{"", "any", "0.0.0.0", "0x0000", "0x00000000", "00:00:00:00:00:00"};
+    return value.is_string() ? std::ranges::find(zeros, value.get<std::string_view>()) != zeros.end() : value == 0;
+}
+
 std::string text_of(const zel_match_t &match)
 {
     const std::string mode = mode_of(match.op_mode);
@@ -234,8 +234,8 @@ std::string show_policy(const zel_policy_t &policy, std::size_t width)
 
 std::size_t terminal_width()
 {
-    const std::size_t columns = terminal_size().ws_col;
-    return columns != 0 ? columns : SIZE_MAX;
+    const std::size_t width = terminal_size().ws_col;
+    return width != 0 ? width : SIZE_MAX;
 }
 
 std::size_t terminal_height()

@@ -21,6 +21,9 @@ std::string text_of(const zel_if_element_t &interface);
 // A policy in lines of at most so many characters, where that is possible.
 std::string show_policy(const zel_policy_t &policy, std::size_t width);
 
+// A value that is left out: 0, however the field is written.
+bool is_nothing(const tools::Json &value);
+
 // Breaks a text at blanks into lines of at most so many characters, where that is
 // possible.  Lines behind the first begin with blanks.
 std::string wrapped(const std::string &text, std::size_t width, std::size_t indent);

@@ -42,6 +42,6 @@ std::string fetch_messages(Connection &connection, uint32_t app, uint32_t policy
 tools::Message fetch_policy(Connection &connection, uint32_t app, uint16_t policy_id);
 
 // The messages in an answer.  Throws NoService.
-std::vector<tools::Message> decode_policies(std::string_view messages);
+std::vector<tools::Message> decode_policies(std::string_view bytes);
 
 } // namespace zelctl

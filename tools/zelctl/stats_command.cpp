@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Arguments {
+struct StatsArguments {
     std::optional<uint16_t> policy;
     std::optional<uint16_t> pair;
     bool clear = false;
@@ -43,7 +43,7 @@ struct Pulled {
     Clock::time_point time;
 };
 
-Pulled pull(Connection &connection, const Arguments &arguments)
+Pulled pull(Connection &connection, const StatsArguments &arguments)
 {
     zel_stat_request_entry_t entry{};
     entry.policy_id = arguments.policy.value_or(service::stat_all);
@@ -58,7 +58,7 @@ Pulled pull(Connection &connection, const Arguments &arguments)
     return {read_statistics(answer), now};
 }
 
-int run_once(const Options &options, const Arguments &arguments)
+int run_once(const Options &options, const StatsArguments &arguments)
 {
     Connection connection(options);
     const std::vector<Row> rows = make_rows(pull(connection, arguments).statistics, arguments.view);
@@ -84,7 +84,7 @@ std::string time_text(const char *format)
 // On a terminal, each look is drawn over the one before; elsewhere, they follow each other.
 class Watch {
 public:
-    Watch(const Options &options, const Arguments &arguments)
+    Watch(const Options &options, const StatsArguments &arguments)
         : options_(options), arguments_(arguments), is_drawn_(terminal_height() != SIZE_MAX && !options.json)
     {}
 
@@ -168,14 +168,14 @@ private:
     }
 
     const Options &options_;
-    const Arguments &arguments_;
+    const StatsArguments &arguments_;
     bool is_drawn_;
     std::unique_ptr<Connection> connection_{};
     std::optional<Pulled> before_{};
     bool has_looked_ = false;
 };
 
-int run_watch(const Options &options, const Arguments &arguments)
+int run_watch(const Options &options, const StatsArguments &arguments)
 {
     if (terminal_height() != SIZE_MAX && !options.json)
         fmt::print("\x1b[2J");
@@ -186,7 +186,7 @@ int run_watch(const Options &options, const Arguments &arguments)
 
 void add_stats_command(const CommandLine &line)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<StatsArguments>();
     CLI::App *const stats = line.app.add_subcommand("stats", "Show how many packets and bytes pairs have matched");
     stats->add_option("--policy", arguments->policy, "Only this policy")->type_name("ID")->check(policy_id_range());
     stats->add_option("--pair", arguments->pair, "Only this pair")->type_name("ID")->check(policy_id_range());

@@ -71,11 +71,7 @@ tools::Json to_json(const ServiceStatus &status)
     return json;
 }
 
-std::string name_of_error(uint32_t error)
-{
-    const tools::Json name = tools::show_named(error, tools::error_names);
-    return error == service::error_none ? "done" : name.is_string() ? name.get<std::string>() : name.dump();
-}
+std::string name_of_result(uint32_t error) { return error == service::error_none ? "done" : name_of_error(error); }
 
 std::string show_megabytes(uint64_t bytes) { return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1 << 20)); }
 
@@ -115,7 +111,7 @@ std::string show_tables(const ServiceStatus &status)
     if (!status.counts.empty())
         text += fmt::format("\n{:<34}{:<14}{:>12}\n", "requests of kind", "result", "number");
     for (const observe::RequestCount &count : status.counts)
-        text += fmt::format("{:<34}{:<14}{:>12}\n", text_of(count.kind), name_of_error(count.error), count.requests);
+        text += fmt::format("{:<34}{:<14}{:>12}\n", text_of(count.kind), name_of_result(count.error), count.requests);
     if (!status.clients.empty())
         text += fmt::format("\n{:>8}{:>10}{:>12}{:>12}{:>12}{:>14}\n", "client", "pid", "uid", "requests", "refused",
                             "served ms");

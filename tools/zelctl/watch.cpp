@@ -18,7 +18,7 @@ void catch_interrupts()
 {
     struct sigaction action {};
     action.sa_handler = [](int) { is_interrupted = 1; };
-    action.sa_flags = SA_RESETHAND; // the second one ends the program
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // the second one ends the program
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }

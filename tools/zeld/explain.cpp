@@ -7,7 +7,7 @@ namespace zeld {
 namespace {
 
 // Patterns that one request may compare, some 10 ns each.
-constexpr std::size_t max_work = std::size_t{1} << 26;
+constexpr std::size_t max_patterns = std::size_t{1} << 26;
 
 } // namespace
 
@@ -43,9 +43,9 @@ bool Explain::explain(const Slice &slice)
     if (!explanation_) {
         const Policy &policy = *explained_[next_];
         cost_ += classify::Explanation::cost(policy.classifier());
-        if (cost_ > max_work)
+        if (cost_ > max_patterns)
             throw Refusal(service::error_limit, "the explanation would take more than {} steps; ask about one policy",
-                          max_work);
+                          max_patterns);
         graph_.emplace(policy);
         explanation_.emplace(graph_->policy(), policy.classifier(), request_.packet);
     }

@@ -13,6 +13,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <grp.h>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -26,7 +27,7 @@ namespace {
 enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_address = 3, exit_state = 4 };
 
 struct Options {
-    std::string listen = "unix:/run/zel.sock";
+    std::string listen = service::default_address;
     std::string listen_read;
     uint32_t mode = 0600;
     std::optional<uint32_t> group;
@@ -213,6 +214,11 @@ Loop::Socket open_socket(const Options &options, const std::string &address, Acc
 
 std::vector<Loop::Socket> open_sockets(const Options &options)
 {
+    if (options.listen == service::default_address) { // started by hand, there is no unit that makes the folder
+        std::error_code ignored;                      // opening tells what is wrong
+        std::filesystem::create_directory(
+            std::filesystem::path(options.listen.substr(options.listen.find('/'))).parent_path(), ignored);
+    }
     std::vector<Loop::Socket> sockets;
     sockets.push_back(open_socket(options, options.listen, Access::full));
     if (!options.listen_read.empty())

@@ -70,9 +70,9 @@ private:
 
 std::string_view result_name(std::size_t error)
 {
-    constexpr std::array<std::string_view, Tally::num_errors> names{"done",     "malformed", "unsupported", "not_found",
-                                                                    "conflict", "storage",   "limit",       "denied"};
-    return names[error];
+    constexpr std::array<std::string_view, Tally::num_errors> results{
+        "done", "malformed", "unsupported", "not_found", "conflict", "storage", "limit", "denied"};
+    return results[error];
 }
 
 // Each kind is shown from the start on, and other results once they have occurred.

@@ -1,8 +1,8 @@
 #include "tools/zeld/status.hpp"
 
 #include "tools/observe/fingerprint.hpp"
+#include "tools/zeld/records.hpp"
 #include "tools/zeld/values.hpp"
-#include "zel-platform/tlv_check.h"
 
 #include <cstdio>
 #include <unistd.h>
@@ -10,27 +10,6 @@
 namespace zeld {
 
 namespace {
-
-// An answer's body: an array of records, each the value of one element.
-class Records {
-public:
-    explicit Records(std::size_t max_size) : max_size_(max_size), bytes_(TLV_ARRAY_OVERHEAD) {}
-
-    // Returns false when there is no room for one more.
-    template <class R> bool add(uint16_t element, const R &record)
-    {
-        const std::size_t size = bytes_.size() + tlv_size_get(sizeof record);
-        if (size > max_size_)
-            return false;
-        bytes_.resize(size);
-        return tlv_array_add_tlv(bytes_.data(), static_cast<uint32_t>(size), element, sizeof record, &record, 0) == 0;
-    }
-    Bytes take() { return std::move(bytes_); }
-
-private:
-    std::size_t max_size_;
-    Bytes bytes_;
-};
 
 // Bytes of memory that the process has.
 uint64_t resident_bytes()

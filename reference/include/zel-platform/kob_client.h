@@ -1,7 +1,7 @@
 /*
  * kob_client.h - a client's half of the transport: sending requests, receiving responses.
  *
- *     uint32_t kob = kob_open("unix:/run/zel.sock", NULL, NULL);
+ *     uint32_t kob = kob_open("unix:/run/zel/zel.sock", NULL, NULL);
  *     kob_msg_t *msg = kob_msg_alloc();
  *     uint32_t token = zel_policy_delete(&handle, 7, op, msg);    (handle made with kob)
  *     if (token != 0 && kob_receive(kob, token, msg, -1) == KOB_OK)
@@ -65,7 +65,7 @@ int32_t kob_receive(uint32_t kob_handle, uint32_t token, kob_msg_t *msg, int32_t
  * call kob_receive() with a time of 0.
  *
  *     kob_client_options_t options = {.no_wait = 1};
- *     uint32_t kob = kob_open("unix:/run/zel.sock", &options, NULL);
+ *     uint32_t kob = kob_open("unix:/run/zel/zel.sock", &options, NULL);
  *     uint32_t token = zel_policy_update(&handle, &policy, ZEL_OP_SET, msg);
  *     struct pollfd wait = {.fd = kob_fd(kob, &wait.events)};
  *     while (poll(&wait, 1, -1) >= 0 && kob_receive(kob, token, msg, 0) == KOB_ERR_TIMEOUT)

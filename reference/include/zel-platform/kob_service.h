@@ -1,7 +1,7 @@
 /*
  * kob_service.h - a service's half of the transport: receiving requests, replying.
  *
- *     kob_service_t *service = kob_service_open("unix:/run/zel.sock", NULL, NULL);
+ *     kob_service_t *service = kob_service_open("unix:/run/zel/zel.sock", NULL, NULL);
  *     while (!stopping) {
  *         if (kob_service_receive(service, msg, 1000) != KOB_OK)
  *             continue;

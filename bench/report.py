@@ -197,6 +197,21 @@ def print_memory(use):
     print()
 
 
+def values(folder, quick):
+    program = folder / "zel_bench_values"
+    return {size: json.loads(run(program, size, 3 if quick else 101).stdout) for size in SIZES}
+
+
+def print_values(times):
+    print("zel.hpp: filling a graph and making its message, ns per match or action; the last column is the time\n"
+          "without that of filling the vectors, by the time with C records")
+    print(f"{'':44}" + "".join(f"{name:>10}" for name in ("records", "vectors", "values", "numbered")) + f"{'/records':>10}")
+    for size, ns in times.items():
+        print(f"  {size:42}" + "".join(f"{ns[name]:10.1f}" for name in ("records", "vectors", "values", "numbered")) +
+              f"{(ns['values'] - ns['vectors']) / ns['records']:10.2f}")
+    print()
+
+
 def circumstances():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     compiler = run("g++", "--version").stdout.splitlines()[0]
@@ -209,13 +224,15 @@ def command_time(options):
     for abi, folder in ABIS.items():
         results = time_abi(folder, options.quick)
         use = memory(folder)
+        through_values = values(folder, options.quick)
         print(f"==== {abi} ====\n")
         print_sizes(results)
         print_verifying(results)
         print_traces(results)
         print_curves(results)
         print_memory(use)
-        document[abi] = {"results": results.as_json(), "memory": use}
+        print_values(through_values)
+        document[abi] = {"results": results.as_json(), "memory": use, "values": through_values}
         load = statistics.quantiles(results.loads, n=4)
         print(f"load average during the run, 1 is this benchmark: median {load[1]:.1f}, quartiles "
               f"{load[0]:.1f}..{load[2]:.1f}\n")

@@ -370,8 +370,13 @@ private:
 
     template <class R> static bool number(std::vector<R> &records)
     {
-        detail::Numbering<R> numbering(records.size());
+        std::size_t num_without_id = 0;
         for (const R &record : records)
+            num_without_id += record.id == 0 ? 1 : 0;
+        if (num_without_id == 0)
+            return true;
+        detail::Numbering<R> numbering(num_without_id);
+        for (R &record : records)
             if (record.id != 0)
                 numbering.keep(record.id);
         for (R &record : records)

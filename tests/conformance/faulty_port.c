@@ -256,6 +256,7 @@ void trc_hist_event(uint32_t module, uint32_t length, const void *record)
 {
     static char kept[516];
     memcpy(kept, record, has("record-length") ? sizeof kept : length + 0 * module);
+    __asm__ volatile("" : : "r"(kept) : "memory"); /* which a compiler would leave out */
 }
 
 int32_t trc_chk_int(uint32_t trace_id, uint32_t reserved1, uint32_t reserved2, uint32_t level)

@@ -140,6 +140,8 @@ wait_for(lambda: edge.policies() == {1: 77, 2: 1, 4: 1, 5: 6}, what="caught up")
 wait_for(lambda: fleet.zelctl("status")[0] == OK, what="all applied")
 memory = {name: int(next(line.split()[1] for line in open(f"/proc/{n.agent.process.pid}/status")
                          if line.startswith("VmHWM"))) for name, n in fleet.nodes.items()}
-check(max(memory.values()) < 32 * 1024, f"memory of agents: {memory} kB")
+with open(f"{fleet.build}/zelagent", "rb") as program:
+    is_sanitized = b"__asan_init" in program.read()  # and so keeps freed memory
+check(is_sanitized or max(memory.values()) < 32 * 1024, f"memory of agents: {memory} kB")
 fleet.stop()
 print("every step as expected; memory of agents, kB:", memory)

@@ -162,6 +162,13 @@ template <class V> Bytes array_of(uint16_t element, const std::vector<V> &values
 
 // The address sanitizer keeps freed memory.
 #if defined(__SANITIZE_ADDRESS__)
+#define ZEL_KEEPS_FREED_MEMORY 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZEL_KEEPS_FREED_MEMORY 1
+#endif
+#endif
+#ifdef ZEL_KEEPS_FREED_MEMORY
 constexpr bool keeps_freed_memory = true;
 #else
 constexpr bool keeps_freed_memory = false;

@@ -98,6 +98,13 @@ says '"kind":"covered","pair":2,"pairs":[1]'
 expect 7 "$zelctl" policy diff "$dir/dead.json" "$examples/policies/web_redirect.json"
 says "+ policy 10"
 expect 0 "$zelctl" policy diff "$dir/dead.json" "$dir/dead.json"
+# A file is looked at as apply sends it, where policies share matches, or as apply --each does, where they do not.
+printf '[%s, %s]' "$(cat "$dir/dead.json")" '{"id": 2, "match_action_pair_group": [
+    {"id": 1, "match_group": {"id": 1, "matches": [{"id": 1, "exp": 7}]}}]}' >"$dir/each.json"
+for file in "$examples/policies/branch_nat.json" "$dir/each.json"; do
+    expect 0 "$zelctl" policy diff "$file" "$file"
+    expect 0 "$zelctl" explain --file "$file" -- exp=7
+done
 
 printf '[]' >"$dir/empty.json"
 expect 3 "$zelctl" policy apply "$dir/empty.json"

@@ -227,11 +227,12 @@ Json LocalService::statistics(uint32_t app)
     Json counters = Json::array();
     for (uint32_t i = 0; results != nullptr && i < results->num_entries; ++i) {
         const zel_stat_result_entry_t &one = results->entries[i];
+        const zel_stats_t stats = one.stats[0]; // which the record does not align
         counters.push_back({{"app", app},
                             {"policy", one.ids[0]},
                             {"pair", one.ids[1]},
-                            {"packets", one.stats[0].counter1},
-                            {"bytes", one.stats[0].counter2}});
+                            {"packets", stats.counter1},
+                            {"bytes", stats.counter2}});
     }
     return counters;
 }

@@ -49,7 +49,9 @@ int run_capture(const Options &options, const CaptureArguments &arguments)
         [&](std::string_view block, const observe::Recorded &) { require(file.write_blocks(block)); },
         [&] { require(file.flush()); }, watched);
     require(file.close());
-    if (code == exit_ok)
+    if (options.json && arguments.output != "-")
+        print_json({{"captured", watched.messages}});
+    else if (code == exit_ok)
         fmt::print(stderr, "{} messages captured\n", watched.messages);
     report_loss(watched);
     return code;

@@ -26,8 +26,7 @@ public:
     {
         if (is_service_)
             return;
-        files_.emplace(options.app, Requests::one_each);
-        files_->read(name);
+        files_ = PolicyFiles::read_either(options.app, {name});
         for (std::size_t i = 0; i < files_->size(); ++i)
             policies_.emplace(files_->at(i).id, &files_->at(i));
     }

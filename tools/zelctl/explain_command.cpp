@@ -59,10 +59,9 @@ private:
 
 class FileSource : public Source {
 public:
-    FileSource(const Options &options, const ExplainArguments &arguments) : files_(options.app, Requests::one_each)
+    FileSource(const Options &options, const ExplainArguments &arguments)
+        : files_(PolicyFiles::read_either(options.app, arguments.files))
     {
-        for (const std::string &path : arguments.files)
-            files_.read(path);
         for (std::size_t i = 0; i < files_.size(); ++i)
             if (!arguments.policy || *arguments.policy == files_.at(i).id)
                 policies_.push_back({&files_.at(i), classify::Classifier(files_.at(i))});

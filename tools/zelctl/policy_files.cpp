@@ -22,6 +22,25 @@ void PolicyFiles::read(const std::string &path)
     }
 }
 
+PolicyFiles PolicyFiles::read_either(uint32_t app, const std::vector<std::string> &paths)
+{
+    const auto read_as = [&](Requests requests) {
+        PolicyFiles files(app, requests);
+        for (const std::string &path : paths)
+            files.read(path);
+        return files;
+    };
+    try {
+        return read_as(Requests::one);
+    } catch (const tools::BadInput &fault) {
+        try {
+            return read_as(Requests::one_each);
+        } catch (const tools::BadInput &) {
+            throw fault;
+        }
+    }
+}
+
 void PolicyFiles::read_file(const std::string &path)
 {
     const Document &document = documents_.emplace_back(tools::read_json_file(path));

@@ -23,6 +23,9 @@ public:
 
     void read(const std::string &path);
 
+    // Files to look at, not to send: as one request, or when that is at fault as one each.
+    static PolicyFiles read_either(uint32_t app, const std::vector<std::string> &paths);
+
     std::size_t size() const { return policies_.size(); }
     zel_policy_t &at(std::size_t i) const { return policies_.at(i).as<zel_policy_t>(); }
     const std::string &file_of(std::size_t i) const { return files_.at(i); }

@@ -38,8 +38,9 @@ public:
     {
         auto elements = elements_of(message);
         for (uint32_t faults = below(4); faults != 0 && !elements.empty(); --faults) {
-            const auto one = elements.begin() + below(elements.size());
-            const auto other = elements.begin() + below(elements.size());
+            const auto any = [&] { return elements.begin() + static_cast<std::ptrdiff_t>(below(elements.size())); };
+            const auto one = any();
+            const auto other = any();
             switch (below(6)) {
             case 0:
                 std::swap(*one, *other);

@@ -203,8 +203,8 @@ def values(folder, quick):
 
 
 def print_values(times):
-    print("zel.hpp: filling a graph and making its message, ns per match or action; the last column is the time\n"
-          "without that of filling the vectors, by the time with C records")
+    print("zel.hpp: filling a graph and making its message, ns per match or action, on a heap that keeps its pages;\n"
+          "the last column is the time without that of filling the vectors, by the time with C records")
     print(f"{'':44}" + "".join(f"{name:>10}" for name in ("records", "vectors", "values", "numbered")) + f"{'/records':>10}")
     for size, ns in times.items():
         print(f"  {size:42}" + "".join(f"{ns[name]:10.1f}" for name in ("records", "vectors", "values", "numbered")) +

@@ -14,16 +14,36 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <malloc.h>
 #include <stdexcept>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A workload as somebody's program has it.
+// A workload as a program has it, which knows how many records it needs.
 struct Source {
+    explicit Source(std::vector<const zel_policy_t *> given) : policies(std::move(given))
+    {
+        for (const zel_policy_t *const policy : policies) {
+            interfaces += policy->if_group.num_if;
+            pairs += policy->match_action_pair_group.num_pair;
+            for (uint32_t i = 0; i < policy->match_action_pair_group.num_pair; ++i)
+                count(*policy->match_action_pair_group.pairs[i]);
+        }
+    }
+    void count(const zel_match_action_pair_t &pair)
+    {
+        matches += pair.match_group.num_match;
+        actions += pair.action_group.num_action;
+        for (uint32_t i = 0; i < pair.match_group.num_match; ++i)
+            if (const zel_match_t &match = *pair.match_group.matches[i]; match.type == ZEL_MATCH_TYPE_SERVICE)
+                elements += match.param.service.num_elements;
+    }
+    std::size_t objects() const { return matches + actions; }
+
     std::vector<const zel_policy_t *> policies;
-    std::size_t objects = 0;
+    std::size_t pairs = 0, matches = 0, actions = 0, elements = 0, interfaces = 0;
 };
 
 // A block for the records of one kind and one for the pointers to them.
@@ -58,8 +78,8 @@ private:
 class Records {
 public:
     explicit Records(const Source &source)
-        : policies_(source.policies.size()), pairs_(source.objects), matches_(source.objects), actions_(source.objects),
-          elements_(4 * source.objects), interfaces_(4 * source.objects)
+        : policies_(source.policies.size()), pairs_(source.pairs), matches_(source.matches), actions_(source.actions),
+          elements_(source.elements), interfaces_(source.interfaces)
     {
         list_ = {static_cast<uint16_t>(source.policies.size()), policies_.end()};
         for (const zel_policy_t *const policy : source.policies)
@@ -154,22 +174,23 @@ double median(std::vector<double> samples)
     return samples[samples.size() / 2];
 }
 
+// The policies of a graph as the benchmark makes it.
+std::vector<const zel_policy_t *> policies_of(const bench::Message &message)
+{
+    const void *const root = bench::to_zel(message);
+    if (bench::api_type_of(message) != ZEL_API_POLICY_LIST_UPDATE)
+        return {static_cast<const zel_policy_t *>(root)};
+    const auto &list = *static_cast<const zel_policy_list_t *>(root);
+    return {list.policies, list.policies + list.num_policy};
+}
+
 void run(const char *workload_name, long rounds)
 {
-    Source source;
     const auto all = bench::workloads();
     const auto workload = std::ranges::find(all, workload_name, &bench::Workload::name);
     if (workload == all.end())
         throw std::runtime_error("no such workload");
-    const bench::Message message = workload->make();
-    void *const root = bench::to_zel(message);
-    if (bench::api_type_of(message) == ZEL_API_POLICY_LIST_UPDATE) {
-        const auto &list = *static_cast<const zel_policy_list_t *>(root);
-        source.policies.assign(list.policies, list.policies + list.num_policy);
-    } else {
-        source.policies.push_back(static_cast<const zel_policy_t *>(root));
-    }
-    source.objects = bench::count_objects(message);
+    const Source source(policies_of(workload->make()));
 
     std::size_t total = 0; // what is made is used
     const std::pair<const char *, std::function<void()>> ways[] = {
@@ -189,7 +210,7 @@ void run(const char *workload_name, long rounds)
             for (; time.count() < 5e6; ++repetitions, time = Clock::now() - begin)
                 ways[way].second();
             samples[way].push_back(time.count() / static_cast<double>(repetitions) /
-                                   static_cast<double>(source.objects));
+                                   static_cast<double>(source.objects()));
         }
     for (std::size_t way = 0; way < std::size(ways); ++way)
         std::printf("%s\"%s\": %.1f", way == 0 ? "{" : ", ", ways[way].first, median(samples[way]));
@@ -203,6 +224,10 @@ int main(int argc, char **argv)
     try {
         if (argc != 3)
             throw std::runtime_error("a workload and a number of rounds");
+        // The heap keeps its pages: otherwise each round pays for those of the one before it.
+        constexpr int kept = 256 << 20;
+        mallopt(M_TRIM_THRESHOLD, kept);
+        mallopt(M_MMAP_THRESHOLD, kept);
         run(argv[1], std::strtol(argv[2], nullptr, 10));
     } catch (const std::exception &error) {
         std::fprintf(stderr, "%s: %s\n", argv[0], error.what());

@@ -5,6 +5,7 @@
 #include <zel/values.hpp>
 
 #include <cstring>
+#include <memory>
 
 namespace zel {
 
@@ -27,7 +28,10 @@ inline void clear_padding(zel_match_service_element_t &element)
 inline void clear_padding(zel_match_t &match)
 {
     zel_match_param_t &param = match.param;
-    if (match.type == ZEL_MATCH_TYPE_SERVICE_ELEMENT)
+    if (match.type == ZEL_MATCH_TYPE_SERVICE)
+        for (uint16_t i = 0; i < param.service.num_elements; ++i)
+            clear_padding(*param.service.elements[i]);
+    else if (match.type == ZEL_MATCH_TYPE_SERVICE_ELEMENT)
         clear_padding(param.service_element);
     else if (match.type == ZEL_MATCH_TYPE_LABEL)
         clear_bytes(&param, sizeof param.label.eth_type, offsetof(zel_match_label_t, encap_flag));
@@ -161,6 +165,33 @@ private:
     uint16_t last_ = 0;
 };
 
+// The records of one kind and the pointers to them.  All are zero at first, padding included,
+// and none moves.
+template <class R> class Records {
+public:
+    void allocate(std::size_t most)
+    {
+        records_ = std::make_unique<R[]>(most);
+        pointers_ = std::make_unique<R *[]>(most);
+    }
+    R &add()
+    {
+        R &record = records_[used_];
+        pointers_[used_++] = &record;
+        return record;
+    }
+    // Where the pointers to the next records will stand.
+    R **next() const { return pointers_.get() + used_; }
+    R *data() const { return records_.get(); }
+    R *begin() const { return records_.get(); }
+    R *end() const { return records_.get() + used_; }
+
+private:
+    std::unique_ptr<R[]> records_{};
+    std::unique_ptr<R *[]> pointers_ {};
+    std::size_t used_ = 0;
+};
+
 } // namespace detail
 
 // The C records of values, as the C calls take them.  Owns all of them but borrows nothing:
@@ -196,7 +227,7 @@ public:
         }
     }
     uint32_t mat_type() const { return mat_type_; }
-    const zel_policy_t &policy(std::size_t i = 0) const { return policies_[i]; }
+    const zel_policy_t &policy(std::size_t i = 0) const { return policies_.data()[i]; }
 
     Graph(Graph &&other) noexcept = default;
     Graph &operator=(Graph &&other) noexcept = default;
@@ -242,68 +273,53 @@ private:
             return fault("a policy, pair or match has more than 65535 members");
         Graph graph;
         graph.mat_type_ = mat_type;
-        graph.reserve(num_policies, counts);
+        graph.allocate(num_policies, counts);
         for (std::size_t p = 0; p < num_policies; ++p)
             if (std::string why = graph.add(policies[p]); !why.empty())
                 return fault("policy " + std::to_string(policies[p].id) + " / " + why);
         if (std::string why = graph.number(); !why.empty())
             return fault(std::move(why));
-        graph.list_ = {static_cast<uint16_t>(num_policies), graph.policy_pointers_.data()};
         return graph;
     }
 
-    // No vector grows afterwards, so that pointers to their members stay valid.
-    void reserve(std::size_t num_policies, const Counts &counts)
+    void allocate(std::size_t num_policies, const Counts &counts)
     {
-        policies_.reserve(num_policies);
-        policy_pointers_.reserve(num_policies);
-        pairs_.reserve(counts.pairs);
-        pair_pointers_.reserve(counts.pairs);
-        matches_.reserve(counts.matches);
-        match_pointers_.reserve(counts.matches);
-        actions_.reserve(counts.actions);
-        action_pointers_.reserve(counts.actions);
-        interfaces_.reserve(counts.interfaces);
-        interface_pointers_.reserve(counts.interfaces);
-        elements_.reserve(counts.elements);
-        element_pointers_.reserve(counts.elements);
-    }
-
-    template <class R> static R **add(std::vector<R> &records, std::vector<R *> &pointers, const R &record)
-    {
-        records.push_back(record);
-        pointers.push_back(&records.back());
-        return &pointers.back();
+        policies_.allocate(num_policies);
+        pairs_.allocate(counts.pairs);
+        matches_.allocate(counts.matches);
+        actions_.allocate(counts.actions);
+        interfaces_.allocate(counts.interfaces);
+        elements_.allocate(counts.elements);
+        list_ = {static_cast<uint16_t>(num_policies), policies_.next()};
     }
 
     std::string add(const Policy &from)
     {
-        zel_policy_t policy{};
+        zel_policy_t &policy = policies_.add();
         policy.id = from.id;
         policy.version = from.version;
         policy.op_mode = from.op_mode;
         policy.app_type = from.app_type;
-        policy.if_group = {static_cast<uint16_t>(from.interfaces.size()), end_of(interface_pointers_)};
+        policy.if_group = {static_cast<uint16_t>(from.interfaces.size()), interfaces_.next()};
         for (const zel_if_element_t &element : from.interfaces)
-            add(interfaces_, interface_pointers_, element);
-        policy.match_action_pair_group = {static_cast<uint16_t>(from.pairs.size()), end_of(pair_pointers_)};
+            interfaces_.add() = element;
+        policy.match_action_pair_group = {static_cast<uint16_t>(from.pairs.size()), pairs_.next()};
         for (std::size_t i = 0; i < from.pairs.size(); ++i)
             if (std::string why = add(from.pairs[i], static_cast<uint16_t>(i + 1)); !why.empty())
                 return "pair " + std::to_string(i + 1) + " / " + why;
-        add(policies_, policy_pointers_, policy);
         return {};
     }
 
     std::string add(const Pair &from, uint16_t position)
     {
-        zel_match_action_pair_t pair{};
+        zel_match_action_pair_t &pair = pairs_.add();
         pair.id = from.id != 0 ? from.id : position;
         pair.op_mode = from.op_mode;
         pair.pre_pair_id = from.pre_pair_id;
         pair.match_group = {from.match_group_id != 0 ? from.match_group_id : pair.id, from.match_group_mode,
-                            from.logical_op, static_cast<uint16_t>(from.matches.size()), end_of(match_pointers_)};
+                            from.logical_op, static_cast<uint16_t>(from.matches.size()), matches_.next()};
         pair.action_group = {from.action_group_id != 0 ? from.action_group_id : pair.id, from.action_group_mode,
-                             static_cast<uint16_t>(from.actions.size()), end_of(action_pointers_)};
+                             static_cast<uint16_t>(from.actions.size()), actions_.next()};
         for (std::size_t i = 0; i < from.matches.size(); ++i) {
             if (!from.matches[i].fault.empty())
                 return "match " + std::to_string(i + 1) + ": " + from.matches[i].fault;
@@ -311,41 +327,45 @@ private:
         }
         for (const Action &action : from.actions)
             add(action);
-        add(pairs_, pair_pointers_, pair);
         return {};
     }
 
     void add(const Match &from)
     {
-        zel_match_t match;
-        std::memset(&match, 0, sizeof match); // contents are compared with memcmp()
+        zel_match_t &match = matches_.add();
         match.id = from.id;
         match.op_mode = from.op_mode;
         match.pre_match_id = from.pre_match_id;
         match.type = detail::match_types[from.param.index()];
         if (const auto *none = std::get_if<NoParam>(&from.param))
             match.type = none->type;
-        std::visit([&](const auto &param) { put(match.param, param); }, from.param);
-        add(matches_, match_pointers_, match);
-        detail::clear_padding(matches_.back());
+        put_selected(match.param, from.param, std::make_index_sequence<std::variant_size_v<MatchParam>>());
+        if (match.id == 0) // and so is compared with others
+            detail::clear_padding(match);
     }
 
     void add(const Action &from)
     {
-        zel_action_t action;
-        std::memset(&action, 0, sizeof action);
+        zel_action_t &action = actions_.add();
         action.id = from.id;
         action.op_mode = from.op_mode;
         action.type = detail::action_types[from.param.index()];
         if (const auto *plain = std::get_if<PlainAction>(&from.param))
             action.type = plain->type;
-        std::visit([&](const auto &param) { put(action.param, param); }, from.param);
-        add(actions_, action_pointers_, action);
-        detail::clear_padding(actions_.back());
+        put_selected(action.param, from.param, std::make_index_sequence<std::variant_size_v<ActionParam>>());
+        if (action.id == 0)
+            detail::clear_padding(action);
+    }
+
+    // Comparisons take less time here than the calls of std::visit().
+    template <class Area, class Variant, std::size_t... I>
+    void put_selected(Area &area, const Variant &param, std::index_sequence<I...>)
+    {
+        (void)((param.index() == I && (put(area, *std::get_if<I>(&param)), true)) || ...);
     }
 
     // The area of a parameter begins where each alternative begins.
-    template <class Area, class P> static void put(Area &area, const P &param)
+    template <class Area, class P> void put(Area &area, const P &param)
     {
         static_assert(std::is_trivially_copyable_v<P> && sizeof param <= sizeof area);
         if constexpr (!std::is_same_v<P, NoParam> && !std::is_same_v<P, PlainAction>)
@@ -354,21 +374,17 @@ private:
 
     void put(zel_match_param_t &area, const Services &services)
     {
-        area.service = {static_cast<uint16_t>(services.size()), end_of(element_pointers_)};
-        for (const zel_match_service_element_t &element : services) {
-            add(elements_, element_pointers_, element);
-            detail::clear_padding(elements_.back());
-        }
+        area.service = {static_cast<uint16_t>(services.size()), elements_.next()};
+        for (const zel_match_service_element_t &element : services)
+            elements_.add() = element;
     }
-
-    template <class R> static R **end_of(std::vector<R *> &pointers) { return pointers.data() + pointers.size(); }
 
     std::string number()
     {
         return number(matches_) && number(actions_) ? "" : "more than 65535 different matches or actions without id";
     }
 
-    template <class R> static bool number(std::vector<R> &records)
+    template <class R> static bool number(detail::Records<R> &records)
     {
         std::size_t num_without_id = 0;
         for (const R &record : records)
@@ -387,18 +403,12 @@ private:
 
     uint32_t mat_type_ = ZEL_MAT_TYPE_NONE;
     zel_policy_list_t list_{};
-    std::vector<zel_policy_t> policies_{};
-    std::vector<zel_policy_t *> policy_pointers_{};
-    std::vector<zel_match_action_pair_t> pairs_{};
-    std::vector<zel_match_action_pair_t *> pair_pointers_{};
-    std::vector<zel_match_t> matches_{};
-    std::vector<zel_match_t *> match_pointers_{};
-    std::vector<zel_action_t> actions_{};
-    std::vector<zel_action_t *> action_pointers_{};
-    std::vector<zel_if_element_t> interfaces_{};
-    std::vector<zel_if_element_t *> interface_pointers_{};
-    std::vector<zel_match_service_element_t> elements_{};
-    std::vector<zel_match_service_element_t *> element_pointers_{};
+    detail::Records<zel_policy_t> policies_{};
+    detail::Records<zel_match_action_pair_t> pairs_{};
+    detail::Records<zel_match_t> matches_{};
+    detail::Records<zel_action_t> actions_{};
+    detail::Records<zel_if_element_t> interfaces_{};
+    detail::Records<zel_match_service_element_t> elements_{};
 };
 
 // ---- Values of the C graph

@@ -18,6 +18,8 @@ import subprocess
 import sys
 import tempfile
 
+from draw import draw
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ABIS = {"64-bit": ROOT / "build/bench/bench", "32-bit": ROOT / "build/bench32/bench"}
 PROGRAMS = ("zel_bench", "zel_bench_one", "zel_bench_untraced", "zel_bench_mimalloc")
@@ -309,6 +311,7 @@ def print_instructions(counts):
 
 
 def command_instructions(_):
+    document = {}
     for abi, folder in ABIS.items():
         counts = {}
         for case in (case for case in all_cases(folder) if case.workload == "M"):
@@ -317,6 +320,12 @@ def command_instructions(_):
         progress()
         print(f"==== {abi} ====\n")
         print_instructions(counts)
+        document[abi] = {direction: by_part(costs) for direction, costs in zip(DIRECTIONS, counts[TRACED])}
+    (ROOT / "build/instructions.json").write_text(json.dumps(document, indent=1))
+
+
+def command_draw(_):
+    draw(ROOT)
 
 
 def main():
@@ -327,6 +336,8 @@ def main():
     timing.set_defaults(command=command_time)
     counting = commands.add_parser("instructions", help="instructions, by callgrind")
     counting.set_defaults(command=command_instructions)
+    drawing = commands.add_parser("draw", help="the pictures in docs/performance, from the last runs of both")
+    drawing.set_defaults(command=command_draw)
     options = parser.parse_args()
     options.command(options)
 

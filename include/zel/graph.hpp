@@ -58,7 +58,7 @@ inline uint64_t hash_of(const void *bytes, std::size_t size, uint64_t hash)
     return hash;
 }
 
-// Bytes of the parameter that count, and its hash.
+// Bytes of the parameter that count.
 inline std::size_t size_of_param(const zel_match_t &match)
 {
     switch (match.type) {
@@ -165,8 +165,7 @@ private:
     uint16_t last_ = 0;
 };
 
-// The records of one kind and the pointers to them.  All are zero at first, padding included,
-// and none moves.
+// The records of one kind and the pointers to them. All are zero at first, padding included; none moves.
 template <class R> class Records {
 public:
     void allocate(std::size_t most)
@@ -182,7 +181,6 @@ public:
     }
     // Where the pointers to the next records will stand.
     R **next() const { return pointers_.get() + used_; }
-    R *data() const { return records_.get(); }
     R *begin() const { return records_.get(); }
     R *end() const { return records_.get() + used_; }
 
@@ -219,15 +217,15 @@ public:
     {
         switch (mat_type_) {
         case ZEL_MAT_TYPE_POLICY:
-            return policies_.data();
+            return policies_.begin();
         case ZEL_MAT_TYPE_MATCH_ACTION_PAIR:
-            return pairs_.data();
+            return pairs_.begin();
         default:
             return &list_;
         }
     }
     uint32_t mat_type() const { return mat_type_; }
-    const zel_policy_t &policy(std::size_t i = 0) const { return policies_.data()[i]; }
+    const zel_policy_t &policy(std::size_t i = 0) const { return policies_.begin()[i]; }
 
     Graph(Graph &&other) noexcept = default;
     Graph &operator=(Graph &&other) noexcept = default;

@@ -39,7 +39,7 @@ def measure(build, nodes, rules, rate, revisions, agents=AGENTS):
                                           ready="ready"))
         for number in range(agents):
             fleet.add_node(f"real{number}")
-        wait_for(lambda: len(fleet.zelctl("nodes")[1]) >= nodes, 60, "all nodes")
+        wait_for(lambda: len(fleet.zelctl("nodes")[1]) >= nodes, 90, "all nodes")
         done = subprocess.run([f"{build}/tests/fleet/bench_writer", fleet.address, "all", str(nodes), str(rules), str(rate),
                                str(revisions)], capture_output=True, text=True, timeout=300)
         assert done.returncode == 0, done.stderr

@@ -240,6 +240,7 @@ private:
         Status status{name_, "1", true, has_.size(), "", {}, {}, now_ms()};
         status.groups.push_back({options_.group, applied_, applied_, wanted_ ? Verdict::applied : Verdict::none, {}});
         status_ = encode_status(status);
+        is_kept_ = false;
         publish(report_subject(name_), status_);
         keep_status();
     }
@@ -248,15 +249,17 @@ public:
     void keep_status()
     {
         const uint64_t now = now_ms();
-        if (status_.empty() || now < keep_status_at_)
+        if (now < kept_at_ + (is_kept_ ? repeat_status_ms : keep_status_ms))
             return;
-        keep_status_at_ = now + keep_status_ms;
-        publish(status_subject(name_), std::exchange(status_, {}));
+        kept_at_ = now;
+        is_kept_ = true;
+        publish(status_subject(name_), status_);
     }
 
 private:
-    std::string status_; // to be kept by the servers
-    uint64_t keep_status_at_ = 0;
+    std::string status_;
+    bool is_kept_ = false; // by the servers
+    uint64_t kept_at_ = 0;
 
     const Options &options_;
     std::string name_;

@@ -115,6 +115,7 @@ struct Node {
     std::set<uint32_t> own_apps;
     Service service;
     Saved disk;
+    std::set<Hash> objects; // in the file; on the disk after the next save
     std::optional<Machine> machine;
     uint64_t life = 1;
     uint64_t seen_serial = 0; // of the service that the machine has last heard of
@@ -241,6 +242,7 @@ private:
         node.actions.clear();
         ++node.life;
         node.seen_serial = 0;
+        node.objects = node.disk.objects;
         node.machine.emplace(Config{node.name, node.groups, node.own_apps, fmt::format("{}", node.life), random_()},
                              node.disk);
         deliver(node, event::Connected{}, 1);
@@ -385,7 +387,7 @@ private:
             deliver(node, event::Object{fetch.entry.hash, Result::missing, {}}, random_() % 2000);
             return;
         }
-        node.disk.objects.insert(fetch.entry.hash);
+        node.objects.insert(fetch.entry.hash);
         deliver(node, event::Object{fetch.entry.hash, Result::stored, {}}, random_() % 200);
     }
 
@@ -433,7 +435,7 @@ private:
     {
         bool is_refused = false;
         for (const auto &[key, hash] : set.policies) {
-            if (!node.disk.objects.contains(hash))
+            if (!node.objects.contains(hash))
                 throw Violation(node.name + " sets a policy without its object");
             is_refused |= is_poison(hash);
         }
@@ -453,6 +455,7 @@ private:
 
     void perform(Node &node, const action::Save &save)
     {
+        node.disk.objects = node.objects;
         for (const auto &[key, hash] : save.installed)
             if (hash || plant_ != Plant::unsaved_intent)
                 node.disk.installed[key] = hash;
@@ -475,7 +478,7 @@ private:
     void perform(Node &node, const action::Drop &drop)
     {
         for (const Hash &hash : drop.hashes)
-            node.disk.objects.erase(hash);
+            node.objects.erase(hash);
     }
 
     void perform(Node &, const action::Report &) {}

@@ -186,7 +186,10 @@ inline std::string ask_subject(const std::string &group) { return "zel.ask." + g
 
 // A status goes out at once to whoever listens.  The servers keep it, too, but not more than one
 // in this time for each node: keeping costs them more than passing on.
-constexpr uint64_t keep_status_ms = 200;
+constexpr uint64_t keep_status_ms = 1000;
+
+// A status that does not change is repeated this often.
+constexpr uint64_t repeat_status_ms = 30000;
 
 constexpr const char *fleet_subject = "zel.desired"; // the epoch
 constexpr const char *desired_stream = "ZEL_DESIRED";

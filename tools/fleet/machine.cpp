@@ -496,20 +496,22 @@ void Machine::request_removal(Request request, PolicyKey key)
     actions_.emplace_back(action::Remove{request_->id, key});
 }
 
-// Marks the policies of a request as uncertain.
+// Marks the policies of a request as uncertain.  Those that are new are saved, so that a crash
+// leaves none that nobody remembers; a service is asked for the state of the others after each start.
 void Machine::start_request(Request request)
 {
     action::Save changes;
     for (const auto &[key, after] : request.after) {
         foreign_.erase(key);
-        std::optional<Hash> &hash = installed_[key];
-        request.before[key] = hash;
-        hash.reset();
-        changes.installed[key] = std::nullopt;
+        const auto [policy, is_new] = installed_.try_emplace(key);
+        request.before[key] = std::exchange(policy->second, std::nullopt);
+        if (is_new)
+            changes.installed[key] = std::nullopt;
     }
     request.id = ++last_id_;
     request_ = std::move(request);
-    actions_.emplace_back(std::move(changes));
+    if (!changes.installed.empty())
+        actions_.emplace_back(std::move(changes));
 }
 
 void Machine::save(Group &group) { actions_.emplace_back(action::Save{{}, {}, std::pair{group.name, group.record}}); }

@@ -2,7 +2,7 @@
 //
 // A machine brings one service to the policies of its node's groups.  For each group it
 // follows the newest manifest; it takes over one group's manifest at a time, with one request
-// under way at a time.  Before a request it has its policies saved as uncertain, so that a
+// under way at a time.  Before a request it has its new policies saved as uncertain, so that a
 // crash between request and answer leaves no policy that nobody remembers.
 #pragma once
 
@@ -95,7 +95,7 @@ struct Read { // the newest manifest of a group from the store
     std::string group;
     uint64_t id;
 };
-struct Fetch { // an object; it is stored before the event
+struct Fetch { // an object; it is stored before the event, and durably with the next Save
     Entry entry;
 };
 struct Observe { // which policies of these applications the service has
@@ -116,7 +116,7 @@ struct Save { // durably, before the next action
     std::vector<PolicyKey> removed;
     std::optional<std::pair<std::string, GroupRecord>> group;
 };
-struct Drop { // objects that nothing needs any more
+struct Drop { // objects that nothing needs any more, durably with the next Save
     std::vector<Hash> hashes;
 };
 struct Report {
@@ -134,8 +134,8 @@ struct Config {
     std::set<uint32_t> own_apps;     // applications without policies from elsewhere
     std::string start;               // random for each start
     uint64_t seed = 1;
-    uint64_t read_ms = 8000;    // between two looks at the store, on average
-    uint64_t report_ms = 30000; // between two statuses, at most
+    uint64_t read_ms = 8000;               // between two looks at the store, on average
+    uint64_t report_ms = repeat_status_ms; // between two statuses, at most
 };
 
 class Machine {

@@ -4,6 +4,7 @@
 #include "tools/json/writer.hpp"
 #include "tools/message/tracing.hpp"
 #include "zel-platform/tlv_check.h"
+#include "zel/platform/tlv_array.h"
 
 #include <fmt/core.h>
 
@@ -93,12 +94,38 @@ std::vector<Message> decode_messages(std::string_view bytes, const std::string &
 {
     std::vector<Message> messages;
     while (!bytes.empty()) {
-        const std::size_t size = array_size(bytes);
-        messages.push_back(
-            decode_message(bytes.substr(0, size), fmt::format("{}, message {}", source, messages.size() + 1)));
-        bytes.remove_prefix(size);
+        const std::string_view first = first_message(bytes);
+        messages.push_back(decode_message(first, fmt::format("{}, message {}", source, messages.size() + 1)));
+        bytes.remove_prefix(first.size());
     }
     return messages;
+}
+
+std::string_view first_message(std::string_view bytes) { return bytes.substr(0, array_size(bytes)); }
+
+zel_kob_header_t read_header(std::string_view bytes)
+{
+    zel_api_handle_t handle{};
+    zel_api_init(&handle, trace_flag(), 0, ZEL_KOB_NO_TRANSPORT, nullptr, nullptr, nullptr);
+    zel_kob_header_t header{};
+    uint32_t cursor = 0;
+    uint32_t num_elements = 0;
+    zel_parse_kob_header_from_tlv(&handle, bytes.data(), &cursor, &header, &num_elements);
+    return header;
+}
+
+void change_operation(std::string &bytes, uint32_t op_code)
+{
+    constexpr const Member &operation = kob_header.members[3];
+    static_assert(operation.offset == offsetof(zel_kob_header_t, op_code));
+    uint32_t cursor = 0;
+    uint16_t type = 0;
+    uint16_t length = 0;
+    const void *value = nullptr;
+    while (tlv_array_get_next_tlv(bytes.data(), &type, &length, &value, 0, &cursor) == TLV_OK) {
+        if (type == operation.id)
+            return (void)std::memcpy(const_cast<void *>(value), &op_code, operation.width);
+    }
 }
 
 Json message_to_json(const Message &message)

@@ -30,6 +30,13 @@ Message decode_message(std::string_view bytes, const std::string &source);
 // request.
 std::vector<Message> decode_messages(std::string_view bytes, const std::string &source);
 
+// The first of such messages; whether the array is whole is not checked.
+std::string_view first_message(std::string_view bytes);
+
+// Of a verified message: its header, without the graph, and another operation in its header.
+zel_kob_header_t read_header(std::string_view bytes);
+void change_operation(std::string &bytes, uint32_t op_code);
+
 // {"kob_header": {...}, "policy": {...}}
 Json message_to_json(const Message &message);
 Message message_from_json(const Document &document, uint32_t app_type);

@@ -156,7 +156,7 @@ void Agent::perform(const action::Set &set)
         std::vector<std::pair<PolicyKey, std::string>> messages;
         for (const auto &[key, hash] : set.policies)
             messages.emplace_back(key, state_.object(hash));
-        answer = service_.set(set.app, messages);
+        answer = service_.set(set.app, std::move(messages));
     } catch (const tools::BadInput &fault) { // stored before by a version that verified less
         answer.text = fault.what();
     } catch (const BadData &fault) { // damaged in the file

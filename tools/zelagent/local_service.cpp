@@ -111,6 +111,13 @@ MessageRecord LocalService::request(const Send &send)
     return is_answer ? std::move(msg) : nullptr;
 }
 
+// As the library sends the message of a request.
+uint32_t LocalService::send_request(std::string_view message, kob_msg_t *msg)
+{
+    const bool in_parts = message.size() > ZEL_KOB_MP_THRESHOLD;
+    return send_array(in_parts ? ZEL_KOB_OPC_MP_REQUEST : ZEL_KOB_OPC_REQUEST, message, in_parts, msg);
+}
+
 uint32_t LocalService::send_array(uint32_t opcode, std::string_view array, bool in_parts, kob_msg_t *msg)
 {
     const auto size = static_cast<uint32_t>(array.size());
@@ -147,31 +154,44 @@ LocalService::Answer LocalService::update(const Send &send)
     return answer;
 }
 
-LocalService::Answer LocalService::set(uint32_t app, const std::vector<std::pair<PolicyKey, std::string>> &messages)
+LocalService::Answer LocalService::set(uint32_t app, std::vector<std::pair<PolicyKey, std::string>> messages)
 {
-    std::vector<tools::Message> policies;
-    std::vector<zel_policy_t *> pointers;
     for (const auto &[key, bytes] : messages) {
-        const tools::Message &message = policies.emplace_back(tools::decode_message(bytes, "object"));
-        if (message.header.api_type != ZEL_API_POLICY_UPDATE || message.header.app_type != key.app ||
-            message.header.policy_id != key.policy)
+        tools::verify_message(bytes, "object");
+        const zel_kob_header_t header = tools::read_header(bytes);
+        if (header.api_type != ZEL_API_POLICY_UPDATE || header.app_type != key.app || header.policy_id != key.policy)
             return {Result::refused, fmt::format("the object of policy {}/{} is that of another", key.app, key.policy),
                     0};
-        pointers.push_back(&message.graph.as<zel_policy_t>());
     }
-    zel_api_handle_t handle = handle_for(app, kob_);
-    zel_policy_list_t list{static_cast<uint16_t>(pointers.size()), pointers.data()};
-    if (pointers.size() > 1 && pointers.size() <= UINT16_MAX && fit_together(app, policies, list))
-        return update([&](kob_msg_t *msg) { return zel_policy_list_update(&handle, &list, options_.op_set, msg); });
-    for (std::size_t i = 0; i < pointers.size(); ++i) {
-        Answer answer =
-            update([&](kob_msg_t *msg) { return zel_policy_update(&handle, pointers[i], options_.op_set, msg); });
-        if (answer.result == Result::refused && i > 0)
+    if (messages.size() > 1) {
+        if (const std::optional<Answer> answer = set_as_list(app, messages))
+            return *answer;
+    }
+    for (auto &[key, bytes] : messages) {
+        const bool is_first = &bytes == &messages.front().second;
+        tools::change_operation(bytes, options_.op_set);
+        Answer answer = update([&](kob_msg_t *msg) { return send_request(bytes, msg); });
+        if (answer.result == Result::refused && !is_first)
             answer.result = Result::refused_in_part;
         if (answer.result != Result::done)
             return answer;
     }
     return {Result::done, {}, 0};
+}
+
+// All in one request; nothing when they cannot travel together.
+std::optional<LocalService::Answer>
+LocalService::set_as_list(uint32_t app, const std::vector<std::pair<PolicyKey, std::string>> &messages)
+{
+    std::vector<tools::Message> policies;
+    std::vector<zel_policy_t *> pointers;
+    for (const auto &[key, bytes] : messages)
+        pointers.push_back(&policies.emplace_back(tools::decode_message(bytes, "object")).graph.as<zel_policy_t>());
+    zel_policy_list_t list{static_cast<uint16_t>(pointers.size()), pointers.data()};
+    if (pointers.size() > UINT16_MAX || !fit_together(app, policies, list))
+        return std::nullopt;
+    zel_api_handle_t handle = handle_for(app, kob_);
+    return update([&](kob_msg_t *msg) { return zel_policy_list_update(&handle, &list, options_.op_set, msg); });
 }
 
 LocalService::Answer LocalService::remove(PolicyKey key)
@@ -195,12 +215,11 @@ std::optional<std::map<PolicyKey, Hash>> LocalService::show(const std::set<uint3
         if (judge(answer).result != Result::done)
             return std::nullopt;
         std::string_view body = payload_of(answer).substr(ZEL_RESP_HDR_SIZE);
-        while (body.size() >= TLV_ARRAY_OVERHEAD) {
-            uint32_t used = 0;
-            std::memcpy(&used, body.data(), sizeof used);
-            const std::string_view message = body.substr(0, TLV_ARRAY_OVERHEAD + std::size_t{used});
-            const tools::Message decoded = tools::decode_message(message, "answer");
-            shown[{decoded.header.app_type, decoded.header.policy_id}] = hash_of(message);
+        while (!body.empty()) {
+            const std::string_view message = tools::first_message(body);
+            tools::verify_message(message, "answer");
+            const zel_kob_header_t header = tools::read_header(message);
+            shown[{header.app_type, header.policy_id}] = hash_of(message);
             body.remove_prefix(message.size());
         }
     }

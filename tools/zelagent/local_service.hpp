@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace zelagent {
 
@@ -45,7 +46,7 @@ public:
         std::string text;
         uint32_t error; // the service's
     };
-    Answer set(uint32_t app, const std::vector<std::pair<fleet::PolicyKey, std::string>> &messages);
+    Answer set(uint32_t app, std::vector<std::pair<fleet::PolicyKey, std::string>> messages);
     Answer remove(fleet::PolicyKey key);
 
     // The hashes of the messages that the service shows; nothing when it does not show them.
@@ -61,6 +62,9 @@ private:
     // Sends with one of the library's calls, which returns the token.
     using Send = std::function<uint32_t(kob_msg_t *msg)>;
     MessageRecord request(const Send &send);
+    std::optional<Answer> set_as_list(uint32_t app,
+                                      const std::vector<std::pair<fleet::PolicyKey, std::string>> &messages);
+    uint32_t send_request(std::string_view message, kob_msg_t *msg);
     uint32_t send_array(uint32_t opcode, std::string_view array, bool in_parts, kob_msg_t *msg);
     Answer judge(const MessageRecord &answer) const;
     Answer update(const Send &send);

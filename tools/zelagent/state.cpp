@@ -112,24 +112,25 @@ Saved State::load()
     return saved;
 }
 
-template <class Body> void State::transaction(Body body)
+// Objects come and go in a transaction that stays open until the next save: a disk syncs once for
+// a revision, and an object that a crash loses is fetched again.
+void State::change()
 {
-    run("BEGIN IMMEDIATE");
+    if (sqlite3_get_autocommit(database_.get()) != 0)
+        run("BEGIN IMMEDIATE");
+}
+
+void State::save(const std::vector<action::Save> &changes)
+{
+    change();
     try {
-        body();
+        for (const action::Save &change : changes)
+            save(change);
         run("COMMIT");
     } catch (...) {
         sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         throw;
     }
-}
-
-void State::save(const std::vector<action::Save> &changes)
-{
-    transaction([&] {
-        for (const action::Save &change : changes)
-            save(change);
-    });
 }
 
 void State::save(const action::Save &change) const
@@ -178,6 +179,7 @@ void State::save(const std::string &name, const GroupRecord &record) const
 
 void State::put_object(const Entry &entry, std::string_view parts)
 {
+    change();
     const Statement put = prepare("INSERT OR REPLACE INTO object VALUES (?, ?, ?)");
     bind(put.get(), 1, entry.hash);
     bind(put.get(), 2, uint64_t{entry.size});
@@ -196,14 +198,13 @@ std::string State::object(const Hash &hash) const
 
 void State::drop(const std::vector<Hash> &hashes)
 {
-    transaction([&] {
-        const Statement remove = prepare("DELETE FROM object WHERE hash = ?");
-        for (const Hash &hash : hashes) {
-            bind(remove.get(), 1, hash);
-            step(remove);
-            sqlite3_reset(remove.get());
-        }
-    });
+    change();
+    const Statement remove = prepare("DELETE FROM object WHERE hash = ?");
+    for (const Hash &hash : hashes) {
+        bind(remove.get(), 1, hash);
+        step(remove);
+        sqlite3_reset(remove.get());
+    }
 }
 
 void State::fail() const { throw StateError(sqlite3_errmsg(database_.get())); }

@@ -22,7 +22,8 @@ public:
 
     fleet::Saved load();
 
-    // In one transaction, which is on the disk at the return.
+    // In one transaction, which is on the disk at the return; so are the objects that were put and
+    // dropped before.
     void save(const std::vector<fleet::action::Save> &changes);
 
     void put_object(const fleet::Entry &entry, std::string_view parts);
@@ -42,7 +43,7 @@ private:
     void run(const char *sql) const;
     Statement prepare(const char *sql) const;
     bool step(const Statement &statement) const;
-    template <class Body> void transaction(Body body);
+    void change();
     void save(const fleet::action::Save &change) const;
     void save(const std::string &name, const fleet::GroupRecord &record) const;
 

@@ -10,21 +10,8 @@ function(add_whole_library name)
         set(options -O3 -fPIC -flto -fno-gnu-unique) # unique symbols cannot become local
     endif()
     foreach(library zel_objects zel_platform)
-        get_target_property(sources ${library} SOURCES)
-        get_target_property(folder ${library} SOURCE_DIR)
-        list(TRANSFORM sources PREPEND ${folder}/)
-        add_library(${name}_${library} OBJECT ${sources})
-        target_include_directories(${name}_${library} PRIVATE
-            ${PROJECT_SOURCE_DIR}/reference/include $<TARGET_PROPERTY:${library},INCLUDE_DIRECTORIES>)
-        target_link_libraries(${name}_${library} PRIVATE zel_wire)
-        target_compile_options(${name}_${library} PRIVATE $<TARGET_PROPERTY:${library},COMPILE_OPTIONS> ${options})
-        # The library takes the platform's inline functions instead of calling it for every element.
-        target_compile_definitions(${name}_${library} PRIVATE
-            ZEL_INLINE_ELEMENTS="reference/tlv/array.hpp" ${ARGN})
-        set_target_properties(${name}_${library} PROPERTIES
-            UNITY_BUILD OFF
-            CXX_VISIBILITY_PRESET hidden
-            VISIBILITY_INLINES_HIDDEN ON)
+        add_inlined_objects(${name}_${library} ${library} ${ARGN})
+        target_compile_options(${name}_${library} PRIVATE ${options})
         list(APPEND objects $<TARGET_OBJECTS:${name}_${library}>)
     endforeach()
 
@@ -64,4 +51,22 @@ function(link_whole_object name options objects)
         COMMENT "Optimising ${name} as a whole"
         VERBATIM)
     set_source_files_properties(${object} PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
+endfunction()
+
+# The objects of a library, which take the platform's inline functions instead of calling it for every
+# element.  Further arguments are definitions.
+function(add_inlined_objects name library)
+    get_target_property(sources ${library} SOURCES)
+    get_target_property(folder ${library} SOURCE_DIR)
+    list(TRANSFORM sources PREPEND ${folder}/)
+    add_library(${name} OBJECT ${sources})
+    target_include_directories(${name} PRIVATE
+        ${PROJECT_SOURCE_DIR}/reference/include $<TARGET_PROPERTY:${library},INCLUDE_DIRECTORIES>)
+    target_link_libraries(${name} PRIVATE zel_wire)
+    target_compile_options(${name} PRIVATE $<TARGET_PROPERTY:${library},COMPILE_OPTIONS>)
+    target_compile_definitions(${name} PRIVATE ZEL_INLINE_ELEMENTS="reference/tlv/array.hpp" ${ARGN})
+    set_target_properties(${name} PROPERTIES
+        UNITY_BUILD OFF
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
 endfunction()

@@ -4,6 +4,7 @@
 #include "wire/format.hpp"
 
 #include <algorithm>
+#include <array>
 #include <unordered_map>
 
 namespace tools {
@@ -102,40 +103,73 @@ constexpr bool selectors_are_named()
 }
 static_assert(selectors_are_named(), "a selector is without a rule that names its values");
 
-// The rules, and those of the masks and lengths that they name.
-std::unordered_map<const Member *, FieldRule> index_rules()
-{
-    std::unordered_map<const Member *, FieldRule> index;
-    for (const FieldRule &rule : rules) {
-        index[rule.field] = rule;
-        if (rule.mask != nullptr)
-            index[rule.mask].is_mask = true;
-        if (rule.length != nullptr)
-            index[rule.length].text = rule.field;
+// The rules, and those of the masks and lengths that they name.  Every field of every object asks
+// for its rule several times: a hash table with open addressing, twice as large as it has to be.
+class RuleIndex {
+public:
+    RuleIndex()
+    {
+        for (const FieldRule &rule : rules) {
+            at(*rule.field) = rule;
+            if (rule.mask != nullptr)
+                at(*rule.mask).is_mask = true;
+            if (rule.length != nullptr)
+                at(*rule.length).text = rule.field;
+        }
     }
-    return index;
-}
+
+    const FieldRule &find(const Member &field) const
+    {
+        const Slot &slot = slots_[place_of(field)];
+        return slot.field == &field ? slot.rule : none_;
+    }
+
+private:
+    struct Slot {
+        const Member *field = nullptr;
+        FieldRule rule;
+    };
+
+    FieldRule &at(const Member &field)
+    {
+        Slot &slot = slots_[place_of(field)];
+        slot.field = &field;
+        return slot.rule;
+    }
+
+    // Of the field, or a free one.
+    std::size_t place_of(const Member &field) const
+    {
+        std::size_t place = reinterpret_cast<std::uintptr_t>(&field) / sizeof field % slots_.size();
+        while (slots_[place].field != nullptr && slots_[place].field != &field)
+            place = (place + 1) % slots_.size();
+        return place;
+    }
+
+    std::array<Slot, 256> slots_;
+    FieldRule none_;
+};
+static_assert(2 * 3 * std::size(rules) <= 512, "the index of the rules is too small");
+
+const RuleIndex rule_index;
 
 } // namespace
 
-const FieldRule &rule_of(const Member &field)
-{
-    static const auto index = index_rules();
-    static const FieldRule none;
-    const auto found = index.find(&field);
-    return found == index.end() ? none : found->second;
-}
+const FieldRule &rule_of(const Member &field) { return rule_index.find(field); }
 
-std::vector<std::string_view> member_names(const Record &record)
+const std::vector<std::string_view> &member_names(const Record &record)
 {
-    std::vector<std::string_view> names;
+    thread_local std::unordered_map<const Record *, std::vector<std::string_view>> known;
+    const auto [entry, is_new] = known.try_emplace(&record);
+    if (!is_new)
+        return entry->second;
     for (const Member &member : record.members) {
         if (member.kind != Kind::choice && !rule_of(member).is_mask)
-            names.emplace_back(member.name);
+            entry->second.emplace_back(member.name);
         for (const Option &option : member.options)
-            names.emplace_back(option.name);
+            entry->second.emplace_back(option.name);
     }
-    return names;
+    return entry->second;
 }
 
 } // namespace tools

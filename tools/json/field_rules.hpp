@@ -27,7 +27,7 @@ struct FieldRule {
 const FieldRule &rule_of(const zel::wire::Member &field);
 
 // The names that members of a record's object can have, in order.
-std::vector<std::string_view> member_names(const zel::wire::Record &record);
+const std::vector<std::string_view> &member_names(const zel::wire::Record &record);
 
 // A record with a single member is written as the value of that member.  Both forms are
 // read, so that a later version can add a member.

@@ -148,8 +148,8 @@ bool read_masked(const Node &node, const Member &field, const Member &mask_field
     Node alone;
     alone.kind = Node::Kind::text;
     alone.text = node.text.substr(0, slash);
-    if (slash != std::string::npos) {
-        const auto mask = read_mask(field, std::string_view(node.text).substr(slash + 1));
+    if (slash != std::string_view::npos) {
+        const auto mask = read_mask(field, node.text.substr(slash + 1));
         if (!mask)
             return false;
         set(mask_field, record, *mask);

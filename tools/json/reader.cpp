@@ -9,7 +9,6 @@
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <deque>
 
 namespace tools {
 
@@ -46,14 +45,14 @@ public:
         if (field_ == nullptr)
             return;
         const uint32_t key = load(*field_, part(object, field_->offset));
-        const auto [earlier, is_new] = lines_.try_emplace(key, item.node.line);
+        const auto [earlier, is_new] = offsets_.try_emplace(key, item.node.offset);
         if (!is_new)
-            item.fail(fmt::format("the id {} stands in line {} already", key, earlier->second));
+            item.fail(fmt::format("the id {} stands in line {} already", key, item.document.line_at(earlier->second)));
     }
 
 private:
     const Member *field_;
-    std::map<uint32_t, uint32_t> lines_;
+    std::map<uint32_t, uint32_t> offsets_;
 };
 
 // What one record of a sequence is read from.
@@ -62,17 +61,17 @@ struct Item {
     std::size_t place; // in the array
 };
 
-// The items of an array.  Those with ranges are several, which split keeps.
-std::vector<Item> items_of(const Node &array, const Member &sequence, std::deque<Node> &split)
+// The items of an array, where those with ranges are several, which live in the arena.
+std::vector<Item> split_items(const Node &array, Arena &arena)
 {
     std::vector<Item> items;
     for (std::size_t place = 0; place < array.children.size(); ++place) {
         const Node &item = array.children[place];
-        std::vector<Node> several = has_ranges(sequence) ? split_ranges(item) : std::vector<Node>{};
+        const std::span<const Node> several = split_ranges(item, arena);
         if (several.empty())
             items.push_back({&item, place});
-        for (Node &one : several)
-            items.push_back({&split.emplace_back(std::move(one)), place});
+        for (const Node &one : several)
+            items.push_back({&one, place});
     }
     return items;
 }
@@ -148,37 +147,45 @@ void JsonReader::define(const Input &in, const Record &record, const void *objec
 {
     const uint16_t id = id_of(record, object);
     const auto [entry, is_new] =
-        definitions_.try_emplace({record.mat_type, id}, Definition{object, in.document.file, in.node.line, is_broken});
+        definitions_.try_emplace({record.mat_type, id}, Definition{object, &in.document, in.node.offset, is_broken});
     const Definition &earlier = entry->second;
     if (!is_new && !is_broken && !earlier.is_broken && !equal(record, object, earlier.object))
         in.fail(fmt::format("{0} {1} differs from the {0} {1} in {2}:{3}; a message has one {0} of an id", record.name,
-                            id, earlier.file, earlier.line));
+                            id, earlier.document->file, earlier.document->line_at(earlier.offset)));
 }
 
 void JsonReader::read_members(const Input &in, const Record &record, void *object)
 {
     if (!in.node.is_object())
         in.expected("an object");
-    const std::vector<std::string_view> names = member_names(record);
-    for (const Node &child : in.node.children)
+    const std::vector<std::string_view> &names = member_names(record);
+    std::size_t next = 0; // members mostly stand in the order of the names
+    for (const Node &child : in.node.children) {
+        if (next < names.size() && child.key == names[next]) {
+            ++next;
+            continue;
+        }
         guard([&] { refuse_unknown_member(in, child, names); });
+        next = static_cast<std::size_t>(std::ranges::find(names, child.key) - names.begin()) + 1;
+    }
+    Members members(in.node);
     for (const Member &member : record.members)
         guard([&] {
             if (member.kind == Kind::field)
-                read_field(in, member, object);
+                read_field(in, members, member, object);
             else if (member.kind == Kind::choice)
-                read_choice(in, member, object);
+                read_choice(in, members, member, object);
             else
-                with_member(in, member.name, [&](const Input &value) { read_content(value, member, object); });
+                with_member(in, members, member.name, [&](const Input &value) { read_content(value, member, object); });
         });
 }
 
-void JsonReader::read_field(const Input &in, const Member &field, void *object)
+void JsonReader::read_field(const Input &in, Members &members, const Member &field, void *object)
 {
     const FieldRule &rule = rule_of(field);
     if (rule.is_mask)
         return;
-    const bool is_there = with_member(in, field.name, [&](const Input &value) {
+    const bool is_there = with_member(in, members, field.name, [&](const Input &value) {
         read_content(value, field, object);
         if (rule.length != nullptr && in.node.find(rule.length->name) == nullptr)
             set(*rule.length, object, static_cast<uint32_t>(read_bytes(value.node.text)->size()));
@@ -204,16 +211,19 @@ void JsonReader::read_items(const Input &in, const Member &sequence, void *objec
 {
     if (in.node.kind != Node::Kind::array)
         in.expected("an array");
-    std::deque<Node> split;
-    const std::vector<Item> items = items_of(in.node, sequence, split);
-    if (items.size() > most_in(sequence))
-        in.fail(fmt::format("{} are too many; at most {} can be sent", items.size(), most_in(sequence)));
-    if (!items.empty())
-        array_of(object, sequence) = allocate<void *>(items.size());
+    const bool is_split = has_ranges(sequence);
+    const std::vector<Item> split = is_split ? split_items(in.node, arena_) : std::vector<Item>{};
+    const auto item_at = [&](std::size_t i) { return is_split ? split[i] : Item{&in.node.children[i], i}; };
+    const std::size_t count = is_split ? split.size() : in.node.children.size();
+    if (count > most_in(sequence))
+        in.fail(fmt::format("{} are too many; at most {} can be sent", count, most_in(sequence)));
+    if (count != 0)
+        array_of(object, sequence) = allocate<void *>(count);
     Keys keys(*sequence.record);
-    for (uint32_t i = 0; i < items.size(); ++i) {
-        const JsonPath path = in.path.at(items[i].place);
-        const Input item{in.document, *items[i].node, path};
+    for (uint32_t i = 0; i < count; ++i) {
+        const Item from = item_at(i);
+        const JsonPath path = in.path.at(from.place);
+        const Input item{in.document, *from.node, path};
         void *const member = allocate_bytes(sequence.record->size);
         array_of(object, sequence)[i] = member;
         set_count(object, sequence, i + 1);
@@ -224,12 +234,12 @@ void JsonReader::read_items(const Input &in, const Member &sequence, void *objec
     }
 }
 
-void JsonReader::read_choice(const Input &in, const Member &choice, void *object)
+void JsonReader::read_choice(const Input &in, Members &members, const Member &choice, void *object)
 {
-    const bool has_selector = in.node.find(choice.name) != nullptr;
+    const bool has_selector = members.find(choice.name) != nullptr;
     const Option *chosen = nullptr;
     for (const Option &option : choice.options)
-        with_member(in, option.name, [&](const Input &value) {
+        with_member(in, members, option.name, [&](const Input &value) {
             if (chosen != nullptr)
                 value.fail(fmt::format("\"{}\" and \"{}\" exclude each other", chosen->name, option.name));
             if (!has_selector)

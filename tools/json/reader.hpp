@@ -30,8 +30,8 @@ public:
 private:
     struct Definition {
         const void *object;
-        std::string_view file;
-        uint32_t line;
+        const Document *document;
+        uint32_t offset;
         bool is_broken; // has a fault, and so is not compared
     };
 
@@ -40,13 +40,14 @@ private:
     bool read_reference(const Input &in, const zel::wire::Record &record, void *object);
     void define(const Input &in, const zel::wire::Record &record, const void *object, bool is_broken);
     void read_members(const Input &in, const zel::wire::Record &record, void *object);
-    void read_field(const Input &in, const zel::wire::Member &field, void *object);
+    void read_field(const Input &in, Members &members, const zel::wire::Member &field, void *object);
     void read_content(const Input &in, const zel::wire::Member &member, void *object);
     void read_items(const Input &in, const zel::wire::Member &sequence, void *object);
-    void read_choice(const Input &in, const zel::wire::Member &choice, void *object);
+    void read_choice(const Input &in, Members &members, const zel::wire::Member &choice, void *object);
 
     uint32_t app_type_;
     std::vector<std::string> *faults_;
+    Arena arena_{}; // for items that were split
     std::map<std::pair<uint32_t, uint16_t>, Definition> definitions_; // by MAT type and id
 };
 
@@ -55,14 +56,19 @@ Graph read_graph(JsonReader &reader, const zel::wire::Record &record, const Inpu
 Graph read_graph(JsonReader &reader, const zel::wire::Record &record, const Document &document);
 
 // Calls read with the member of a name.  False when the object has none.
-template <class Read> bool with_member(const Input &in, std::string_view name, Read read)
+template <class Read> bool with_member(const Input &in, Members &members, std::string_view name, Read read)
 {
-    const Node *const node = in.node.find(name);
+    const Node *const node = members.find(name);
     if (node == nullptr)
         return false;
     const JsonPath path = in.path.in(name);
     read(Input{in.document, *node, path});
     return true;
+}
+template <class Read> bool with_member(const Input &in, std::string_view name, Read read)
+{
+    Members members(in.node);
+    return with_member(in, members, name, read);
 }
 
 // Refuses a member, and an object that has members, of other names.

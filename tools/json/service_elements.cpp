@@ -4,6 +4,7 @@
 #include "wire/records.hpp"
 
 #include <algorithm>
+#include <vector>
 
 namespace tools {
 
@@ -29,10 +30,10 @@ Ports ports_of(const Node *member)
     return range ? expand(*range) : Ports{};
 }
 
-void set_ports(Node &item, std::string_view name, MaskedPort port)
+void set_ports(const Node &item, std::string_view name, MaskedPort port, Arena &arena)
 {
     const auto member = std::ranges::find(item.children, name, &Node::key);
-    member->text = std::to_string(port.value) + "/" + show_hex(port.mask, sizeof port.mask);
+    member->text = arena.copy(std::to_string(port.value) + "/" + show_hex(port.mask, sizeof port.mask));
 }
 
 // The longest range that the ports at some distance from each other, from the first on,
@@ -63,22 +64,23 @@ template <class PortAt> std::pair<std::size_t, std::optional<PortRange>> longest
 
 bool has_ranges(const zel::wire::Member &sequence) { return *sequence.record == zel::wire::match_service_element; }
 
-std::vector<Node> split_ranges(const Node &item)
+std::span<const Node> split_ranges(const Node &item, Arena &arena)
 {
     const Ports sports = ports_of(item.find("sport"));
     const Ports dports = ports_of(item.find("dport"));
-    std::vector<Node> items;
     if (sports.empty() && dports.empty())
-        return items;
+        return {};
+    std::vector<Node> items;
     for (std::size_t s = 0; s < std::max<std::size_t>(sports.size(), 1); ++s)
         for (std::size_t d = 0; d < std::max<std::size_t>(dports.size(), 1); ++d) {
             Node &one = items.emplace_back(item);
+            one.children = arena.copy(item.children);
             if (!sports.empty())
-                set_ports(one, "sport", sports[s]);
+                set_ports(one, "sport", sports[s], arena);
             if (!dports.empty())
-                set_ports(one, "dport", dports[d]);
+                set_ports(one, "dport", dports[d], arena);
         }
-    return items;
+    return arena.copy(items);
 }
 
 JoinedElements join_front(std::span<const ServiceElement *const> elements)

@@ -15,8 +15,8 @@ namespace tools {
 bool has_ranges(const zel::wire::Member &sequence);
 
 // The items that an item with ranges stands for, in the order of the source ports, then of
-// the destination ports.  None when it has no range.
-std::vector<Node> split_ranges(const Node &item);
+// the destination ports.  None when it has no range.  They live as long as the arena.
+std::span<const Node> split_ranges(const Node &item, Arena &arena);
 
 // Elements that are the result of one split.
 struct JoinedElements {

@@ -86,7 +86,8 @@ void print_changes(const Options &options, const ApplyArguments &arguments, cons
 int apply_some(const Options &options, const ApplyArguments &arguments, Connection &connection,
                const std::vector<const zel_policy_t *> &policies, const Present &present)
 {
-    const ChangeSet changes(connection, options.app, policies, present);
+    const Details details = options.json || arguments.is_dry_run ? Details::of_pairs : Details::of_policy;
+    const ChangeSet changes(connection, options.app, policies, present, details);
     if (changes.bytes() != 0) {
         const Answer answer = changes.send(connection, arguments.is_dry_run);
         if (answer.refused())

@@ -145,7 +145,7 @@ RestoreOutcome restore(Connection &connection, const std::vector<tools::Message>
         const tools::Message &message = messages[i];
         const auto &policy = message.graph.as<zel_policy_t>();
         wanted.emplace(message.header.app_type, policy.id);
-        const ChangeSet changes(connection, message.header.app_type, {&policy}, present);
+        const ChangeSet changes(connection, message.header.app_type, {&policy}, present, Details::of_policy);
         const PolicyChange &change = changes.changes().front();
         if (change.kind == ChangeKind::added && !is_dry_run)
             (void)accepted(send_new(connection, message));

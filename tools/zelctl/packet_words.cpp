@@ -17,8 +17,8 @@ namespace {
 
 constexpr const char *command_line = "command line";
 
-// "dport=443" as a member of an object.  A number may be written in any notation, so all
-// values are texts.
+// "dport=443" as a member of an object, which refers to the word.  A number may be written in any
+// notation, so all values are texts.
 tools::Node member_of(const std::string &word)
 {
     const std::size_t equals = word.find('=');
@@ -26,9 +26,8 @@ tools::Node member_of(const std::string &word)
         throw tools::BadInput(fmt::format("packet: expected FIELD=VALUE or a JSON object, found \"{}\"", word));
     tools::Node member;
     member.kind = tools::Node::Kind::text;
-    member.line = 1;
-    member.key = word.substr(0, equals);
-    member.text = word.substr(equals + 1);
+    member.key = std::string_view(word).substr(0, equals);
+    member.text = std::string_view(word).substr(equals + 1);
     return member;
 }
 
@@ -36,15 +35,16 @@ tools::Document document_of(const std::vector<std::string> &words)
 {
     if (words.size() == 1 && words.front().starts_with('{'))
         return tools::parse_json(words.front(), command_line);
-    tools::Document document{command_line, {}};
-    document.root.kind = tools::Node::Kind::object;
-    document.root.line = 1;
+    std::vector<tools::Node> members;
     for (const std::string &word : words) {
-        tools::Node member = member_of(word);
-        if (document.root.find(member.key) != nullptr)
+        const tools::Node member = member_of(word);
+        if (std::ranges::find(members, member.key, &tools::Node::key) != members.end())
             throw tools::BadInput(fmt::format("packet: {} is given twice", member.key));
-        document.root.children.push_back(std::move(member));
+        members.push_back(member);
     }
+    tools::Document document{command_line};
+    document.root.kind = tools::Node::Kind::object;
+    document.root.children = document.arena.copy(members);
     return document;
 }
 

@@ -28,13 +28,13 @@ std::string encode_policy(uint32_t app, const zel_policy_t &policy)
 }
 
 ChangeSet::ChangeSet(Connection &connection, uint32_t app, const std::vector<const zel_policy_t *> &policies,
-                     const Present &present)
+                     const Present &present, Details details)
     : app_(app)
 {
     tools::Progress progress("comparing policies", policies.size());
     for (const zel_policy_t *const policy : policies) {
         const auto found = present.find({app, policy->id});
-        add(connection, *policy, found != present.end() ? &found->second : nullptr);
+        add(connection, *policy, found != present.end() ? &found->second : nullptr, details);
         progress.reached(changes_.size());
     }
     if (expected_.size() > most_policies)
@@ -42,16 +42,17 @@ ChangeSet::ChangeSet(Connection &connection, uint32_t app, const std::vector<con
             fmt::format("{} policies change, and one request takes {}; use --each", expected_.size(), most_policies));
 }
 
-void ChangeSet::add(Connection &connection, const zel_policy_t &policy, const service::Summary *present)
+void ChangeSet::add(Connection &connection, const zel_policy_t &policy, const service::Summary *present,
+                    Details details)
 {
     std::vector<ChangeElement> elements;
     if (present == nullptr) {
-        changes_.push_back(compare(nullptr, &policy));
+        changes_.push_back(compare(nullptr, &policy, details));
         elements.push_back({service::element_message, encode_policy(app_, policy)});
     } else {
         const tools::Message message = fetch_policy(connection, app_, policy.id);
         const auto &before = message.graph.as<zel_policy_t>();
-        changes_.push_back(compare(&before, &policy));
+        changes_.push_back(compare(&before, &policy, details));
         if (changes_.back().kind != ChangeKind::unchanged)
             elements = plan(app_, before, policy);
     }

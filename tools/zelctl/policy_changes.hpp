@@ -18,7 +18,7 @@ public:
     // Reads the service's versions of the policies, as far as they are present, and
     // compares.  Throws Refused.
     ChangeSet(Connection &connection, uint32_t app, const std::vector<const zel_policy_t *> &policies,
-              const Present &present);
+              const Present &present, Details details);
 
     const std::vector<PolicyChange> &changes() const { return changes_; }
     // Of all that is to be sent; 0 when nothing differs.
@@ -29,7 +29,7 @@ public:
     Answer send(Connection &connection, bool is_dry_run) const;
 
 private:
-    void add(Connection &connection, const zel_policy_t &policy, const service::Summary *present);
+    void add(Connection &connection, const zel_policy_t &policy, const service::Summary *present, Details details);
 
     uint32_t app_;
     std::vector<PolicyChange> changes_{};

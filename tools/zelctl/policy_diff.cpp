@@ -18,7 +18,7 @@ namespace zelctl {
 namespace {
 
 using namespace zel::wire;
-using Details = std::vector<std::string>;
+using Texts = std::vector<std::string>;
 
 using tools::members;
 using tools::pairs_of;
@@ -33,7 +33,7 @@ std::string text_of_field(const Member &field, const void *record)
 
 // "what: name old -> new" for each field in which two records differ, also in the records
 // that they contain.
-void add_fields(Details &details, const std::string &what, const Record &record, const void *a, const void *b)
+void add_fields(Texts &details, const std::string &what, const Record &record, const void *a, const void *b)
 {
     for (const Member &member : record.members) {
         if (member.kind == Kind::field && !tools::rule_of(member).is_mask) {
@@ -71,7 +71,7 @@ template <class R> bool is_same_record(const Record &record, const R *a, const R
 
 // ---- Matches and actions
 
-void add_member(Details &details, const zel_match_t &a, const zel_match_t &b)
+void add_member(Texts &details, const zel_match_t &a, const zel_match_t &b)
 {
     const std::string what = fmt::format("match {}: ", a.id);
     const std::size_t before = details.size();
@@ -80,12 +80,12 @@ void add_member(Details &details, const zel_match_t &a, const zel_match_t &b)
         details.push_back(fmt::format("{}{} -> {}", what, text_of(a), text_of(b)));
 }
 
-void add_member(Details &details, const zel_action_t &a, const zel_action_t &b)
+void add_member(Texts &details, const zel_action_t &a, const zel_action_t &b)
 {
     details.push_back(fmt::format("action {}: {} -> {}", a.id, text_of(a), text_of(b)));
 }
 
-template <class G> void add_group(Details &details, const char *noun, const Record &record, const G &a, const G &b)
+template <class G> void add_group(Texts &details, const char *noun, const Record &record, const G &a, const G &b)
 {
     add_fields(details, fmt::format("{} group: ", noun), record, &a, &b);
     const auto find = [](const G &group, uint16_t id) {
@@ -113,12 +113,14 @@ template <class G> void add_group(Details &details, const char *noun, const Reco
         details.push_back(fmt::format("the order of the members of {} group {}", noun, b.id));
 }
 
-PairChange compare_pairs(const zel_match_action_pair_t &a, const zel_match_action_pair_t &b)
+PairChange compare_pairs(const zel_match_action_pair_t &a, const zel_match_action_pair_t &b, Details details)
 {
     PairChange change{b.id, ChangeKind::unchanged, {}};
     if (equal(match_action_pair, &a, &b))
         return change;
     change.kind = ChangeKind::changed;
+    if (details != Details::of_pairs)
+        return change;
     add_fields(change.details, "", match_action_pair, &a, &b);
     add_group(change.details, "match", match_grp, a.match_group, b.match_group);
     add_group(change.details, "action", action_grp, a.action_group, b.action_group);
@@ -164,7 +166,7 @@ bool has_same_interfaces(const zel_policy_t &a, const zel_policy_t &b)
     return equal(if_group, &a.if_group, &b.if_group);
 }
 
-void add_interfaces(Details &details, const zel_if_group_t &a, const zel_if_group_t &b)
+void add_interfaces(Texts &details, const zel_if_group_t &a, const zel_if_group_t &b)
 {
     const auto is_same = [](const auto *one, const auto *other) { return is_same_record(if_element, one, other); };
     const auto old = members(a.if_elements, a.num_if);
@@ -178,13 +180,18 @@ void add_interfaces(Details &details, const zel_if_group_t &a, const zel_if_grou
         details.emplace_back("the order of the interfaces");
 }
 
-PolicyChange whole(const zel_policy_t &policy, ChangeKind kind)
+PairChange whole_pair(const zel_match_action_pair_t &pair, ChangeKind kind, Details details)
+{
+    return {pair.id, kind, details == Details::of_pairs ? Texts{text_of(pair)} : Texts{}};
+}
+
+PolicyChange whole(const zel_policy_t &policy, ChangeKind kind, Details details)
 {
     PolicyChange change;
     change.id = policy.id;
     change.kind = kind;
     for (const zel_match_action_pair_t *const pair : pairs_of(policy))
-        change.pairs.push_back({pair->id, kind, {text_of(*pair)}});
+        change.pairs.push_back(whole_pair(*pair, kind, details));
     return change;
 }
 
@@ -202,12 +209,12 @@ std::size_t PolicyChange::count(ChangeKind of) const
         std::ranges::count_if(pairs, [of](const PairChange &pair) { return pair.kind == of; }));
 }
 
-PolicyChange compare(const zel_policy_t *before, const zel_policy_t *after)
+PolicyChange compare(const zel_policy_t *before, const zel_policy_t *after, Details details)
 {
     if (before == nullptr)
-        return whole(*after, ChangeKind::added);
+        return whole(*after, ChangeKind::added, details);
     if (after == nullptr)
-        return whole(*before, ChangeKind::removed);
+        return whole(*before, ChangeKind::removed, details);
     PolicyChange change;
     change.id = after->id;
     add_fields(change.details, "", policy, before, after);
@@ -217,15 +224,15 @@ PolicyChange compare(const zel_policy_t *before, const zel_policy_t *after)
     const auto now = by_id(*after);
     for (const zel_match_action_pair_t *const pair : pairs_of(*before))
         if (!now.contains(pair->id))
-            change.pairs.push_back({pair->id, ChangeKind::removed, {text_of(*pair)}});
+            change.pairs.push_back(whole_pair(*pair, ChangeKind::removed, details));
     for (const zel_match_action_pair_t *const pair : pairs_of(*after)) {
         const auto found = old.find(pair->id);
         if (found == old.end()) {
-            change.pairs.push_back({pair->id, ChangeKind::added, {text_of(*pair)}});
+            change.pairs.push_back(whole_pair(*pair, ChangeKind::added, details));
             continue;
         }
         ++change.num_kept;
-        if (PairChange one = compare_pairs(*found->second, *pair); one.kind != ChangeKind::unchanged)
+        if (PairChange one = compare_pairs(*found->second, *pair, details); one.kind != ChangeKind::unchanged)
             change.pairs.push_back(std::move(one));
     }
     if (order_after_update(*before, *after) != order_of(*after))
@@ -248,7 +255,7 @@ std::string show(const PolicyChange &change)
         const bool is_whole = pair.kind != ChangeKind::changed;
         text +=
             fmt::format("  {} pair {}{}\n", mark_of(pair.kind), pair.id, is_whole ? ": " + pair.details.front() : "");
-        for (const std::string &detail : is_whole ? Details{} : pair.details)
+        for (const std::string &detail : is_whole ? Texts{} : pair.details)
             text += "      " + detail + "\n";
     }
     return text;

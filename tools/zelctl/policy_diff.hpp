@@ -16,7 +16,7 @@ const char *name_of(ChangeKind kind);
 struct PairChange {
     uint16_t id;
     ChangeKind kind;
-    std::vector<std::string> details{}; // "match 7: dport 80 -> 443"
+    std::vector<std::string> details{}; // if wanted: "match 7: dport 80 -> 443"
 };
 
 struct PolicyChange {
@@ -29,8 +29,10 @@ struct PolicyChange {
     std::size_t count(ChangeKind of) const;
 };
 
-// Null stands for no such policy; not both are.
-PolicyChange compare(const zel_policy_t *before, const zel_policy_t *after);
+// Null stands for no such policy; not both are.  The details of many pairs take longer than
+// all the rest, so they are only written for who shows them.
+enum class Details : uint8_t { of_policy, of_pairs };
+PolicyChange compare(const zel_policy_t *before, const zel_policy_t *after, Details details = Details::of_pairs);
 
 // Several lines of text: "+ pair 3: ...", "- pair 4: ...", "~ pair 5".
 std::string show(const PolicyChange &change);

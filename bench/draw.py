@@ -98,12 +98,35 @@ def draw_instructions(path, parts_of):
     write(path, 930, 142, drawn)
 
 
+def draw_fleet(path, results):
+    """Lines for p50 and p99 over the number of nodes, for a policy of one pair at two revisions a second."""
+    points = sorted((r["nodes"], r["p50"], r["p99"]) for r in results if (r["rules"], r["rate"]) == (1, 2))
+    x, y, width, height = 60, 30, 500, 200
+    most = max(p99 for _, _, p99 in points)
+    top = 10 ** math.ceil(math.log10(most))
+    across = lambda nodes: x + width * math.log10(nodes / 10) / math.log10(1000)
+    down = lambda ms: y + height * (1 - math.log10(max(ms, 1)) / math.log10(top))
+    parts = [text(x, y - 12, "ms from the acknowledgement to the last node's report, by the number of nodes", "title"),
+             f'<path class="axis" fill="none" d="M{x} {y} V{y + height} H{x + width}"/>']
+    parts += [text(across(nodes), y + height + 16, f"{nodes:,}", "small", "middle") for nodes in (10, 100, 1000, 10000)]
+    parts += [text(x - 6, down(10 ** power) + 4, f"{10 ** power:,}", "small", "end") for power in range(round(math.log10(top)) + 1)]
+    for column, (name, colour) in enumerate(zip(("p50", "p99"), COLOURS), 1):
+        places = " L".join(f"{across(point[0]):.0f} {down(point[column]):.0f}" for point in points)
+        parts.append(f'<path class="line" stroke="{colour}" d="M{places}"/>')
+        parts.append(box(x + 120 * (column - 1), 262, 12, 12, fill=colour))
+        parts.append(text(x + 18 + 120 * (column - 1), 272, name, "small"))
+    write(path, 620, 284, parts)
+
+
 def draw(root):
     folder = root / "docs/performance"
     folder.mkdir(exist_ok=True)
-    run = json.loads((root / "build/bench.json").read_text())
-    draw_sizes(folder / "sizes.svg", run["64-bit"]["results"])
-    draw_growth(folder / "growth.svg", run["64-bit"]["results"])
-    counts = pathlib.Path(root / "build/instructions.json")
+    run, counts, fleet = (root / "build" / name for name in ("bench.json", "instructions.json", "fleet.json"))
+    if run.exists():
+        results = json.loads(run.read_text())["64-bit"]["results"]
+        draw_sizes(folder / "sizes.svg", results)
+        draw_growth(folder / "growth.svg", results)
     if counts.exists():
         draw_instructions(folder / "instructions.svg", json.loads(counts.read_text())["64-bit"])
+    if fleet.exists():
+        draw_fleet(folder / "fleet.svg", json.loads(fleet.read_text()))

@@ -336,7 +336,7 @@ def main():
     timing.set_defaults(command=command_time)
     counting = commands.add_parser("instructions", help="instructions, by callgrind")
     counting.set_defaults(command=command_instructions)
-    drawing = commands.add_parser("draw", help="the pictures in docs/performance, from the last runs of both")
+    drawing = commands.add_parser("draw", help="the pictures in docs/performance, from the last runs")
     drawing.set_defaults(command=command_draw)
     options = parser.parse_args()
     options.command(options)

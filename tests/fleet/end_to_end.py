@@ -7,7 +7,7 @@ import subprocess
 import sys
 import time
 
-from fleet import Fleet, wait_for
+from fleet import Fleet, Process, wait_for
 
 OK, BAD_INPUT, NO_SERVICE, SOME, NONE, SILENT = 0, 3, 4, 10, 11, 12
 fleet = Fleet(sys.argv[1])
@@ -54,7 +54,7 @@ output = expect(SOME, "apply", fleet.policy(2, 5), fleet.policy(3, 5, pairs=100)
 check(verdicts(output) == {"plain": "applied", "small": "refused"}, output)
 check("too large" in str(output), output)
 check(policies() == {"plain": {1: 1, 2: 5, 3: 5}, "small": {1: 1}}, policies())
-# What the servers keep of statuses is up to 200 ms older than what they pass on.
+# What the servers keep of statuses is up to 1 s older than what they pass on.
 wait_for(lambda: fleet.zelctl("nodes", "--behind")[0] == SOME, what="a refusal that is kept")
 check([node["node"] for node in expect(SOME, "nodes", "--behind")] == ["small"], "nodes --behind")
 expect(OK, "undo")
@@ -138,6 +138,15 @@ edge.service.restart()
 edge.agent.start()
 wait_for(lambda: edge.policies() == {1: 77, 2: 1, 4: 1, 5: 6}, what="caught up")
 wait_for(lambda: fleet.zelctl("status")[0] == OK, what="all applied")
+# Many nodes in one process, a connection each: every one reports for itself.
+many = Process([f"{fleet.build}/tests/fleet/node_simulator", ",".join(map(str, fleet.ports)), "300", "0", "many"],
+               f"{fleet.folder}/simulator.log", ready="ready")
+fleet.await_nodes(300, group="many")
+for vrf in (1, 2):
+    check(expect(OK, "apply", fleet.policy(1, vrf, pairs=50), group="many")["counts"] == {"applied": 300}, "many nodes")
+many.kill()
+check(expect(SILENT, "apply", fleet.policy(1, 3), group="many", wait=1)["counts"] == {"silent": 300}, "silent nodes")
+
 memory = {name: int(next(line.split()[1] for line in open(f"/proc/{n.agent.process.pid}/status")
                          if line.startswith("VmHWM"))) for name, n in fleet.nodes.items()}
 with open(f"{fleet.build}/zelagent", "rb") as program:

@@ -10,6 +10,7 @@
 #include "tools/zeld/policy.hpp"
 
 #include <fmt/format.h>
+#include <random>
 #include <sstream>
 #include <string>
 
@@ -87,6 +88,32 @@ inline Owned<zel_policy_t> policy(uint16_t id, const std::string &text)
         append(result->if_group, std::move(element));
     }
     return result;
+}
+
+// Policy 1 with a pair for each random network, port 80 and TCP.  Pair and match have one id, from 0 on.
+inline Owned<zel_policy_t> five_tuples(uint16_t num_pairs)
+{
+    auto one = make<zel_policy_t>();
+    one->id = 1;
+    std::mt19937 random(4);
+    for (uint16_t id = 0; id < num_pairs; ++id) {
+        auto pair = make<zel_match_action_pair_t>();
+        auto match = make<zel_match_t>();
+        pair->id = match->id = id;
+        match->type = ZEL_MATCH_TYPE_SERVICE_ELEMENT;
+        match->param.service_element = {static_cast<uint32_t>(random()),
+                                        0xffffff00,
+                                        static_cast<uint32_t>(random()),
+                                        0xffff0000,
+                                        0,
+                                        0,
+                                        80,
+                                        0xffff,
+                                        6};
+        append(pair->match_group, std::move(match));
+        append(one->match_action_pair_group, std::move(pair));
+    }
+    return one;
 }
 
 inline std::string text_of(const zel_policy_t &policy)

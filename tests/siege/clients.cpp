@@ -308,27 +308,7 @@ Row many_policies(double seconds)
 
 void set_five_tuples(const std::string &address, uint16_t num_pairs)
 {
-    auto one = make<zel_policy_t>();
-    one->id = 1;
-    std::mt19937 random(4);
-    for (uint16_t id = 0; id < num_pairs; ++id) {
-        auto pair = make<zel_match_action_pair_t>();
-        auto match = make<zel_match_t>();
-        pair->id = match->id = id;
-        match->type = ZEL_MATCH_TYPE_SERVICE_ELEMENT;
-        match->param.service_element = {static_cast<uint32_t>(random()),
-                                        0xffffff00,
-                                        static_cast<uint32_t>(random()),
-                                        0xffff0000,
-                                        0,
-                                        0,
-                                        80,
-                                        0xffff,
-                                        6};
-        test::append(pair->match_group, std::move(match));
-        test::append(one->match_action_pair_group, std::move(pair));
-    }
-    Client(address, 10).set(*one);
+    Client(address, 10).set(*five_tuples(num_pairs));
 }
 
 Row maximal_traffic(double seconds)

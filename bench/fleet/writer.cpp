@@ -1,7 +1,7 @@
 // Writes revisions at a rate, and measures how long after the acknowledgement the last node
 // reports each of them:
 //
-//     bench_writer SERVERS GROUP NODES RULES RATE REVISIONS
+//     fleet_writer SERVERS GROUP NODES RULES RATE REVISIONS
 //
 // A node that has taken over a later revision has taken over the earlier ones, too.
 #include "tools/fleet/store.hpp"
@@ -184,7 +184,7 @@ int main(int argc, char **argv)
         bench.print();
         return 0;
     } catch (const std::exception &fault) {
-        fmt::print(stderr, "bench_writer: {}\n", fault.what());
+        fmt::print(stderr, "fleet_writer: {}\n", fault.what());
         return 1;
     }
 }

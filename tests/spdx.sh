@@ -5,7 +5,7 @@ set -eu
 cd "$1"
 [ "$(dirname "$2")" = "$1/build" ] || exit 0 # the list is of a preset's folder
 list=$(scripts/spdx "$(basename "$2")")
-for product in libzel.so libzel-platform.so zeld zelctl; do
+for product in libzel.so libzel-platform.so zeld zelctl zelagent; do
     sum=$(sha256sum "$2/$product" | cut -d ' ' -f 1)
     echo "$list" | grep -q "SHA256: $sum" || {
         echo "spdx: $product is missing" >&2

@@ -145,9 +145,8 @@ void measure_packets()
     if (!zeld.start({"--log-level", "error"}) || Client(zeld.address, app).set(*graph) != 0)
         throw std::runtime_error("the service does not start, or refuses the policy");
     Client client(zeld.address, app);
-    print("the same, in requests of 20,000 to the service", rate([&] {
-              return client.traffic(packets) == 0 ? packets.size() : throw std::runtime_error(client.text);
-          }),
+    print("the same, in requests of 20,000 to the service",
+          rate([&] { return client.traffic(packets) == 0 ? packets.size() : throw std::runtime_error(client.text); }),
           "a second");
     if (num_matched == 0)
         throw std::runtime_error("no packet matched");

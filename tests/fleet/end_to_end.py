@@ -114,10 +114,10 @@ wait_for(lambda: next(n for n in fleet.zelctl("nodes")[1] if n["node"] == "edge"
 # Questions.
 subprocess.run([f"{fleet.build}/zelctl", "--service", edge.address, "policy", "delete", "2"], check=True,
                stdout=subprocess.DEVNULL)
-check(expect(SOME, "drift")["edge"]["missing"] == ["0/2"], "drift")
+check(expect(SOME, "drift")["nodes"]["edge"]["missing"] == ["0/2"], "drift")
 expect(OK, "retry")
 wait_for(lambda: fleet.zelctl("drift")[0] == OK, what="drift repaired")
-check([s["nodes"] for s in expect(OK, "stats")] == [3] * 3, "stats")
+check([s["nodes"] for s in expect(OK, "stats")["pairs"]] == [3] * 3, "stats")
 
 # Direct requests go through the agent.
 direct = [f"{fleet.build}/zelctl", "--service"]

@@ -167,7 +167,7 @@ rng = random.Random(3)
 hostile = Raw("controller")
 seed = open(secret, "rb").read() * 20
 for i in range(5000):
-    subject = rng.choice(["zel.ask.all", "zel.node.n1", "zel.group.all", "zel.ask.node.n1"])
+    subject = rng.choice(["zel.node.n1", "zel.group.all", "zel.ask.node.n1"])
     data = bytes(rng.randrange(256) for _ in range(rng.randrange(60)))
     if i % 3 == 0:
         data = rng.choice([b"plan\n", b"stats\n", b"retry", b"drift", b"ZM1\n", b"\x01BOK"]) + data + seed[:rng.randrange(200)]

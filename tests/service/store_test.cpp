@@ -53,7 +53,7 @@ protected:
     void put(const PolicyKey &key, const Bytes &message, uint32_t number = 0) const
     {
         Store store(state_file);
-        store.load([](const PolicyKey &, uint32_t, const Bytes &) {});
+        store.load([](const PolicyKey &, uint32_t, const Bytes &) {}, [] { return true; }, false);
         const Store::Change change{key, {}, std::make_shared<const Bytes>(message), number};
         store.apply({&change, 1});
     }
@@ -63,7 +63,7 @@ protected:
     {
         try {
             Policies policies(std::make_unique<Store>(path), {1 << 24, 1 << 28});
-            policies.load([] {}, is_salvage);
+            policies.load([] { return true; }, is_salvage);
             std::string text;
             for (const auto &[key, policy] : policies.all())
                 text += fmt::format("{}/{}: {}; ", key.app_type, key.id, text_of(*policy));
@@ -312,6 +312,20 @@ TEST_F(StoreTest, TextsAtStartNameTheCause)
     EXPECT_EQ(stop(), 0);
     std::filesystem::resize_file(state_file, std::filesystem::file_size(state_file) / 2);
     EXPECT_NE(loaded(state_file).find("damaged"), std::string::npos) << loaded(state_file);
+}
+
+TEST_F(StoreTest, StopsWhileItLoads)
+{
+    make_state(50);
+    kill_it();
+    const std::string whole = loaded(state_file);
+    for (const int most : {0, 1, 20}) {
+        int asked = 0;
+        Policies policies(std::make_unique<Store>(state_file), {1 << 24, 1 << 28});
+        EXPECT_THROW(policies.load([&] { return ++asked <= most; }, false), StoreError) << most;
+        EXPECT_EQ(asked, most + 1);
+    }
+    EXPECT_EQ(loaded(state_file), whole);
 }
 
 // Policy i of round r has the pair r. What was acknowledged is there after the kill.

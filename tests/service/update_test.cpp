@@ -157,7 +157,7 @@ TEST(Update, AgreesWithTheModel)
     const TestFolder folder;
     const auto open = [&] {
         auto policies = std::make_unique<Policies>(std::make_unique<Store>(folder.path + "/state"), limits);
-        policies->load([] {}, false);
+        policies->load([] { return true; }, false);
         return policies;
     };
     Model model;
@@ -222,34 +222,65 @@ TEST(Update, CostsInProportionToTheChange)
     EXPECT_LT(steps[0], 50u);
 }
 
-// A request that names all members takes steps in proportion to the policy, and one that
-// would take very many is refused.
+// So many records, and the pointers to them that a group has.
+template <class R> struct Many {
+    explicit Many(uint16_t count, uint16_t R::*id) : records(count)
+    {
+        for (R &record : records) {
+            record.*id = static_cast<uint16_t>(100 + pointers.size());
+            pointers.push_back(&record);
+        }
+    }
+    std::vector<R> records;
+    std::vector<R *> pointers{};
+};
+
+// The steps of a removal that names all members of a group.
+uint64_t steps_of_removal(uint32_t kind, const void *object)
+{
+    const std::string text = "1@1:/ 2@1:/ 3@1:/";
+    Policy version(*policy(1, text));
+    const Budget budget(SIZE_MAX);
+    update_policy(version, kind, set, object);
+    const uint64_t before = budget.steps();
+    update_policy(version, kind, remove_named, object);
+    return budget.steps() - before;
+}
+
+// Such a removal takes steps in proportion to the policy, and one that would take very many
+// is refused.
 TEST(Update, RemovalsAreLinear)
 {
-    uint64_t steps[2];
-    for (const uint16_t num_matches : {uint16_t{3000}, uint16_t{30000}}) {
-        auto graph = policy(1, "1@1:/ 2@1:/ 3@1:/");
-        auto given = policy(1, "1@1:/");
-        std::vector<zel_match_t> matches(num_matches);
-        std::vector<zel_match_t *> pointers;
-        for (zel_match_t &match : matches) {
-            match.id = static_cast<uint16_t>(pointers.size());
+    uint64_t steps[2][4];
+    for (const std::size_t is_large : {0, 1}) {
+        const auto count = static_cast<uint16_t>(is_large != 0 ? 30000 : 3000);
+        Many<zel_match_t> matches(count, &zel_match_t::id);
+        for (zel_match_t &match : matches.records)
             match.type = ZEL_MATCH_TYPE_NO_PARAM;
-            pointers.push_back(&match);
-        }
-        zel_match_grp_t group{};
-        group.id = 1;
-        group.num_match = num_matches;
-        group.matches = pointers.data();
-        const Budget budget(SIZE_MAX);
-        Policy version(*graph);
-        update_policy(version, ZEL_API_MATCH_GROUP_UPDATE, set, &group);
-        const uint64_t before = budget.steps();
-        update_policy(version, ZEL_API_MATCH_GROUP_UPDATE, remove_named, &group);
-        steps[num_matches == 3000 ? 0 : 1] = budget.steps() - before;
-        EXPECT_EQ(text_of(version), "1@1:/ 2@1:/ 3@1:/ |");
+        Many<zel_action_t> actions(count, &zel_action_t::id);
+        for (zel_action_t &action : actions.records)
+            action.type = ZEL_ACTION_TYPE_SET_VRF;
+        Many<zel_match_action_pair_t> pairs(count, &zel_match_action_pair_t::id);
+        Many<zel_if_element_t> elements(count, &zel_if_element_t::vlan);
+        zel_match_grp_t match_group{};
+        match_group.id = 1;
+        match_group.num_match = count;
+        match_group.matches = matches.pointers.data();
+        zel_action_grp_t action_group{};
+        action_group.id = 1;
+        action_group.num_action = count;
+        action_group.actions = actions.pointers.data();
+        const zel_match_action_pair_grp_t pair_group{count, pairs.pointers.data()};
+        const zel_if_group_t if_group{count, elements.pointers.data()};
+        steps[is_large][0] = steps_of_removal(ZEL_API_MATCH_GROUP_UPDATE, &match_group);
+        steps[is_large][1] = steps_of_removal(ZEL_API_ACTION_GROUP_UPDATE, &action_group);
+        steps[is_large][2] = steps_of_removal(ZEL_API_MATCH_ACTION_PAIR_GROUP_UPDATE, &pair_group);
+        steps[is_large][3] = steps_of_removal(ZEL_API_INTERFACE_GROUP_UPDATE, &if_group);
     }
-    EXPECT_LT(steps[1], 11 * steps[0]);
+    for (int kind = 0; kind < 4; ++kind) {
+        EXPECT_GT(steps[0][kind], 0u);
+        EXPECT_LT(steps[1][kind], 11 * steps[0][kind]) << kind;
+    }
 
     std::string pairs;
     for (int id = 0; id < 60000; ++id)

@@ -158,7 +158,7 @@ std::optional<std::string> loaded(const std::string &path)
 {
     try {
         Policies policies(std::make_unique<Store>(path), {1 << 24, 1 << 28});
-        policies.load([] {}, false);
+        policies.load([] { return true; }, false);
         std::string text;
         for (const auto &[key, policy] : policies.all())
             text += fmt::format("{}/{}: {}; ", key.app_type, key.id, text_of(*policy));

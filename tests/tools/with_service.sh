@@ -1,15 +1,27 @@
 #!/bin/sh
 # zelctl and the stand-in service together.
-# usage: with_service.sh ZELCTL ZELD EXAMPLES
+# usage: with_service.sh ZELCTL ZELD EXAMPLES [NATS-SERVER]; with a NATS server, both talk through it.
 set -eu
 zelctl=$1
 zeld=$2
 examples=$3
 dir=$(mktemp -d)
+service=
+server=
+# A stopped process ends by SIGKILL alone.
+trap 'kill -KILL $service $server; rm -rf "$dir"' EXIT
+trap 'exit 1' HUP INT TERM
 export ZEL_SERVICE="unix:$dir/socket"
+if [ $# -gt 3 ]; then
+    "$4" -a 127.0.0.1 -p -1 --ports_file_dir "$dir" >/dev/null 2>&1 &
+    server=$!
+    until port=$(sed -n 's/.*"nats":\["nats:\/\/127.0.0.1:\([0-9]*\)".*/\1/p' "$dir"/nats-server_*.ports 2>/dev/null) && [ "$port" ]; do
+        sleep 0.1
+    done
+    export ZEL_SERVICE="nats://127.0.0.1:$port/zel.test"
+fi
 "$zeld" --listen "$ZEL_SERVICE" --max-state 1M >"$dir/ready" 2>"$dir/log" &
 service=$!
-trap 'kill $service; rm -rf "$dir"' EXIT
 
 fail() {
     echo "with_service: $*" >&2

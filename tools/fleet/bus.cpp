@@ -37,6 +37,12 @@ BusMessage to_message(natsMsg *message)
     return result;
 }
 
+// An empty message takes memory, too.
+std::size_t size_of(const BusMessage &message)
+{
+    return sizeof message + message.subject.size() + message.reply.size() + message.data.size();
+}
+
 std::string last_error(natsConnection *connection)
 {
     const char *text = nullptr;
@@ -108,9 +114,9 @@ void Bus::put(natsMsg *message)
 {
     BusMessage received = to_message(message);
     const std::scoped_lock lock(mutex_);
-    if (queued_ + received.data.size() > max_queued)
+    if (queued_ + size_of(received) > max_queued)
         return;
-    queued_ += received.data.size();
+    queued_ += size_of(received);
     queue_.push_back(std::move(received));
     const uint64_t one = 1;
     (void)!write(descriptor_, &one, sizeof one);
@@ -126,7 +132,7 @@ std::optional<BusMessage> Bus::take()
     }
     BusMessage message = std::move(queue_.front());
     queue_.pop_front();
-    queued_ -= message.data.size();
+    queued_ -= size_of(message);
     return message;
 }
 

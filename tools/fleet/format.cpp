@@ -338,9 +338,9 @@ std::string encode_status(const Status &status)
     return json.dump(-1, ' ', false, Json::error_handler_t::replace); // a service's text may be any bytes
 }
 
-Status decode_status(std::string_view bytes)
+Status decode_status(std::string_view bytes, std::string_view subject)
 {
-    return read_json(bytes, "status", [](const Json &json) {
+    return read_json(bytes, "status", [subject](const Json &json) {
         Status status{json.at("node").get<std::string>(),
                       json.at("start").get<std::string>(),
                       json.at("service").get<bool>(),
@@ -349,6 +349,8 @@ Status decode_status(std::string_view bytes)
                       {},
                       json.at("overridden").get<std::vector<std::string>>(),
                       json.at("time").get<uint64_t>()};
+        if (!is_name(status.node) || subject.substr(subject.rfind('.') + 1) != status.node)
+            throw BadData("a status of another node");
         for (const Json &group : json.at("groups")) {
             const std::optional<Verdict> verdict = verdict_of(group.at("verdict").get<std::string>());
             status.groups.push_back({group.at("group").get<std::string>(), revision_from_json(group.at("wanted")),

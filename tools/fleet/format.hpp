@@ -165,7 +165,9 @@ struct Status {
     bool operator==(const Status &) const = default;
 };
 std::string encode_status(const Status &status);
-Status decode_status(std::string_view bytes); // throws BadData
+// Throws BadData, also when the subject that it came at is another node's: the servers let a node
+// write to its own subjects alone.
+Status decode_status(std::string_view bytes, std::string_view subject);
 
 // ---- Names
 
@@ -182,7 +184,7 @@ inline std::string status_subject(const std::string &node) { return "zel.status.
 inline std::string report_subject(const std::string &node) { return "zel.report." + node; } // the same, not kept
 inline std::string node_subject(const std::string &node) { return "zel.node." + node; }     // requests of the library
 inline std::string share_subject(const std::string &group) { return "zel.group." + group; } // the same, to all nodes
-inline std::string ask_subject(const std::string &group) { return "zel.ask." + group; }     // questions to agents
+inline std::string ask_subject(const std::string &node) { return "zel.ask.node." + node; }  // questions to an agent
 
 // A status goes out at once to whoever listens.  The servers keep it, too, but not more than one
 // in this time for each node: keeping costs them more than passing on.

@@ -254,7 +254,7 @@ std::vector<ManifestPtr> Store::history(const std::string &group)
 {
     return patiently([&] {
         std::vector<ManifestPtr> manifests;
-        read_all(desired_stream, group_subject(group), false, [&](std::string_view bytes) {
+        read_all(desired_stream, group_subject(group), false, [&](std::string_view, std::string_view bytes) {
             if (ManifestPtr manifest = to_manifest(bytes); manifest != nullptr)
                 manifests.push_back(std::move(manifest));
         });
@@ -295,10 +295,10 @@ std::vector<Status> Store::statuses()
 {
     return patiently([&] {
         std::vector<Status> statuses;
-        read_all(status_stream, "zel.status.*", true, [&](std::string_view bytes) {
+        read_all(status_stream, "zel.status.*", true, [&](std::string_view at, std::string_view bytes) {
             try {
-                statuses.push_back(decode_status(bytes));
-            } catch (const BadData &) { // a node can write nonsense, but only about itself
+                statuses.push_back(decode_status(bytes, at));
+            } catch (const BadData &) { // a node can write nonsense
             }
         });
         return statuses;
@@ -307,7 +307,7 @@ std::vector<Status> Store::statuses()
 
 // A consumer for as long as the call takes.
 void Store::read_all(const char *stream, const std::string &subject, bool only_last,
-                     const std::function<void(std::string_view)> &take)
+                     const std::function<void(std::string_view, std::string_view)> &take)
 {
     jsSubOptions options;
     jsSubOptions_Init(&options);
@@ -331,7 +331,7 @@ void Store::read_all(const char *stream, const std::string &subject, bool only_l
         if (const natsStatus status = natsSubscription_NextMsg(&got, made, wait_ms); status != NATS_OK)
             fail(bus_, fmt::format("stream {}", stream), status);
         const Message message(got);
-        take(data_of(got));
+        take(natsMsg_GetSubject(got), data_of(got));
     }
 }
 

@@ -49,7 +49,7 @@ private:
     ManifestPtr last_readable(const std::string &group);
     // Calls take for each message of a stream at a subject, oldest first.
     void read_all(const char *stream, const std::string &subject, bool only_last,
-                  const std::function<void(std::string_view)> &take);
+                  const std::function<void(std::string_view subject, std::string_view data)> &take);
 
     Bus &bus_;
     const SecretKey *secret_key_;

@@ -3,6 +3,7 @@
 #include "tools/fleet/commit.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/message.hpp"
+#include "tools/text/safe_text.hpp"
 #include "zel-platform/manager.h"
 #include "zel/platform/heartbeat.h"
 
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <cstring>
 #include <poll.h>
+#include <unistd.h>
 
 namespace zelagent {
 
@@ -23,7 +25,8 @@ constexpr int tick_ms = 100;
 constexpr uint64_t look_ms = 250;   // between two looks for an absent service
 constexpr uint64_t relay_ms = 2000; // between two attempts to serve the node's subject
 constexpr std::size_t max_attachments = std::size_t{8} * 1024 * 1024; // bytes of objects that came with a manifest
-constexpr uint64_t plan_ms = 5000;                                    // for the objects of a dry run
+constexpr std::size_t max_plans = 16;
+constexpr uint64_t plan_ms = 5000; // for the objects of a dry run
 
 template <class Clock> uint64_t milliseconds()
 {
@@ -31,9 +34,14 @@ template <class Clock> uint64_t milliseconds()
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-void log(const std::string &text) { fmt::print(stderr, "zelagent: {}\n", text); }
-
-std::string ask_node_subject(const std::string &node) { return "zel.ask.node." + node; }
+// In one write without waiting: a log that nobody reads must not stop the agent.
+void log(const std::string &text)
+{
+    const std::string line = fmt::format("zelagent: {}\n", tools::safe_text(text));
+    pollfd entry{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&entry, 1, 0) == 1 && (entry.revents & POLLOUT) != 0)
+        (void)!write(STDERR_FILENO, line.data(), line.size());
+}
 
 Json list(const std::vector<PolicyKey> &keys)
 {
@@ -49,10 +57,9 @@ Agent::Agent(const Options &options)
     : options_(options), state_(options.state), machine_(options.machine, state_.load()), service_(options.service),
       bus_(options.servers, Bus::Start::later)
 {
-    bus_.subscribe(ask_node_subject(options_.machine.node));
+    bus_.subscribe(ask_subject(options_.machine.node));
     for (const std::string &group : options_.machine.groups) {
         bus_.subscribe(revision_subject(group));
-        bus_.subscribe(ask_subject(group));
     }
 }
 
@@ -74,8 +81,7 @@ void Agent::run(int stop)
             return;
         watch_servers();
         watch_service();
-        for (std::optional<BusMessage> message = bus_.take(); message; message = bus_.take())
-            receive(*message);
+        receive_some();
         post(event::Tick{});
         turn();
         answer_plans();
@@ -255,6 +261,14 @@ void Agent::relay()
             return;
         }
         std::string payload;
+        const auto refuse = [&payload](service::Error reason, std::string_view text) {
+            zel_resp_hdr_t refusal{};
+            refusal.status = service::status_failed;
+            refusal.error = reason;
+            refusal.retval = -1;
+            text.copy(refusal.msg, sizeof refusal.msg - 1);
+            payload.assign(reinterpret_cast<const char *>(&refusal), sizeof refusal);
+        };
         const uint32_t opcode = kob_msg_opcode(request_.get());
         const std::string_view sent(static_cast<const char *>(kob_payload_get(request_.get())),
                                     kob_msg_size(request_.get()));
@@ -263,21 +277,30 @@ void Agent::relay()
                 tools::verify_message(sent, "request");
             payload = service_.forward(request_.get());
         } catch (const tools::BadInput &fault) {
-            zel_resp_hdr_t refusal{};
-            refusal.status = service::status_failed;
-            refusal.error = service::error_malformed;
-            refusal.retval = -1;
-            std::string_view(fault.what()).copy(refusal.msg, sizeof refusal.msg - 1);
-            payload.assign(reinterpret_cast<const char *>(&refusal), sizeof refusal);
+            refuse(service::error_malformed, fault.what());
         }
         if (payload.empty())
-            continue; // the sender's time-out tells it
+            refuse(service::error_not_found, "the service of this node does not answer");
         const mpkob_segment_t whole{payload.data(), static_cast<uint32_t>(payload.size())};
         (void)kob_service_reply(relay_.get(), request_.get(), &whole, 1);
     }
 }
 
 // ---- Messages
+
+// Then the service, the manager's sign of life and a stop have their turn, however many come.  A
+// question can take as long as the service does.
+void Agent::receive_some()
+{
+    bool has_asked = false;
+    for (int i = 0; i < 64 && !has_asked; ++i) {
+        const std::optional<BusMessage> message = bus_.take();
+        if (!message)
+            return;
+        has_asked = message->subject.starts_with("zel.ask.");
+        receive(*message);
+    }
+}
 
 void Agent::receive(const BusMessage &message)
 {
@@ -410,6 +433,8 @@ void Agent::answer_question(const BusMessage &message)
     const std::string_view verb = data.substr(0, line);
     const std::string_view argument = line != std::string_view::npos ? data.substr(line + 1) : std::string_view();
     try {
+        if (verb == "plan" && plans_.size() == max_plans)
+            return answer(message.reply, {{"error", "too many dry runs at once"}});
         if (verb == "plan") {
             plans_.push_back({message.reply, decode_manifest(argument, options_.keys), now().steady_ms + plan_ms});
             for (const Entry &entry : machine_.plan(plans_.back().manifest, now()).missing)

@@ -56,6 +56,7 @@ private:
     void open_relay();
     void relay();
 
+    void receive_some();
     void receive(const fleet::BusMessage &message);
     void receive_answer(const fleet::BusMessage &message, std::string_view token);
     void receive_manifest(const fleet::BusMessage &message, std::string_view token);

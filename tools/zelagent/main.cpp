@@ -97,6 +97,7 @@ ExitCode run(Arguments &arguments)
     options.machine.own_apps = {arguments.own_apps.begin(), arguments.own_apps.end()};
     options.machine.start = fleet::random_id();
     randombytes_buf(&options.machine.seed, sizeof options.machine.seed);
+    (void)std::signal(SIGPIPE, SIG_IGN); // of a log whose reader has ended
     const int stop = open_stop_signals();
     tools::enable_nats(arguments.nats);
     Agent agent(options);

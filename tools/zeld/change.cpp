@@ -117,6 +117,7 @@ bool ChangeJob::parse(const Slice &slice)
             return false;
         Request &request = batch_.changes[num_parsed_].request;
         request = read_request(message.data());
+        unknown_elements_ += request.unknown_elements;
         if (request.header.api_type == ZEL_API_STATS_PULL)
             throw Refusal(error_unsupported, "message {} of the change is no update", num_parsed_ + 1);
         if (request.header.app_type != batch_.app_type)

@@ -69,11 +69,12 @@ std::string Database::reason() const
     const char *const text = sqlite3_errmsg(database_.get());
     const int system_error = sqlite3_system_errno(database_.get());
     if (code == SQLITE_BUSY)
-        return fmt::format("another process uses the file: {}", owner_of_lock(path_));
+        return owner_of_lock(path_) != 0 ? fmt::format("another process uses the file: {}", owner_of_lock(path_))
+                                         : "another process uses the file";
     if (code == SQLITE_FULL)
         return "the disk is full";
     if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)
-        return fmt::format("the file is damaged: {}", text);
+        return fmt::format("the file is damaged: {}; go on with a copy of it, or without it", text);
     if (system_error != 0 && (code == SQLITE_CANTOPEN || code == SQLITE_IOERR || code == SQLITE_READONLY))
         return fmt::format("{}: {}", text, std::strerror(system_error));
     return text;
@@ -93,6 +94,17 @@ void Database::execute(const Statement &statement) const
     if (result != SQLITE_DONE)
         fail("cannot write");
 }
+
+Database::Watch::Watch(const Database &database, const std::function<bool()> &keeps_going)
+    : database_(database), keeps_going_(keeps_going)
+{
+    constexpr int steps = 10000; // some milliseconds
+    sqlite3_progress_handler(
+        database_.get(), steps, [](void *watch) { return static_cast<const Watch *>(watch)->keeps_going_() ? 0 : 1; },
+        this);
+}
+
+Database::Watch::~Watch() { sqlite3_progress_handler(database_.get(), 0, nullptr, nullptr); }
 
 // Fails without harm when SQLite has rolled back by itself.
 void Database::roll_back() const { sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr); }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -39,6 +40,19 @@ public:
     void execute(const Statement &statement) const;
     // Undoes the open transaction, if there is one.
     void roll_back() const;
+
+    // As long as it exists, long statements ask again and again whether to go on, and fail
+    // otherwise.
+    class Watch {
+    public:
+        Watch(const Database &database, const std::function<bool()> &keeps_going);
+        ~Watch();
+        Watch(const Watch &) = delete;
+
+    private:
+        const Database &database_;
+        const std::function<bool()> &keeps_going_;
+    };
 
 private:
     struct Close {

@@ -62,6 +62,8 @@ public:
     virtual void apply() {}
     // What was changed, for the log; empty when nothing was.
     virtual std::string log_text() const { return {}; }
+    // Of the request, ignored because this version does not know them.
+    uint64_t unknown_elements() const { return unknown_elements_; }
 
     void fail(service::Error error, std::string_view text)
     {
@@ -78,6 +80,7 @@ protected:
     }
     State state_ = State::preparing;
     Answer answer_{};
+    uint64_t unknown_elements_ = 0;
 };
 
 } // namespace zeld

@@ -229,19 +229,20 @@ std::vector<Loop::Socket> open_sockets(const Options &options)
 // Loads the policies. Returns false when the service has to stop.
 bool load(Policies &policies, bool is_salvage, int stop_signals)
 {
-    struct Stopped {};
+    bool has_to_stop = false;
+    const auto keeps_going = [&] {
+        fu_keeper_update_and_send_heartbeat(0);
+        pollfd stop{stop_signals, POLLIN, 0};
+        has_to_stop = has_to_stop || poll(&stop, 1, 0) > 0;
+        return !has_to_stop;
+    };
     try {
-        policies.load(
-            [&] {
-                fu_keeper_update_and_send_heartbeat(0);
-                pollfd stop{stop_signals, POLLIN, 0};
-                if (poll(&stop, 1, 0) > 0)
-                    throw Stopped();
-            },
-            is_salvage);
+        policies.load(keeps_going, is_salvage);
         return true;
-    } catch (const Stopped &) {
-        return false;
+    } catch (const StoreError &) {
+        if (has_to_stop)
+            return false;
+        throw;
     }
 }
 

@@ -33,8 +33,8 @@ zel_api_handle_t make_handle()
 {
     zel_api_handle_t handle{};
     const zel_trace_cb_t detail = is_logged(LogLevel::trace) ? report<LogLevel::trace> : nullptr;
-    zel_api_init(&handle, tools::trace_flag(), 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::error>, report<LogLevel::warn>,
-                 detail);
+    // No warnings: each unknown element of a message is one, and the request has their number.
+    zel_api_init(&handle, tools::trace_flag(), 0, ZEL_KOB_NO_TRANSPORT, report<LogLevel::error>, nullptr, detail);
     return handle;
 }
 
@@ -72,6 +72,7 @@ Request read_request(const void *array, bool is_strict)
         throw std::bad_alloc();
     }
     Request request{read.header, AnyGraph(read.object, FreeAnyGraph{read.mat_type})};
+    request.unknown_elements = read.unknown_elements;
     if (read.unknown_elements == 0)
         request.message = bytes_of(array);
     request.checksum = checksum(bytes_of(array));

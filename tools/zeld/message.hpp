@@ -24,7 +24,8 @@ struct Request {
     // The message itself, if it can be stored as it is. Empty otherwise: it has elements
     // that this version does not know. Valid as long as the array.
     std::span<const unsigned char> message{};
-    uint64_t checksum = 0; // of all its bytes
+    uint64_t checksum = 0;         // of all its bytes
+    uint32_t unknown_elements = 0; // that were ignored
 };
 
 class Policy;

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 #include <numeric>
+#include <random>
+#include <sys/stat.h>
 #include <system_error>
 
 namespace zeld {
@@ -103,6 +105,9 @@ void Observer::record(const observe::Captured &message)
 void Observer::log_answer(const kob_msg_t *msg, const Arrival &arrival, const Answer &answer, const Job *job) const
 {
     const uint32_t uid = kob_msg_uid(msg);
+    if (job != nullptr && job->unknown_elements() != 0)
+        log_about(uid, LogLevel::warn, "{}: {}: {} unknown elements were ignored", name_of(msg),
+                  observe::describe(arrival.request), job->unknown_elements());
     if (answer.header.status != service::status_ok)
         return log_about(uid, LogLevel::warn, "{}: {}: refused, error {}: {}", name_of(msg),
                          observe::describe(arrival.request), answer.header.error, answer.header.msg);
@@ -133,13 +138,17 @@ void Observer::dump() const
         log(LogLevel::warn, "the history of traces was cut: {}", std::strerror(errno));
 }
 
-// The file appears whole, and with a name that only the command line gives. A draft that
-// is there already may be somebody's link.
+// Writes a draft and renames it, so that the file appears whole. A device or a link of the file's
+// name stays what it is, and nobody can guess the name of the draft.
 bool Observer::write_history() const
 {
-    const std::string draft = options_.dump + ".new";
+    struct stat present {};
+    if (lstat(options_.dump.c_str(), &present) == 0 && !S_ISREG(present.st_mode)) {
+        errno = EEXIST;
+        return false;
+    }
+    const std::string draft = fmt::format("{}.{:08x}", options_.dump, std::random_device{}());
     observe::CaptureWriter file;
-    (void)std::remove(draft.c_str());
     if (!file.open_regular(draft, options_.program))
         return false;
     for (uint64_t number = history_.first(); number < history_.end(); ++number)

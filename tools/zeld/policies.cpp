@@ -42,15 +42,16 @@ void check_op_code(const zel_kob_header_t &header)
 
 // ---- Loading
 
-void Policies::load(const std::function<void()> &progress, bool is_salvage)
+void Policies::load(const std::function<bool()> &keeps_going, bool is_salvage)
 {
     if (store_ == nullptr)
         return;
     const auto take = [&](const PolicyKey &key, uint32_t number, Bytes message) {
-        progress();
+        if (!keeps_going())
+            throw StoreError("stopped");
         load_row(key, number, std::move(message));
     };
-    for (const PolicyKey &removed : store_->load(take, is_salvage))
+    for (const PolicyKey &removed : store_->load(take, keeps_going, is_salvage))
         policies_.erase(removed);
     for (const auto &[key, policy] : policies_)
         held_ += policy->held();

@@ -45,7 +45,7 @@ public:
     // Loads the policies of the store. Calls progress after each row, which may throw to
     // stop. Throws StoreError when the store holds anything but valid policies; with
     // is_salvage, removes those that are not.
-    void load(const std::function<void()> &progress, bool is_salvage);
+    void load(const std::function<bool()> &keeps_going, bool is_salvage);
 
     // Makes the change that a request asks for. Returns a text that says what changed.
     // Throws Refusal, and then nothing has changed.

@@ -30,9 +30,12 @@ public:
 
     void run(const Slice &) override
     {
-        if (state_ == State::reading)
+        if (statistics_ && statistics_->is_collected())
             return finish(statistics_->answer());
+        if (statistics_)
+            return statistics_->collect();
         request_ = read_request(payload_of(msg_));
+        unknown_elements_ = request_.unknown_elements;
         if (request_.header.api_type != ZEL_API_STATS_PULL)
             return get_ready();
         statistics_.emplace(service_.policies(), request_, service_.max_body(), access_ == Access::read_only);

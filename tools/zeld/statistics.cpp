@@ -39,10 +39,25 @@ Statistics::Statistics(const Policies &policies, const Request &request, std::si
     }
 }
 
-Answer Statistics::answer()
+void Statistics::collect()
 {
     for (const zel_stat_request_entry_t *const query : queries_of(request_))
         add(*query);
+    for (auto &[counters, was] : cleared_)
+        was = std::exchange(*counters, {});
+    is_collected_ = true;
+}
+
+Statistics::~Statistics()
+{
+    for (const auto &[counters, was] : cleared_) {
+        counters->packets += is_answered_ ? 0 : was.packets;
+        counters->bytes += is_answered_ ? 0 : was.bytes;
+    }
+}
+
+Answer Statistics::answer()
+{
     zel_request_t converted{};
     converted.size = sizeof converted;
     const std::unique_ptr<zel_request_t, decltype(&zel_request_free)> owner(&converted, zel_request_free);
@@ -51,8 +66,7 @@ Answer Statistics::answer()
     Answer given = success("statistics");
     const auto *const bytes = static_cast<const unsigned char *>(converted.reply[1].address);
     given.body.assign(bytes, bytes + converted.reply[1].length);
-    for (const auto &counters : to_clear_)
-        *counters = {};
+    is_answered_ = true;
     return given;
 }
 
@@ -94,7 +108,7 @@ void Statistics::add(const Policy &policy, const Pair &pair, uint32_t flag)
                         {policy.id(), pair.record.id},
                         {{counters.packets, counters.bytes}}});
     if ((flag & service::stat_flag_clear) != 0)
-        to_clear_.push_back(pair.counters);
+        cleared_.emplace_back(pair.counters, Counters{});
 }
 
 void Statistics::take_one()

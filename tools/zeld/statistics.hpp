@@ -11,10 +11,16 @@ public:
     // The answer's body has at most max_body bytes. The request must exist as long as
     // the object. Throws Refusal for a request that no policies can make right.
     Statistics(const Policies &policies, const Request &request, std::size_t max_body, bool is_read_only);
+    Statistics(const Statistics &) = delete;
+    ~Statistics();
 
     // An entry for each pair that a query names, in the queries' order. Then clears the
     // counters that the queries tell to clear. When it throws Refusal, none is cleared.
-    // All entries are of one moment.
+    // All entries are of one moment, so this is not divided.
+    void collect();
+    bool is_collected() const { return is_collected_; }
+    // What was collected, encoded. Counters that were cleared get back what they had, unless
+    // there is an answer.
     Answer answer();
 
 private:
@@ -28,7 +34,9 @@ private:
     std::size_t max_entries_;
     std::size_t num_taken_ = 0;
     std::vector<zel_stat_result_entry_t> entries_{};
-    std::vector<std::shared_ptr<Counters>> to_clear_{};
+    std::vector<std::pair<std::shared_ptr<Counters>, Counters>> cleared_{}; // and what they were
+    bool is_collected_ = false;
+    bool is_answered_ = false;
 };
 
 } // namespace zeld

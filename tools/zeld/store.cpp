@@ -128,8 +128,9 @@ void Store::create_schema() const
 
 // ---- Loading
 
-std::vector<PolicyKey> Store::load(const Take &take, bool is_salvage)
+std::vector<PolicyKey> Store::load(const Take &take, const std::function<bool()> &keeps_going, bool is_salvage)
 {
+    const Database::Watch watch(database_, keeps_going);
     if (database_.query_number("SELECT count(*) FROM pragma_quick_check WHERE quick_check != 'ok'") != 0)
         throw StoreError("the file is damaged: its pages do not fit together; go on with a copy of it");
     Totals found;

@@ -38,8 +38,9 @@ public:
 
     // Calls take for each row, ordered by policy and number. take throws Refusal when
     // the row does not fit. Throws when a row is damaged or one is missing. With
-    // is_salvage, removes the policies that have such rows, and returns their keys.
-    std::vector<PolicyKey> load(const Take &take, bool is_salvage = false);
+    // is_salvage, removes the policies that have such rows, and returns their keys. Asks
+    // keeps_going again and again, and throws when it returns false.
+    std::vector<PolicyKey> load(const Take &take, const std::function<bool()> &keeps_going, bool is_salvage);
 
     // Makes all changes durable before it returns. When it throws, none was made, or
     // the text says that this is not known; then the next call finds it out first.

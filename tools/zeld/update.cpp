@@ -128,6 +128,7 @@ void set_interfaces(Policy &policy, const zel_if_group_t &group) { policy.set_in
 
 void remove_interfaces(Policy &policy, const zel_if_group_t &given)
 {
+    Budget::step(policy.interfaces().size() + given.num_if);
     const auto key_of = [](const zel_if_element_t &element) {
         return std::tuple(element.direction, element.interface, element.vlan, element.vrf);
     };

@@ -5,6 +5,7 @@
 #include "tools/message/service_protocol.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/fleet/commands.hpp"
+#include "tools/zelctl/output.hpp"
 
 #include <fmt/core.h>
 
@@ -124,10 +125,12 @@ int dry_run(const Options &options, FleetSession &session, const Change &change,
     const std::set<std::string> nodes = session.nodes();
     Results results;
     for (const auto &[node, answer] : session.ask("plan\n" + session.encode(manifest), nodes)) {
-        const bool is_error = answer.contains("error");
+        const std::string error = error_in(answer);
+        const bool is_error = !error.empty();
         const std::string text =
-            is_error ? answer["error"].get<std::string>()
-                     : fmt::format("would set {}, would remove {}", answer["sets"].dump(), answer["removals"].dump());
+            is_error ? error
+                     : fmt::format("would set {}, would remove {}", show_json(answer.value("sets", Json())),
+                                   show_json(answer.value("removals", Json())));
         results[node] = {is_error ? NodeResult::Kind::refused : NodeResult::Kind::done,
                          is_error ? "refused" : "would apply", text};
     }
@@ -326,7 +329,7 @@ int print_differences(const Options &options, FleetSession &session, const Polic
                        sign == '~' ? fmt::format("  {} differences", patch.size()) : "");
     }
     if (options.json)
-        fmt::print("{}\n", json.dump());
+        print_json(json);
     return exit_ok;
 }
 

@@ -33,7 +33,7 @@ std::string default_author()
 }
 
 // The secret key goes to a new file that nobody else can read.
-int make_key(const std::string &path)
+int make_key(const Options &options, const std::string &path)
 {
     const fleet::KeyPair pair = fleet::make_key_pair();
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
@@ -43,7 +43,11 @@ int make_key(const std::string &path)
         close(file);
     if (!is_written)
         throw OutputFailure(path + ": cannot be written, or exists");
-    fmt::print("{}\n", fleet::to_hex(pair.public_key));
+    const std::string shown = fleet::to_hex(pair.public_key);
+    if (options.json)
+        print_json({{"public_key", shown}});
+    else
+        fmt::print("{}\n", shown);
     return exit_ok;
 }
 
@@ -89,7 +93,7 @@ void add_fleet_commands(const CommandLine &line)
     const auto path = std::make_shared<std::string>();
     CLI::App *const key = app->add_subcommand("key", "Make a key that signs revisions; prints the public key");
     key->add_option("FILE", *path, "New file for the secret key")->required();
-    when_given(line, key, [path] { return make_key(*path); });
+    when_given(line, key, [&options = line.options, path] { return make_key(options, *path); });
 
     add_fleet_changes(fleet);
     add_fleet_questions(fleet);

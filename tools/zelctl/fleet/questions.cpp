@@ -1,4 +1,5 @@
 // zelctl fleet nodes, status, watch, log, drift, stats, retry: commands that look, or ask nodes.
+#include "tools/text/safe_text.hpp"
 #include "tools/zelctl/fleet/commands.hpp"
 #include "tools/zelctl/output.hpp"
 
@@ -12,8 +13,6 @@ namespace zelctl {
 namespace {
 
 using namespace fleet;
-
-void print_json(const Json &json) { fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace)); }
 
 Json revision_json(const Revision &revision) { return {{"epoch", revision.epoch}, {"sequence", revision.sequence}}; }
 
@@ -76,7 +75,8 @@ int run_nodes(const Options &options, FleetSession &session, bool only_behind)
             text += fmt::format(" ({} policies overridden by a later group)", status.overridden.size());
         if (!options.json)
             fmt::print("{:<24} {:>8} {:>8} {:>8} {:>9}  {:<10} {}\n", status.node, age_text(status.time),
-                       group.wanted.text(), group.applied.text(), status.policies, result.verdict, text);
+                       group.wanted.text(), group.applied.text(), status.policies, result.verdict,
+                       tools::safe_text(text));
     }
     if (options.json)
         print_json(json);
@@ -106,9 +106,9 @@ int run_watch(const Options &options, FleetSession &session, double seconds)
                 if (options.json)
                     print_json({{"revision", manifest.revision.sequence}, {"author", manifest.author}});
                 else
-                    fmt::print("revision {} by {}: {}\n", manifest.revision.sequence, manifest.author,
-                               manifest.comment);
-            } else if (const Status status = decode_status(message->data);
+                    fmt::print("revision {} by {}: {}\n", manifest.revision.sequence, tools::safe_text(manifest.author),
+                               tools::safe_text(manifest.comment));
+            } else if (const Status status = decode_status(message->data, message->subject);
                        const GroupStatus *const group = group_of(status, session.group())) {
                 if (last[status.node] == *group)
                     continue;
@@ -120,7 +120,7 @@ int run_watch(const Options &options, FleetSession &session, double seconds)
                                 {"text", group->text}});
                 else
                     fmt::print("{} revision {}: {} {}\n", status.node, group->wanted.text(), name_of(group->verdict),
-                               group->text);
+                               tools::safe_text(group->text));
             }
         } catch (const BadData &) { // nothing that can be shown
         }
@@ -151,8 +151,9 @@ int run_log(const Options &options, FleetSession &session)
             kind = fmt::format("[{}%] ", manifest->stage / 100.0);
         if (manifest->confirm_s != 0)
             kind = fmt::format("[to confirm in {} s] ", manifest->confirm_s);
-        fmt::print("{:>6}  {} UTC  {:<24} {:>5} policies  {}{}\n", manifest->revision.sequence, time, manifest->author,
-                   manifest->policies.size(), kind, manifest->comment);
+        fmt::print("{:>6}  {} UTC  {:<24} {:>5} policies  {}{}\n", manifest->revision.sequence, time,
+                   tools::safe_text(manifest->author), manifest->policies.size(), kind,
+                   tools::safe_text(manifest->comment));
     }
     if (options.json)
         print_json(json);
@@ -160,8 +161,7 @@ int run_log(const Options &options, FleetSession &session)
 }
 
 // Nodes that did not answer, or could not.
-int exit_code_of_answers(const std::map<std::string, Json> &answers, const std::set<std::string> &nodes,
-                         bool is_bad(const Json &))
+int exit_code_of_answers(const Answers &answers, const std::set<std::string> &nodes, bool is_bad(const Json &))
 {
     Results results;
     for (const std::string &node : nodes) {
@@ -173,57 +173,72 @@ int exit_code_of_answers(const std::map<std::string, Json> &answers, const std::
     return exit_code_of(results);
 }
 
-void print_silent(const Options &options, const std::map<std::string, Json> &answers,
-                  const std::set<std::string> &nodes)
+std::vector<std::string> silent_among(const std::set<std::string> &nodes, const Answers &answers)
 {
+    std::vector<std::string> silent;
     for (const std::string &node : nodes)
-        if (!answers.contains(node) && !options.json)
-            fmt::print("{:<24} silent\n", node);
+        if (!answers.contains(node))
+            silent.push_back(node);
+    return silent;
 }
 
-bool has_error(const Json &answer) { return answer.contains("error"); }
+bool has_error(const Json &answer) { return !error_in(answer).empty(); }
+
+// What nodes said, with a line for those that are silent.
+int print_answers(const Options &options, const Answers &answers, const std::set<std::string> &nodes,
+                  std::string describe(const Json &), bool is_bad(const Json &))
+{
+    const std::vector<std::string> silent = silent_among(nodes, answers);
+    if (options.json) {
+        print_json({{"nodes", answers}, {"silent", silent}});
+    } else {
+        for (const auto &[node, answer] : answers)
+            fmt::print("{:<24} {}\n", node, tools::safe_text(describe(answer)));
+        for (const std::string &node : silent)
+            fmt::print("{:<24} silent\n", node);
+    }
+    return exit_code_of_answers(answers, nodes, is_bad);
+}
+
+// A member that is no list counts as an empty one.
+Json list_in(const Json &answer, const char *name)
+{
+    const auto found = answer.find(name);
+    return found != answer.end() && found->is_array() ? *found : Json::array();
+}
+
+bool is_known(const Json &answer) { return answer.contains("known") && answer.at("known") == true; }
 
 bool has_drift(const Json &answer)
 {
-    return has_error(answer) || !answer.value("known", false) ||
-           !(answer["missing"].empty() && answer["changed"].empty() && answer["extra"].empty());
+    return has_error(answer) || !is_known(answer) || !list_in(answer, "missing").empty() ||
+           !list_in(answer, "changed").empty() || !list_in(answer, "extra").empty();
 }
 
 std::string describe_drift(const Json &answer)
 {
     if (has_error(answer))
-        return answer["error"].get<std::string>();
-    if (!answer.value("known", false))
+        return error_in(answer);
+    if (!is_known(answer))
         return "unknown: the service does not show its policies";
     if (!has_drift(answer))
         return "none";
-    return fmt::format("missing {}, changed {}, extra {}", answer["missing"].dump(), answer["changed"].dump(),
-                       answer["extra"].dump());
+    return fmt::format("missing {}, changed {}, extra {}", show_json(list_in(answer, "missing")),
+                       show_json(list_in(answer, "changed")), show_json(list_in(answer, "extra")));
 }
 
 int run_drift(const Options &options, FleetSession &session)
 {
     const std::set<std::string> nodes = session.nodes();
-    const std::map<std::string, Json> answers = session.ask("drift", nodes);
-    for (const auto &[node, answer] : answers)
-        if (!options.json)
-            fmt::print("{:<24} {}\n", node, describe_drift(answer));
-    print_silent(options, answers, nodes);
-    if (options.json)
-        print_json(answers);
-    return exit_code_of_answers(answers, nodes, has_drift);
+    return print_answers(options, session.ask("drift", nodes), nodes, describe_drift, has_drift);
 }
+
+std::string describe_retry(const Json &answer) { return has_error(answer) ? error_in(answer) : "tries again"; }
 
 int run_retry(const Options &options, FleetSession &session)
 {
     const std::set<std::string> nodes = session.nodes();
-    const std::map<std::string, Json> answers = session.ask("retry", nodes);
-    print_silent(options, answers, nodes);
-    if (options.json)
-        print_json(answers);
-    else
-        fmt::print("{} of {} nodes try again\n", answers.size(), nodes.size());
-    return exit_code_of_answers(answers, nodes, has_error);
+    return print_answers(options, session.ask("retry", nodes), nodes, describe_retry, has_error);
 }
 
 struct Sum {
@@ -234,27 +249,28 @@ struct Sum {
     uint64_t nodes = 0;
 };
 
-int run_stats(const Options &options, FleetSession &session)
+using Sums = std::map<std::pair<uint16_t, uint16_t>, Sum>; // by policy and pair
+
+// Throws Json::exception, and then nothing was added.
+void add_counters(Sums &sums, const Json &answer)
 {
-    const std::set<std::string> nodes = session.nodes();
-    const std::map<std::string, Json> answers = session.ask(fmt::format("stats\n{}", options.app), nodes);
-    std::map<std::pair<uint16_t, uint16_t>, Sum> sums;
-    for (const auto &[node, answer] : answers) {
-        for (const Json &one : answer.value("counters", Json::array())) {
-            Sum &sum = sums[{one.at("policy").get<uint16_t>(), one.at("pair").get<uint16_t>()}];
-            const auto packets = one.at("packets").get<uint64_t>();
-            sum.packets += packets;
-            sum.bytes += one.at("bytes").get<uint64_t>();
-            sum.least = std::min(sum.least, packets);
-            sum.most = std::max(sum.most, packets);
-            ++sum.nodes;
-        }
+    Sums added = sums;
+    for (const Json &one : list_in(answer, "counters")) {
+        Sum &sum = added[{one.at("policy").get<uint16_t>(), one.at("pair").get<uint16_t>()}];
+        const auto packets = one.at("packets").get<uint64_t>();
+        sum.packets += packets;
+        sum.bytes += one.at("bytes").get<uint64_t>();
+        sum.least = std::min(sum.least, packets);
+        sum.most = std::max(sum.most, packets);
+        ++sum.nodes;
     }
+    sums = std::move(added);
+}
+
+Json to_json(const Sums &sums)
+{
     Json json = Json::array();
-    if (!options.json)
-        fmt::print("{:>6} {:>6} {:>16} {:>16} {:>6} {:>14} {:>14}\n", "policy", "pair", "packets", "bytes", "nodes",
-                   "least", "most");
-    for (const auto &[key, sum] : sums) {
+    for (const auto &[key, sum] : sums)
         json.push_back({{"policy_id", key.first},
                         {"match_action_pair_id", key.second},
                         {"packets", sum.packets},
@@ -262,13 +278,43 @@ int run_stats(const Options &options, FleetSession &session)
                         {"nodes", sum.nodes},
                         {"least", sum.least},
                         {"most", sum.most}});
-        if (!options.json)
-            fmt::print("{:>6} {:>6} {:>16} {:>16} {:>6} {:>14} {:>14}\n", key.first, key.second, sum.packets, sum.bytes,
-                       sum.nodes, sum.least, sum.most);
+    return json;
+}
+
+void print_sums(const Sums &sums)
+{
+    fmt::print("{:>6} {:>6} {:>16} {:>16} {:>6} {:>14} {:>14}\n", "policy", "pair", "packets", "bytes", "nodes",
+               "least", "most");
+    for (const auto &[key, sum] : sums)
+        fmt::print("{:>6} {:>6} {:>16} {:>16} {:>6} {:>14} {:>14}\n", key.first, key.second, sum.packets, sum.bytes,
+                   sum.nodes, sum.least, sum.most);
+}
+
+int run_stats(const Options &options, FleetSession &session)
+{
+    const std::set<std::string> nodes = session.nodes();
+    Answers answers = session.ask(fmt::format("stats\n{}", options.app), nodes);
+    Sums sums;
+    std::map<std::string, std::string> errors; // by node
+    for (auto &[node, answer] : answers) {
+        try {
+            add_counters(sums, answer);
+        } catch (const Json::exception &) {
+            answer = {{"error", "the answer cannot be read"}};
+        }
+        if (has_error(answer))
+            errors[node] = error_in(answer);
     }
-    print_silent(options, answers, nodes);
-    if (options.json)
-        print_json(json);
+    const std::vector<std::string> silent = silent_among(nodes, answers);
+    if (options.json) {
+        print_json({{"pairs", to_json(sums)}, {"errors", errors}, {"silent", silent}});
+    } else {
+        print_sums(sums);
+        for (const auto &[node, error] : errors)
+            fmt::print("{:<24} {}\n", node, tools::safe_text(error));
+        for (const std::string &node : silent)
+            fmt::print("{:<24} silent\n", node);
+    }
     return exit_code_of_answers(answers, nodes, has_error);
 }
 

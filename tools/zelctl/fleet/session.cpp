@@ -1,7 +1,9 @@
 #include "tools/zelctl/fleet/session.hpp"
 
 #include "tools/json/document.hpp"
+#include "tools/text/safe_text.hpp"
 #include "tools/zelctl/connection.hpp"
+#include "tools/zelctl/output.hpp"
 
 #include <fmt/core.h>
 
@@ -98,7 +100,7 @@ Results FleetSession::await(const Manifest &manifest, const std::set<std::string
     while (!is_over() && Clock::now() < end) {
         if (const std::optional<BusMessage> message = bus_.take(std::min(left_until(end), left_until(look))))
             try {
-                take(decode_status(message->data));
+                take(decode_status(message->data, message->subject));
             } catch (const BadData &) { // not a status
             }
         if (Clock::now() < look)
@@ -112,26 +114,37 @@ Results FleetSession::await(const Manifest &manifest, const std::set<std::string
     return results;
 }
 
-std::map<std::string, Json> FleetSession::ask(const std::string &question, const std::set<std::string> &nodes)
+Answers FleetSession::ask(const std::string &question, const std::set<std::string> &nodes)
 {
-    std::map<std::string, Json> answers;
-    const std::string inbox = fmt::format("{}.q{}", bus_.inbox(), ++questions_);
-    bus_.publish(ask_subject(options_.group), question, inbox);
+    std::map<std::string, std::string> waiting; // nodes by the subject of their answer, which no other node can guess
+    for (const std::string &node : nodes) {
+        const std::string subject = fmt::format("{}.{}", bus_.inbox(), random_id());
+        waiting[subject] = node;
+        bus_.publish(ask_subject(node), question, subject);
+    }
+    Answers answers;
     const Clock::time_point end = after(options_.wait);
-    while (answers.size() < nodes.size() && Clock::now() < end) {
+    while (!waiting.empty() && Clock::now() < end) {
         const std::optional<BusMessage> message = bus_.take(left_until(end));
-        if (!message || message->subject != inbox)
+        const auto found = message ? waiting.find(message->subject) : waiting.end();
+        if (found == waiting.end())
             continue;
+        const std::string node = found->second;
+        waiting.erase(found);
         if (message->status == 503) // nobody listens
-            break;
-        try {
-            Json answer = Json::parse(message->data);
-            if (const std::string node = answer.at("node").get<std::string>(); nodes.contains(node))
-                answers[node] = std::move(answer);
-        } catch (const Json::exception &) { // not an answer
-        }
+            continue;
+        Json answer = Json::parse(message->data, nullptr, false);
+        answers[node] = answer.is_object() ? std::move(answer) : Json{{"error", "the answer cannot be read"}};
     }
     return answers;
+}
+
+std::string error_in(const Json &answer)
+{
+    if (!answer.contains("error"))
+        return {};
+    const Json &error = answer.at("error");
+    return error.is_string() && error != "" ? error.get<std::string>() : "an error without text";
 }
 
 ExitCode exit_code_of(const Results &results)
@@ -158,17 +171,16 @@ void print_results(const Options &options, const std::string &group, const Revis
                         {"revision", revision.sequence},
                         {"counts", counts},
                         {"nodes", std::move(nodes)}};
-        fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
-        return;
+        return print_json(json);
     }
     constexpr std::size_t most_shown = 20; // without fault
     for (const auto &[node, result] : results)
         if (results.size() <= most_shown || result.verdict != "applied")
-            fmt::print("{:<24} {:<10} {}\n", node, result.verdict, result.text);
+            fmt::print("{:<24} {:<10} {}\n", node, result.verdict, tools::safe_text(result.text));
     std::string summary;
     for (const auto &[verdict, number] : counts)
         summary += fmt::format(", {} {}", number, verdict);
-    fmt::print("group {}, revision {}: {} nodes{}\n", group, revision.sequence, results.size(), summary);
+    fmt::print("group {}, revision {}: {}{}\n", group, revision.sequence, plural(results.size(), "node"), summary);
 }
 
 const GroupStatus *group_of(const Status &status, const std::string &group)

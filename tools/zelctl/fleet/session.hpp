@@ -24,7 +24,8 @@ struct NodeResult {
     std::string verdict;
     std::string text;
 };
-using Results = std::map<std::string, NodeResult>; // by node
+using Results = std::map<std::string, NodeResult>;  // by node
+using Answers = std::map<std::string, fleet::Json>; // objects, by node
 
 class FleetSession {
 public:
@@ -43,8 +44,8 @@ public:
     // early when so many nodes refuse.
     Results await(const fleet::Manifest &manifest, const std::set<std::string> &nodes, std::size_t stop_on = SIZE_MAX);
 
-    // Asks all nodes of the group, and waits for the answers of those that are given.
-    std::map<std::string, fleet::Json> ask(const std::string &question, const std::set<std::string> &nodes);
+    // Asks nodes, and waits for their answers.
+    Answers ask(const std::string &question, const std::set<std::string> &nodes);
 
     // Bytes of a manifest, signed if there is a key.
     std::string encode(const fleet::Manifest &manifest) const;
@@ -54,8 +55,10 @@ private:
     fleet::Bus bus_;
     std::optional<fleet::SecretKey> key_;
     fleet::Store store_;
-    uint32_t questions_ = 0;
 };
+
+// The text of an answer that says what went wrong; empty when none did.
+std::string error_in(const fleet::Json &answer);
 
 // The exit code for a revision's results.
 ExitCode exit_code_of(const Results &results);

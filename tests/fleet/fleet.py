@@ -102,15 +102,19 @@ jetstream {{ store_dir: "{path}" }}
     def init(self, replicas=None):
         wait_for(lambda: self.zelctl("init", "--replicas", str(replicas or len(self.servers)))[0] == 0, 30, "init")
 
-    def zelctl(self, *arguments, group="all", wait=10):
+    def start_zelctl(self, *arguments, group="all", wait=10, as_json=True):
+        command = [f"{self.build}/zelctl", *(["--json"] if as_json else []), *self.zelctl_options, "fleet",
+                   "--servers", self.address, "--group", group, "--wait", str(wait), *arguments]
+        return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=self.env)
+
+    def zelctl(self, *arguments, **options):
         """The exit code and what was printed, as JSON if it is."""
-        command = [f"{self.build}/zelctl", "--json", *self.zelctl_options, "fleet", "--servers", self.address,
-                   "--group", group, "--wait", str(wait), *arguments]
-        done = subprocess.run(command, capture_output=True, text=True, env=self.env, timeout=180)
+        with self.start_zelctl(*arguments, **options) as started:
+            said, complaint = started.communicate(timeout=180)
         try:
-            return done.returncode, json.loads(done.stdout.strip().splitlines()[-1])
+            return started.returncode, json.loads(said.strip().splitlines()[-1])
         except (IndexError, json.JSONDecodeError):
-            return done.returncode, done.stdout + done.stderr
+            return started.returncode, said + complaint
 
     def add_node(self, name, groups=("all",), env=None, agent_options=(), keeps=False, service_options=()):
         self.nodes[name] = Node(self, name, groups, env, agent_options, keeps, service_options)

@@ -2,6 +2,7 @@
 """The configuration template with TLS, against the real server: a node's rights suffice for its
 work and for nothing else.  Signatures, and hostile traffic.  rights.py BUILD TEMPLATE"""
 
+import json
 import os
 import random
 import re
@@ -188,6 +189,26 @@ wait_for(lambda: "not a manifest" in str(fleet.zelctl("status")[1]), what="damag
 code, output = fleet.zelctl("apply", fleet.policy(1, 9))
 assert code == 0, output
 assert fleet.nodes["n1"].policies() == fleet.nodes["n2"].policies() == {1: 9}
+
+
+# n1 can neither say that n2 has applied a revision, nor write to the terminal of who looks.
+def forged(name, verdict, text, sequence):
+    revision = {"epoch": output["epoch"], "sequence": sequence}
+    return json.dumps({"node": name, "start": "x", "service": True, "policies": 1, "fingerprint": "", "overridden": [],
+                       "time": int(time.time() * 1000), "groups": [
+                           {"group": "all", "wanted": revision, "applied": revision, "verdict": verdict, "text": text}]}).encode()
+
+
+fleet.nodes["n2"].agent.kill()
+node.send(publish("zel.status.n1", forged("n1", "refused", "\x1b[31mred\u202e\nn2 applied", output["revision"])))
+writer = fleet.start_zelctl("apply", fleet.policy(1, 10), wait=3)
+while writer.poll() is None:
+    for subject in ("zel.report.n1", "zel.status.n1"):
+        node.send(publish(subject, forged("n2", "applied", "", output["revision"] + 1)))
+    time.sleep(0.05)
+assert writer.returncode == 12, f"a forged verdict counts: {writer.communicate()}"
+shown = fleet.start_zelctl("nodes", as_json=False).communicate()[0]
+assert "\x1b" not in shown and "\u202e" not in shown and "\nn2 applied" not in shown, repr(shown)
 fleet.stop()
 subprocess.run(["rm", "-r", keys], check=True)
 print("a node's rights suffice for its work and for nothing else; hostile traffic did no harm")

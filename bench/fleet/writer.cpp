@@ -6,7 +6,7 @@
 // A node that has taken over a later revision has taken over the earlier ones, too.
 #include "tools/fleet/store.hpp"
 #include "tools/message/message.hpp"
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <fmt/core.h>
 #include <sodium.h>

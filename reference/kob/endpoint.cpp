@@ -1,12 +1,14 @@
 // The table of endpoints.
 #include "reference/kob/endpoint.hpp"
 
-#include "reference/kob/unix/endpoint.hpp"
-
 #include <atomic>
 #include <cstring>
 
 namespace zel::platform {
+
+namespace unix_socket {
+extern const Endpoint endpoint; // the one that is always there
+}
 
 namespace {
 

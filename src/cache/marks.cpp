@@ -139,6 +139,8 @@ void Marks::give_up(const zel_api_handle_t &handle)
         current->become_entries();
 }
 
+void give_up_marks(const zel_api_handle_t &handle) { Marks::give_up(handle); }
+
 } // namespace zel
 
 #endif

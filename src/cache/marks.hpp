@@ -1,13 +1,13 @@
 // Marks: which objects the current message has carried, without the object cache.
 //
-// While nothing is reported, nobody can look into the cache during a pass over a message.
+// While nothing is reported, no callback runs, so nobody reads the cache during a pass.
 // A program that contains the reference platform then marks objects in a table of the pass
 // instead: no entry is allocated, none is freed.  Before a callback runs, the marks become
 // entries of the cache, and the pass goes on with those.
 //
 // The first objects are in a list.  A longer one becomes an index by id, a tree of three
-// levels, so that no choice of ids costs more than another.  Its nodes are small: a C library
-// tidies up all that has been freed when it is asked for a large block.
+// levels, so that no choice of ids costs more than another.  Its nodes are small: when a large
+// block is requested, a C library first merges all freed blocks.
 #pragma once
 
 #include "model/elements.hpp"
@@ -19,7 +19,7 @@ namespace zel {
 
 class Marks {
 public:
-    // On unless somebody would be told, or the cache holds something already.
+    // On, unless reports go somewhere or the cache is not empty.
     Marks(zel_api_handle_t &handle, uint32_t app_type);
     Marks(const Marks &) = delete;
     Marks &operator=(const Marks &) = delete;
@@ -120,7 +120,6 @@ public:
     static void *find(uint32_t, uint16_t) { return nullptr; }
     static bool set(uint32_t, uint16_t, void *) { return false; }
     static void set_application(uint32_t) {}
-    static void give_up(const zel_api_handle_t &) {}
 };
 
 #endif

@@ -1,7 +1,6 @@
 // The one trace procedure: every report of the library passes through trace().
 #pragma once
 
-#include "cache/marks.hpp"
 #include "model/fixed_string.hpp"
 #include "zel.h"
 #include "zel/platform/trace.h"
@@ -13,6 +12,13 @@
 #include <type_traits>
 
 namespace zel {
+
+// Objects that were marked become entries of the cache, before a callback runs that may look there.
+#ifdef ZEL_INLINE_ELEMENTS
+void give_up_marks(const zel_api_handle_t &handle); // in cache/marks.cpp
+#else
+inline void give_up_marks(const zel_api_handle_t &) {}
+#endif
 
 enum class Severity : uint32_t {
     error = ZEL_TRACE_ERROR,
@@ -143,7 +149,7 @@ template <class... Args>
     if (handle.debug != 0)
         log(severity, site, format, site.function, site.line, ApplicationName(handle.app_type).text(), args...);
     if (const auto callback = callback_of(handle, severity)) {
-        Marks::give_up(handle);
+        give_up_marks(handle);
         callback(format + trace_prefix_length, value_of(args)...);
     }
 }

@@ -2,7 +2,7 @@
 // notation and the names of their values.
 #include "support/golden.hpp"
 #include "tools/json/field_rules.hpp"
-#include "tools/message/packet_record.hpp"
+#include "tools/records/packet_record.hpp"
 #include "wire/format.hpp"
 
 #include <fmt/core.h>

@@ -2,7 +2,7 @@
 #include "tools/tool_graphs.hpp"
 
 #include "tools/message/message.hpp"
-#include "tools/message/packet_record.hpp"
+#include "tools/records/packet_record.hpp"
 
 #include <gtest/gtest.h>
 

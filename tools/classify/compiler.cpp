@@ -1,6 +1,6 @@
 // From a policy to its classifier.
 #include "tools/classify/classifier.hpp"
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 
 #include <algorithm>
 #include <map>

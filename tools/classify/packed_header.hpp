@@ -1,7 +1,7 @@
 // A packet's fields packed into 64-bit numbers, which are compared under masks.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <array>
 

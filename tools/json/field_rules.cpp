@@ -1,6 +1,6 @@
 #include "tools/json/field_rules.hpp"
 
-#include "tools/message/packet_record.hpp"
+#include "tools/records/packet_record.hpp"
 #include "wire/format.hpp"
 
 #include <algorithm>

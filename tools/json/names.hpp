@@ -1,7 +1,7 @@
 // Numbers that have names in JSON and on the command line.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "zel.h"
 
 #include <array>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "tools/json/document.hpp"
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 #include "wire/description.hpp"
 
 #include <map>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/json/notation.hpp"
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 #include "wire/description.hpp"
 
 #include <map>

@@ -4,7 +4,7 @@
 
 #include "tools/json/document.hpp"
 #include "tools/json/notation.hpp"
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 
 #include <string>
 #include <string_view>

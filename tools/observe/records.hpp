@@ -5,8 +5,8 @@
 #include "tools/observe/protocol.hpp"
 
 #include "reference/kob/frame.hpp"
-#include "tools/message/operator_protocol.hpp"
-#include "tools/message/packet_record.hpp"
+#include "tools/records/operator_protocol.hpp"
+#include "tools/records/packet_record.hpp"
 #include "wire/records.hpp"
 
 namespace observe {

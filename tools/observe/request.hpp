@@ -1,7 +1,7 @@
 // What a request is, at a look: before it is verified, and whatever its bytes are.
 #pragma once
 
-#include "tools/message/operator_protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 #include "tools/observe/capture.hpp"
 #include "tools/observe/protocol.hpp"
 #include "zel.h"

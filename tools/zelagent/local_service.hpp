@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/fleet/machine.hpp"
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "zel-platform/kob_service.h"
 
 #include <functional>

@@ -3,9 +3,9 @@
 // The order of the requests keeps each step valid: an id names one match at any time.
 // Matches and actions that both versions have change first, everywhere; pairs are set
 // when the ids in their groups, or their own fields, differ.
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 #include "tools/message/message.hpp"
-#include "tools/message/operator_protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 #include "tools/zelctl/policy_diff.hpp"
 #include "tools/zelctl/records.hpp"
 #include "wire/graph.hpp"

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/json/port_ranges.hpp"
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 
 #include <cstdint>
 #include <string>

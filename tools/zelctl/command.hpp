@@ -1,7 +1,7 @@
 // The global options of zelctl, its exit codes, and how a command is added.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <CLI/CLI.hpp>
 

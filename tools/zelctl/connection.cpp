@@ -2,7 +2,7 @@
 
 #include "tools/json/names.hpp"
 #include "tools/json/notation.hpp"
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "tools/message/tracing.hpp"
 #include "tools/text/safe_text.hpp"
 #include "tools/zelctl/output.hpp"

@@ -3,7 +3,7 @@
 #include "tools/json/progress.hpp"
 #include "tools/json/reader.hpp"
 #include "tools/json/text_values.hpp"
-#include "tools/message/packet_record.hpp"
+#include "tools/records/packet_record.hpp"
 
 #include <fmt/core.h>
 

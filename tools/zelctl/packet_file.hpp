@@ -1,7 +1,7 @@
 // Files of packet headers to classify.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <string>
 #include <vector>

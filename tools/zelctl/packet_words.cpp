@@ -6,7 +6,7 @@
 #include "tools/json/reader.hpp"
 #include "tools/json/text_values.hpp"
 #include "tools/json/writer.hpp"
-#include "tools/message/packet_record.hpp"
+#include "tools/records/packet_record.hpp"
 #include "tools/zelctl/policy_text.hpp"
 
 #include <fmt/core.h>

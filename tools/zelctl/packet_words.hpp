@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/json/notation.hpp"
-#include "tools/message/operator_protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 // zelctl policy: the commands about whole policies.
 #include "tools/zelctl/connection.hpp"
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <fmt/core.h>
 

@@ -2,7 +2,7 @@
 
 #include "tools/json/field_rules.hpp"
 #include "tools/json/writer.hpp"
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 #include "tools/text/safe_text.hpp"
 #include "tools/zelctl/policy_text.hpp"
 #include "wire/graph.hpp"

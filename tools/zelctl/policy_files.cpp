@@ -1,6 +1,6 @@
 #include "tools/zelctl/policy_files.hpp"
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "wire/records.hpp"
 
 #include <fmt/core.h>

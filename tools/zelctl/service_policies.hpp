@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/message/message.hpp"
-#include "tools/message/operator_protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 #include "tools/zelctl/connection.hpp"
 
 #include <map>

@@ -2,7 +2,7 @@
 // comparing and measuring follow from the wire description.
 #pragma once
 
-#include "tools/message/graph.hpp"
+#include "tools/records/graph.hpp"
 #include "tools/zeld/budget.hpp"
 #include "wire/graph.hpp"
 #include "wire/records.hpp"

@@ -3,7 +3,7 @@
 #include "tools/message/tracing.hpp"
 #include "tools/observe/fingerprint.hpp"
 #include "tools/transport/nats_options.hpp"
-#include "tools/zeld/http/metrics_server.hpp"
+#include "tools/zeld/metrics_server.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/loop.hpp"
 #include "zel-platform/manager.h"

@@ -5,7 +5,7 @@
 // still be undone.
 #pragma once
 
-#include "tools/message/operator_protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 #include "tools/zeld/store.hpp"
 
 #include <map>

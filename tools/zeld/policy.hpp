@@ -4,7 +4,7 @@
 #pragma once
 
 #include "tools/classify/classifier.hpp"
-#include "tools/message/operator_protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 #include "tools/zeld/checksum.hpp"
 #include "tools/zeld/id_map.hpp"
 #include "tools/zeld/message.hpp"

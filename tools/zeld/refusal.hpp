@@ -1,7 +1,7 @@
 // The exception for a request that is refused. Service::answer() makes the answer of it.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <fmt/format.h>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 // Counts of requests by kind and result, and how long they took.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "tools/observe/request.hpp"
 
 #include <algorithm>

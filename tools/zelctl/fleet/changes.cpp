@@ -2,7 +2,7 @@
 #include "tools/json/reader.hpp"
 #include "tools/json/writer.hpp"
 #include "tools/message/message.hpp"
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "tools/zelctl/connection.hpp"
 #include "tools/zelctl/fleet/commands.hpp"
 #include "tools/zelctl/output.hpp"

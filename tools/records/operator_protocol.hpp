@@ -3,7 +3,7 @@
 // element of a TLV array, in host byte order.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 
 namespace service {
 

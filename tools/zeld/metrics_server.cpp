@@ -1,4 +1,4 @@
-#include "tools/zeld/http/metrics_server.hpp"
+#include "tools/zeld/metrics_server.hpp"
 
 #include <cerrno>
 #include <chrono>

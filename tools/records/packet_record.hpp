@@ -3,7 +3,7 @@
 // element ids.
 #pragma once
 
-#include "tools/message/service_protocol.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "wire/records.hpp"
 
 namespace tools {

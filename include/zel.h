@@ -826,8 +826,8 @@ ZEL_EXPORT int32_t zel_verify_report_text(const zel_verify_report_t *report, cha
 /* ------------------------------------------------------------------------
  * Check of a graph (addition)
  *
- * Looks for faults of a graph that a client can make and that nobody sees once it is sent.  The first one is reported
- * in the form of the verifier, with its path.
+ * Looks for faults in a graph that its message does not show.  The first one is reported in
+ * the form of the verifier, with its path.
  *
  *     zel_verify_report_t report = {.size = sizeof report};
  *     if (zel_check_graph(ZEL_MAT_TYPE_POLICY, &policy, NULL, &report) != ZEL_VERIFY_OK) {
@@ -1086,8 +1086,8 @@ ZEL_EXPORT extern uint32_t ddb_kobops_ix_t;
  * Bytes that the encoder of the same record appends: the sum of tlv_size_get()
  * over its elements, markers included.  Sums are not checked for overflow of 32
  * bits.  The functions with a handle enter every match and action into its
- * cache, and count a later one with the same id as a reference: whoever calls
- * them directly empties the cache before the pass that encodes.  app_type is the
+ * cache, and count a later one with the same id as a reference: a caller
+ * that uses them directly empties the cache before the pass that encodes.  app_type is the
  * first component of the cache key.  A null record has size 0.  Match types that
  * cannot carry a parameter are reported to err_cb.
  * ------------------------------------------------------------------------ */
@@ -1399,8 +1399,8 @@ ZEL_EXPORT uint32_t traverse_mat_action_redirect_obj(zel_api_handle_t *handle, v
  *
  * app_type is the first component of the cache key.  A match or action is
  * entered into the handle's cache at its end marker, and a reference is filled
- * by copying the cached record, pointers included, and marked cached.  Whoever
- * calls these decoders directly empties the cache before the records go.
+ * by copying the cached record, pointers included, and marked cached.  A caller
+ * that uses these decoders directly empties the cache before it frees the records.
  * ------------------------------------------------------------------------ */
 
 /*

@@ -1,4 +1,4 @@
-// The headers of platform/ with default visibility, because this platform exports what they
+// The headers of zel/platform/ with default visibility, because this platform exports what they
 // declare.  The headers themselves leave visibility to each port.
 #pragma once
 

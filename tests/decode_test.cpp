@@ -286,8 +286,8 @@ TEST(Decode, References)
     EXPECT_TRUE(heap.live.empty());
 }
 
-// The releaser takes a match's word that it is a service; the mark of a copy
-// keeps it from one whose parameter is something else.
+// The free traversal trusts match.type.  A match whose type says service and whose parameter
+// is another record is marked as a copy, so that nothing of it is freed.
 TEST(Decode, MatchThatDoesNotOwnWhatItSays)
 {
     const std::string type = "28:04000000 ", service = "20 22:0100 9 10 21 ";

@@ -8,29 +8,29 @@ using namespace test;
 
 namespace {
 
-enum Way { allocation, element_write, tree_insert, num_ways };
+enum FailingCall { allocation, element_write, tree_insert, num_ways };
 
-int &countdown(Way way)
+int &countdown(FailingCall call)
 {
     int *const countdowns[] = {&heap.fail_calloc, &platform.fail_write, &platform.fail_insert};
-    return *countdowns[way];
+    return *countdowns[call];
 }
 
 // Lets the n-th one fail, for every n that the work reaches, and returns how many
 // those are.  The work says whether it got through.
-template <class Work> int each(Way way, const Work &work)
+template <class Work> int each(FailingCall call, const Work &work)
 {
     Strings errors_without;
     for (int n = 0;; ++n) {
         SCOPED_TRACE(n);
         auto handle = fresh_handle();
-        countdown(way) = n;
+        countdown(call) = n;
         const bool is_through = work(handle);
-        const bool is_hit = n != 0 && countdown(way) == 0;
+        const bool is_hit = n != 0 && countdown(call) == 0;
         if (n == 0)
             errors_without = platform.reported("err");
-        // By contract, an entry that the tree refuses is nobody's; so is one of an
-        // object that a reference missed, if another did before.
+        // By contract, nobody frees an entry that the tree refuses.  It also refuses the second of two
+        // objects whose references were not resolved: both have id 0.
         const auto details = platform.reported("dbg");
         const auto refused = std::count_if(details.begin(), details.end(),
                                            [](const auto &text) { return text.find("insert failed") == 0; });
@@ -54,10 +54,10 @@ zel_policy_list_t *make_list()
 
 TEST(Fault, OnTheWayOut)
 {
-    const auto send = [](zel_api_handle_t &handle, Way way) {
-        const int n = std::exchange(countdown(way), 0); // the graph itself is not at stake
+    const auto send = [](zel_api_handle_t &handle, FailingCall call) {
+        const int n = std::exchange(countdown(call), 0); // the graph itself is not at stake
         auto *const list = make_list();
-        countdown(way) = n;
+        countdown(call) = n;
         Message message;
         uint32_t token = 0;
         const uint32_t result = send_to_zel(&token, ZEL_API_POLICY_LIST_UPDATE, &handle, 0, list, 1, &message);
@@ -66,8 +66,8 @@ TEST(Fault, OnTheWayOut)
         return result == ZEL_SEND_DONE;
     };
     int reached[num_ways];
-    for (const Way way : {allocation, element_write, tree_insert})
-        reached[way] = each(way, [&](auto &handle) { return send(handle, way); });
+    for (const FailingCall call : {allocation, element_write, tree_insert})
+        reached[call] = each(call, [&](auto &handle) { return send(handle, call); });
     EXPECT_EQ(reached[allocation], 2 * 14 + 1); // an entry for every object in either pass, and the buffer
     EXPECT_EQ(reached[tree_insert], 2 * 14);
     EXPECT_GT(reached[element_write], 200);
@@ -83,8 +83,8 @@ TEST(Fault, OnTheWayIn)
     Message received{platform.sends[0].message};
     received.payload.resize(received.payload.size() + 64);
 
-    for (const Way way : {allocation, tree_insert}) {
-        const int reached = each(way, [&](auto &handle) {
+    for (const FailingCall call : {allocation, tree_insert}) {
+        const int reached = each(call, [&](auto &handle) {
             uint32_t mat_type = 0, api_type = 0, app_type = 0;
             uint16_t policy_id = 0;
             void *const object =
@@ -93,6 +93,6 @@ TEST(Fault, OnTheWayIn)
                 free_graph(mat_type, object);
             return object != nullptr;
         });
-        EXPECT_GT(reached, way == allocation ? 50 : 10);
+        EXPECT_GT(reached, call == allocation ? 50 : 10);
     }
 }

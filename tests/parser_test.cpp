@@ -150,8 +150,8 @@ TEST(Parser, UnreadableAndEmptyMessages)
     free_heap();
 }
 
-// All counts of a message together claim no more than a sum that is generous for
-// one of them, and what the message can contain.
+// The sum of all counts of a message is limited: to a fixed number, then to what the message can
+// contain.
 TEST(Parser, CountsThatClaimTooMuch)
 {
     auto handle = fresh_handle();
@@ -167,7 +167,7 @@ TEST(Parser, CountsThatClaimTooMuch)
 }
 
 // Any graph of any request kind arrives as an equal graph: encoded again, it gives
-// the same bytes, and both are freed without a rest.
+// the same bytes, and both are freed completely.
 TEST(Parser, RoundTripsOfRandomGraphs)
 {
     std::mt19937 random(20261121);
@@ -219,30 +219,8 @@ TEST(Parser, NoMemoryForAFurtherObject)
     }
 }
 
-// Headers with as many application types as objects make no look-up slow: the cache stays a
-// balanced tree whatever the keys.
-TEST(Parser, KeysOfManyApplications)
-{
-    const auto word = [](uint32_t n) { return Bytes{uint8_t(n), uint8_t(n >> 8), uint8_t(n >> 16), uint8_t(n >> 24)}; };
-    const auto half = [](uint32_t n) { return Bytes{uint8_t(n), uint8_t(n >> 8)}; };
-    constexpr uint32_t num_objects = 20000;
-    for (const uint32_t stride : {1u, 64u, 16384u, 0x10001u, 0x9e3779b1u}) {
-        std::vector<ReadElement> elements;
-        for (uint32_t i = 0; i < num_objects; ++i) {
-            elements.insert(elements.end(), {{1, {0}}, {5, word(i * stride)}, {2, {0}}});
-            elements.insert(elements.end(), {{23, {0}}, {26, half(i / 4096 * 16384)}, {24, {0}}});
-        }
-        auto handle = fresh_handle();
-        handle.dbg_cb = nullptr;
-        zel_kob_header_t header{};
-        zel_parse_tlv_array(&handle, array(elements).data(), &header);
-        EXPECT_LT(platform.comparisons, num_objects * 60u) << stride; // 3 searches of 20 levels at most
-        free_heap();
-    }
-}
-
-// Nobody who listens changes what is read: a decoder that is not asked for details takes
-// a shorter way through what it expects, from which any element may lead it away.
+// Reports do not change what is read.  Without them the fast decoders run, and any element may
+// end their path.
 TEST(Parser, ReadsTheSameWhetherItIsWatchedOrNot)
 {
     std::mt19937 random(20261122);

@@ -17,7 +17,7 @@ namespace {
 constinit thread_local Marks *current = nullptr;
 
 // The memory of a new node, with this in every place.
-template <class Node, class Place> Node *make_node(Place Node::*places, std::remove_all_extents_t<Place> none)
+template <class Node, class Pointers> Node *make_node(Pointers Node::*places, std::remove_all_extents_t<Pointers> none)
 {
     auto *const node = static_cast<Node *>(std::malloc(sizeof(Node)));
     if (node != nullptr)

@@ -14,8 +14,8 @@
 
 namespace zel {
 
-// The bytes of a key.  Its padding is zero: keys that are equal have equal bytes.  In words,
-// because a tree reads words, and processors wait when a word was written in parts.
+// The bytes of a key.  Its padding is zero: keys that are equal have equal bytes.  Written
+// as words, because a tree reads words: reading a word that was stored in parts stalls a processor.
 [[gnu::always_inline]] inline std::array<uint32_t, 3> make_key(uint32_t app_type, uint32_t mat_type, uint16_t mat_id)
 {
     static_assert(offsetof(zel_mat_cache_key_t, mat_type) == 4 && offsetof(zel_mat_cache_key_t, mat_id) == 8);

@@ -1,4 +1,4 @@
-// The door of the decoders: reads one record of any kind.
+// The entry point of the decoders: reads one record of any kind.
 #pragma once
 
 #include "cache/pass.hpp"

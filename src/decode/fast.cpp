@@ -82,7 +82,8 @@ struct End {
     return leave_in_place(at, record);
 }
 
-// With the platform behind calls, registers do not outlast an element, and small code counts.
+// With the platform behind calls, each element costs a call, after which registers are loaded
+// again.  Small code is then better than inlined code.
 template <const Record &R> [[gnu::always_inline]] inline bool leave(Progress &at)
 {
     if constexpr (platform_is_inline)

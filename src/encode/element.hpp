@@ -63,8 +63,8 @@ inline constexpr wire::Run reference_run = start_of(R) + wire::content_of_refere
 #ifdef ZEL_INLINE_ELEMENTS
 
 // Appends runs.  The room for a run is checked once, and what does not depend on the object
-// is stored as constants.  The array's number of used bytes is written by close(), which
-// comes before anybody else looks at the array.
+// is stored as constants.  The array's number of used bytes is written by close(),
+// before other code reads the array.
 class RunWriter {
 public:
     [[gnu::always_inline]] explicit RunWriter(const TargetArray &to) : to_(to), room_(room_in(to)) {}

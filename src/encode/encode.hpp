@@ -1,4 +1,4 @@
-// The door of the encoders: sizes and encodes one record of any kind.
+// The entry point of the encoders: sizes and encodes one record of any kind.
 #pragma once
 
 #include "cache/pass.hpp"

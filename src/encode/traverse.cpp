@@ -134,8 +134,8 @@ template <const Record &R> uint32_t traverse(const Call &call, void *object)
     return 0;
 }
 
-// Has no traversal of its own, says nothing about unknown modes, and its size is not added
-// to anything.
+// A statistics request has no traversal function of its own, does not report unknown modes, and
+// sets *value to its size instead of adding it.
 uint32_t traverse_stat_request(const Call &call, void *object)
 {
     if (call.mode == MAT_TRAVERSE_SIZE)

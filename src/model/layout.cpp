@@ -54,7 +54,7 @@ static_assert(sizeof(zel_match_action_pair_grp_t) == on(8, 16));
 static_assert(sizeof(zel_policy_t) == on(28, 48));
 static_assert(sizeof(zel_policy_list_t) == on(8, 16));
 
-// The handle, and the cache entry whose key the tree is told the place of.
+// The handle; and the cache entry, because the tree is told the offset of its key.
 static_assert(offsetof(zel_api_handle_t, debug) == 8);
 static_assert(offsetof(zel_api_handle_t, err_cb) == on(12, 16));
 static_assert(offsetof(zel_api_handle_t, mat_cache) == on(24, 40));

@@ -148,7 +148,7 @@ template <const Record &R, std::size_t From, const Run &Taken> inline bool Compa
                take_behind<R, nested + 1, run<R, nested + 1>>();
 }
 
-// An object comes in full once, and references only to such a one.
+// Each object comes in full once.  A reference names only such an object.
 template <const Record &R> inline bool Comparison::take_shareable()
 {
     if (!take<start_run<R>>())

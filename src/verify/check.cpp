@@ -1,5 +1,5 @@
-// The check of a graph before it is sent: faults that the encoder cannot see, because what
-// it sends is well formed and only means something else.
+// The check of a graph before it is sent.  It finds faults that the encoder cannot see: the message
+// is well formed, but does not mean what the client intended.
 #include "cache/object_cache.hpp"
 #include "model/options.hpp"
 #include "verify/path.hpp"

@@ -1,7 +1,7 @@
 // Captures in memory and in files: what comes out is what went in, and damage is refused.
 #include "tools/json/bad_input.hpp"
-#include "tools/records/service_protocol.hpp"
 #include "tools/observe/request.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "tools/zeld/history.hpp"
 
 #include <fstream>

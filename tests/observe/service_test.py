@@ -3,6 +3,7 @@
 usage: service_test.py ZELD ZELCTL
 """
 
+import ctypes
 import json
 import os
 import re
@@ -26,13 +27,17 @@ ZELD, ZELCTL = "", ""
 EXAMPLES = f"{SOURCE}/examples"
 
 
+def end_with_parent():
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
 class Service:
     """A zeld, and zelctl for it."""
 
     def __init__(self, folder, name, *options):
         self.folder, self.address = folder, f"unix:{folder}/{name}"
         self.process = subprocess.Popen([ZELD, "--listen", self.address, *options], stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
+                                        stderr=subprocess.PIPE, text=True, preexec_fn=end_with_parent)
         if not self.process.stdout.readline().startswith("ready"):
             raise AssertionError(self.process.communicate())
 

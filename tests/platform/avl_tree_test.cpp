@@ -188,7 +188,7 @@ TEST(AvlTree, NoChoiceOfKeysCostsMoreThanABalancedTree)
             trees.insert(colliding_key(i));
     };
     const auto height = static_cast<uint64_t>(avl_height(n));
-    // An insertion goes down twice.  Growth inserts again what there is: a seventh of all, and a bit.
+    // An insertion searches twice.  Growing the table inserts about a seventh of all entries again.
     const uint64_t filling = comparisons_of(fill);
     EXPECT_LE(filling, 3 * n * height);
     EXPECT_GE(filling, n * 10) << "the keys do not collide any more: choose others";

@@ -64,7 +64,7 @@ TEST(Converter, RecordsComeBackInOneBlock)
     }
 }
 
-// A body that ends early, although its length is honest.
+// A body that ends early, with a correct length.
 TEST(Converter, TruncationAtEveryByteIsRefused)
 {
     const Bytes whole = encode(some_entries(3));

@@ -13,14 +13,14 @@
 
 namespace {
 
-enum Way { allocation, packet_send, packet_receive, num_ways };
+enum FailingCall { allocation, packet_send, packet_receive, num_ways };
 
 std::atomic<int> countdowns[num_ways];
 std::atomic<int> live_blocks;
 
 constexpr int always = -1;
 
-bool fails(Way way) { return countdowns[way] == always || (countdowns[way] > 0 && --countdowns[way] == 0); }
+bool fails(FailingCall call) { return countdowns[call] == always || (countdowns[call] > 0 && --countdowns[call] == 0); }
 
 // What another process does at the moment of a call; once.
 std::function<void()> at_listen, at_flock;
@@ -94,25 +94,25 @@ TEST_F(TransportTest, AnyCallFails)
         message.reset(kob_msg_alloc(), kob_msg_free);
         received.reset(kob_msg_alloc(), kob_msg_free);
     };
-    for (const Way way : {allocation, packet_send, packet_receive}) {
+    for (const FailingCall call : {allocation, packet_send, packet_receive}) {
         int n = 0;
         for (bool is_hit = true; is_hit;) {
             SCOPED_TRACE(++n);
             expect_exchange();
             drop_messages();
             const int before = live_blocks;
-            countdowns[way] = n;
+            countdowns[call] = n;
             const uint32_t token = send(array_of(three_packets), 1);
             if (token != 0 && serve(moment) == KOB_OK && reply(response_of(three_packets)) == KOB_OK)
                 fetch(token, moment);
-            is_hit = countdowns[way].exchange(0) == 0;
+            is_hit = countdowns[call].exchange(0) == 0;
             drop_messages();
             expect_exchange();
             drop_messages();
             EXPECT_EQ(live_blocks, before);
             ASSERT_FALSE(HasFailure());
         }
-        EXPECT_GT(n, way == allocation ? 4 : 6);
+        EXPECT_GT(n, call == allocation ? 4 : 6);
     }
 }
 

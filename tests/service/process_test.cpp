@@ -296,7 +296,7 @@ private:
     std::thread thread_;
 };
 
-// While a long request is done, others are served and the service tells that it lives.
+// While a long request is done, others are served and the service sends its heartbeats.
 TEST_F(ZeldTest, NobodyWaitsForALongRequest)
 {
     const int manager = bind_manager();
@@ -385,8 +385,8 @@ TEST_F(ZeldTest, SilentConnectionsShutNobodyOut)
     std::for_each(sockets.begin(), sockets.end(), close);
 }
 
-// A log that nobody reads stops nothing; nor does one whose reader has gone, or a client
-// that causes very many lines.
+// The service goes on when its log is not read, when the log's reader has ended, and when one
+// client causes very many lines.
 TEST_F(ZeldTest, NobodyWaitsForTheLog)
 {
     int ends[2];

@@ -71,7 +71,7 @@ private:
     std::thread thread_;
 };
 
-// The system manager: notes the longest time between two signs of life.
+// The system manager: notes the longest time between two heartbeats.
 class Manager {
 public:
     explicit Manager(const std::string &path) : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))

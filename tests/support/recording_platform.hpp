@@ -84,7 +84,7 @@ struct Heap {
 extern Platform platform;
 extern Heap heap;
 
-// Frees what is left, where that is by contract nobody's.
+// Frees blocks that have no owner by contract.
 void free_heap();
 
 // A handle whose callbacks report to the platform above.  Resets platform and heap.

@@ -21,7 +21,7 @@ struct Choice {
 };
 
 // A place in the command line: the tool, or one of its commands.
-struct Place {
+struct CommandWords {
     std::string path; // "zelctl/policy/apply"
     std::vector<Choice> choices;
 };
@@ -55,7 +55,7 @@ std::vector<std::string> values_of(const CLI::Option &option)
 }
 
 // Options that a command has and those around it have, too, stand once.
-void add_options(Place &place, const CLI::App &app)
+void add_options(CommandWords &place, const CLI::App &app)
 {
     for (const CLI::Option *const option : app.get_options())
         for (const std::string &name : option->get_lnames()) {
@@ -66,9 +66,9 @@ void add_options(Place &place, const CLI::App &app)
 }
 
 // Places in the order of the declarations.  The options of a command's parents are its own, too.
-void add_places(std::vector<Place> &places, const CLI::App &app, const std::string &path)
+void add_places(std::vector<CommandWords> &places, const CLI::App &app, const std::string &path)
 {
-    Place place{path, {}};
+    CommandWords place{path, {}};
     std::vector<const CLI::App *> commands = app.get_subcommands([](const CLI::App *) { return true; });
     for (const CLI::App *const command : commands)
         place.choices.push_back({command->get_name(), summary(command->get_description())});
@@ -80,7 +80,7 @@ void add_places(std::vector<Place> &places, const CLI::App &app, const std::stri
 }
 
 // The paths of all commands, as the pattern of a case statement.
-std::string paths(const std::vector<Place> &places, std::string_view separator)
+std::string paths(const std::vector<CommandWords> &places, std::string_view separator)
 {
     std::string text;
     for (std::size_t i = 1; i < places.size(); ++i)
@@ -88,7 +88,7 @@ std::string paths(const std::vector<Place> &places, std::string_view separator)
     return text.empty() ? "-" : text;
 }
 
-std::string print_bash(const std::string &tool, const std::vector<Place> &places)
+std::string print_bash(const std::string &tool, const std::vector<CommandWords> &places)
 {
     std::string text = fmt::format("_{0}()\n{{\n    local place={0} words= i\n"
                                    "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
@@ -97,7 +97,7 @@ std::string print_bash(const std::string &tool, const std::vector<Place> &places
                                    "        esac\n    done\n    case $place:$3 in\n",
                                    tool, paths(places, "|"));
     std::string words;
-    for (const Place &place : places) {
+    for (const CommandWords &place : places) {
         words += fmt::format("    {}) words='", place.path);
         for (const Choice &choice : place.choices) {
             words += fmt::format("{} ", choice.word);
@@ -113,7 +113,7 @@ std::string print_bash(const std::string &tool, const std::vector<Place> &places
                        tool, words);
 }
 
-std::string print_zsh(const std::string &tool, const std::vector<Place> &places)
+std::string print_zsh(const std::string &tool, const std::vector<CommandWords> &places)
 {
     std::string text = fmt::format("#compdef {0}\nlocal place={0} word\nlocal -a choices\n"
                                    "for word in ${{words[2,CURRENT-1]}}; do\n"
@@ -121,7 +121,7 @@ std::string print_zsh(const std::string &tool, const std::vector<Place> &places)
                                    "case ${{place}}:${{words[CURRENT-1]}} in\n",
                                    tool, paths(places, "|"));
     std::string choices;
-    for (const Place &place : places) {
+    for (const CommandWords &place : places) {
         choices += fmt::format("({}) choices=(\n", place.path);
         for (const Choice &choice : place.choices) {
             choices += fmt::format("    {}\n", in_quotes(choice.word + ":" + choice.about));
@@ -134,14 +134,14 @@ std::string print_zsh(const std::string &tool, const std::vector<Place> &places)
     return text + fmt::format("(*) case $place in\n{}esac ;;\nesac\n_describe word choices || _files\n", choices);
 }
 
-std::string print_fish(const std::string &tool, const std::vector<Place> &places)
+std::string print_fish(const std::string &tool, const std::vector<CommandWords> &places)
 {
     std::string text = fmt::format("function __{0}_place\n    set -l place {0}\n"
                                    "    for word in (commandline -opc)[2..-1]\n        switch $place/$word\n"
                                    "            case {1}\n                set place $place/$word\n"
                                    "        end\n    end\n    echo $place\nend\n",
                                    tool, paths(places, " "));
-    for (const Place &place : places)
+    for (const CommandWords &place : places)
         for (const Choice &choice : place.choices) {
             text += fmt::format("complete -c {0} -n 'test (__{0}_place) = {1}' ", tool, place.path);
             text += choice.is_option ? fmt::format("-l {}", choice.word.substr(2)) : fmt::format("-a {}", choice.word);
@@ -157,7 +157,7 @@ std::string print_fish(const std::string &tool, const std::vector<Place> &places
 void add_completion_option(CLI::App &app)
 {
     const auto print = [&app](const std::string &shell) {
-        std::vector<Place> places;
+        std::vector<CommandWords> places;
         add_places(places, app, app.get_name());
         const auto printer = shell == "bash" ? print_bash : shell == "zsh" ? print_zsh : print_fish;
         fmt::print("{}", printer(app.get_name(), places));

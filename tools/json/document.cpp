@@ -66,7 +66,7 @@ std::string read_file(const std::string &path)
     const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(standard_input ? stdin : std::fopen(path.c_str(), "rb"),
                                                                 standard_input ? std::fflush : std::fclose);
     std::string bytes;
-    struct stat about{};
+    struct stat about {};
     if (file != nullptr && fstat(fileno(file.get()), &about) == 0 && S_ISREG(about.st_mode))
         bytes.reserve(std::min(static_cast<std::size_t>(about.st_size), largest_file));
     char piece[65536];

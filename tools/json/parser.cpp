@@ -166,7 +166,7 @@ private:
     std::vector<Node> open_; // children of the values that are not complete
 };
 
-// Wants nothing but the first fault.
+// Keeps the first fault only.
 class FaultFinder : public nlohmann::json_sax<nlohmann::json> {
 public:
     bool null() override { return true; }

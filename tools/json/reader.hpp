@@ -47,7 +47,7 @@ private:
 
     uint32_t app_type_;
     std::vector<std::string> *faults_;
-    Arena arena_{}; // for items that were split
+    Arena arena_{};                                                   // for items that were split
     std::map<std::pair<uint32_t, uint16_t>, Definition> definitions_; // by MAT type and id
 };
 

@@ -10,7 +10,7 @@ namespace {
 
 using namespace zel::wire;
 
-// FNV-1a.  Finds differences that nobody made on purpose; it is no protection.
+// FNV-1a.  Detects accidental differences; it is not a cryptographic hash.
 class Hash {
 public:
     constexpr void add(uint64_t number)

@@ -1,9 +1,9 @@
 // What a request is, at a look: before it is verified, and whatever its bytes are.
 #pragma once
 
-#include "tools/records/operator_protocol.hpp"
 #include "tools/observe/capture.hpp"
 #include "tools/observe/protocol.hpp"
+#include "tools/records/operator_protocol.hpp"
 #include "zel.h"
 
 #include <string_view>

@@ -35,7 +35,7 @@ public:
     LocalService(const LocalService &) = delete;
     LocalService &operator=(const LocalService &) = delete;
 
-    // Asks for a sign of life, and remembers which service gave it.
+    // Sends a request that changes nothing, and remembers which service answered.
     bool find();
     // False when the service has ended since find(), or was replaced.
     bool is_there();

@@ -3,8 +3,8 @@
 // The order of the requests keeps each step valid: an id names one match at any time.
 // Matches and actions that both versions have change first, everywhere; pairs are set
 // when the ids in their groups, or their own fields, differ.
-#include "tools/records/graph.hpp"
 #include "tools/message/message.hpp"
+#include "tools/records/graph.hpp"
 #include "tools/records/operator_protocol.hpp"
 #include "tools/zelctl/policy_diff.hpp"
 #include "tools/zelctl/records.hpp"

@@ -2,8 +2,8 @@
 
 #include "tools/json/names.hpp"
 #include "tools/json/notation.hpp"
-#include "tools/records/service_protocol.hpp"
 #include "tools/message/tracing.hpp"
+#include "tools/records/service_protocol.hpp"
 #include "tools/text/safe_text.hpp"
 #include "tools/zelctl/output.hpp"
 #include "zel-platform/kob_client.h"

@@ -1,4 +1,4 @@
-// Checksums of bytes: they find what changed, and protect against nobody.
+// Checksums of bytes. They detect accidental changes and do not protect against an attacker.
 #pragma once
 
 #include <algorithm>

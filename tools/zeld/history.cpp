@@ -20,7 +20,7 @@ void History::add(const observe::Captured &message)
 
 std::string_view History::block(uint64_t number) const
 {
-    const Place &place = places_[number - first_];
+    const Block &place = places_[number - first_];
     return {reinterpret_cast<const char *>(ring_.get()) + place.offset, place.size};
 }
 

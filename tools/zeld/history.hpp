@@ -27,7 +27,7 @@ public:
     std::string_view block(uint64_t number) const;
 
 private:
-    struct Place {
+    struct Block {
         std::size_t offset;
         std::size_t size;
     };
@@ -37,7 +37,7 @@ private:
 
     std::size_t capacity_;
     std::unique_ptr<unsigned char[]> ring_; // its pages take memory once they are used
-    std::deque<Place> places_{};            // oldest first; a block does not go beyond the end of the ring
+    std::deque<Block> places_{};            // oldest first; a block does not go beyond the end of the ring
     uint64_t first_ = 0;
     std::size_t used_ = 0;
 };

@@ -20,8 +20,8 @@ uint64_t num_dropped = 0;
 
 constexpr const char *names[] = {"error", "warn", "info", "debug", "trace"};
 
-// Where the lines go. A pipe or a terminal is opened once more, so that not to wait is
-// a property of this descriptor and not of everybody's.
+// Where the lines go. A pipe or a terminal is opened again, so that non-blocking mode
+// holds for this descriptor alone.
 struct Output {
     Output() { use_stderr(); }
 

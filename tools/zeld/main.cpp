@@ -3,9 +3,9 @@
 #include "tools/message/tracing.hpp"
 #include "tools/observe/fingerprint.hpp"
 #include "tools/transport/nats_options.hpp"
-#include "tools/zeld/metrics_server.hpp"
 #include "tools/zeld/log.hpp"
 #include "tools/zeld/loop.hpp"
+#include "tools/zeld/metrics_server.hpp"
 #include "zel-platform/manager.h"
 #include "zel/platform/heartbeat.h"
 

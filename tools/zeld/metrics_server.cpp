@@ -25,7 +25,7 @@ struct FreeAddress {
 };
 using Address = std::unique_ptr<addrinfo, FreeAddress>;
 
-// Numbers alone: a name would ask a server of names.
+// Numeric addresses only: a host name would need a DNS query.
 Address read_address(const std::string &text)
 {
     const std::size_t colon = text.rfind(':');

@@ -1,8 +1,8 @@
 // Counts of requests by kind and result, and how long they took.
 #pragma once
 
-#include "tools/records/service_protocol.hpp"
 #include "tools/observe/request.hpp"
+#include "tools/records/service_protocol.hpp"
 
 #include <algorithm>
 #include <array>

@@ -19,8 +19,8 @@
  * When there are too many connections, a new one takes the place of the one that has
  * been idle longest: of the same user if that has too many, otherwise of the user that
  * has most.  Connections without any request so far go first, and one whose request
- * has not been answered stays.  Whoever has to go, or cannot come in, is told
- * KOB_ERR_BUSY.
+ * has not been answered stays.  A client that is disconnected or not accepted for this
+ * reason receives KOB_ERR_BUSY.
  */
 #ifndef ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
 #define ZEL_PLATFORM_REFERENCE_KOB_SERVICE_H
@@ -49,11 +49,11 @@ typedef struct {
     uint32_t max_queued;           /* reply bytes that wait for one client; twice max_message */
     uint32_t max_memory;           /* half messages and waiting replies of all clients; 4 x max_message */
     uint32_t idle_ms;              /* a client whose half message does not grow for so long is cut off; 10000 */
-    uint32_t permissions;          /* mode bits of the socket file; 0600 */
+    uint32_t permissions;          /* unix: alone: mode bits of the socket file; 0600 */
     kob_refusal_cb_t on_refusal;   /* may be null */
     void *context;                 /* for on_refusal */
     uint32_t max_clients_per_user; /* connections of one user id; seven eighths of max_clients */
-    uint32_t has_group;            /* not 0: the socket file gets the group that follows */
+    uint32_t has_group;            /* unix: alone; not 0: the socket file gets the group that follows */
     uint32_t group;
 } kob_service_options_t;
 

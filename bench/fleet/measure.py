@@ -20,7 +20,7 @@ CASES = {"rules":   (1000, 1000, 1, 20),
          "nodes":   (5000, 1, 2, 20),
          "both":    (5000, 1000, 0.2, 4),
          "large":   (100, 33000, 0.2, 4),
-         "10":      (20, 1, 2, 20),
+         "10":      (10, 1, 2, 20),
          "100":     (100, 1, 2, 20),
          "300":     (300, 1, 2, 20),
          "1000":    (1000, 1, 2, 20),
@@ -66,7 +66,7 @@ def main():
     results = []
     for name in which:
         nodes, rules, rate, revisions = CASES[name]
-        result = measure(build, nodes, rules, rate, revisions)
+        result = measure(build, nodes, rules, rate, revisions, min(AGENTS, nodes))
         results.append({"case": name, "nodes": nodes, "rules": rules, "rate": rate, **result})
         print(f"{name:>6} {nodes:>6} {rules:>6} {rate:>7} {result['p50']:>8.0f} {result['p99']:>8.0f} {result['max']:>8.0f} "
               f"{result['complete']:>4}/{result['revisions']:<4} {result['agent_mb']:>9} {os.getloadavg()[0]:>5.1f}", flush=True)

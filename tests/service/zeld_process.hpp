@@ -139,18 +139,21 @@ protected:
     }
 };
 
-// A policy message with one more element in the policy, of an id that no record has.
-inline Bytes with_unknown_element(const Bytes &message)
+// A policy message with more elements in the policy, of an id that no record has.
+inline Bytes with_unknown_elements(const Bytes &message, size_t count)
 {
-    Bytes element(4 + tlv_size_get(0));
-    EXPECT_EQ(tlv_array_add_tlv(element.data(), static_cast<uint32_t>(element.size()), 777, 0, nullptr, 0), 0);
+    const size_t size = tlv_size_get(0);
+    Bytes elements(4 + count * size);
+    for (size_t i = 0; i < count; ++i)
+        EXPECT_EQ(tlv_array_add_tlv(elements.data(), static_cast<uint32_t>(elements.size()), 777, 0, nullptr, 0), 0);
     Bytes extended(message);
     const size_t first_field = 4 + zel_kob_header_get_tlv_sz() + tlv_size_get(sizeof zel_tlv_struct_start);
-    extended.insert(extended.begin() + static_cast<ptrdiff_t>(first_field), element.begin() + 4, element.end());
+    extended.insert(extended.begin() + static_cast<ptrdiff_t>(first_field), elements.begin() + 4, elements.end());
     const auto used = static_cast<uint32_t>(extended.size() - 4);
     memcpy(extended.data(), &used, sizeof used);
     return extended;
 }
+inline Bytes with_unknown_element(const Bytes &message) { return with_unknown_elements(message, 1); }
 
 template <class V> Bytes array_of(uint16_t element, const std::vector<V> &values)
 {

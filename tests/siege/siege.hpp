@@ -26,12 +26,14 @@ struct Row {
     uint64_t refused = 0;
     uint64_t lost = 0; // acknowledged and not there, altered in silence, crashed or left waiting: never
     std::string waited{};
+    uint64_t missed = 0; // limits of time that an idle machine has to keep
 };
 
 // Attacks for some seconds.
 struct Attack {
     const char *name;
     std::function<Row(double seconds)> run;
+    bool has_limits = false; // promises a client's wait, signs of life and a quick stop
 };
 std::vector<Attack> attacks_on_state();
 std::vector<Attack> attacks_by_clients();

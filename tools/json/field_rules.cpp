@@ -149,13 +149,15 @@ private:
     std::array<Slot, 256> slots_;
     FieldRule none_;
 };
-static_assert(2 * 3 * std::size(rules) <= 512, "the index of the rules is too small");
-
-const RuleIndex rule_index;
+static_assert(std::size_t{6} * std::size(rules) <= 512, "the index of the rules is too small");
 
 } // namespace
 
-const FieldRule &rule_of(const Member &field) { return rule_index.find(field); }
+const FieldRule &rule_of(const Member &field)
+{
+    static const RuleIndex index;
+    return index.find(field);
+}
 
 const std::vector<std::string_view> &member_names(const Record &record)
 {

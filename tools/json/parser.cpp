@@ -28,7 +28,7 @@ std::string_view trim_back(std::string_view text)
 }
 
 // The keys of an object, to find those that stand twice.
-class Keys {
+class SeenKeys {
 public:
     // False when one of the members before has this key.
     bool enter(std::string_view key, std::span<const Node> before)
@@ -115,7 +115,7 @@ private:
     {
         node.kind = Node::Kind::object;
         const std::size_t first = open_.size();
-        Keys keys;
+        SeenKeys keys;
         for (auto member : value.get_object()) {
             const char *const place = simdjson::ondemand::raw_json_string(member.key()).raw();
             const std::string_view key = text_of(

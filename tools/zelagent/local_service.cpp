@@ -167,8 +167,9 @@ LocalService::Answer LocalService::set(uint32_t app, std::vector<std::pair<Polic
         if (const std::optional<Answer> answer = set_as_list(app, messages))
             return *answer;
     }
-    for (auto &[key, bytes] : messages) {
-        const bool is_first = &bytes == &messages.front().second;
+    for (auto &message : messages) {
+        const bool is_first = &message == &messages.front();
+        std::string &bytes = message.second;
         tools::change_operation(bytes, options_.op_set);
         Answer answer = update([&](kob_msg_t *msg) { return send_request(bytes, msg); });
         if (answer.result == Result::refused && !is_first)

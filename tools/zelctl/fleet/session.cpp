@@ -144,7 +144,8 @@ std::string error_in(const Json &answer)
     if (!answer.contains("error"))
         return {};
     const Json &error = answer.at("error");
-    return error.is_string() && error != "" ? error.get<std::string>() : "an error without text";
+    const std::string text = error.is_string() ? error.get<std::string>() : std::string();
+    return text.empty() ? "an error without text" : text;
 }
 
 ExitCode exit_code_of(const Results &results)

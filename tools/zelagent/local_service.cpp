@@ -186,6 +186,7 @@ LocalService::set_as_list(uint32_t app, const std::vector<std::pair<PolicyKey, s
 {
     std::vector<tools::Message> policies;
     std::vector<zel_policy_t *> pointers;
+    pointers.reserve(messages.size());
     for (const auto &[key, bytes] : messages)
         pointers.push_back(&policies.emplace_back(tools::decode_message(bytes, "object")).graph.as<zel_policy_t>());
     zel_policy_list_t list{static_cast<uint16_t>(pointers.size()), pointers.data()};

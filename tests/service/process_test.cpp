@@ -7,8 +7,10 @@
 #include "zeld_process.hpp"
 
 #include <atomic>
+#include <deque>
 #include <random>
 #include <set>
+#include <sys/resource.h>
 #include <thread>
 
 using namespace test;
@@ -383,6 +385,23 @@ TEST_F(ZeldTest, SilentConnectionsShutNobodyOut)
     EXPECT_EQ(good.set(*policy(2, "")), 0);
     EXPECT_GT(lines_logged("refused by the transport: idle, and others came (pid "), 10u);
     std::for_each(sockets.begin(), sockets.end(), close);
+}
+
+TEST_F(ZeldTest, ClientsWithoutDescriptorAreTold)
+{
+    ASSERT_TRUE(start());
+    const rlimit few{16, 16};
+    ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
+    std::deque<Client> clients;
+    int num_busy = 0;
+    for (int i = 0; i < 20; ++i) {
+        const int error = clients.emplace_back(address).set(*policy(1, "1@1:1=1/"));
+        EXPECT_TRUE(error == 0 || error == -KOB_ERR_BUSY) << error;
+        num_busy += error != 0 ? 1 : 0;
+    }
+    EXPECT_GT(num_busy, 0);
+    EXPECT_LT(num_busy, 20);
+    EXPECT_GE(lines_logged("no descriptor for a connection"), 1u);
 }
 
 // The service goes on when its log is not read, when the log's reader has ended, and when one

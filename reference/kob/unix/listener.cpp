@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
+#include <utility>
 
 namespace zel::platform::unix_socket {
 
@@ -154,18 +155,18 @@ int32_t Listener::open(const char *path, const FileRights &rights, uint32_t back
     return error;
 }
 
-int Listener::accept()
+int Listener::accept(bool &is_last)
 {
-    int client = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    is_last = false;
+    const int client = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (client >= 0 || (errno != EMFILE && errno != ENFILE) || spare_ < 0)
         return client;
-    ::close(spare_);
-    client = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client >= 0)
-        ::close(client);
-    spare_ = open_spare();
-    return -1;
+    is_last = true;
+    ::close(std::exchange(spare_, -1));
+    return accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 }
+
+void Listener::restore_spare() { spare_ = open_spare(); }
 
 void Listener::close()
 {

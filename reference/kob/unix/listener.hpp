@@ -22,9 +22,11 @@ public:
     // at a time, one gets it.
     int32_t open(const char *path, const FileRights &rights, uint32_t backlog);
 
-    // A new connection, or -1 when none is waiting.  When the process has no descriptor left,
-    // closes the connection, because it would otherwise wait for ever.
-    int accept();
+    // A new connection, or -1 when none is waiting.  When the process has no descriptor left, it
+    // gets one that was kept for this: is_last.  Then the caller tells the client, closes the
+    // connection and calls restore_spare().
+    int accept(bool &is_last);
+    void restore_spare();
 
     // Removes the file, unless it is another service's by now.
     void close();

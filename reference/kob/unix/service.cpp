@@ -410,13 +410,25 @@ void sweep(Service &service)
     }
 }
 
+// The client whose connection has taken the last descriptor.
+void refuse_last(const Service &service, int socket)
+{
+    report(service, 0, peer_of(socket), "no descriptor for a connection");
+    turn_away(socket);
+}
+
 // Serves one event.  True when it completed a request.
 bool serve(Service &service, epoll_event event, kob_msg &msg)
 {
     if (event.data.u64 == listener_tag) {
-        const int socket = service.listener.accept();
-        if (socket >= 0)
+        bool is_last = false;
+        const int socket = service.listener.accept(is_last);
+        if (socket >= 0 && is_last)
+            refuse_last(service, socket);
+        else if (socket >= 0)
             admit(service, socket);
+        if (is_last)
+            service.listener.restore_spare();
         return false;
     }
     const auto index = static_cast<uint32_t>(event.data.u64);

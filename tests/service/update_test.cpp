@@ -238,8 +238,7 @@ template <class R> struct Many {
 // The steps of a removal that names all members of a group.
 uint64_t steps_of_removal(uint32_t kind, const void *object)
 {
-    const std::string text = "1@1:/ 2@1:/ 3@1:/";
-    Policy version(*policy(1, text));
+    Policy version(*policy(1, "1@1:/ 2@1:/ 3@1:/"));
     const Budget budget(SIZE_MAX);
     update_policy(version, kind, set, object);
     const uint64_t before = budget.steps();
@@ -252,7 +251,7 @@ uint64_t steps_of_removal(uint32_t kind, const void *object)
 TEST(Update, RemovalsAreLinear)
 {
     uint64_t steps[2][4];
-    for (const std::size_t is_large : {0, 1}) {
+    for (const std::size_t is_large : {0u, 1u}) {
         const auto count = static_cast<uint16_t>(is_large != 0 ? 30000 : 3000);
         Many<zel_match_t> matches(count, &zel_match_t::id);
         for (zel_match_t &match : matches.records)

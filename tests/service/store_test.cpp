@@ -326,6 +326,21 @@ TEST_F(StoreTest, StopsWhileItLoads)
         EXPECT_EQ(asked, most + 1);
     }
     EXPECT_EQ(loaded(state_file), whole);
+
+    // A statement that takes long is interrupted, too.
+    Database database;
+    database.open(folder + "/other");
+    const char *const slow = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 1000000)"
+                             " SELECT count(*) FROM n";
+    for (const bool keeps_going : {false, true}) {
+        const std::function<bool()> answer = [keeps_going] { return keeps_going; };
+        const Database::Watch watch(database, answer);
+        if (keeps_going) {
+            EXPECT_EQ(database.query_number(slow), 1000000);
+        } else {
+            EXPECT_THROW(database.query_number(slow), StoreError);
+        }
+    }
 }
 
 // Policy i of round r has the pair r. What was acknowledged is there after the kill.

@@ -8,7 +8,6 @@
 #include <simdjson.h>
 
 #include <algorithm>
-#include <cstring>
 #include <unordered_set>
 #include <vector>
 
@@ -18,6 +17,7 @@ namespace {
 using simdjson::ondemand::json_type;
 
 constexpr std::size_t deepest = 64;
+
 // Without the white space at its end.
 std::string_view trim_back(std::string_view text)
 {

@@ -68,9 +68,10 @@ std::string Database::reason() const
     const int code = sqlite3_errcode(database_.get()) & 0xff;
     const char *const text = sqlite3_errmsg(database_.get());
     const int system_error = sqlite3_system_errno(database_.get());
-    if (code == SQLITE_BUSY)
-        return owner_of_lock(path_) != 0 ? fmt::format("another process uses the file: {}", owner_of_lock(path_))
-                                         : "another process uses the file";
+    if (code == SQLITE_BUSY) {
+        const pid_t owner = owner_of_lock(path_);
+        return owner != 0 ? fmt::format("another process uses the file: {}", owner) : "another process uses the file";
+    }
     if (code == SQLITE_FULL)
         return "the disk is full";
     if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)

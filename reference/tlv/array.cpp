@@ -7,6 +7,37 @@ using namespace zel::platform;
 
 namespace {
 
+// The status for an element that was not appended.
+[[gnu::cold, gnu::noinline]] int32_t refusal_status(const void *array, uint32_t capacity)
+{
+    const bool is_sound = capacity < TLV_ARRAY_OVERHEAD || tlv_array_check(array, capacity) == TLV_OK;
+    return is_sound ? TLV_NO_ROOM : TLV_DAMAGED;
+}
+
+[[gnu::always_inline]] inline int32_t append(void *array, uint32_t capacity, uint16_t type, uint16_t length,
+                                             const void *value)
+{
+    const uint32_t needed = TLV_ARRAY_OVERHEAD + TLV_ELEMENT_OVERHEAD + length;
+    if (!expect(capacity >= needed))
+        return refusal_status(array, capacity);
+    const uint32_t used = used_bytes(array);
+    if (!expect(used <= capacity - needed))
+        return refusal_status(array, capacity);
+    // array + used first: the constant is then part of the address in each store.
+    unsigned char *const element = static_cast<unsigned char *>(array) + used + TLV_ARRAY_OVERHEAD;
+    std::memcpy(element + offsetof(ElementHeader, type), &type, sizeof type);
+    std::memcpy(element + offsetof(ElementHeader, length), &length, sizeof length);
+    if (length != 0) // value may be null
+        std::memcpy(element + TLV_ELEMENT_OVERHEAD, value, length);
+    set_used_bytes(array, used + TLV_ELEMENT_OVERHEAD + length);
+    return TLV_OK;
+}
+
+[[gnu::noinline]] int32_t append_any(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value)
+{
+    return append(array, capacity, type, length, value);
+}
+
 uint16_t length_of(const unsigned char *element)
 {
     uint16_t length;
@@ -52,7 +83,14 @@ struct Count {
 
 int32_t tlv_array_add_tlv(void *array, uint32_t capacity, uint16_t type, uint16_t length, const void *value, uintptr_t)
 {
-    return append(array, capacity, type, length, value);
+    // Nearly every value has one of these lengths.  A constant length saves a third of the instructions.
+    if (length == 4)
+        return append(array, capacity, type, 4, value);
+    if (length == 1)
+        return append(array, capacity, type, 1, value);
+    if (length == 2)
+        return append(array, capacity, type, 2, value);
+    return append_any(array, capacity, type, length, value);
 }
 
 uint32_t tlv_size_get(uint32_t length) { return length + TLV_ELEMENT_OVERHEAD; }

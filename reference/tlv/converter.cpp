@@ -84,7 +84,8 @@ int32_t write_nested(const zel_table_row_t &row, const char *record, void *array
         return TLVU_NO_ROOM;
 
     auto *const element = static_cast<unsigned char *>(array) + TLV_ARRAY_OVERHEAD + used;
-    write_header(element, {static_cast<uint16_t>(row.element), static_cast<uint16_t>(length)});
+    const ElementHeader header{static_cast<uint16_t>(row.element), static_cast<uint16_t>(length)};
+    std::memcpy(element, &header, sizeof header);
     unsigned char *const nested = element + TLV_ELEMENT_OVERHEAD;
     set_used_bytes(nested, 0);
     const int32_t code = write_elements(Table(row.nested), record, nested, static_cast<uint32_t>(length));
@@ -98,8 +99,9 @@ int32_t write_elements(const Table &table, const char *record, void *array, uint
 {
     for (const zel_table_row_t *row = table.begin(); !Table::is_end(row); ++row) {
         if (!is_record_array(*row)) {
-            if (row->size > UINT16_MAX || append(array, capacity, static_cast<uint16_t>(row->element),
-                                                 static_cast<uint16_t>(row->size), record + row->offset) != TLV_OK)
+            if (row->size > UINT16_MAX ||
+                tlv_array_add_tlv(array, capacity, static_cast<uint16_t>(row->element),
+                                  static_cast<uint16_t>(row->size), record + row->offset, 0) != TLV_OK)
                 return TLVU_NO_ROOM;
             continue;
         }

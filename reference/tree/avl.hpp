@@ -59,7 +59,7 @@ inline bool remove(Link &root, const KeyOrder &order, Node *entry)
 {
     const bool is_last = root == reinterpret_cast<uintptr_t>(entry) && (entry->link[left] | entry->link[right]) == 0;
     if (!is_last)
-        return remove_below(root, order, entry);
+        return root != 0 && remove_below(root, order, entry);
     root = 0;
     return true;
 }

@@ -32,13 +32,12 @@ constexpr uint32_t growth = 4; // times as many buckets
 struct [[gnu::may_alias]] Entry {
     Entry *next;
     uint32_t hash;
-    uint32_t position; // in the order of insertion
+    uint32_t place; // in the order of insertion
 };
 static_assert(sizeof(Entry) <= 16);
 
 // The order of insertion follows the buckets in memory; places of deleted entries are null.
 struct Table {
-    uint32_t num_buckets; // a power of two
     uint32_t num_places;
     uint32_t first; // place of the oldest entry
     uint32_t end;   // behind the newest
@@ -48,18 +47,19 @@ struct Table {
 
 // How the tree uses the words of ravl_tree_t.
 struct [[gnu::may_alias]] Tree {
-    uintptr_t root; // of the AVL tree, or the oldest entry
+    uintptr_t root; // the oldest entry, or the root of the AVL tree
     avl::KeyOrder order;
-    Table *table; // null: a single chain or an AVL tree
+    Entry **buckets; // null: an AVL tree, or nothing
+    Table *table;    // null: the root is the only bucket
+    uint32_t mask;   // of hashes, gives the bucket
     uint32_t key_size;
-    uint32_t num_entries;
-    uint32_t is_avl;
 };
 static_assert(sizeof(Tree) <= sizeof(ravl_tree_t));
 
 Tree &as_tree(ravl_tree *tree) { return *reinterpret_cast<Tree *>(tree); }
 
-Entry *oldest(const Tree &tree) { return reinterpret_cast<Entry *>(tree.root); } // NOLINT(performance-no-int-to-ptr)
+// NOLINTNEXTLINE(performance-no-int-to-ptr)
+Entry *root_entry(const Tree &tree) { return reinterpret_cast<Entry *>(tree.root); }
 void set_root(Tree &tree, const Entry *entry) { tree.root = reinterpret_cast<uintptr_t>(entry); }
 
 const void *key_of(const Tree &tree, const Entry *entry)
@@ -80,69 +80,63 @@ uint32_t word_at(const void *bytes, uint32_t offset)
 
 uint32_t combine(uint32_t hash, uint32_t next) { return hash * 0x9e3779b1 + next; }
 
-[[gnu::noinline]] uint32_t hash_of_any(const void *key, uint32_t size)
-{
-    uint32_t hash = 0;
-    uint32_t at = 0;
-    for (; size - at >= sizeof(uint32_t); at += sizeof(uint32_t))
-        hash = combine(hash, word_at(key, at));
-    for (; at != size; ++at)
-        hash = combine(hash, static_cast<const unsigned char *>(key)[at]);
-    return hash;
-}
-
 // Adjacent values of a key's last word mostly give adjacent hashes, and so adjacent buckets:
 // ids that count up are entered and deleted in the order of memory.
-[[gnu::always_inline]] inline uint32_t hash_of(const Tree &tree, const void *key)
-{
-    const uint32_t hash = expect(tree.key_size == library_key_size)
-                              ? combine(combine(word_at(key, 0), word_at(key, 4)), word_at(key, 8))
-                              : hash_of_any(key, tree.key_size);
-    return hash ^ hash >> 5 ^ hash >> 16; // the lower bits choose the bucket
-}
+uint32_t mix(uint32_t hash) { return hash ^ hash >> 5 ^ hash >> 16; } // the lower bits choose the bucket
+
+bool has_library_keys(const Tree &tree) { return expect(tree.key_size == library_key_size); }
+
+// Library keys are hashed and compared without a call, and word by word as they are written.
+struct LibraryKeys {
+    static uint32_t hash(const Tree &, const void *key)
+    {
+        return mix(combine(combine(word_at(key, 0), word_at(key, 4)), word_at(key, 8)));
+    }
+
+    static bool are_equal(const Tree &, const void *a, const void *b)
+    {
+        return word_at(a, 0) == word_at(b, 0) && word_at(a, 4) == word_at(b, 4) && word_at(a, 8) == word_at(b, 8);
+    }
+};
+
+struct AnyKeys {
+    static uint32_t hash(const Tree &tree, const void *key)
+    {
+        uint32_t hash = 0;
+        uint32_t at = 0;
+        for (; tree.key_size - at >= sizeof(uint32_t); at += sizeof(uint32_t))
+            hash = combine(hash, word_at(key, at));
+        for (; at != tree.key_size; ++at)
+            hash = combine(hash, static_cast<const unsigned char *>(key)[at]);
+        return mix(hash);
+    }
+
+    static bool are_equal(const Tree &tree, const void *a, const void *b)
+    {
+        return std::memcmp(a, b, tree.key_size) == 0;
+    }
+};
 
 // ---- Chains
 
 // The link to the entry with a key, or the link at the end of the chain.
 struct Found {
     Entry **link;
+    uint32_t hash;
     uint32_t passed; // entries before it
 };
 
-template <class IsKey> [[gnu::always_inline]] inline Found find_in_chain(Entry **link, uint32_t hash, IsKey is_key)
+// In a tree that has buckets.
+template <class Keys> [[gnu::always_inline]] inline Found find(const Tree &tree, const void *key)
 {
+    const uint32_t hash = Keys::hash(tree, key);
+    Entry **link = &tree.buckets[hash & tree.mask];
     uint32_t passed = 0;
-    while (*link != nullptr && ((*link)->hash != hash || !is_key(*link))) {
+    while (*link != nullptr && ((*link)->hash != hash || !Keys::are_equal(tree, key_of(tree, *link), key))) {
         link = &(*link)->next;
         ++passed;
     }
-    return {link, passed};
-}
-
-[[gnu::noinline]] Found find_any_key(const Tree &tree, Entry **link, uint32_t hash, const void *key)
-{
-    const auto is_key = [&](const Entry *entry) { return std::memcmp(key_of(tree, entry), key, tree.key_size) == 0; };
-    return find_in_chain(link, hash, is_key);
-}
-
-// Library keys are compared without a call, and word by word as they are written.
-[[gnu::always_inline]] inline Found find_key(const Tree &tree, Entry **link, uint32_t hash, const void *key)
-{
-    if (!expect(tree.key_size == library_key_size))
-        return find_any_key(tree, link, hash, key);
-    return find_in_chain(link, hash, [&](const Entry *entry) {
-        const void *const other = key_of(tree, entry);
-        return word_at(other, 0) == word_at(key, 0) && word_at(other, 4) == word_at(key, 4) &&
-               word_at(other, 8) == word_at(key, 8);
-    });
-}
-
-// Where the chain of a hash begins.
-Entry **chain_of(Tree &tree, uint32_t hash)
-{
-    if (tree.table != nullptr)
-        return &tree.table->buckets[hash & (tree.table->num_buckets - 1)];
-    return reinterpret_cast<Entry **>(&tree.root);
+    return {link, hash, passed};
 }
 
 // ---- The table
@@ -156,7 +150,6 @@ Table *make_table(uint32_t num_buckets)
     auto *const table = static_cast<Table *>(std::malloc(sizeof(Table) + size));
     if (table == nullptr)
         return nullptr;
-    table->num_buckets = num_buckets;
     table->num_places = num_places;
     table->first = 0;
     table->end = 0;
@@ -165,26 +158,26 @@ Table *make_table(uint32_t num_buckets)
     return table;
 }
 
-Entry **end_of_chain(Tree &tree, uint32_t hash)
-{
-    Entry **link = chain_of(tree, hash);
-    while (*link != nullptr)
-        link = &(*link)->next;
-    return link;
-}
-
 // At the end of its chain.
-void append(const Tree &tree, Entry **link, Entry *entry)
+void append(Table *table, Entry **link, Entry *entry)
 {
     *link = entry;
     entry->next = nullptr;
-    if (Table *const table = tree.table) {
-        entry->position = table->end;
+    if (table != nullptr) {
+        entry->place = table->end;
         table->order[table->end++] = entry;
     }
 }
 
-// Calls visit for all entries that are not in an AVL tree, from the oldest on.  visit may
+void append_to_chain(Tree &tree, Entry *entry)
+{
+    Entry **link = &tree.buckets[entry->hash & tree.mask];
+    while (*link != nullptr)
+        link = &(*link)->next;
+    append(tree.table, link, entry);
+}
+
+// Calls visit for the entries of a table, or else of a chain, from the oldest on.  visit may
 // change the links of its entry.
 template <class Visit> void for_each_entry(const Table *table, Entry *chain, Visit visit)
 {
@@ -204,131 +197,170 @@ template <class Visit> void for_each_entry(const Table *table, Entry *chain, Vis
 [[gnu::cold, gnu::noinline]] void become_avl(Tree &tree)
 {
     Table *const table = tree.table;
-    Entry *const chain = oldest(tree);
+    Entry *const chain = root_entry(tree);
     tree.root = 0;
+    tree.buckets = nullptr;
     tree.table = nullptr;
-    tree.is_avl = 1;
     for_each_entry(table, chain,
                    [&](Entry *entry) { avl::insert(tree.root, tree.order, reinterpret_cast<Node *>(entry)); });
     std::free(table);
 }
 
-// Makes room for one entry more: in a larger table, or in one without the places of deleted entries.
+// Several times as many buckets, or the same number when most places are those of deleted entries.
+uint32_t num_buckets_with_room(const Tree &tree)
+{
+    const Table *const table = tree.table;
+    if (table == nullptr)
+        return first_num_buckets;
+    uint32_t num_entries = 0;
+    for_each_entry(table, nullptr, [&](const Entry *) { ++num_entries; });
+    return (tree.mask + 1) * (num_entries > table->num_places / 2 ? growth : 1);
+}
+
 [[gnu::noinline]] void make_room(Tree &tree)
 {
-    const Table *const before = tree.table;
-    const bool is_crowded = before != nullptr && tree.num_entries > before->num_places / 2;
-    tree.table = make_table(before == nullptr ? first_num_buckets : before->num_buckets * (is_crowded ? growth : 1));
-    if (tree.table == nullptr) {
-        tree.table = const_cast<Table *>(before);
+    Table *const before = tree.table;
+    const uint32_t num_buckets = num_buckets_with_room(tree);
+    Table *const table = make_table(num_buckets);
+    if (table == nullptr)
         return become_avl(tree);
-    }
-    for_each_entry(before, oldest(tree), [&](Entry *entry) { append(tree, end_of_chain(tree, entry->hash), entry); });
-    std::free(const_cast<Table *>(before));
+    tree.table = table;
+    tree.buckets = table->buckets;
+    tree.mask = num_buckets - 1;
+    for_each_entry(before, root_entry(tree), [&](Entry *entry) { append_to_chain(tree, entry); });
+    std::free(before);
 }
 
-bool is_full(const Tree &tree)
+// ---- Insertion
+
+int32_t insert_into_avl(Tree &tree, Entry *entry)
 {
-    return tree.table != nullptr ? tree.table->end == tree.table->num_places : tree.num_entries == longest_chain;
+    return avl::insert(tree.root, tree.order, reinterpret_cast<Node *>(entry)) ? 1 : 0;
 }
 
-void remove(Tree &tree, Entry **link)
+// The first entry of a chain, or one of an AVL tree.
+template <class Keys> int32_t insert_without_buckets(Tree &tree, Entry *entry)
 {
-    Entry *const entry = *link;
-    *link = entry->next;
-    if (tree.table == nullptr)
-        return; // the root is the first link
-    Table &table = *tree.table;
-    table.order[entry->position] = nullptr;
-    while (table.first != table.end && table.order[table.first] == nullptr)
-        ++table.first;
-    set_root(tree, table.first != table.end ? table.order[table.first] : nullptr);
+    if (tree.root != 0)
+        return insert_into_avl(tree, entry);
+    tree.buckets = reinterpret_cast<Entry **>(&tree.root); // the tree does not move until it is empty
+    tree.mask = 0;
+    entry->hash = Keys::hash(tree, key_of(tree, entry));
+    append(nullptr, tree.buckets, entry);
+    return 1;
 }
 
-// ---- An AVL tree or not
-
-// Inserts an entry that there is no room for, or whose chain is long.
-[[gnu::noinline]] bool insert_rarely(Tree &tree, Entry *entry, bool is_chain_short)
+// An entry that there is no room for, or whose chain is long.
+[[gnu::noinline]] int32_t insert_into_full(Tree &tree, Entry *entry, bool is_chain_short)
 {
     if (tree.table == nullptr || is_chain_short)
         make_room(tree);
     else
         become_avl(tree);
-    if (tree.is_avl != 0)
-        return avl::insert(tree.root, tree.order, reinterpret_cast<Node *>(entry));
-    append(tree, end_of_chain(tree, entry->hash), entry);
-    return true;
+    if (tree.buckets == nullptr)
+        return insert_into_avl(tree, entry);
+    append_to_chain(tree, entry);
+    return 1;
 }
 
-bool insert_hashed(Tree &tree, Entry *entry)
+template <class Keys> [[gnu::always_inline]] inline int32_t insert(Tree &tree, Entry *entry)
 {
-    const void *const key = key_of(tree, entry);
-    const uint32_t hash = hash_of(tree, key);
-    const Found found = find_key(tree, chain_of(tree, hash), hash, key);
+    if (tree.buckets == nullptr)
+        return insert_without_buckets<Keys>(tree, entry);
+    const Found found = find<Keys>(tree, key_of(tree, entry));
     if (*found.link != nullptr)
-        return false;
-    entry->hash = hash;
-    if (!expect(found.passed < longest_chain) || !expect(!is_full(tree)))
-        return insert_rarely(tree, entry, found.passed < longest_chain);
-    append(tree, found.link, entry);
-    return true;
+        return 0;
+    entry->hash = found.hash;
+    Table *const table = tree.table;
+    const bool is_chain_short = found.passed < longest_chain;
+    if (!expect(is_chain_short) || !expect(table == nullptr || table->end != table->num_places))
+        return insert_into_full(tree, entry, is_chain_short);
+    append(table, found.link, entry);
+    return 1;
 }
 
-bool remove_hashed(Tree &tree, const Entry *entry)
+// ---- Deletion
+
+// Nothing tears a handle down.
+void become_empty(Tree &tree)
 {
-    // The link bytes of an entry mean something only while it is in the tree.
-    const uint32_t hash = entry == oldest(tree) ? entry->hash : hash_of(tree, key_of(tree, entry));
-    for (Entry **link = chain_of(tree, hash); *link != nullptr; link = &(*link)->next) {
-        if (*link == entry) {
-            remove(tree, link);
-            return true;
-        }
-    }
-    return false;
+    tree.buckets = nullptr;
+    std::free(tree.table);
+    tree.table = nullptr;
 }
+
+// The oldest entry is the first in its chain.
+void delete_oldest(Tree &tree, const Entry *entry)
+{
+    Table *const table = tree.table;
+    tree.buckets[entry->hash & tree.mask] = entry->next; // the root itself, if there is no table
+    if (table != nullptr) {
+        uint32_t first = table->first + 1;
+        while (first != table->end && table->order[first] == nullptr)
+            ++first;
+        table->first = first;
+        set_root(tree, first != table->end ? table->order[first] : nullptr);
+    }
+    if (tree.root == 0)
+        become_empty(tree);
+}
+
+// An entry that is in an AVL tree, or not the oldest, or not in the tree at all: its link
+// bytes mean something only while it is in there.
+template <class Keys> [[gnu::noinline]] void delete_other(Tree &tree, Entry *entry)
+{
+    if (tree.buckets == nullptr) {
+        avl::remove(tree.root, tree.order, reinterpret_cast<Node *>(entry));
+        return;
+    }
+    Entry **const link = find<Keys>(tree, key_of(tree, entry)).link;
+    if (*link == nullptr || *link != entry)
+        return; // nothing with this key, or another entry
+    *link = entry->next;
+    if (tree.table != nullptr)
+        tree.table->order[entry->place] = nullptr;
+}
+
+// ---- Keys of any size, out of line
+
+[[gnu::noinline]] int32_t insert_any_key(Tree &tree, Entry *entry) { return insert<AnyKeys>(tree, entry); }
+
+[[gnu::noinline]] Entry *find_any_key(const Tree &tree, const void *key) { return *find<AnyKeys>(tree, key).link; }
 
 } // namespace
 
 int32_t ravl_init(ravl_tree *tree, uint32_t key_size, uint32_t key_offset, ravl_compare_t compare)
 {
     *tree = {};
-    as_tree(tree) = {0, {compare, key_offset}, nullptr, key_size, 0, 0};
+    as_tree(tree) = {0, {compare, key_offset}, nullptr, nullptr, 0, key_size};
     return 0;
 }
 
 int32_t ravl_insert(ravl_tree *tree, void *entry)
 {
     Tree &self = as_tree(tree);
-    const bool is_new = self.is_avl != 0 ? avl::insert(self.root, self.order, static_cast<Node *>(entry))
-                                         : insert_hashed(self, static_cast<Entry *>(entry));
-    self.num_entries += is_new ? 1 : 0;
-    if (self.root == 0)
-        set_root(self, static_cast<Entry *>(entry));
-    return is_new ? 1 : 0;
+    auto *const added = static_cast<Entry *>(entry);
+    return has_library_keys(self) ? insert<LibraryKeys>(self, added) : insert_any_key(self, added);
 }
 
 void *ravl_lookup(ravl_tree *tree, const void *key)
 {
-    Tree &self = as_tree(tree);
-    if (self.is_avl != 0)
+    const Tree &self = as_tree(tree);
+    if (self.buckets == nullptr)
         return avl::find(self.root, self.order, key);
-    if (self.root == 0)
-        return nullptr;
-    const uint32_t hash = hash_of(self, key);
-    return *find_key(self, chain_of(self, hash), hash, key).link;
+    return has_library_keys(self) ? *find<LibraryKeys>(self, key).link : find_any_key(self, key);
 }
 
 void ravl_delete(ravl_tree *tree, void *entry)
 {
     Tree &self = as_tree(tree);
-    const bool was_there = self.is_avl != 0 ? avl::remove(self.root, self.order, static_cast<Node *>(entry))
-                                            : remove_hashed(self, static_cast<Entry *>(entry));
-    if (!was_there || --self.num_entries != 0)
-        return;
-    // Nothing tears a handle down.
-    std::free(self.table);
-    self.table = nullptr;
-    self.is_avl = 0;
+    auto *const deleted = static_cast<Entry *>(entry);
+    if (expect(deleted == root_entry(self)) && expect(self.buckets != nullptr))
+        delete_oldest(self, deleted);
+    else if (has_library_keys(self))
+        delete_other<LibraryKeys>(self, deleted);
+    else
+        delete_other<AnyKeys>(self, deleted);
 }
 
 int32_t ravl_is_empty(ravl_tree *tree) { return tree->root == nullptr ? 1 : 0; }

@@ -14,18 +14,25 @@
 
 namespace zel {
 
-// The bytes of a key.  Its padding is zero: keys that are equal have equal bytes.  Written
-// as words, because a tree reads words: reading a word that was stored in parts stalls a processor.
-[[gnu::always_inline]] inline std::array<uint32_t, 3> make_key(uint32_t app_type, uint32_t mat_type, uint16_t mat_id)
+// A key is written as three words, because a tree reads words: a processor stalls when it
+// reads a word that was stored in parts, or two words at once.  The padding is zero: keys that
+// are equal have equal bytes.
+[[gnu::always_inline]] inline void write_key(zel_mat_cache_key_t &key, uint32_t app_type, uint32_t mat_type,
+                                             uint16_t mat_id)
 {
-    static_assert(offsetof(zel_mat_cache_key_t, mat_type) == 4 && offsetof(zel_mat_cache_key_t, mat_id) == 8);
-    return {app_type, mat_type, std::bit_cast<uint32_t>(std::array<uint16_t, 2>{mat_id, 0})};
+    const auto id_and_padding = std::bit_cast<uint32_t>(std::array<uint16_t, 2>{mat_id, 0});
+    static_assert(sizeof key == offsetof(zel_mat_cache_key_t, mat_id) + sizeof id_and_padding);
+    key.app_type = app_type;
+    key.mat_type = mat_type;
+    std::memcpy(reinterpret_cast<char *>(&key) + offsetof(zel_mat_cache_key_t, mat_id), &id_and_padding,
+                sizeof id_and_padding);
 }
 
 [[gnu::always_inline]] inline zel_mat_cache_entry_t *find_in_cache(zel_api_handle_t &handle, uint32_t app_type,
                                                                    uint32_t mat_type, uint16_t mat_id)
 {
-    const auto key = make_key(app_type, mat_type, mat_id);
+    zel_mat_cache_key_t key;
+    write_key(key, app_type, mat_type, mat_id);
     return static_cast<zel_mat_cache_entry_t *>(ravl_lookup(&handle.mat_cache, &key));
 }
 
@@ -38,8 +45,7 @@ namespace zel {
         trace(handle, Severity::error, {function, 203}, "cannot allocate mat cache new_entry"_trace);
         return;
     }
-    const auto key = make_key(app_type, mat_type, mat_id);
-    std::memcpy(&entry->key, &key, sizeof key);
+    write_key(entry->key, app_type, mat_type, mat_id);
     entry->obj = obj;
     if (ravl_insert(&handle.mat_cache, entry) != 0)
         trace(handle, Severity::notice, {function, 216}, "insert successful: type: %d, id: %d."_trace, mat_type,

@@ -38,13 +38,6 @@ namespace {
     return append(array, capacity, type, length, value);
 }
 
-uint16_t length_of(const unsigned char *element)
-{
-    uint16_t length;
-    std::memcpy(&length, element + offsetof(ElementHeader, length), sizeof length);
-    return length;
-}
-
 struct Count {
     std::size_t bytes;
     uint32_t elements;

@@ -32,46 +32,33 @@ inline void set_used_bytes(void *array, uint32_t used) { std::memcpy(array, &use
 
 // ---- Reading
 
-// The result of reading one element.
-struct ReadResult {
-    int32_t status;
-    ElementHeader header{};
-    const void *value = nullptr;
-    uint32_t cursor = 0; // behind the element
-};
-
-// A cursor is the number of bytes of the elements read, so 0 is the first element.
-[[gnu::always_inline]] inline ReadResult read_at(const void *array, uint32_t cursor)
+inline uint16_t length_of(const unsigned char *element)
 {
-    const uint32_t used = used_bytes(array);
-    if (!expect(cursor < used))
-        return {TLV_END};
-    const uint32_t left = used - cursor;
-    if (!expect(left >= TLV_ELEMENT_OVERHEAD))
-        return {TLV_DAMAGED};
-    const unsigned char *const element = static_cast<const unsigned char *>(array) + TLV_ARRAY_OVERHEAD + cursor;
-    ElementHeader header;
-    std::memcpy(&header, element, sizeof header);
-    const uint32_t size = TLV_ELEMENT_OVERHEAD + header.length;
-    if (!expect(size <= left))
-        return {TLV_DAMAGED};
-    return {TLV_OK, header, element + sizeof header, cursor + size};
+    uint16_t length;
+    std::memcpy(&length, element + offsetof(ElementHeader, length), sizeof length);
+    return length;
 }
 
-// Out of line and by value, for the rare path: no caller's variable needs an address.
-[[gnu::noinline]] inline ReadResult read_rarely(const void *array, uint32_t cursor) { return read_at(array, cursor); }
-
-// As tlv_array_get_next_tlv().
+// As tlv_array_get_next_tlv().  A cursor is the number of bytes of the elements read, so 0 is the first element.
 [[gnu::always_inline]] inline int32_t next(const void *array, uint32_t &cursor, uint16_t &type, uint16_t &length,
                                            const void *&value)
 {
-    const ReadResult result = read_at(array, cursor);
-    if (!expect(result.status == TLV_OK))
-        return result.status;
-    type = result.header.type;
-    length = result.header.length;
-    value = result.value;
-    cursor = result.cursor;
+    const uint32_t used = used_bytes(array);
+    const uint32_t at = cursor;
+    if (!expect(at < used))
+        return TLV_END;
+    const uint32_t left = used - at;
+    if (!expect(left >= TLV_ELEMENT_OVERHEAD))
+        return TLV_DAMAGED;
+    // array + at first: the constants are then part of the address in each load.
+    const unsigned char *const element = static_cast<const unsigned char *>(array) + at + TLV_ARRAY_OVERHEAD;
+    const uint16_t found = length_of(element);
+    if (!expect(found <= left - TLV_ELEMENT_OVERHEAD))
+        return TLV_DAMAGED;
+    std::memcpy(&type, element + offsetof(ElementHeader, type), sizeof type);
+    length = found;
+    value = element + TLV_ELEMENT_OVERHEAD;
+    cursor = at + TLV_ELEMENT_OVERHEAD + found;
     return TLV_OK;
 }
 

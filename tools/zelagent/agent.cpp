@@ -3,7 +3,7 @@
 #include "tools/fleet/commit.hpp"
 #include "tools/json/bad_input.hpp"
 #include "tools/message/message.hpp"
-#include "tools/text/safe_text.hpp"
+#include "tools/zelagent/log.hpp"
 #include "zel-platform/manager.h"
 #include "zel/platform/heartbeat.h"
 
@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstring>
 #include <poll.h>
-#include <unistd.h>
 
 namespace zelagent {
 
@@ -22,8 +21,7 @@ using namespace fleet;
 namespace {
 
 constexpr int tick_ms = 100;
-constexpr uint64_t look_ms = 250;   // between two looks for an absent service
-constexpr uint64_t relay_ms = 2000; // between two attempts to serve the node's subject
+constexpr uint64_t look_ms = 250;                                     // between two looks for an absent service
 constexpr std::size_t max_attachments = std::size_t{8} * 1024 * 1024; // bytes of objects that came with a manifest
 constexpr std::size_t max_plans = 16;
 constexpr uint64_t plan_ms = 5000; // for the objects of a dry run
@@ -34,15 +32,6 @@ template <class Clock> uint64_t milliseconds()
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// In one write without waiting: a log that nobody reads must not stop the agent.
-void log(const std::string &text)
-{
-    const std::string line = fmt::format("zelagent: {}\n", tools::safe_text(text));
-    pollfd entry{STDERR_FILENO, POLLOUT, 0};
-    if (poll(&entry, 1, 0) == 1 && (entry.revents & POLLOUT) != 0)
-        (void)!write(STDERR_FILENO, line.data(), line.size());
-}
-
 Json list(const std::vector<PolicyKey> &keys)
 {
     Json json = Json::array();
@@ -51,11 +40,21 @@ Json list(const std::vector<PolicyKey> &keys)
     return json;
 }
 
+// Where requests to a node arrive.
+std::string request_subjects(const Config &machine)
+{
+    std::string subjects = node_subject(machine.node);
+    for (const std::string &group : machine.groups)
+        subjects += "," + share_subject(group);
+    return subjects;
+}
+
 } // namespace
 
 Agent::Agent(const Options &options)
     : options_(options), state_(options.state), machine_(options.machine, state_.load()), service_(options.service),
-      bus_(options.servers, Bus::Start::later)
+      bus_(options.servers, Bus::Start::later),
+      relay_(bus_, service_, request_subjects(options.machine), options.max_message)
 {
     bus_.subscribe(ask_subject(options_.machine.node));
     for (const std::string &group : options_.machine.groups) {
@@ -72,9 +71,7 @@ void Agent::run(int stop)
 {
     zel_manager_notify("READY=1");
     for (;;) {
-        pollfd waits[] = {{stop, POLLIN, 0},
-                          {bus_.descriptor(), POLLIN, 0},
-                          {relay_ != nullptr ? kob_service_fd(relay_.get()) : -1, POLLIN, 0}};
+        pollfd waits[] = {{stop, POLLIN, 0}, {bus_.descriptor(), POLLIN, 0}, {relay_.descriptor(), POLLIN, 0}};
         (void)poll(waits, std::size(waits), tick_ms);
         fu_keeper_update_and_send_heartbeat(0);
         if (waits[0].revents != 0)
@@ -86,7 +83,7 @@ void Agent::run(int stop)
         turn();
         answer_plans();
         keep_status();
-        relay();
+        relay_.serve(now().steady_ms);
     }
 }
 
@@ -228,62 +225,6 @@ void Agent::watch_service()
     log("the service is there");
     has_service_ = true;
     post(event::ServiceUp{});
-}
-
-// Requests to the node and its groups reach the service through the agent.
-void Agent::open_relay()
-{
-    const uint64_t now = milliseconds<std::chrono::steady_clock>();
-    if (!bus_.is_connected() || now < open_relay_at_)
-        return;
-    open_relay_at_ = now + relay_ms;
-    std::string subjects = node_subject(options_.machine.node);
-    for (const std::string &group : options_.machine.groups)
-        subjects += "," + share_subject(group);
-    kob_service_options_t limits{};
-    limits.max_message = options_.max_message;
-    int32_t error = KOB_OK;
-    relay_.reset(kob_service_open(bus_.address(subjects).c_str(), &limits, &error));
-    if (relay_ == nullptr)
-        log(fmt::format("requests to {} are not served: {}", subjects, kob_error_text(error)));
-}
-
-void Agent::relay()
-{
-    if (relay_ == nullptr)
-        return open_relay();
-    for (int i = 0; i < 16; ++i) { // then the machine has its turn
-        const int32_t error = kob_service_receive(relay_.get(), request_.get(), 0);
-        if (error == KOB_ERR_TIMEOUT || error == KOB_ERR_INTERRUPTED)
-            return;
-        if (error != KOB_OK) {
-            relay_.reset();
-            return;
-        }
-        std::string payload;
-        const auto refuse = [&payload](service::Error reason, std::string_view text) {
-            zel_resp_hdr_t refusal{};
-            refusal.status = service::status_failed;
-            refusal.error = reason;
-            refusal.retval = -1;
-            text.copy(refusal.msg, sizeof refusal.msg - 1);
-            payload.assign(reinterpret_cast<const char *>(&refusal), sizeof refusal);
-        };
-        const uint32_t opcode = kob_msg_opcode(request_.get());
-        const std::string_view sent(static_cast<const char *>(kob_payload_get(request_.get())),
-                                    kob_msg_size(request_.get()));
-        try {
-            if (opcode == ZEL_KOB_OPC_REQUEST || opcode == ZEL_KOB_OPC_MP_REQUEST)
-                tools::verify_message(sent, "request");
-            payload = service_.forward(request_.get());
-        } catch (const tools::BadInput &fault) {
-            refuse(service::error_malformed, fault.what());
-        }
-        if (payload.empty())
-            refuse(service::error_not_found, "the service of this node does not answer");
-        const mpkob_segment_t whole{payload.data(), static_cast<uint32_t>(payload.size())};
-        (void)kob_service_reply(relay_.get(), request_.get(), &whole, 1);
-    }
 }
 
 // ---- Messages

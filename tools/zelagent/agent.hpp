@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/fleet/bus.hpp"
-#include "tools/zelagent/local_service.hpp"
+#include "tools/zelagent/relay.hpp"
 #include "tools/zelagent/state.hpp"
 
 #include <deque>
@@ -53,8 +53,6 @@ private:
 
     void watch_servers();
     void watch_service();
-    void open_relay();
-    void relay();
 
     void receive_some();
     void receive(const fleet::BusMessage &message);
@@ -72,15 +70,12 @@ private:
     void answer_plans();
     void answer(const std::string &reply, fleet::Json json);
 
-    struct CloseRelay {
-        void operator()(kob_service_t *service) const { kob_service_close(service); }
-    };
-
     Options options_;
     State state_;
     fleet::Machine machine_;
     LocalService service_;
     fleet::Bus bus_;
+    Relay relay_;
     std::deque<fleet::Event> events_;
     std::map<std::string, Fetch> fetches_; // by hash
     fleet::Attachments attachments_;
@@ -92,9 +87,6 @@ private:
     uint64_t connections_ = 0;
     bool has_service_ = false;
     uint64_t look_for_service_at_ = 0;
-    uint64_t open_relay_at_ = 0;
-    std::unique_ptr<kob_service_t, CloseRelay> relay_;
-    MessageRecord request_{kob_msg_alloc()};
 };
 
 } // namespace zelagent

@@ -1,6 +1,7 @@
 // What each kind of update changes in the policies.
 #include "model.hpp"
 #include "random_requests.hpp"
+#include "tools/zeld/statistics.hpp"
 #include "tools/zeld/traffic.hpp"
 #include "tools/zeld/update.hpp"
 #include "zeld_process.hpp"
@@ -380,4 +381,35 @@ TEST(Update, CountersStayWithPairs)
     // A policy that is set as a whole starts at zero.
     apply(policies, 2, set, 1, other.get());
     EXPECT_EQ(policies.get({1, 1})->pair(2)->counters->packets, 0u);
+}
+
+// The client may go, or memory may end, between the clearing and the answer.
+TEST(Update, CountersAreClearedOnlyWithAnAnswer)
+{
+    Policies policies(nullptr, limits);
+    apply(policies, 2, set, 1, policy(1, "1@1:1=1/").get());
+    Counters &counters = *policies.get({1, 1})->pair(1)->counters;
+    counters = {5, 50};
+    zel_stat_request_entry_t query{0, 0, 0, 1, 1, service::stat_flag_clear};
+    zel_stat_request_entry_t *queries[] = {&query};
+    const zel_stat_request_t record{1, queries};
+    const Request request =
+        read_request(message_of({ZEL_API_STATS_PULL, 1, 0, service::op_code_stats}, &record).data());
+    const auto expect = [&](uint64_t packets, uint64_t bytes) {
+        EXPECT_EQ(counters.packets, packets);
+        EXPECT_EQ(counters.bytes, bytes);
+    };
+    const auto clear = [&](bool is_answered) {
+        Statistics statistics(policies, request, 1000, false);
+        statistics.collect();
+        expect(0, 0);
+        counters = {1, 10}; // a packet in between
+        if (is_answered) {
+            EXPECT_EQ(statistics.answer().header.error, service::error_none);
+        }
+    };
+    clear(false);
+    expect(6, 60);
+    clear(true);
+    expect(1, 10);
 }

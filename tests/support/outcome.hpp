@@ -70,6 +70,18 @@ inline void append_members(std::string &to, const wire::Member &sequence, const 
     to += ']';
 }
 
+inline bool is_damaged = false; // the message that is being read
+
+// A damaged match may have carried a service and say that it is something else.  Then the pointer
+// to the service's elements lies among its parameter's bytes, and is another one in each run.
+inline zel_match_t without_pointer(const zel_match_t &match)
+{
+    zel_match_t copy = match;
+    if (is_damaged && match.type != ZEL_MATCH_TYPE_SERVICE)
+        copy.param.service.elements = nullptr;
+    return copy;
+}
+
 inline void append_member(std::string &to, const wire::Record &record, const wire::Member &member, const void *object)
 {
     const wire::Option *const option = member.kind == wire::Kind::choice ? wire::selected(object, member) : nullptr;
@@ -87,6 +99,11 @@ inline void append_member(std::string &to, const wire::Record &record, const wir
 
 inline void append_record(std::string &to, const wire::Record &record, const void *object)
 {
+    zel_match_t match;
+    if (record == wire::match) {
+        match = without_pointer(*static_cast<const zel_match_t *>(object));
+        object = &match;
+    }
     to += record.name;
     to += '{';
     if (record.is_shareable())
@@ -103,6 +120,7 @@ inline void append_reading(std::string &to, zel_api_handle_t &handle, const void
     report.size = sizeof report;
     char text[ZEL_VERIFY_TEXT_SIZE];
     const bool is_verified = zel_verify_tlv_array(array, nullptr, &report) == ZEL_VERIFY_OK;
+    is_damaged = !is_verified;
     zel_verify_report_text(&report, text, sizeof text);
     to += text + (", " + std::to_string(report.unknown_elements)) + " unknown\n";
 

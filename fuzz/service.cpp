@@ -227,7 +227,7 @@ private:
 
     void change()
     {
-        service::ChangeRequest head{script_.below(2), script_.below(4) == 0 ? 1U : 0U, script_.below(2), 0};
+        const service::ChangeRequest head{script_.below(2), script_.below(4) == 0 ? 1U : 0U, script_.below(2), 0};
         const service::Expected expected{script_.below(8) == 0 ? 1 : revision_of(head.app_type, 1), 1, 0};
         const bool is_expected = head.num_expected == 0 || expected.revision == revision_of(head.app_type, 1);
         Bytes first(sizeof head);

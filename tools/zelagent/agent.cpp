@@ -21,10 +21,10 @@ using namespace fleet;
 namespace {
 
 constexpr int tick_ms = 100;
-constexpr uint64_t look_ms = 250;                                     // between two looks for an absent service
-constexpr std::size_t max_attachments = std::size_t{8} * 1024 * 1024; // bytes of objects that came with a manifest
-constexpr std::size_t max_plans = 16;
+constexpr uint64_t look_ms = 250;  // between two looks for an absent service
 constexpr uint64_t plan_ms = 5000; // for the objects of a dry run
+constexpr std::size_t max_plans = 16;
+constexpr std::size_t max_attachments = std::size_t{8} * 1024 * 1024; // bytes of objects that came with a manifest
 
 template <class Clock> uint64_t milliseconds()
 {
